@@ -1,0 +1,31 @@
+# What every target is compiled with: warnings, sanitizers, floating-point rules. One place.
+add_library(vorrel_build_options INTERFACE)
+target_compile_options(vorrel_build_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
+    -Woverloaded-virtual -Wold-style-cast -Werror
+    # One result on every machine: a product and a sum stay two roundings.
+    -ffp-contract=off
+    $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>)
+if(VORREL_SANITIZE)
+    target_compile_options(vorrel_build_options INTERFACE
+        -fsanitize=${VORREL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(vorrel_build_options INTERFACE -fsanitize=${VORREL_SANITIZE})
+endif()
+if(VORREL_COVERAGE)
+    target_compile_options(vorrel_build_options INTERFACE --coverage)
+    target_link_options(vorrel_build_options INTERFACE --coverage)
+endif()
+
+# vorrel_add_tests(NAME name LABEL unit|integration|interop|stress SOURCES ... LIBRARIES ...)
+# One test program of one folder; every case becomes a ctest of its own.
+function(vorrel_add_tests)
+    cmake_parse_arguments(PARSE_ARGV 0 arg "" "NAME;LABEL;TIMEOUT" "SOURCES;LIBRARIES")
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 120)
+    endif()
+    add_executable(${arg_NAME} ${arg_SOURCES})
+    target_include_directories(${arg_NAME} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+    target_link_libraries(${arg_NAME} PRIVATE ${arg_LIBRARIES} vorrel_build_options GTest::gmock GTest::gtest_main)
+    gtest_discover_tests(${arg_NAME} DISCOVERY_TIMEOUT 60
+        PROPERTIES LABELS ${arg_LABEL} TIMEOUT ${arg_TIMEOUT})
+endfunction()

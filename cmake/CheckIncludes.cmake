@@ -1,0 +1,57 @@
+# Fails when a file under src/ includes against the arrows
+#     api > manager > writer, device > pipeline > store > convert > platform
+# Open to all: include/vorrel/VrError.h, include/vorrel/Export.h and manager/IVorrelManager.h.
+# The public headers are free to api and manager, MainQueue.h to platform, which implements it.
+set(reach_platform platform)
+set(reach_convert convert ${reach_platform})
+set(reach_store store ${reach_convert})
+set(reach_pipeline pipeline ${reach_store})
+set(reach_writer writer ${reach_pipeline})
+set(reach_device device ${reach_pipeline})
+set(reach_manager manager vorrel writer device ${reach_pipeline})
+set(reach_api api ${reach_manager})
+
+set(failures "")
+foreach(folder api manager writer device pipeline store convert platform)
+    file(GLOB_RECURSE sources ${SOURCE_DIR}/src/${folder}/*.h ${SOURCE_DIR}/src/${folder}/*.cpp)
+    foreach(source IN LISTS sources)
+        file(STRINGS ${source} includes REGEX "^#include \"")
+        foreach(line IN LISTS includes)
+            string(REGEX REPLACE "^#include \"([^\"]+)\".*" "\\1" included "${line}")
+            string(REGEX REPLACE "/.*" "" first "${included}")
+            if(included STREQUAL "vorrel/VrError.h" OR included STREQUAL "vorrel/Export.h"
+               OR included STREQUAL "manager/IVorrelManager.h")
+                continue()
+            endif()
+            if(folder STREQUAL "platform" AND included STREQUAL "vorrel/MainQueue.h")
+                continue()
+            endif()
+            # Inside the device folder: the platforms know the seam and nothing above it.
+            if(source MATCHES "/src/device/(simulated|alsa|coreaudio)/"
+               AND NOT included MATCHES "^(device/(backend|${CMAKE_MATCH_1})/|platform/|convert/)"
+               AND NOT included STREQUAL "vorrel/VrError.h")
+                list(APPEND failures "${source}: ${included}")
+                continue()
+            endif()
+            if(source MATCHES "/src/device/backend/" AND NOT included MATCHES "^device/backend/")
+                list(APPEND failures "${source}: ${included}")
+                continue()
+            endif()
+            if(NOT first IN_LIST reach_${folder})
+                list(APPEND failures "${source}: ${included}")
+            endif()
+        endforeach()
+    endforeach()
+endforeach()
+# The hosts know the public headers only.
+file(GLOB_RECURSE sources ${SOURCE_DIR}/apps/*.h ${SOURCE_DIR}/apps/*.cpp)
+foreach(source IN LISTS sources)
+    file(STRINGS ${source} includes REGEX "^#include \"(api|manager|writer|device|pipeline|store|convert|platform)/")
+    foreach(line IN LISTS includes)
+        list(APPEND failures "${source}: ${line}")
+    endforeach()
+endforeach()
+if(failures)
+    list(JOIN failures "\n  " text)
+    message(FATAL_ERROR "includes against the arrows:\n  ${text}")
+endif()

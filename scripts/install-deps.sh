@@ -1,0 +1,28 @@
+#!/bin/sh
+# Installs the Debian packages that building, testing and the demo need. Asks for nothing and does
+# nothing when all of them are there.
+set -eu
+
+packages="
+cmake ninja-build g++ clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev pkg-config
+libgtest-dev libgmock-dev libbenchmark-dev
+libcli11-dev nlohmann-json3-dev libsndfile1-dev
+ffmpeg sox libsox-fmt-all mediainfo wavpack python3 python3-mutagen sndfile-programs
+"
+
+missing=""
+for package in $packages; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$'; then
+        missing="$missing $package"
+    fi
+done
+[ -n "$missing" ] || exit 0
+
+echo "installing:$missing" >&2
+as_root=""
+if [ "$(id -u)" -ne 0 ]; then
+    as_root="sudo"
+fi
+$as_root apt-get update -qq
+# shellcheck disable=SC2086  # a list of words
+DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -qq --no-install-recommends $missing
