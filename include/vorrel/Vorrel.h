@@ -20,9 +20,10 @@
 // Order of the checks, unless a function says otherwise: arguments, then `VrErrorNotInitialized`
 // (no `Vorrel_Init` yet), then `VrErrorInvalidState`. A call that fails a check changes nothing.
 //
-// States: after `Vorrel_Init` no device is selected; `Vorrel_SetAudioDevice` makes it ready; a start
-// makes it starting, then recording or (pre-recording, pause) paused; a stop makes it stopping, then
-// ready again. Every function may also return `VrErrorFailed` when memory is exhausted.
+// States: after `Vorrel_Init` no device is selected; `Vorrel_SetAudioDevice` makes it ready; a
+// start makes it starting, then recording or (pre-recording, pause) paused; a stop makes it
+// stopping, then ready again. Every function may also return `VrErrorFailed` when memory is
+// exhausted.
 
 extern "C" {
 // The functions have C names, so that `nm -D` and dlsym find them, and C++ arguments.
@@ -80,8 +81,7 @@ VORREL_EXPORT VrError Vorrel_SetRecordSetting(const VrRecordSetting* setting) no
 /// @param setting  Receives a new record; `bits` is 1 for DSD.
 /// @return `VrSuccess`; `VrErrorInvalidParameter` (null); `VrErrorNotInitialized`;
 ///         `VrErrorInvalidState` (no device selected).
-VORREL_EXPORT VrError
-Vorrel_GetRecordSetting(std::shared_ptr<VrRecordSetting>* setting) noexcept;
+VORREL_EXPORT VrError Vorrel_GetRecordSetting(std::shared_ptr<VrRecordSetting>* setting) noexcept;
 
 /// Starts the device without recording: what arrives is kept, but counts as paused until
 /// `Vorrel_Start`. Returns at once; `VrRecOperationDeviceStarted` or `VrMessageDeviceError` tells

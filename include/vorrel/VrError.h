@@ -4,7 +4,7 @@
 
 /// Result of every operation of the library: 0 is success, every failure is negative. A result
 /// of an internal component reaches the host unchanged.
-enum [[nodiscard]] VrError : std::int32_t {
+enum [[nodiscard]] VrError : std::int32_t{
     /// The call succeeded.
     VrSuccess = 0,
     /// `Vorrel_Init` has not succeeded yet.

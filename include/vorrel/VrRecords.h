@@ -26,7 +26,8 @@ struct VrAudioDeviceInfo {
 struct VrRecordSetting {
     std::int32_t rec_type = 0;  ///< 0 = PCM, 1 = DSD.
     std::uint64_t freq = 0;     ///< Sampling rate in Hz; for DSD the one-bit rate (2822400, ...).
-    /// Sample width in bits of saved WAV files, 16..32; checked for PCM only. Reported as 1 for DSD.
+    /// Sample width in bits of saved WAV files, 16..32; checked for PCM only. Reported as 1 for
+    /// DSD.
     std::uint16_t bits = 0;
 };
 

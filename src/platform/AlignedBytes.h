@@ -26,10 +26,10 @@ public:
     AlignedAllocator(const AlignedAllocator<U, Alignment>&) noexcept {}
 
     T* allocate(std::size_t count) {
-        return static_cast<T*>(::operator new(count * sizeof(T), std::align_val_t{Alignment}));
+        return static_cast<T*>(::operator new (count * sizeof(T), std::align_val_t{Alignment}));
     }
-    void deallocate(T* pointer, std::size_t count) noexcept {
-        ::operator delete(pointer, count * sizeof(T), std::align_val_t{Alignment});
+    void deallocate(T* pointer, std::size_t) noexcept {
+        ::operator delete (pointer, std::align_val_t{Alignment});
     }
 
     template <class U, class... Arguments>

@@ -21,7 +21,10 @@ public:
     explicit FakeManager(std::string directory = {}) : tempDirectory(std::move(directory)) {}
 
     std::atomic<bool> tempDirectoryExists{true};
-    std::function<void()> onAddDataNotify;  // set before any thread starts
+    // Set before any thread starts; called on the reporting thread, without a lock.
+    std::function<void()> onAddDataNotify;
+    std::function<void(VrRecOperation)> onOperation;  // after it was kept
+    std::function<void(int, const char*)> onMessage;  // after it was kept
 
     void ConvertThread_AddDataNotify() override {
         if (onAddDataNotify) {
@@ -32,10 +35,15 @@ public:
         condition.NotifyAll();
     }
     void NotifyOperationProc(VrRecOperation operation) override {
-        const MutexLock lock(mutex);
-        operations.push_back(operation);
-        log.push_back("operation " + std::to_string(operation));
-        condition.NotifyAll();
+        {
+            const MutexLock lock(mutex);
+            operations.push_back(operation);
+            log.push_back("operation " + std::to_string(operation));
+            condition.NotifyAll();
+        }
+        if (onOperation) {
+            onOperation(operation);
+        }
     }
     void NotifyStreamPosProc(double seconds) override {
         const MutexLock lock(mutex);
@@ -48,10 +56,15 @@ public:
         condition.NotifyAll();
     }
     void NotifyErrorMessageProc(int kind, const char* message) override {
-        const MutexLock lock(mutex);
-        messages.emplace_back(kind, message == nullptr ? "" : message);
-        log.push_back("message " + std::to_string(kind));
-        condition.NotifyAll();
+        {
+            const MutexLock lock(mutex);
+            messages.emplace_back(kind, message == nullptr ? "" : message);
+            log.push_back("message " + std::to_string(kind));
+            condition.NotifyAll();
+        }
+        if (onMessage) {
+            onMessage(kind, message);
+        }
     }
     const char* GetTempDirectory() override { return tempDirectory.c_str(); }
     bool IsTempDirectoryExists() override { return tempDirectoryExists; }

@@ -1,0 +1,22 @@
+#!/bin/sh
+# Records a take from the simulated recorder with the built program and lets other people's tools
+# read what came out.
+#   scripts/demo.sh BUILD-DIRECTORY OUTPUT-DIRECTORY
+set -eu
+vorrel="$1/apps/cli/vorrel"
+out="$2"
+rm -rf "$out"
+mkdir -p "$out"
+
+"$vorrel" devices --simulate
+"$vorrel" info --simulate
+"$vorrel" record "$out/take.wav" --simulate=source=sweep,channels=2 --rate 96000 --bits 24 \
+    --duration 5 --gain -3 --title "Sweep" --artist "Simulated recorder" --album "Demo" \
+    --album-artist "libvorrel" --range 1-2.5="$out/second.wav"
+
+for file in "$out"/*.wav; do
+    echo
+    echo "$file, as ffprobe reads it:"
+    ffprobe -hide_banner -v error -show_entries \
+        stream=codec_name,sample_rate,channels,bits_per_sample:format=duration,size:format_tags "$file"
+done

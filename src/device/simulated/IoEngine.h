@@ -1,0 +1,112 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "device/backend/CoreAudioTypes.h"
+#include "device/simulated/SampleSource.h"
+#include "platform/Mutex.h"
+
+namespace vorrel {
+
+/// How a run of the device delivers.
+struct RunSetup {
+    AudioObjectID device = kAudioObjectUnknown;  ///< As the procs are told.
+    double rateHz = 0.0;
+    UInt32 frames = 0;  ///< Per buffer.
+    UInt32 channels = 0;
+    std::vector<UInt32> bufferChannels;  ///< Empty: one buffer with all channels.
+};
+
+/// The IO procs of a recorder and its capture thread. A run begins with the first proc that is
+/// started and ends with the last that is stopped; buffer k of it is due when k + 1 buffer times
+/// have passed since its beginning, and what is late is caught up buffer by buffer. Any thread may
+/// call, an IO proc too. Always held by a shared pointer: the capture thread holds it as well.
+class IoEngine : public std::enable_shared_from_this<IoEngine> {
+public:
+    /// @param speed        Factor by which time runs fast.
+    /// @param manual       No thread; only `Deliver` calls the procs.
+    /// @param bufferEnded  Called after each buffer, on the thread that delivered it, no lock held.
+    IoEngine(double speed, bool manual, std::function<void()> bufferEnded);
+    /// Ends the capture thread and waits for it, unless it is the caller.
+    void Close() VORREL_EXCLUDES(mutex);
+
+    AudioDeviceIOProcID Create(AudioDeviceIOProc proc, void* clientData) VORREL_EXCLUDES(mutex);
+    /// Stops the proc first. @return false for an unknown id.
+    bool Destroy(AudioDeviceIOProcID id) VORREL_EXCLUDES(mutex);
+    /// Starts a proc; one that is started already goes on. A run that is under way goes on as well;
+    /// for a new one `makeSource` is asked, and must not call the engine.
+    /// @return 'nope' for an unknown id, 'what' when there is no source.
+    OSStatus Start(AudioDeviceIOProcID id, const RunSetup& setup,
+                   const std::function<std::unique_ptr<SampleSource>()>& makeSource)
+        VORREL_EXCLUDES(mutex);
+    /// Afterwards the proc is not called any more; waits for a call under way, unless that is the
+    /// caller. @return false when it was not started.
+    bool Stop(AudioDeviceIOProcID id) VORREL_EXCLUDES(mutex);
+    /// Stops all procs.
+    void Halt() VORREL_EXCLUDES(mutex);
+
+    /// Delivers the next buffer of the run, now, on the calling thread.
+    /// @return false when no run is under way, or another buffer is being delivered.
+    bool Deliver() VORREL_EXCLUDES(mutex);
+    /// Delivers `list` in its place, with all that may be wrong with it.
+    bool Deliver(const AudioBufferList& list) VORREL_EXCLUDES(mutex);
+
+    /// Buffers of at most `frames` frames from now on; 0 for whole ones.
+    void SetShortBuffers(UInt32 frames) VORREL_EXCLUDES(mutex);
+    /// Buffer lists without buffers from now on.
+    void SetEmptyLists(bool empty) VORREL_EXCLUDES(mutex);
+
+    bool IsRunning() VORREL_EXCLUDES(mutex);
+    std::size_t ProcCount() VORREL_EXCLUDES(mutex);
+    /// Of the run under way or, after it, of the last one.
+    std::uint64_t DeliveredBuffers() VORREL_EXCLUDES(mutex);
+    std::uint64_t DeliveredFrames() VORREL_EXCLUDES(mutex);
+    /// Waits until so many buffers of a run have been delivered. @return false after the time-out.
+    bool WaitForBuffers(std::uint64_t buffers, std::chrono::milliseconds timeout)
+        VORREL_EXCLUDES(mutex);
+
+private:
+    struct Run;
+    struct Client {
+        AudioDeviceIOProcID id;
+        AudioDeviceIOProc proc;
+        void* clientData;
+        const Run* run;  // the run it was started in, null while stopped
+    };
+
+    std::vector<Client>::iterator Find(AudioDeviceIOProcID id) VORREL_REQUIRES(mutex);
+    /// Waits until no call that began before is under way, unless the caller is in it.
+    void WaitForCycle() VORREL_REQUIRES(mutex);
+    bool DeliverList(const AudioBufferList* list) VORREL_EXCLUDES(mutex);
+    void CallProcs(const Run& current, const AudioBufferList& list) VORREL_EXCLUDES(mutex);
+    UInt32 NextFrames() const VORREL_REQUIRES(mutex);
+    /// @return false when the engine closes.
+    bool WaitUntilDue() VORREL_EXCLUDES(mutex);
+    void ThreadBody() noexcept;
+
+    const double speed;
+    const bool manual;
+    Mutex mutex;
+    ConditionVariable threadWake;  // a run begins or ends, or the engine closes
+    ConditionVariable cycleEnded;
+    std::function<void()> bufferEnded VORREL_GUARDED_BY(mutex);
+    std::vector<Client> clients VORREL_GUARDED_BY(mutex);
+    std::uintptr_t lastId VORREL_GUARDED_BY(mutex) = 0;
+    std::shared_ptr<Run> run VORREL_GUARDED_BY(mutex);  // null while stopped
+    UInt32 shortFrames VORREL_GUARDED_BY(mutex) = 0;
+    bool emptyLists VORREL_GUARDED_BY(mutex) = false;
+    bool delivering VORREL_GUARDED_BY(mutex) = false;
+    std::thread::id deliverer VORREL_GUARDED_BY(mutex);
+    std::uint64_t cycle VORREL_GUARDED_BY(mutex) = 0;
+    std::uint64_t deliveredBuffers VORREL_GUARDED_BY(mutex) = 0;
+    std::uint64_t deliveredFrames VORREL_GUARDED_BY(mutex) = 0;
+    bool closing VORREL_GUARDED_BY(mutex) = false;
+    std::thread thread VORREL_GUARDED_BY(mutex);
+};
+
+}  // namespace vorrel

@@ -1,0 +1,620 @@
+#include "device/simulated/SimulatedRecorder.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+#include "device/simulated/BufferListBuilder.h"
+#include "device/simulated/RecorderFormats.h"
+#include "device/simulated/SampleSource.h"
+
+namespace vorrel {
+namespace {
+
+// The vendor request that switches the mode.
+constexpr std::uint8_t kVendorRequestToInterface = 0x41;  // host to device, vendor, interface
+constexpr std::uint8_t kSwitchModeRequest = 0;
+constexpr std::uint16_t kPcmMode = 0;
+constexpr std::uint16_t kDsdMode = 1;
+
+constexpr std::int32_t kNoOwner = -1;
+
+template <class T>
+void Append(std::vector<std::uint8_t>& bytes, const T& value) {
+    const auto* from = reinterpret_cast<const std::uint8_t*>(&value);
+    bytes.insert(bytes.end(), from, from + sizeof value);
+}
+
+template <class T>
+PropertyValue Scalar(const T& value) {
+    PropertyValue property;
+    Append(property.bytes, value);
+    return property;
+}
+
+template <class T>
+PropertyValue Array(const std::vector<T>& values) {
+    PropertyValue property{{}, sizeof(T)};
+    for (const T& value : values) {
+        Append(property.bytes, value);
+    }
+    return property;
+}
+
+PropertyValue StreamConfiguration(const std::vector<UInt32>& bufferChannels) {
+    PropertyValue property;
+    property.bytes.resize(BufferListSize(bufferChannels.size()));
+    const auto count = static_cast<UInt32>(bufferChannels.size());
+    std::memcpy(property.bytes.data(), &count, sizeof count);
+    for (std::size_t i = 0; i < bufferChannels.size(); ++i) {
+        const AudioBuffer buffer{bufferChannels[i], 0, nullptr};
+        std::memcpy(property.bytes.data() + BufferListSize(i), &buffer, sizeof buffer);
+    }
+    return property;
+}
+
+bool IsKnownAddress(const AudioObjectPropertyAddress& address) {
+    return address.mElement == kAudioObjectPropertyElementMain &&
+           (address.mScope == kAudioObjectPropertyScopeGlobal ||
+            address.mScope == kAudioObjectPropertyScopeInput ||
+            address.mScope == kAudioObjectPropertyScopeOutput);
+}
+
+}  // namespace
+
+bool SimulatedRecorder::CallFault::Hit() {
+    if (count == 0) {
+        return false;
+    }
+    if (skip > 0) {
+        --skip;
+        return false;
+    }
+    --count;
+    return true;
+}
+
+SimulatedRecorder::SimulatedRecorder(const SimulatedRecorderConfig& completed, std::uint32_t number,
+                                     std::shared_ptr<ObjectIds> objectIds,
+                                     std::shared_ptr<PropertyListeners> propertyListeners)
+    : config(completed),
+      uid(std::string("Simulated:") + kSupportedDeviceName + ":" + std::to_string(number)),
+      modelUid(std::string(kSupportedDeviceName) + ":" + std::to_string(completed.vendorId) + ":" +
+               std::to_string(completed.productId)),
+      ids(std::move(objectIds)),
+      listeners(std::move(propertyListeners)),
+      unplugCountdown(completed.unplugAfterBuffers),
+      name(completed.name),
+      engine(std::make_shared<IoEngine>(completed.speed, completed.manual,
+                                        [this] { BufferEnded(); })) {
+    const MutexLock lock(mutex);
+    ResetDevice();
+}
+
+SimulatedRecorder::~SimulatedRecorder() {
+    engine->Close();
+}
+
+void SimulatedRecorder::ResetDevice() {
+    deviceId = ids->Next();
+    streamId = ids->Next();
+    plugged = true;
+    ++pluggings;
+    alive = true;
+    dsdMode = false;
+    hogOwner = kNoOwner;
+    bufferFrames = config.bufferFrames;
+    formats = MakeFormats(config);
+    format = formats.empty() ? AudioStreamBasicDescription{} : formats.front().mFormat;
+}
+
+bool SimulatedRecorder::Owns(AudioObjectID object) {
+    const MutexLock lock(mutex);
+    return object == deviceId || object == streamId;
+}
+
+OSStatus SimulatedRecorder::ObjectStatus(AudioObjectID object) const {
+    if (object == streamId) {
+        return plugged && hasStream ? kAudioHardwareNoError : kAudioHardwareBadObjectError;
+    }
+    return DeviceStatus(object);
+}
+
+OSStatus SimulatedRecorder::DeviceStatus(AudioObjectID device) const {
+    if (device != deviceId) {
+        return kAudioHardwareBadObjectError;
+    }
+    return plugged ? kAudioHardwareNoError : kAudioHardwareBadDeviceError;
+}
+
+OSStatus SimulatedRecorder::CheckObject(AudioObjectID object) {
+    const MutexLock lock(mutex);
+    return ObjectStatus(object);
+}
+
+OSStatus SimulatedRecorder::CheckDevice(AudioObjectID device) {
+    const MutexLock lock(mutex);
+    return DeviceStatus(device);
+}
+
+OSStatus SimulatedRecorder::ReadProperty(AudioObjectID object,
+                                         const AudioObjectPropertyAddress& address,
+                                         PropertyValue& value) {
+    const MutexLock lock(mutex);
+    const OSStatus status = ObjectStatus(object);
+    if (status == kAudioHardwareBadDeviceError &&
+        address.mSelector == kAudioDevicePropertyDeviceIsAlive) {
+        value = Scalar(UInt32{0});
+        return kAudioHardwareNoError;
+    }
+    if (status != kAudioHardwareNoError) {
+        return status;
+    }
+    if (!IsKnownAddress(address)) {
+        return kAudioHardwareUnknownPropertyError;
+    }
+    return object == deviceId ? ReadDeviceProperty(address, value)
+                              : ReadStreamProperty(address, value);
+}
+
+OSStatus SimulatedRecorder::ReadDeviceProperty(const AudioObjectPropertyAddress& address,
+                                               PropertyValue& value) const {
+    const bool input = address.mScope != kAudioObjectPropertyScopeOutput && hasStream;
+    switch (address.mSelector) {
+        case kAudioDevicePropertyDeviceIsAlive:
+            value = Scalar(UInt32{alive ? 1U : 0U});
+            break;
+        case kAudioDevicePropertyHogMode:
+            value = Scalar(SInt32{hogOwner});
+            break;
+        case kAudioDevicePropertyBufferFrameSize:
+            value = Scalar(bufferFrames);
+            break;
+        case kAudioDevicePropertyBufferFrameSizeRange:
+            value = Scalar(AudioValueRange{static_cast<Float64>(config.bufferFramesMinimum),
+                                           static_cast<Float64>(config.bufferFramesMaximum)});
+            break;
+        case kAudioDevicePropertyStreams:
+            value =
+                Array(input ? std::vector<AudioStreamID>{streamId} : std::vector<AudioStreamID>{});
+            break;
+        case kAudioDevicePropertyStreamConfiguration:
+            if (!input) {
+                value = StreamConfiguration({});
+            } else if (config.bufferChannels.empty()) {
+                value = StreamConfiguration({config.channels});
+            } else {
+                value = StreamConfiguration(config.bufferChannels);
+            }
+            break;
+        default:
+            return kAudioHardwareUnknownPropertyError;
+    }
+    return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedRecorder::ReadStreamProperty(const AudioObjectPropertyAddress& address,
+                                               PropertyValue& value) const {
+    switch (address.mSelector) {
+        case kAudioStreamPropertyPhysicalFormat:
+            value = Scalar(format);
+            break;
+        case kAudioStreamPropertyAvailablePhysicalFormats:
+            value = Array(formats);
+            break;
+        default:
+            return kAudioHardwareUnknownPropertyError;
+    }
+    return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedRecorder::ReadText(AudioObjectID object,
+                                     const AudioObjectPropertyAddress& address, std::string& text) {
+    const MutexLock lock(mutex);
+    if (const OSStatus status = ObjectStatus(object); status != kAudioHardwareNoError) {
+        return status;
+    }
+    if (!IsKnownAddress(address)) {
+        return kAudioHardwareUnknownPropertyError;
+    }
+    if (object == deviceId) {
+        switch (address.mSelector) {
+            case kAudioObjectPropertyName:
+                text = name;
+                return kAudioHardwareNoError;
+            case kAudioDevicePropertyDeviceUID:
+                text = uid;
+                return kAudioHardwareNoError;
+            case kAudioDevicePropertyModelUID:
+                text = modelUid;
+                return kAudioHardwareNoError;
+            default:
+                break;
+        }
+    }
+    // A property of another type has another size than a text.
+    PropertyValue other;
+    const OSStatus status = object == deviceId ? ReadDeviceProperty(address, other)
+                                               : ReadStreamProperty(address, other);
+    return status == kAudioHardwareNoError ? kAudioHardwareBadPropertySizeError : status;
+}
+
+OSStatus SimulatedRecorder::WriteProperty(AudioObjectID object,
+                                          const AudioObjectPropertyAddress& address, UInt32 size,
+                                          const void* data) {
+    bool changed = false;
+    {
+        const MutexLock lock(mutex);
+        if (const OSStatus status = ObjectStatus(object); status != kAudioHardwareNoError) {
+            return status;
+        }
+        if (!IsKnownAddress(address)) {
+            return kAudioHardwareUnknownPropertyError;
+        }
+        PropertyValue before;
+        OSStatus status = object == deviceId ? ReadDeviceProperty(address, before)
+                                             : ReadStreamProperty(address, before);
+        const bool isText = address.mSelector == kAudioObjectPropertyName ||
+                            address.mSelector == kAudioDevicePropertyDeviceUID ||
+                            address.mSelector == kAudioDevicePropertyModelUID;
+        if (object == deviceId && isText) {
+            return kAudioHardwareUnsupportedOperationError;
+        }
+        if (status != kAudioHardwareNoError) {
+            return status;
+        }
+        const bool isSettable = address.mSelector == kAudioDevicePropertyHogMode ||
+                                address.mSelector == kAudioDevicePropertyBufferFrameSize ||
+                                address.mSelector == kAudioStreamPropertyPhysicalFormat;
+        if (!isSettable) {
+            return kAudioHardwareUnsupportedOperationError;
+        }
+        if (size != before.bytes.size() || data == nullptr) {
+            return kAudioHardwareBadPropertySizeError;
+        }
+        if (address.mSelector == kAudioDevicePropertyHogMode) {
+            std::int32_t processId = 0;
+            std::memcpy(&processId, data, sizeof processId);
+            status = WriteHogMode(processId);
+        } else if (address.mSelector == kAudioDevicePropertyBufferFrameSize) {
+            UInt32 frames = 0;
+            std::memcpy(&frames, data, sizeof frames);
+            status = WriteBufferFrames(frames);
+        } else {
+            AudioStreamBasicDescription wanted{};
+            std::memcpy(&wanted, data, sizeof wanted);
+            status = WriteFormat(wanted);
+        }
+        if (status != kAudioHardwareNoError) {
+            return status;
+        }
+        PropertyValue after;
+        std::ignore = object == deviceId ? ReadDeviceProperty(address, after)
+                                         : ReadStreamProperty(address, after);
+        changed = after.bytes != before.bytes;
+    }
+    if (changed) {
+        listeners->Notify(object, address.mSelector);
+    }
+    return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedRecorder::WriteHogMode(std::int32_t processId) {
+    if (processId == kNoOwner) {
+        // Only its owner lets it go; a device that nobody holds stays free.
+        if (hogOwner != kNoOwner && hogOwner != ::getpid()) {
+            return kAudioDevicePermissionsError;
+        }
+        hogOwner = kNoOwner;
+        return kAudioHardwareNoError;
+    }
+    // Refused to the owner as well: two users in one process would not know of each other.
+    if (hogOwner != kNoOwner || processId != ::getpid()) {
+        return kAudioHardwareIllegalOperationError;
+    }
+    hogOwner = processId;
+    return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedRecorder::UseStatus() const {
+    return hogOwner != kNoOwner && hogOwner != ::getpid() ? kAudioDevicePermissionsError
+                                                          : kAudioHardwareNoError;
+}
+
+OSStatus SimulatedRecorder::WriteBufferFrames(UInt32 frames) {
+    if (const OSStatus status = UseStatus(); status != kAudioHardwareNoError) {
+        return status;
+    }
+    if (engine->IsRunning() || frames < config.bufferFramesMinimum ||
+        frames > config.bufferFramesMaximum) {
+        return kAudioHardwareIllegalOperationError;
+    }
+    const UInt32 rounded = frames - frames % config.bufferFramesStep;
+    bufferFrames = rounded < config.bufferFramesMinimum ? config.bufferFramesMinimum : rounded;
+    return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedRecorder::WriteFormat(const AudioStreamBasicDescription& wanted) {
+    if (const OSStatus status = UseStatus(); status != kAudioHardwareNoError) {
+        return status;
+    }
+    if (engine->IsRunning()) {
+        return kAudioHardwareIllegalOperationError;
+    }
+    if (refusedFormats && refusedFormats(wanted)) {
+        return refusedFormatStatus;
+    }
+    if (!IsFormatOfMode(config, formats, wanted, dsdMode)) {
+        return kAudioDeviceUnsupportedFormatError;
+    }
+    format = wanted;
+    return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedRecorder::CreateIOProcID(AudioObjectID device, AudioDeviceIOProc proc,
+                                           void* clientData, AudioDeviceIOProcID* id) {
+    const MutexLock lock(mutex);
+    if (const OSStatus status = DeviceStatus(device); status != kAudioHardwareNoError) {
+        return status;
+    }
+    if (proc == nullptr || id == nullptr) {
+        return kAudioHardwareIllegalOperationError;
+    }
+    if (createFault.Hit()) {
+        return createFault.status;
+    }
+    *id = engine->Create(proc, clientData);
+    return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedRecorder::DestroyIOProcID(AudioObjectID device, AudioDeviceIOProcID id) {
+    // Not under the mutex: it waits for the proc, which may be asking for a property.
+    const OSStatus status = CheckDevice(device);
+    if (status == kAudioHardwareBadObjectError) {
+        return status;
+    }
+    const bool known = engine->Destroy(id);
+    if (status != kAudioHardwareNoError) {
+        return status;
+    }
+    return known ? kAudioHardwareNoError : kAudioHardwareIllegalOperationError;
+}
+
+OSStatus SimulatedRecorder::Start(AudioObjectID device, AudioDeviceIOProcID id) {
+    const MutexLock lock(mutex);
+    OSStatus status = DeviceStatus(device);
+    if (status == kAudioHardwareNoError) {
+        status = UseStatus();
+    }
+    if (status != kAudioHardwareNoError) {
+        return status;
+    }
+    if (startFault.Hit()) {
+        return startFault.status;
+    }
+    if (!alive) {
+        return kAudioHardwareBadDeviceError;
+    }
+    // A switch of the mode leaves the format in force; it may not be one of the new mode.
+    if (!IsFormatOfMode(config, formats, format, dsdMode)) {
+        return kAudioDeviceUnsupportedFormatError;
+    }
+    const SourceFormat sourceFormat{format.mSampleRate, format.mBitsPerChannel, config.channels,
+                                    dsdMode};
+    return engine->Start(
+        id, {deviceId, format.mSampleRate, bufferFrames, config.channels, config.bufferChannels},
+        [&] { return MakeSampleSource(config, sourceFormat); });
+}
+
+OSStatus SimulatedRecorder::Stop(AudioObjectID device, AudioDeviceIOProcID id) {
+    // Not under the mutex: it waits for the proc, which may be asking for a property.
+    const OSStatus status = CheckDevice(device);
+    if (status == kAudioHardwareBadObjectError) {
+        return status;
+    }
+    const bool started = engine->Stop(id);
+    if (status != kAudioHardwareNoError) {
+        return status;
+    }
+    return started ? kAudioHardwareNoError : kAudioHardwareNotRunningError;
+}
+
+IOReturn SimulatedRecorder::GetInterfaceNumber(std::uint32_t plugging, std::uint8_t interfaceNumber,
+                                               std::uint8_t* number) {
+    const MutexLock lock(mutex);
+    if (!plugged || plugging != pluggings) {
+        return kIOReturnNoDevice;
+    }
+    if (interfaceFault.Hit()) {
+        return interfaceFault.status;
+    }
+    if (number == nullptr) {
+        return kIOReturnError;
+    }
+    *number = interfaceNumber;
+    return kIOReturnSuccess;
+}
+
+IOReturn SimulatedRecorder::ControlRequest(std::uint32_t plugging, std::uint8_t interfaceNumber,
+                                           const UsbControlRequest& request) {
+    const MutexLock lock(mutex);
+    if (!plugged || plugging != pluggings) {
+        return kIOReturnNoDevice;
+    }
+    requests.push_back(request);
+    if (requestFault.Hit()) {
+        return requestFault.status;
+    }
+    const bool understood =
+        interfaceNumber == kStreamingInterface &&
+        request.requestType == kVendorRequestToInterface && request.request == kSwitchModeRequest &&
+        (request.value == kPcmMode || (request.value == kDsdMode && config.dsd)) &&
+        request.index == kStreamingInterface && request.length == 0;
+    if (!understood || engine->IsRunning()) {
+        return kIOUSBPipeStalled;
+    }
+    dsdMode = request.value == kDsdMode;
+    return kIOReturnSuccess;
+}
+
+void SimulatedRecorder::BufferEnded() {
+    std::uint64_t left = unplugCountdown.load();
+    while (left > 0 && !unplugCountdown.compare_exchange_weak(left, left - 1)) {
+    }
+    if (left == 1) {
+        Unplug();
+    }
+}
+
+void SimulatedRecorder::Unplug() {
+    AudioObjectID device = kAudioObjectUnknown;
+    {
+        const MutexLock lock(mutex);
+        if (!plugged) {
+            return;
+        }
+        plugged = false;
+        alive = false;
+        hogOwner = kNoOwner;
+        device = deviceId;
+    }
+    engine->Halt();
+    listeners->Notify(device, kAudioDevicePropertyDeviceIsAlive);
+    listeners->Notify(kAudioObjectSystemObject, kAudioHardwarePropertyDevices);
+}
+
+void SimulatedRecorder::UnplugAfterBuffers(std::uint64_t buffers) {
+    unplugCountdown = buffers;
+}
+
+void SimulatedRecorder::Plug() {
+    {
+        const MutexLock lock(mutex);
+        if (plugged) {
+            return;
+        }
+        ResetDevice();
+    }
+    listeners->Notify(kAudioObjectSystemObject, kAudioHardwarePropertyDevices);
+}
+
+void SimulatedRecorder::SetAlive(bool nowAlive) {
+    AudioObjectID device = kAudioObjectUnknown;
+    {
+        const MutexLock lock(mutex);
+        if (alive == nowAlive || !plugged) {
+            return;
+        }
+        alive = nowAlive;
+        device = deviceId;
+    }
+    listeners->Notify(device, kAudioDevicePropertyDeviceIsAlive);
+}
+
+void SimulatedRecorder::RaiseOverload() {
+    listeners->Notify(DeviceId(), kAudioDeviceProcessorOverload);
+}
+
+void SimulatedRecorder::SetHogOwner(std::int32_t processId) {
+    const MutexLock lock(mutex);
+    hogOwner = processId;
+}
+
+void SimulatedRecorder::SetName(const std::string& newName) {
+    const MutexLock lock(mutex);
+    name = newName;
+}
+
+void SimulatedRecorder::SetFormats(const std::vector<AudioStreamRangedDescription>& offered) {
+    const MutexLock lock(mutex);
+    formats = offered;
+}
+
+void SimulatedRecorder::SetHasStream(bool present) {
+    const MutexLock lock(mutex);
+    hasStream = present;
+}
+
+void SimulatedRecorder::RefuseFormats(
+    std::function<bool(const AudioStreamBasicDescription&)> refused, OSStatus status) {
+    const MutexLock lock(mutex);
+    refusedFormats = std::move(refused);
+    refusedFormatStatus = status;
+}
+
+void SimulatedRecorder::FailStart(OSStatus status, std::uint32_t count) {
+    const MutexLock lock(mutex);
+    startFault = {status, 0, count};
+}
+
+void SimulatedRecorder::FailCreateIOProc(OSStatus status, std::uint32_t count) {
+    const MutexLock lock(mutex);
+    createFault = {status, 0, count};
+}
+
+void SimulatedRecorder::FailControlRequest(IOReturn result, std::uint32_t skip,
+                                           std::uint32_t count) {
+    const MutexLock lock(mutex);
+    requestFault = {result, skip, count};
+}
+
+void SimulatedRecorder::FailInterfaceNumber(IOReturn result, std::uint32_t count) {
+    const MutexLock lock(mutex);
+    interfaceFault = {result, 0, count};
+}
+
+std::uint64_t SimulatedRecorder::DeliverBuffers(std::uint64_t count) {
+    std::uint64_t delivered = 0;
+    while (delivered < count && engine->Deliver()) {
+        ++delivered;
+    }
+    return delivered;
+}
+
+AudioObjectID SimulatedRecorder::DeviceId() {
+    const MutexLock lock(mutex);
+    return deviceId;
+}
+
+AudioObjectID SimulatedRecorder::StreamId() {
+    const MutexLock lock(mutex);
+    return streamId;
+}
+
+bool SimulatedRecorder::IsPlugged() {
+    const MutexLock lock(mutex);
+    return plugged;
+}
+
+std::uint32_t SimulatedRecorder::Plugging() {
+    const MutexLock lock(mutex);
+    return pluggings;
+}
+
+bool SimulatedRecorder::IsDsdMode() {
+    const MutexLock lock(mutex);
+    return dsdMode;
+}
+
+std::int32_t SimulatedRecorder::HogOwner() {
+    const MutexLock lock(mutex);
+    return hogOwner;
+}
+
+UInt32 SimulatedRecorder::BufferFrames() {
+    const MutexLock lock(mutex);
+    return bufferFrames;
+}
+
+AudioStreamBasicDescription SimulatedRecorder::Format() {
+    const MutexLock lock(mutex);
+    return format;
+}
+
+std::vector<UsbControlRequest> SimulatedRecorder::ControlRequests() {
+    const MutexLock lock(mutex);
+    return requests;
+}
+
+}  // namespace vorrel

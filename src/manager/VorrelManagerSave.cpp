@@ -1,0 +1,136 @@
+#include <algorithm>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "manager/VorrelManager.h"
+#include "platform/SystemHelpers.h"
+
+namespace vorrel {
+namespace {
+
+constexpr std::string_view kSpillFilePrefix = "tmp";
+
+}  // namespace
+
+VrError VorrelManager::SaveFile(const std::vector<VrSaveSetting>* settings) {
+    if (settings == nullptr) {
+        return VrErrorInvalidParameter;
+    }
+    if (state.load() == ManagerState::Uninitialized) {
+        return VrErrorNotInitialized;
+    }
+    std::vector<VrSaveSettingInternal> files;
+    files.reserve(settings->size());
+    for (const VrSaveSetting& setting : *settings) {
+        files.push_back({setting.path, setting.start, setting.end, setting.gain, setting.tags});
+    }
+    // Kept: the list is replaced before the worker is asked whether it is busy; a worker that is
+    // has its own share of the old one (VorrelManagerTest.ASaveDuringASaveFailsAndHarmsNothing).
+    saveSettings = std::make_shared<const std::vector<VrSaveSettingInternal>>(std::move(files));
+    return saveThread.SaveFiles(saveSettings, recordData);
+}
+
+VrError VorrelManager::SaveFileProgress(std::int32_t* fileProgress, std::int32_t* totalProgress) {
+    if (fileProgress == nullptr || totalProgress == nullptr) {
+        return VrErrorInvalidParameter;
+    }
+    if (state.load() == ManagerState::Uninitialized) {
+        return VrErrorNotInitialized;
+    }
+    return saveThread.GetProgress(*fileProgress, *totalProgress);
+}
+
+VrError VorrelManager::SaveFileCancel(bool deleteFile) {
+    std::ignore = saveThread.SaveCancel(deleteFile);
+    return VrSuccess;
+}
+
+VrError VorrelManager::GetPreviewData(std::uint64_t start, std::uint64_t end, std::int16_t* buffer,
+                                      bool available) {
+    if (buffer == nullptr) {
+        return VrErrorInvalidParameter;
+    }
+    if (state.load() == ManagerState::Uninitialized) {
+        return VrErrorNotInitialized;
+    }
+    std::vector<std::int16_t> frames;
+    if (const VrError error = previewData.GetData(start, end, frames, available);
+        error != VrSuccess) {
+        return error;
+    }
+    const std::size_t sizeBytes = frames.size() * sizeof(std::int16_t);
+    const std::uint64_t capacityBytes = previewData.GetChannels() * (end - start) * 2;
+    // Bounded by what the host was promised, should a start have changed the channels meanwhile.
+    return memcpy_s(buffer, static_cast<std::size_t>(capacityBytes), frames.data(), sizeBytes) == 0
+               ? VrSuccess
+               : VrErrorFailed;
+}
+
+VrError VorrelManager::GetPreviewDataLength(std::uint64_t* length, bool available) {
+    if (length == nullptr) {
+        return VrErrorInvalidParameter;
+    }
+    if (state.load() == ManagerState::Uninitialized) {
+        return VrErrorNotInitialized;
+    }
+    *length = previewData.GetLength(available);
+    return VrSuccess;
+}
+
+VrError VorrelManager::SetTempDirectory(const char* path) {
+    if (state.load() == ManagerState::Uninitialized) {
+        return VrErrorNotInitialized;
+    }
+    if (state.load() != ManagerState::Initialized && state.load() != ManagerState::Ready) {
+        return VrErrorInvalidState;
+    }
+    const bool isFirst = tempDirectory.load() == nullptr;
+    if (path == nullptr || !PathIsDirectory(path)) {
+        // Kept: the first path stays although it is refused, so that storing fails cleanly with a
+        // missing directory (VorrelManagerTest.KeepsTheFirstTempDirectoryAlthoughItIsRefused).
+        if (path != nullptr && isFirst) {
+            SetCurrentTempDirectory(path);
+        }
+        return VrErrorInvalidParameter;
+    }
+    if (isFirst) {
+        SetCurrentTempDirectory(path);
+    }
+    if (IsTempDirectoryExists()) {
+        DeleteLeftoverSpillFiles();
+    }
+    SetCurrentTempDirectory(path);
+    return VrSuccess;
+}
+
+void VorrelManager::DeleteLeftoverSpillFiles() {
+    // Errors are silent: what cannot be deleted is no reason to refuse the directory.
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(GetTempDirectory(), error), end;
+         !error && entry != end; entry.increment(error)) {
+        std::error_code ignored;
+        // The link's own status: what a link points to is not ours.
+        if (entry->path().filename().native().starts_with(kSpillFilePrefix) &&
+            std::filesystem::is_regular_file(entry->symlink_status(ignored))) {
+            std::filesystem::remove(entry->path(), ignored);
+        }
+    }
+}
+
+void VorrelManager::SetCurrentTempDirectory(const char* path) {
+    const auto known = std::ranges::find(tempDirectories, std::string_view(path));
+    tempDirectory = known != tempDirectories.end() ? &*known : &tempDirectories.emplace_back(path);
+}
+
+const char* VorrelManager::GetTempDirectory() {
+    const std::string* directory = tempDirectory.load();
+    return directory == nullptr ? "" : directory->c_str();
+}
+
+bool VorrelManager::IsTempDirectoryExists() {
+    return PathIsDirectory(GetTempDirectory());
+}
+
+}  // namespace vorrel

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "platform/AlignedBytes.h"
+#include "platform/Mutex.h"
+#include "platform/Realtime.h"
+#include "vorrel/VrError.h"
+
+namespace vorrel {
+
+/// Per-channel first-in-first-out queues of blocks between the device's callback and the record
+/// worker, under one mutex, with the pool that the blocks come from and go back to: between
+/// `ReserveBlocks` and the next `Init` neither side allocates while the blocks keep their size.
+class AsioDataQueue {
+public:
+    /// Drops every block, those of the pool included, and makes `channels` empty queues.
+    /// 0: `VrErrorInvalidParameter`, and nothing changes.
+    VrError Init(std::uint16_t channels) VORREL_EXCLUDES(mutex);
+    /// Makes the pool ready for blocks of `blockBytes`: as many for every channel as may wait, and
+    /// those that callback and worker have in hand, up to `kMaxPooledBlocks`. The first ones of
+    /// each channel are in physical memory, so that no page fault meets the first callbacks.
+    /// After `Init` and before the device starts; replaces an earlier pool. Without it the queue
+    /// works, and the callback allocates until enough blocks have come back. Short of memory, it
+    /// reserves what there is.
+    void ReserveBlocks(std::size_t blockBytes) VORREL_EXCLUDES(mutex);
+    /// A block of `sizeBytes`, contents undefined, from the pool: the one given back last.
+    /// Allocates only when the pool is empty or its block is too small.
+    VORREL_REALTIME Block TakeBlock(std::size_t sizeBytes) VORREL_EXCLUDES(mutex);
+    /// `TakeBlock` for all of `blocks` under one lock; what they held is freed.
+    VORREL_REALTIME void TakeBlocks(std::size_t sizeBytes, std::span<Block> blocks)
+        VORREL_EXCLUDES(mutex);
+    /// Appends a block. `VrErrorInvalidParameter` (no such channel); `VrErrorFailed` (the channel
+    /// is full: size x blocks waiting would pass 10,485,759): the block is dropped. An empty
+    /// channel takes a block of any size. The first form copies; the second leaves `block` empty
+    /// whatever comes of it, and what it drops goes to the pool.
+    VrError Enqueue(std::uint16_t channel, const Block& block) VORREL_EXCLUDES(mutex);
+    VORREL_REALTIME VrError Enqueue(std::uint16_t channel, Block&& block) VORREL_EXCLUDES(mutex);
+    /// Moves the front block into `out`, or empties `out` when there is none. What `out` held
+    /// goes back to the pool. `VrErrorInvalidParameter` (no such channel) leaves `out` alone.
+    VrError Dequeue(std::uint16_t channel, Block& out) VORREL_EXCLUDES(mutex);
+
+    /// The limit of a channel: size of the new block x blocks already waiting.
+    static constexpr std::size_t kMaxWaitingBytes = 0xA00000 - 1;
+    /// The pool keeps no more blocks than this for each channel.
+    static constexpr std::size_t kMaxPooledBlocks = 4096;
+
+private:
+    /// A ring of blocks that allocates when it grows, never for a single push.
+    class BlockRing {
+    public:
+        void Reserve(std::size_t slotCount);
+        std::size_t Size() const { return count; }
+        void Push(Block&& block);
+        Block Pop();
+
+    private:
+        std::vector<Block> slots;
+        std::size_t front = 0, count = 0;
+    };
+
+    Block PopPooled() VORREL_REQUIRES(mutex);
+    bool HasRoomInPool() const VORREL_REQUIRES(mutex) { return pool.size() < pool.capacity(); }
+    void PushPooled(Block&& block) VORREL_REQUIRES(mutex);
+
+    std::vector<BlockRing> channelQueues VORREL_GUARDED_BY(mutex);
+    std::vector<Block> pool
+        VORREL_GUARDED_BY(mutex);  // all slots reserved by `Init`; last in first out
+    std::size_t poolBytes VORREL_GUARDED_BY(mutex) = 0;       // sum of the capacities in `pool`
+    std::size_t poolBytesLimit VORREL_GUARDED_BY(mutex) = 0;  // what the worker gives back at most
+    Mutex mutex;  // held for one push or pop, never across a file, a callback or another lock
+};
+
+}  // namespace vorrel

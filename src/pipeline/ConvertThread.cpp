@@ -1,0 +1,134 @@
+#include "pipeline/ConvertThread.h"
+
+#include <algorithm>
+#include <tuple>
+
+#include "pipeline/Tenths.h"
+
+namespace vorrel {
+
+ConvertThread::Run::Run(std::uint16_t channels)
+    : input(channels), output(channels), work(channels) {}
+
+ConvertThread::ConvertThread(IVorrelManager& owner) : manager(owner) {}
+
+ConvertThread::~ConvertThread() {
+    Stop();
+}
+
+VrError ConvertThread::Start(RecordData* record, PreviewData* preview) {
+    if (record == nullptr || preview == nullptr) {
+        return VrErrorInvalidParameter;
+    }
+    if (Joinable()) {
+        return VrErrorFailed;
+    }
+    ResetEvent();
+    stop = false;
+    channels = record->GetChannels();
+    sampleType = record->GetSampleTypeInfo();
+    previewRate = preview->GetSampleRate();
+    recordData = record;
+    previewData = preview;
+    return Create(PriorityHigh) ? VrSuccess : VrErrorFailed;
+}
+
+void ConvertThread::AddDataNotify() {
+    if (Joinable()) {
+        SetEvent();
+    }
+}
+
+void ConvertThread::Stop() {
+    if (!Joinable()) {
+        return;
+    }
+    stop.store(true, std::memory_order_release);
+    SetEvent();
+    Join();
+}
+
+void ConvertThread::ThreadImpl() {
+    Run run(channels);
+    bool leave = false;
+    while (!leave) {
+        WaitEvent();
+        // Read before the drain, so that a drain follows all that was stored before Stop.
+        leave = stop.load(std::memory_order_acquire);
+        Drain(run);
+    }
+}
+
+void ConvertThread::Drain(Run& run) {
+    for (;;) {
+        const std::uint64_t total = recordData->GetLength(false);
+        if (total <= run.converted) {
+            return;
+        }
+        const std::uint64_t samplesPerFrame = sampleType->isDsd != 0 ? kDsdSamplesPerFrame : 1;
+        const std::uint64_t frames =
+            std::min((total - run.converted) / samplesPerFrame, kChunkFrames);
+        if (frames == 0) {
+            return;
+        }
+        const std::uint64_t samples = frames * samplesPerFrame;
+        for (std::uint16_t channel = 0; channel < channels; ++channel) {
+            ConvertChannel(run, channel, samples, frames);
+        }
+        Interleave(run.interleaved, run.output, static_cast<std::size_t>(frames));
+        // A preview with a gap is better than none; what cannot be recorded is reported by the
+        // record worker, which writes to the same directory.
+        std::ignore = previewData->Add(run.interleaved);
+        run.converted += samples;
+        ReportPosition(run);
+    }
+}
+
+void ConvertThread::ConvertChannel(Run& run, std::uint16_t channel, std::uint64_t samples,
+                                   std::uint64_t frames) {
+    AlignedBytes& input = run.input[channel];
+    PreviewSamples& output = run.output[channel];
+    input.clear();
+    // Where the worker fell behind, the data has left the store and the read ends early: silence
+    // in its place keeps the positions.
+    std::ignore =
+        recordData->GetData(channel, run.converted, run.converted + samples, input, false);
+    const std::uint64_t storedBits = std::uint64_t{sampleType->bits} + sampleType->padBits;
+    input.resize(static_cast<std::size_t>(samples * storedBits / 8), 0);
+    output.resize(static_cast<std::size_t>(frames));
+    sampleType->toPreview(reinterpret_cast<std::uint8_t*>(output.data()), input.data(),
+                          static_cast<std::size_t>(frames), &run.work[channel]);
+}
+
+void ConvertThread::Interleave(std::vector<std::int16_t>& out,
+                               std::span<const PreviewSamples> perChannel, std::size_t frames) {
+    const std::size_t channelCount = perChannel.size();
+    out.resize(channelCount * frames);
+    std::int16_t* const target = out.data();
+    // A stride that the compiler knows becomes vector code.
+    if (channelCount == 2) {
+        const std::int16_t* const left = perChannel[0].data();
+        const std::int16_t* const right = perChannel[1].data();
+        for (std::size_t frame = 0; frame < frames; ++frame) {
+            target[2 * frame] = left[frame];
+            target[2 * frame + 1] = right[frame];
+        }
+        return;
+    }
+    for (std::size_t channel = 0; channel < channelCount; ++channel) {
+        const std::int16_t* const source = perChannel[channel].data();
+        for (std::size_t frame = 0; frame < frames; ++frame) {
+            target[frame * channelCount + channel] = source[frame];
+        }
+    }
+}
+
+void ConvertThread::ReportPosition(Run& run) {
+    const std::uint64_t tenths = Tenths(previewData->GetLength(false), previewRate);
+    if (tenths != run.lastTenths) {
+        run.lastTenths = tenths;
+        manager.NotifyConvertPosProc(SecondsOfTenths(tenths));
+    }
+}
+
+}  // namespace vorrel

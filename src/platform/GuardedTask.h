@@ -1,0 +1,21 @@
+#pragma once
+
+#include <exception>
+#include <functional>
+
+#include "platform/Trace.h"
+
+namespace vorrel {
+
+/// Runs a queued task. What it throws is traced and goes no further: there is no caller to tell.
+inline void RunGuarded(const std::function<void()>& task, const char* queueName) noexcept {
+    try {
+        task();
+    } catch (const std::exception& error) {
+        Trace(__FILE__, __LINE__, "a task on %s threw: %s", queueName, error.what());
+    } catch (...) {
+        Trace(__FILE__, __LINE__, "a task on %s threw something unknown", queueName);
+    }
+}
+
+}  // namespace vorrel

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "platform/Mutex.h"
+
+namespace vorrel {
+
+/// Runs tasks one after another, in order of submission, on one thread of its own. The thread
+/// begins with the first task. Any thread may submit.
+class SerialQueue {
+public:
+    /// @param label  Name of the thread as debuggers show it (the first 15 bytes).
+    explicit SerialQueue(std::string label);
+    /// Runs what is still queued, tasks that these tasks submit included, then ends the thread. Not
+    /// to be called from a task of this queue.
+    ~SerialQueue();
+    SerialQueue(const SerialQueue&) = delete;
+    SerialQueue& operator=(const SerialQueue&) = delete;
+
+    /// Queues `task` and returns at once. What a task throws is traced and goes no further.
+    /// @throws std::system_error  The thread cannot be started; `task` is not queued then.
+    void Async(std::function<void()> task) VORREL_EXCLUDES(mutex);
+    /// Queues `task` and returns after it has run. Not to be called from a task of this queue.
+    /// @throws std::system_error  As `Async`.
+    void Sync(const std::function<void()>& task) VORREL_EXCLUDES(mutex);
+
+private:
+    void Run() VORREL_EXCLUDES(mutex);
+
+    std::string label;
+    Mutex mutex;
+    ConditionVariable condition;
+    std::deque<std::function<void()>> tasks VORREL_GUARDED_BY(mutex);
+    bool closing VORREL_GUARDED_BY(mutex) = false;
+    std::thread thread VORREL_GUARDED_BY(mutex);
+};
+
+}  // namespace vorrel

@@ -1,0 +1,116 @@
+#include "platform/Trace.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "platform/Mutex.h"
+#include "platform/TraceSink.h"
+
+namespace vorrel {
+
+namespace {
+
+struct SinkHolder {
+    Mutex mutex;
+    std::function<void(const std::string&)> sink VORREL_GUARDED_BY(mutex);
+};
+
+SinkHolder& TheSink() {
+    // Never destroyed: a thread may trace while the process ends.
+    static SinkHolder& holder = *new SinkHolder;
+    return holder;
+}
+
+void WriteToStandardError(std::string line) {
+    line += '\n';
+    // One write for one line, so that lines of different threads do not mix.
+    const char* rest = line.data();
+    std::size_t length = line.size();
+    while (length > 0) {
+        const ssize_t written = ::write(STDERR_FILENO, rest, length);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return;  // nobody is there to be told
+        }
+        rest += written;
+        length -= static_cast<std::size_t>(written);
+    }
+}
+
+void Emit(std::string line) {
+    // An entry is one line, so that the log can be read line by line.
+    line.erase(line.find_last_not_of("\r\n") + 1);
+    for (char& character : line) {
+        if (character == '\n' || character == '\r') {
+            character = ' ';
+        }
+    }
+    SinkHolder& holder = TheSink();
+    const MutexLock lock(holder.mutex);
+    if (holder.sink) {
+        holder.sink(line);
+    } else {
+        WriteToStandardError(std::move(line));
+    }
+}
+
+__attribute__((format(printf, 1, 0))) std::string Formatted(const char* format,
+                                                            std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    if (length < 0) {
+        return format;  // what cannot be converted is better seen raw than lost
+    }
+    std::string text(static_cast<std::size_t>(length), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
+}
+
+/// A trace never changes what the code around it sees: no exception, the same `errno`.
+template <class Body>
+void Quietly(const Body& body) {
+    const int savedErrno = errno;
+    try {
+        body();
+    } catch (const std::exception&) {
+        // No memory for a line: it is lost.
+    }
+    errno = savedErrno;
+}
+
+}  // namespace
+
+void Trace(const char* file, int line, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    Quietly([&] {
+        Emit(std::string(file == nullptr ? "" : file) + '(' + std::to_string(line) +
+             "): " + (format == nullptr ? std::string() : Formatted(format, arguments)));
+    });
+    va_end(arguments);
+}
+
+void OutputDebugString(const char* text) {
+    if (text != nullptr) {
+        Quietly([&] { Emit(text); });
+    }
+}
+
+void SetTraceSink(std::function<void(const std::string&)> sink) {
+    SinkHolder& holder = TheSink();
+    const MutexLock lock(holder.mutex);
+    holder.sink = std::move(sink);
+}
+
+}  // namespace vorrel

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "convert/SampleTypeInfo.h"
+#include "platform/AlignedBytes.h"
+#include "store/RecordRangeManager.h"
+#include "store/SharedMutex.h"
+#include "store/TemporaryData.h"
+
+namespace vorrel {
+
+/// The recording of all channels in the capture format, one channel store each. Positions and
+/// lengths are samples of one channel: 4-byte floats for PCM, single bits for DSD. Thread-safe,
+/// also while a new recording begins: `Init` and `TemporaryClear` wait for calls under way.
+///
+/// Locks, in this order: turn lock, layout lock, a store's mutex, the range log's mutex.
+class RecordData {
+public:
+    explicit RecordData(IVorrelManager& manager);
+
+    /// Begins a recording: new stores with memory buffers of five seconds each; what the old ones
+    /// held is gone. `rangeManager` is not owned and may be null: then `Add` refuses.
+    /// @return `VrErrorInvalidParameter` (no channel, rate or sample type; five seconds are less
+    ///         than a byte or no 32-bit number of bytes) changes nothing; `VrErrorFailed` (no
+    ///         memory) leaves no channels.
+    VrError Init(std::uint16_t channels, std::uint64_t sampleRate, const SampleTypeInfo* sampleType,
+                 RecordRangeManager* rangeManager) VORREL_EXCLUDES(layout);
+    /// Stores one block of `channel`, cutting it by the range log. One thread adds.
+    /// @return `VrErrorInvalidParameter` (no such channel, or no range log), or as
+    ///         `TemporaryData::Add`.
+    VrError Add(std::uint16_t channel, const std::vector<std::uint8_t>& block)
+        VORREL_EXCLUDES(layout);
+    VrError Add(std::uint16_t channel, const AlignedBytes& block) VORREL_EXCLUDES(layout);
+    /// Reads samples [from, to) of `channel` from the chosen stream; for DSD, the whole bytes from
+    /// `from` / 8 to `to` / 8, both rounded down.
+    /// @return `VrErrorInvalidParameter` (no such channel, or as `TemporaryData::GetData`);
+    ///         `VrErrorFailed`.
+    VrError GetData(std::uint16_t channel, std::uint64_t from, std::uint64_t to,
+                    std::vector<std::uint8_t>& out, bool available) VORREL_EXCLUDES(layout);
+    VrError GetData(std::uint16_t channel, std::uint64_t from, std::uint64_t to, AlignedBytes& out,
+                    bool available) VORREL_EXCLUDES(layout);
+    /// Samples of the shortest channel; 0 without channels. The channels are asked one after
+    /// another, so it may lag behind one that is being added to.
+    std::uint64_t GetLength(bool available) const VORREL_EXCLUDES(layout);
+    /// Empties every store, deleting all spill files, and shrinks its buffers. The channels stay.
+    /// @return `VrErrorFailed` if any store failed (no memory).
+    VrError TemporaryClear() VORREL_EXCLUDES(layout);
+
+    std::uint16_t GetChannels() const VORREL_EXCLUDES(layout);
+    std::uint64_t GetSampleRate() const VORREL_EXCLUDES(layout);
+    /// Null before the first `Init`.
+    const SampleTypeInfo* GetSampleTypeInfo() const VORREL_EXCLUDES(layout);
+
+    /// Held by the record worker around one turn (one block of every channel) and by the manager
+    /// around "take the length, log the event", so that no event falls between two channels of one
+    /// device buffer. Never taken by the device's thread.
+    Mutex& TurnLock() VORREL_THREAD_ANNOTATION(lock_returned(turn)) { return turn; }
+
+private:
+    template <class Container>
+    VrError AddBlock(std::uint16_t channel, const Container& block) VORREL_EXCLUDES(layout);
+    template <class Container>
+    VrError Read(std::uint16_t channel, std::uint64_t from, std::uint64_t to, Container& out,
+                 bool available) VORREL_EXCLUDES(layout);
+
+    IVorrelManager& manager;
+    Mutex turn;
+    mutable SharedMutex layout;  // shared: the stores' own mutexes do the rest
+    std::vector<TemporaryData> stores VORREL_GUARDED_BY(layout);
+    std::uint16_t bitsPerSample VORREL_GUARDED_BY(layout) = 0;
+    std::uint32_t bytesPerFrame VORREL_GUARDED_BY(layout) = 0;  // of one channel
+    std::uint64_t sampleRate VORREL_GUARDED_BY(layout) = 0;
+    const SampleTypeInfo* sampleType VORREL_GUARDED_BY(layout) = nullptr;
+    RecordRangeManager* rangeManager VORREL_GUARDED_BY(layout) = nullptr;
+};
+
+}  // namespace vorrel

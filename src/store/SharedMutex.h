@@ -1,0 +1,55 @@
+#pragma once
+
+#include <shared_mutex>
+
+#include "platform/Mutex.h"
+
+namespace vorrel {
+
+/// A mutex with many readers or one writer that clang's thread-safety analysis knows.
+class VORREL_THREAD_ANNOTATION(capability("shared_mutex")) SharedMutex {
+public:
+    void lock() VORREL_THREAD_ANNOTATION(acquire_capability()) { impl.lock(); }
+    void unlock() VORREL_THREAD_ANNOTATION(release_capability()) { impl.unlock(); }
+    void lock_shared() VORREL_THREAD_ANNOTATION(acquire_shared_capability()) { impl.lock_shared(); }
+    void unlock_shared() VORREL_THREAD_ANNOTATION(release_shared_capability()) {
+        impl.unlock_shared();
+    }
+
+private:
+    std::shared_mutex impl;
+};
+
+/// Holds a `SharedMutex` alone for the life of a scope.
+class VORREL_THREAD_ANNOTATION(scoped_lockable) ExclusiveLock {
+public:
+    explicit ExclusiveLock(SharedMutex& lockable)
+        VORREL_THREAD_ANNOTATION(acquire_capability(lockable))
+        : mutex(lockable) {
+        mutex.lock();
+    }
+    ~ExclusiveLock() VORREL_THREAD_ANNOTATION(release_capability()) { mutex.unlock(); }
+    ExclusiveLock(const ExclusiveLock&) = delete;
+    ExclusiveLock& operator=(const ExclusiveLock&) = delete;
+
+private:
+    SharedMutex& mutex;
+};
+
+/// Holds a `SharedMutex` beside other readers for the life of a scope.
+class VORREL_THREAD_ANNOTATION(scoped_lockable) SharedLock {
+public:
+    explicit SharedLock(SharedMutex& lockable)
+        VORREL_THREAD_ANNOTATION(acquire_shared_capability(lockable))
+        : mutex(lockable) {
+        mutex.lock_shared();
+    }
+    ~SharedLock() VORREL_THREAD_ANNOTATION(release_generic_capability()) { mutex.unlock_shared(); }
+    SharedLock(const SharedLock&) = delete;
+    SharedLock& operator=(const SharedLock&) = delete;
+
+private:
+    SharedMutex& mutex;
+};
+
+}  // namespace vorrel

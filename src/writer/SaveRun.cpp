@@ -1,0 +1,38 @@
+#include "writer/SaveRun.h"
+
+#include <limits>
+
+namespace vorrel {
+
+bool SaveRun::CancelRequested() const {
+    return cancelState.load() != kSaveCancelNone;
+}
+
+void SaveRun::BeginFile() {
+    progress.filePosition = 0;
+    progress.fileLength = 0;
+}
+
+void SaveRun::Advance(std::uint64_t frames) {
+    progress.overallPosition += frames;
+    progress.filePosition += frames;
+}
+
+void SaveRun::SkipFile(const std::string& path, std::uint64_t frames) {
+    manager.NotifyErrorMessageProc(VrMessageFileSkipped, path.c_str());
+    progress.overallPosition += frames;
+}
+
+std::uint64_t FramesFromSeconds(std::uint64_t rateHz, double seconds) {
+    constexpr double kTwoTo64 = 18446744073709551616.0;
+    const double frames = static_cast<double>(rateHz) * seconds;
+    if (!(frames > 0.0)) {  // so written, it takes not-a-number along
+        return 0;
+    }
+    if (frames >= kTwoTo64) {
+        return std::numeric_limits<std::uint64_t>::max();
+    }
+    return static_cast<std::uint64_t>(frames);
+}
+
+}  // namespace vorrel

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "manager/IVorrelManager.h"
+#include "store/RecordData.h"
+
+namespace vorrel {
+
+/// What a host asked of the running save. The first request wins.
+enum SaveCancelState : std::int32_t {
+    kSaveCancelNone = 0,
+    kSaveCancelDelete = 1,  ///< Stop and delete the partial file.
+    kSaveCancelKeep = 2,    ///< Stop and keep it.
+};
+
+/// Frames of one save request: advanced by the save thread, read by the host's.
+struct SaveProgress {
+    std::atomic<std::uint64_t> overallPosition{0};  ///< Of all files; skipped ones count whole.
+    std::atomic<std::uint64_t> overallLength{0};    ///< As asked for, not clipped to the recording.
+    std::atomic<std::uint64_t> filePosition{0};
+    std::atomic<std::uint64_t> fileLength{0};
+};
+
+/// One running save request as its file writers see it. Lives on the save thread.
+struct SaveRun {
+    IVorrelManager& manager;
+    RecordData& recordData;
+    const std::atomic<std::uint16_t>& bits;        ///< Bits per sample of PCM files.
+    const std::atomic<std::int32_t>& cancelState;  ///< A `SaveCancelState`.
+    SaveProgress& progress;
+    std::string createdDirectory;  ///< The last one made for this request, with its "/"; or empty.
+
+    bool CancelRequested() const;
+    /// Sets position and length of the current file to 0.
+    void BeginFile();
+    /// Counts `frames` of the current file as written.
+    void Advance(std::uint64_t frames);
+    /// Reports that the file at `path` is left out, and counts its `frames` as done.
+    void SkipFile(const std::string& path, std::uint64_t frames);
+};
+
+/// The whole frames in `seconds`. Negative seconds and not-a-number count as 0; a product past
+/// 2^64 - 1 counts as 2^64 - 1.
+std::uint64_t FramesFromSeconds(std::uint64_t rateHz, double seconds);
+
+}  // namespace vorrel

@@ -1,0 +1,114 @@
+#include "writer/WavWriter.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "writer/FrameEncoder.h"
+#include "writer/OutputFile.h"
+#include "writer/SaveChecks.h"
+#include "writer/TagWriter.h"
+#include "writer/WavHeader.h"
+
+namespace vorrel {
+
+namespace {
+
+/// Writes frames [startFrame, endFrame) of the recording, block by block.
+VrError WriteFrames(SaveRun& run, FrameEncoder& encoder, OutputFile& file, std::uint64_t startFrame,
+                    std::uint64_t endFrame, std::uint64_t blockFrames) {
+    std::vector<AlignedBytes> channels(run.recordData.GetChannels());
+    std::uint64_t position = startFrame;
+    while (position < endFrame) {
+        if (run.CancelRequested()) {
+            return VrErrorCanceled;
+        }
+        const std::uint64_t frames = std::min(blockFrames, endFrame - position);
+        run.Advance(frames);  // before the block, so that a failed one counts too
+        for (std::uint16_t channel = 0; channel < channels.size(); ++channel) {
+            if (run.recordData.GetData(channel, position, position + frames, channels[channel],
+                                       true) != VrSuccess) {
+                return VrErrorFailed;
+            }
+        }
+        if (!file.Write(encoder.Encode(channels, static_cast<std::size_t>(frames)))) {
+            return VrErrorFailed;
+        }
+        position += frames;
+    }
+    return VrSuccess;
+}
+
+}  // namespace
+
+float GainFactor(double decibels) {
+    return std::pow(10.0f, static_cast<float>(decibels) / 20.0f);
+}
+
+VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
+    run.BeginFile();
+    if (setting == nullptr) {
+        return VrErrorInvalidParameter;
+    }
+    RecordData& recordData = run.recordData;
+    const SampleTypeInfo* sampleType = recordData.GetSampleTypeInfo();
+    if (sampleType == nullptr) {
+        return VrErrorFailed;
+    }
+
+    const std::uint64_t rateHz = recordData.GetSampleRate();
+    const std::uint64_t startFrame = FramesFromSeconds(rateHz, setting->start);
+    const std::uint64_t endFrame =
+        std::min(recordData.GetLength(true), FramesFromSeconds(rateHz, setting->end));
+    if (endFrame < startFrame) {
+        return VrErrorInvalidParameter;
+    }
+    const std::uint64_t frames = endFrame - startFrame;
+    run.progress.fileLength = frames;
+
+    const WavFormat format{recordData.GetChannels(), static_cast<std::uint32_t>(rateHz),
+                           run.bits.load()};
+    const auto tagBytes = static_cast<std::uint32_t>(CalculateSaveTagSize(setting->tags));
+    if (!FitsWav(format, frames, tagBytes)) {
+        run.SkipFile(setting->path, frames);
+        return VrSuccess;
+    }
+    const std::uint64_t headerFrames = std::min(frames, format.MaxFrames());
+    const WavSizes sizes(format, headerFrames, tagBytes);
+
+    if (const VrError error = SaveCreateDirectory(setting->path, run.createdDirectory);
+        error != VrSuccess) {
+        return error;
+    }
+    if (!CheckDiskSpace(setting->path, sizes.FileBytes())) {
+        return VrErrorFailed;
+    }
+    OutputFile file;
+    if (!CheckFileSystemFileSizeLimit(setting->path, sizes.FileBytes()) ||
+        !file.Open(setting->path)) {
+        run.SkipFile(setting->path, headerFrames);
+        return VrSuccess;
+    }
+    if (!file.Write(BuildWavHeader(format, sizes))) {
+        return VrErrorFailed;
+    }
+    if (!FrameEncoder::Supports(*sampleType, format.bits)) {
+        return VrErrorFailed;
+    }
+
+    // At least one frame, so that a rate below 10 Hz, which no device has, still comes to an end.
+    const std::uint64_t blockFrames = std::max<std::uint64_t>(rateHz / 10, 1);
+    FrameEncoder encoder(*sampleType, format.channels, format.bits,
+                         static_cast<std::size_t>(std::min(blockFrames, frames)),
+                         GainFactor(setting->gain));
+    VrError result = WriteFrames(run, encoder, file, startFrame, endFrame, blockFrames);
+    if (result == VrSuccess) {
+        result = SaveTags(setting->tags, file.Stream());
+    }
+    if (!file.Close() && result == VrSuccess) {
+        result = VrErrorFailed;
+    }
+    return result;
+}
+
+}  // namespace vorrel

@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "ManagerRig.h"
+
+namespace vorrel::test {
+namespace {
+
+/// A list of several buffers, as some devices deliver them.
+class BufferList {
+public:
+    void Add(std::uint32_t channels, std::vector<float>& samples) {
+        buffers.push_back(
+            {channels, static_cast<UInt32>(samples.size() * sizeof(float)), samples.data()});
+    }
+    const AudioBufferList* Get() {
+        bytes.resize(offsetof(AudioBufferList, mBuffers) + buffers.size() * sizeof(AudioBuffer) +
+                     sizeof(AudioBufferList));
+        auto* list = reinterpret_cast<AudioBufferList*>(bytes.data());
+        list->mNumberBuffers = static_cast<UInt32>(buffers.size());
+        std::ranges::copy(buffers, list->mBuffers);
+        return list;
+    }
+
+private:
+    std::vector<AudioBuffer> buffers;
+    alignas(AudioBufferList) std::vector<std::uint8_t> bytes;
+};
+
+class CaptureTest : public ManagerRig {
+protected:
+    void SetChannels(const std::vector<UInt32>& buffers) {
+        recorder.audio->SetBuffers(FakeRecorder::kDevice, kAudioObjectPropertyScopeInput, buffers);
+    }
+    std::vector<std::int16_t> Preview(std::uint64_t frames, std::size_t channels) {
+        std::vector<std::int16_t> samples(frames * channels);
+        EXPECT_EQ(manager.GetPreviewData(0, frames, samples.data(), true), VrSuccess);
+        return samples;
+    }
+};
+
+TEST_F(CaptureTest, AnEmptyBufferListQueuesNothingAndWakesTheRecordWorker) {
+    SelectPcm();
+    StartRecording();
+    const AudioBufferList none{0, {}};
+
+    ASSERT_TRUE(recorder.Deliver(&none));
+    Deliver(96);
+
+    AwaitStored();
+    EXPECT_EQ(RecordedFrames(), Frames({{0, 96}}));
+}
+
+TEST_F(CaptureTest, ChannelsAreNumberedAcrossTheBuffersOfAList) {
+    SetChannels({2, 2});
+    SelectPcm();
+    StartRecording();
+    std::vector<float> front = {1 / 32768.0F, 2 / 32768.0F, 11 / 32768.0F, 12 / 32768.0F};
+    std::vector<float> rear = {3 / 32768.0F, 4 / 32768.0F, 13 / 32768.0F, 14 / 32768.0F};
+    BufferList list;
+    list.Add(2, front);
+    list.Add(2, rear);
+
+    ASSERT_TRUE(recorder.Deliver(list.Get()));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(Preview(2, 4), (std::vector<std::int16_t>{1, 2, 3, 4, 11, 12, 13, 14}));
+}
+
+TEST_F(CaptureTest, ABufferWithoutChannelsIsSkipped) {
+    SelectPcm();
+    StartRecording();
+    std::vector<float> nothing;
+    std::vector<float> samples = {1 / 32768.0F, 2 / 32768.0F};
+    BufferList list;
+    list.Add(0, nothing);
+    list.Add(2, samples);
+
+    ASSERT_TRUE(recorder.Deliver(list.Get()));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(Preview(1, 2), (std::vector<std::int16_t>{1, 2}));
+}
+
+TEST_F(CaptureTest, TwoChannelsIn800BytesAreAHundredFrames) {
+    SelectPcm();
+    StartRecording();
+    std::vector<float> samples(200, 0.5F);
+    ASSERT_EQ(samples.size() * sizeof(float), 800U);
+
+    ASSERT_TRUE(recorder.Deliver(2, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(Length(false), 100U);
+    EXPECT_EQ(Preview(100, 2), std::vector<std::int16_t>(200, 16'384));
+}
+
+TEST_F(CaptureTest, ChannelsBeyondThoseOfTheRecordingAreDropped) {
+    SelectPcm();
+    StartRecording();
+    std::vector<float> samples = {1 / 32768.0F, 2 / 32768.0F, 3 / 32768.0F};
+
+    ASSERT_TRUE(recorder.Deliver(3, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(Preview(1, 2), (std::vector<std::int16_t>{1, 2}));
+    MainQueue::Dispatch();
+    EXPECT_TRUE(delegate->messages.empty());
+}
+
+TEST_F(CaptureTest, MoreChannelsThanASplitTakesAtOnceArriveWhole) {
+    constexpr std::uint32_t kChannels = 40;
+    SetChannels({kChannels});
+    SelectPcm();
+    StartRecording();
+    std::vector<float> samples;
+    std::vector<std::int16_t> expected;
+    for (std::int16_t sample = 1; sample <= 3 * 40; ++sample) {
+        samples.push_back(static_cast<float>(sample) / 32768.0F);
+        expected.push_back(sample);
+    }
+
+    ASSERT_TRUE(recorder.Deliver(kChannels, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(Preview(3, kChannels), expected);
+}
+
+TEST_F(CaptureTest, DsdFloatWordsBecomeSaturatedSixteenBitWords) {
+    const std::vector<float> source = {0.5F,  -1.0F,        1.0F,  0.0F,   2.0F,
+                                       -2.0F, 1 / 32768.0F, 1e30F, -1e30F, -0.5F};
+    std::vector<std::int16_t> words(source.size());
+
+    VorrelManager::Float_To_DSD16(words.data(), source.data(), source.size());
+
+    EXPECT_EQ(words, (std::vector<std::int16_t>{16'384, -32'768, 32'767, 0, 32'767, -32'768, 1,
+                                                32'767, -32'768, -16'384}));
+}
+
+TEST_F(CaptureTest, EveryDsdWordSurvivesTheDevicesFloats) {
+    std::vector<float> source;
+    std::vector<std::int16_t> expected;
+    for (int word = -32'768; word <= 32'767; ++word) {
+        source.push_back(static_cast<float>(word) / 32768.0F);
+        expected.push_back(static_cast<std::int16_t>(word));
+    }
+    std::vector<std::int16_t> words(source.size());
+
+    VorrelManager::Float_To_DSD16(words.data(), source.data(), source.size());
+
+    EXPECT_EQ(words, expected);
+}
+
+TEST_F(CaptureTest, ADsdBufferIsStoredAsSixteenBitsAFrame) {
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    std::vector<float> samples(2 * 4, 0.5F);  // 4 frames of 2 channels: 64 one-bit samples each
+
+    ASSERT_TRUE(recorder.Deliver(2, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(Length(false), 1U);
+}
+
+TEST_F(CaptureTest, RecordStartedComesAfterTheBufferInWhichItWasSeen) {
+    SelectPcm();
+    StartPreRecording();
+    Deliver(10);
+    ASSERT_EQ(manager.Start(), VrSuccess);
+    MainQueue::Dispatch();
+    ASSERT_FALSE(delegate->Has(VrRecOperationRecordStarted));
+
+    Deliver(10);
+
+    MainQueue::Dispatch();
+    EXPECT_EQ(delegate->Count(VrRecOperationRecordStarted), 1U);
+    Deliver(10);
+    MainQueue::Dispatch();
+    EXPECT_EQ(delegate->Count(VrRecOperationRecordStarted), 1U);
+}
+
+TEST_F(CaptureTest, AFullQueueIsReportedOnceARecording) {
+    SelectPcm();
+    StartRecording();
+    std::vector<float> samples(2 * 262'144, 0.25F);  // 1 MiB a channel: ten fit
+    const auto overflow = [&] {
+        for (int buffer = 0; buffer < 30; ++buffer) {
+            ASSERT_TRUE(recorder.Deliver(2, samples));
+        }
+    };
+    {
+        const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+        overflow();
+    }
+    MainQueue::Dispatch();
+    EXPECT_EQ(delegate->Count(VrMessageBufferOverflow), 1U);
+    EXPECT_EQ(delegate->messages.front().second, "");
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    AwaitOperation(VrRecOperationStopped);
+    delegate->operations.clear();
+
+    StartRecording();
+    {
+        const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+        overflow();
+    }
+    MainQueue::Dispatch();
+    EXPECT_EQ(delegate->Count(VrMessageBufferOverflow), 2U);
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+}
+
+}  // namespace
+}  // namespace vorrel::test
