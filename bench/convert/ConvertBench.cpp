@@ -1,0 +1,227 @@
+// Rates of the sample kernels. "of_memcpy" is the kernel's rate over source bytes, as a share of
+// what memcpy reaches on the same bytes in the same run: the two take turns, so that a busy machine
+// slows both, and the best turn of each counts. "best_us" is one call; the columns before it are
+// one turn, which repeats short calls. Run with --benchmark_filter=... for a part.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "convert/ChannelKernels.h"
+#include "convert/DsdToPcm.h"
+#include "convert/InstructionSet.h"
+#include "convert/PcmConverters.h"
+#include "convert/PlainConverters.h"
+#include "platform/AlignedBytes.h"
+
+namespace vorrel {
+namespace {
+
+constexpr std::size_t kHugeBytes = std::size_t{128}
+                                   << 20;  // larger than any last-level cache share
+constexpr std::size_t kNearBytes = std::size_t{256}
+                                   << 10;      // fits a second-level cache with its output
+constexpr std::size_t kWriterFrames = 19'200;  // 0.1 s at 192 kHz
+
+const char* NameOf(InstructionSet set) {
+    switch (set) {
+        case InstructionSet::kAvx2:
+            return "avx2";
+        case InstructionSet::kAvx512:
+            return "avx512";
+        case InstructionSet::kBaseline:
+            break;
+    }
+    return "baseline";
+}
+
+std::vector<float> Noise(std::size_t count) {
+    std::mt19937 random(1);
+    std::uniform_real_distribution<float> level(-1.05F, 1.05F);
+    std::vector<float> samples(std::min(count, std::size_t{1} << 16));
+    std::generate(samples.begin(), samples.end(), [&] { return level(random); });
+    const std::size_t pattern = samples.size();
+    samples.resize(count);
+    for (std::size_t i = pattern; i < count; ++i) {
+        samples[i] = samples[i - pattern];
+    }
+    return samples;
+}
+
+double Seconds(const std::function<void()>& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// Times `work` and a memcpy of `in` in turns.
+void AgainstMemcpy(benchmark::State& state, const std::vector<float>& in,
+                   const std::function<void()>& work) {
+    const std::size_t bytes = in.size() * sizeof(float);
+    // Short work is repeated within a turn, so that the clock does not count.
+    const std::size_t repeats = std::max<std::size_t>(1, (std::size_t{2} << 20) / bytes);
+    AlignedBytes copy(bytes);
+    std::memset(copy.data(), 1, bytes);
+    double bestCopy = std::numeric_limits<double>::max();
+    double bestWork = bestCopy;
+    for ([[maybe_unused]] auto turn : state) {
+        bestCopy = std::min(bestCopy, Seconds([&] {
+                                for (std::size_t i = 0; i < repeats; ++i) {
+                                    std::memcpy(copy.data(), in.data(), bytes);
+                                    benchmark::ClobberMemory();
+                                }
+                            }));
+        const double seconds = Seconds([&] {
+            for (std::size_t i = 0; i < repeats; ++i) {
+                work();
+                benchmark::ClobberMemory();
+            }
+        });
+        bestWork = std::min(bestWork, seconds);
+        state.SetIterationTime(seconds);
+    }
+    const auto turnBytes = static_cast<double>(bytes * repeats);
+    state.counters["of_memcpy"] = bestCopy / bestWork;
+    state.counters["GB/s"] = turnBytes / bestWork / 1e9;
+    state.counters["memcpy_GB/s"] = turnBytes / bestCopy / 1e9;
+    state.counters["best_us"] = bestWork / static_cast<double>(repeats) * 1e6;
+}
+
+using Kernel = void (*)(std::uint8_t*, const std::uint8_t*, std::size_t);
+
+void BenchConverter(benchmark::State& state, Kernel kernel, std::size_t sourceBytes,
+                    std::size_t width) {
+    const std::vector<float> in = Noise(sourceBytes / sizeof(float));
+    AlignedBytes out(in.size() * width);
+    std::memset(out.data(), 1, out.size());
+    AgainstMemcpy(state, in, [&] {
+        kernel(out.data(), reinterpret_cast<const std::uint8_t*>(in.data()), in.size());
+    });
+}
+
+void BenchGain(benchmark::State& state, const PcmKernels& kernels, std::size_t channelCount,
+               std::size_t width) {
+    const std::vector<float> in = Noise(kWriterFrames * channelCount);
+    std::vector<const float*> channels;
+    for (std::size_t channel = 0; channel < channelCount; ++channel) {
+        channels.push_back(in.data() + channel * kWriterFrames);
+    }
+    AlignedBytes out(in.size() * width);
+    std::memset(out.data(), 1, out.size());
+    AgainstMemcpy(state, in, [&] {
+        kernels.gainConvertInterleave(out.data(), channels.data(), channelCount, kWriterFrames,
+                                      0.7F, width);
+    });
+}
+
+void BenchPlainGain(benchmark::State& state, std::size_t channelCount, std::size_t width) {
+    const std::vector<std::vector<float>> channels(channelCount, Noise(kWriterFrames));
+    const std::vector<float> in = Noise(kWriterFrames * channelCount);
+    AgainstMemcpy(state, in, [&] {
+        benchmark::DoNotOptimize(
+            test::PlainGainConvertInterleave(channels, kWriterFrames, 0.7F, width));
+    });
+}
+
+void BenchSplit(benchmark::State& state, const PcmKernels& kernels, std::size_t channelCount) {
+    const std::vector<float> in = Noise(kWriterFrames * channelCount);
+    std::vector<AlignedBytes> lanes(channelCount, AlignedBytes(kWriterFrames * sizeof(float)));
+    std::vector<std::uint8_t*> out;
+    for (AlignedBytes& lane : lanes) {
+        out.push_back(lane.data());
+    }
+    AgainstMemcpy(state, in, [&] {
+        kernels.splitLanes(out.data(), channelCount,
+                           reinterpret_cast<const std::uint8_t*>(in.data()), kWriterFrames);
+    });
+}
+
+void BenchPlainSplit(benchmark::State& state, std::size_t channelCount) {
+    const std::vector<float> in = Noise(kWriterFrames * channelCount);
+    AlignedBytes out(in.size() * sizeof(float));
+    AgainstMemcpy(state, in, [&] {
+        for (std::size_t channel = 0; channel < channelCount; ++channel) {
+            CopyLane(out.data() + channel * kWriterFrames * sizeof(float), in.data(), kWriterFrames,
+                     channelCount, channel);
+        }
+    });
+}
+
+/// The label says how many times faster it is than one channel arrives at the highest rate.
+void BenchDsdPreview(benchmark::State& state) {
+    constexpr std::size_t kSamples = 4096;
+    std::vector<std::uint8_t> bits(kSamples * 8);
+    std::mt19937 random(2);
+    std::generate(bits.begin(), bits.end(), [&] { return static_cast<std::uint8_t>(random()); });
+    AlignedBytes out(kSamples * 2);
+    DsdToPcmWorkBuffer work{};
+    double best = std::numeric_limits<double>::max();
+    for ([[maybe_unused]] auto turn : state) {
+        const double seconds =
+            Seconds([&] { DSD_To_Int16LSB<true>(out.data(), bits.data(), kSamples, &work); });
+        best = std::min(best, seconds);
+        state.SetIterationTime(seconds);
+    }
+    const double seconds = static_cast<double>(kSamples) * 64.0 / 11'289'600.0;
+    state.SetLabel(std::to_string(static_cast<int>(seconds / best)) + " x real time");
+}
+
+void RegisterAll() {
+    const auto add = [](const std::string& name, auto function, auto... arguments) {
+        benchmark::RegisterBenchmark(
+            name.c_str(), [=](benchmark::State& state) { function(state, arguments...); })
+            ->UseManualTime()
+            ->Unit(benchmark::kMicrosecond);
+    };
+    for (const auto& [place, bytes] :
+         {std::pair("memory", kHugeBytes), std::pair("cache", kNearBytes)}) {
+        const std::string suffix = std::string("/") + place;
+        for (const InstructionSet set : SupportedInstructionSets()) {
+            const PcmKernels& kernels = KernelsFor(set);
+            const std::string tail = suffix + "/" + NameOf(set);
+            add("Int16" + tail, &BenchConverter, kernels.toInt16, bytes, 2U);
+            add("Int24" + tail, &BenchConverter, kernels.toInt24, bytes, 3U);
+            add("Int32" + tail, &BenchConverter, kernels.toInt32, bytes, 4U);
+        }
+        add("Float32" + suffix, &BenchConverter, &Float32_To_Float32LSB<false>, bytes, 4U);
+    }
+    for (const std::size_t channels : {1U, 2U, 6U}) {
+        for (const std::size_t width : {2U, 3U, 4U}) {
+            const std::string name = "GainConvertInterleave/" + std::to_string(channels) + "ch/" +
+                                     std::to_string(8 * width) + "bit/";
+            add(name + "plain", &BenchPlainGain, channels, width);
+            for (const InstructionSet set : SupportedInstructionSets()) {
+                add(name + NameOf(set), &BenchGain, std::cref(KernelsFor(set)), channels, width);
+            }
+        }
+    }
+    for (const std::size_t channels : {1U, 2U, 4U, 6U, 8U}) {
+        const std::string name = "SplitLanes/" + std::to_string(channels) + "ch/";
+        add(name + "plain", &BenchPlainSplit, channels);
+        for (const InstructionSet set : SupportedInstructionSets()) {
+            add(name + NameOf(set), &BenchSplit, std::cref(KernelsFor(set)), channels);
+        }
+    }
+    add("DsdPreview", &BenchDsdPreview);
+}
+
+}  // namespace
+}  // namespace vorrel
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    vorrel::RegisterAll();
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

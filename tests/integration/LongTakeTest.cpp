@@ -1,0 +1,56 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "TakeRig.h"
+
+namespace vorrel::test {
+namespace {
+
+/// Bytes of memory that the process holds now.
+std::uint64_t ResidentBytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmRSS:")) {
+            std::istringstream fields(line.substr(6));
+            std::uint64_t kibibytes = 0;
+            fields >> kibibytes;
+            return kibibytes * 1024;
+        }
+    }
+    return 0;
+}
+
+TEST(LongTakeTest, MemoryStaysBoundedInATakeOfTwoHours) {
+    SimulatedRecorderConfig config;
+    config.source = SimulatedSource::Counter;
+    config.channels = 2;
+    Take take(config, 48'000);
+    take.Select();
+    take.Start();
+    constexpr std::uint64_t kBuffersPerMinute = 20 * 60;
+    take.Deliver(kBuffersPerMinute);
+    const std::uint64_t afterAMinute = ResidentBytes();
+    ASSERT_GT(afterAMinute, 0U);
+
+    take.Deliver(119 * kBuffersPerMinute);
+
+    // The buffers of five seconds are full after the first minute; from then on only the queue's
+    // pool may still be touched for the first time.
+    EXPECT_LT(ResidentBytes(), afterAMinute + (16U << 20));
+    EXPECT_EQ(take.Length(true), 2U * 3'600U * 48'000U);
+    EXPECT_TRUE(take.delegate->messages.empty());
+    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    // The very end is whole.
+    std::vector<std::int16_t> last(2);
+    ASSERT_EQ(take.manager.GetPreviewData(345'599'999, 345'600'000, last.data(), true), VrSuccess);
+    const double sample = static_cast<double>(CounterSample(345'599'999, 1, 2));
+    EXPECT_EQ(last[1], static_cast<std::int16_t>(std::nearbyint(sample * 32768.0)));
+}
+
+}  // namespace
+}  // namespace vorrel::test
