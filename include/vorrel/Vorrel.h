@@ -98,17 +98,20 @@ VORREL_EXPORT VrError Vorrel_StartPreRecording() noexcept;
 ///         starting or stopping).
 VORREL_EXPORT VrError Vorrel_Start() noexcept;
 
-/// Stops. All that the device has delivered is stored before `VrRecOperationStopped` is sent; the
-/// data stay for saving and preview until `Vorrel_New` or the next start.
+/// Stops. All that the capture queue took is stored before `VrRecOperationStopped` is sent, unless
+/// storing has failed, which a message has told; the data stay for saving and preview until
+/// `Vorrel_New` or the next start.
 /// @param wait  true returns after the stop has completed, false at once.
+/// @note  May wait for the disk: the moment is logged between two blocks that are being stored.
 /// @return `VrSuccess`; `VrErrorNotInitialized`; `VrErrorInvalidState` (nothing to stop).
 VORREL_EXPORT VrError Vorrel_Stop(bool wait) noexcept;
 
-/// From now on what arrives does not count as recorded.
+/// From now on what arrives does not count as recorded. May wait for the disk, as `Vorrel_Stop`.
 /// @return `VrSuccess`; `VrErrorNotInitialized`; `VrErrorInvalidState` (not recording).
 VORREL_EXPORT VrError Vorrel_Pause() noexcept;
 
 /// From now on what arrives counts as recorded again. Turns a pre-recording into a recording, too.
+/// May wait for the disk, as `Vorrel_Stop`.
 /// @return `VrSuccess`; `VrErrorNotInitialized`; `VrErrorInvalidState` (not paused).
 VORREL_EXPORT VrError Vorrel_Resume() noexcept;
 
@@ -126,14 +129,16 @@ VORREL_EXPORT VrError Vorrel_StartPlay(double position) noexcept;
 /// @param samples  Receives (end - start) x channels signed 16-bit samples, interleaved
 ///                 frame by frame, channel 0 first. Owned by the host, not kept.
 /// @return `VrSuccess`; `VrErrorInvalidParameter` (null buffer, empty or unbuilt range);
-///         `VrErrorNotInitialized`; `VrErrorFailed` (a spill file cannot be read).
+///         `VrErrorNotInitialized`; `VrErrorFailed` (a spill file cannot be read, or a start has
+///         just discarded the data).
 /// @note Writes only on success. Recording or not; may wait for the disk. A preview frame is one
 ///       sample at PCM and 64 one-bit samples at DSD.
 VORREL_EXPORT VrError Vorrel_GetPreviewData(std::uint64_t start, std::uint64_t end,
                                             std::int16_t* samples) noexcept;
 
-/// The same of everything captured, pauses and pre-recording included, of which only the latest
-/// seconds are kept.
+/// The same of everything captured, pauses and pre-recording included, of which two memory buffers
+/// of five seconds each are kept: the first and the newest until something has been read, later the
+/// one read last and the newest.
 /// @param start    First preview frame since the device started.
 /// @param end      One past the last frame: start < end <= `Vorrel_GetRecordingPreviewDataLength`.
 /// @param samples  As for `Vorrel_GetPreviewData`.
@@ -160,7 +165,8 @@ VORREL_EXPORT VrError Vorrel_SaveFile(const std::vector<VrSaveSetting>* settings
 /// @param file   Receives the progress of the file being written.
 /// @param total  Receives the progress of the whole request.
 /// @return `VrSuccess`; `VrErrorInvalidParameter` (null); `VrErrorNotInitialized`;
-///         `VrErrorInvalidState` (no request had anything to write): both stay as they are.
+///         `VrErrorInvalidState` (no request yet, or the last one had nothing to write): both stay
+///         as they are. Until the worker of a new request has begun, the last one's are given.
 VORREL_EXPORT VrError Vorrel_SaveFileProgress(std::int32_t* file, std::int32_t* total) noexcept;
 
 /// Asks the running save to stop at its next block. The first request wins; the next save

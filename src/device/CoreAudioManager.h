@@ -20,7 +20,7 @@ namespace vorrel {
 /// transfer and streaming. Configuration calls come from one thread at a time.
 ///
 /// A status of the audio layer comes back as `ConvertErrorCode` has it. Unless a method says
-/// otherwise, it checks in the documented order, and a refused call changes nothing, its outputs
+/// otherwise, it checks in the order that it names, and a refused call changes nothing, its outputs
 /// included. "Selected" means: between a `SetAudioDevice` that succeeded and `ReleaseDevice`.
 class CoreAudioManager {
 public:

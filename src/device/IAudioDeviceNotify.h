@@ -8,8 +8,6 @@ namespace vorrel {
 /// What the device layer tells the manager.
 class IAudioDeviceNotify {
 public:
-    virtual ~IAudioDeviceNotify() = default;
-
     /// The device reported a processor overload. A notification thread of the back end.
     virtual void AudioDevice_ProcessorOverload() = 0;
     /// The device's alive state changed, typically unplugged. A notification thread.
@@ -17,6 +15,9 @@ public:
     /// One IO cycle's captured buffers. The device's real-time thread.
     VORREL_REALTIME virtual void AudioDevice_IOProc(const AudioBufferList* input,
                                                     AudioBufferList* output) = 0;
+
+protected:
+    ~IAudioDeviceNotify() = default;  // nobody deletes through it
 };
 
 }  // namespace vorrel

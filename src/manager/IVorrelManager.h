@@ -8,8 +8,6 @@ namespace vorrel {
 /// be called on any thread; none blocks on the host.
 class IVorrelManager {
 public:
-    virtual ~IVorrelManager() = default;
-
     /// Wakes the convert worker; does nothing while it is not running.
     virtual void ConvertThread_AddDataNotify() = 0;
     /// Submits a notification for the host's main thread.
@@ -26,6 +24,9 @@ public:
     virtual const char* GetTempDirectory() = 0;
     /// True when that path names an existing directory.
     virtual bool IsTempDirectoryExists() = 0;
+
+protected:
+    ~IVorrelManager() = default;  // nobody deletes through it
 };
 
 }  // namespace vorrel

@@ -1,6 +1,7 @@
 #include "manager/VorrelManager.h"
 
 #include <exception>
+#include <new>
 #include <tuple>
 #include <utility>
 
@@ -14,6 +15,8 @@ namespace {
 constexpr std::uint64_t kBufferMilliseconds = 50;
 // A preview frame stands for this many one-bit samples.
 constexpr std::uint64_t kDsdBitsPerPreviewFrame = 64;
+// Past any device's; keeps the frames of a buffer a 32-bit number.
+constexpr double kMaxRateHz = 4e9;
 // One 16-bit word of the device carries this many one-bit samples.
 constexpr std::size_t kDsdWordBytes = 2;
 
@@ -31,16 +34,14 @@ VorrelManager::VorrelManager(BackendProvider provider)
 
 VorrelManager::~VorrelManager() {
     // Queued start and stop work uses every member; none may go before it has run.
-    if (state.load() >= ManagerState::Ready) {
-        helperQueue.Sync([] {});
-    }
+    helperQueue.Close();
 }
 
 VrError VorrelManager::Init(std::shared_ptr<IVorrelDelegate> newDelegate) {
     if (!newDelegate) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() != ManagerState::Uninitialized) {
+    if (State() != ManagerState::Uninitialized) {
         return VrErrorAlreadyInitialized;
     }
     delegate = std::move(newDelegate);
@@ -55,10 +56,10 @@ VrError VorrelManager::Init(std::shared_ptr<IVorrelDelegate> newDelegate) {
 }
 
 VrError VorrelManager::New() {
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() > ManagerState::Ready) {
+    if (State() > ManagerState::Ready) {
         return VrErrorInvalidState;
     }
     // A store that cannot get its small buffers is empty all the same.
@@ -69,17 +70,17 @@ VrError VorrelManager::New() {
 }
 
 VrError VorrelManager::StartPreRecording() {
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() != ManagerState::Ready) {
+    if (State() != ManagerState::Ready) {
         return VrErrorInvalidState;
     }
     return RequestStart(true);
 }
 
 VrError VorrelManager::Start() {
-    switch (state.load()) {
+    switch (State()) {
         case ManagerState::Uninitialized:
             return VrErrorNotInitialized;
         case ManagerState::Ready:
@@ -87,8 +88,8 @@ VrError VorrelManager::Start() {
         case ManagerState::Paused:
             // Kept: an ordinary pause, too, is left with a record event and a record-started
             // notification (VorrelManagerTest.StartInAPauseSendsRecordStarted).
-            state = ManagerState::Recording;
             AddRecordEvent(kRecordEventRecord);
+            state = ManagerState::Recording;
             recordStartPending = true;
             return VrSuccess;
         default:
@@ -111,34 +112,45 @@ VrError VorrelManager::RequestStart(bool preRecording) {
 }
 
 VrError VorrelManager::Stop(bool wait) {
-    switch (state.load()) {
+    const ManagerState former = State();
+    switch (former) {
         case ManagerState::Uninitialized:
             return VrErrorNotInitialized;
         case ManagerState::Starting:
         case ManagerState::Recording:
         case ManagerState::Paused:
-            recordStartPending = false;
-            state = ManagerState::Stopping;
-            AddRecordEvent(kRecordEventStop);
-            // The queue is serial: a start that has not run yet runs first.
-            if (wait) {
-                helperQueue.Sync([this] { RecStopImpl(); });
-            } else {
-                helperQueue.Async([this] { RecStopImpl(); });
-            }
-            return VrSuccess;
+            break;
         case ManagerState::Playing:
             return VrErrorNotSupported;
         default:
             return VrErrorInvalidState;
     }
+    ++pendingStops;
+    recordStartPending = false;
+    state = ManagerState::Stopping;
+    try {
+        AddRecordEvent(kRecordEventStop);
+        // The queue is serial: a start that has not run yet runs first.
+        if (wait) {
+            helperQueue.Sync([this] { RecStopImpl(); });
+        } else {
+            helperQueue.Async([this] { RecStopImpl(); });
+        }
+    } catch (const std::exception& error) {
+        // No memory: nothing has been queued, and the host may try again.
+        Trace(__FILE__, __LINE__, "stop refused: %s", error.what());
+        state = former;
+        --pendingStops;
+        return VrErrorFailed;
+    }
+    return VrSuccess;
 }
 
 VrError VorrelManager::Pause() {
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() != ManagerState::Recording) {
+    if (State() != ManagerState::Recording) {
         return VrErrorInvalidState;
     }
     AddRecordEvent(kRecordEventPause);
@@ -147,10 +159,10 @@ VrError VorrelManager::Pause() {
 }
 
 VrError VorrelManager::Resume() {
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() != ManagerState::Paused) {
+    if (State() != ManagerState::Paused) {
         return VrErrorInvalidState;
     }
     AddRecordEvent(kRecordEventResume);
@@ -195,6 +207,9 @@ void VorrelManager::RecStartImpl(bool preRecording) {
         if (const VrError error = audioManager.GetSampleRate(deviceRate); error != VrSuccess) {
             return error;
         }
+        if (!(deviceRate >= 1.0 && deviceRate <= kMaxRateHz)) {
+            return VrErrorFailed;
+        }
         const auto rate = static_cast<std::uint64_t>(deviceRate);
         std::int64_t type = 0;
         if (const VrError error = audioManager.GetSampleType(type); error != VrSuccess) {
@@ -221,6 +236,7 @@ void VorrelManager::RecStartImpl(bool preRecording) {
         if (const VrError error = dataQueue.Init(channels); error != VrSuccess) {
             return error;
         }
+        captureBlocks = std::vector<Block>(channels);
         dataQueue.ReserveBlocks(frames * (isDsd ? kDsdWordBytes : sizeof(float)));
         if (const VrError error = recordData.Init(channels, rate, sampleType, &rangeManager);
             error != VrSuccess) {
@@ -248,11 +264,17 @@ void VorrelManager::RecStartImpl(bool preRecording) {
     VrError result = VrErrorFailed;
     try {
         result = startAll();
+        if (result == VrSuccess && !preRecording) {
+            // Before the state that lets the host log its own events.
+            AddRecordEvent(kRecordEventRecord);
+        }
     } catch (const std::exception& error) {
         Trace(__FILE__, __LINE__, "start failed: %s", error.what());
+        result = VrErrorFailed;
     }
 
     if (result != VrSuccess) {
+        std::ignore = audioManager.Stop();  // runs only if what came after its start failed
         if (convertThreadStarted) {
             convertThread.Stop();
         }
@@ -263,11 +285,7 @@ void VorrelManager::RecStartImpl(bool preRecording) {
         NotifyErrorMessageProc(VrMessageDeviceError, nullptr);
         return;
     }
-
     state = preRecording ? ManagerState::Paused : ManagerState::Recording;
-    if (!preRecording) {
-        AddRecordEvent(kRecordEventRecord);
-    }
     NotifyOperationProc(VrRecOperationDeviceStarted);
 }
 
@@ -277,7 +295,9 @@ void VorrelManager::RecStopImpl() {
     std::ignore = audioManager.Stop();
     recThread.Stop();
     convertThread.Stop();
+    recordStartPending = false;
     state = ManagerState::Ready;
+    --pendingStops;
     NotifyOperationProc(VrRecOperationStopped);
 }
 
@@ -285,24 +305,40 @@ void VorrelManager::ConvertThread_AddDataNotify() {
     convertThread.AddDataNotify();
 }
 
+void VorrelManager::Notify(std::function<void(IVorrelDelegate&)> notification) noexcept {
+    try {
+        PostToMainQueue([receiver = delegate, notification = std::move(notification)] {
+            notification(*receiver);
+        });
+    } catch (const std::exception& error) {
+        Trace(__FILE__, __LINE__, "notification lost: %s", error.what());
+    }
+}
+
 void VorrelManager::NotifyOperationProc(VrRecOperation operation) {
-    PostToMainQueue(
-        [receiver = delegate, operation] { receiver->Vorrel_NotifyOperationProc(operation); });
+    Notify(
+        [operation](IVorrelDelegate& receiver) { receiver.Vorrel_NotifyOperationProc(operation); });
 }
 
 void VorrelManager::NotifyStreamPosProc(double seconds) {
-    PostToMainQueue(
-        [receiver = delegate, seconds] { receiver->Vorrel_NotifyStreamPosProc(seconds); });
+    Notify([seconds](IVorrelDelegate& receiver) { receiver.Vorrel_NotifyStreamPosProc(seconds); });
 }
 
 void VorrelManager::NotifyConvertPosProc(double seconds) {
-    PostToMainQueue(
-        [receiver = delegate, seconds] { receiver->Vorrel_NotifyConvertPosProc(seconds); });
+    Notify([seconds](IVorrelDelegate& receiver) { receiver.Vorrel_NotifyConvertPosProc(seconds); });
 }
 
 void VorrelManager::NotifyErrorMessageProc(int kind, const char* message) {
-    PostToMainQueue([receiver = delegate, kind, text = std::string(message ? message : "")] {
-        receiver->Vorrel_NotifyErrorMessageProc(static_cast<VrMessageKind>(kind), text);
+    const auto shared = [&] {
+        try {
+            return std::make_shared<const std::string>(message == nullptr ? "" : message);
+        } catch (const std::bad_alloc&) {
+            return std::shared_ptr<const std::string>();  // the kind alone still tells
+        }
+    }();
+    Notify([kind, shared](IVorrelDelegate& receiver) {
+        receiver.Vorrel_NotifyErrorMessageProc(static_cast<VrMessageKind>(kind),
+                                               shared ? *shared : std::string());
     });
 }
 

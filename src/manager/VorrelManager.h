@@ -4,7 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -53,7 +55,7 @@ public:
     /// @param provider  Gives the back ends at the first device call.
     explicit VorrelManager(BackendProvider provider = SelectBackends);
     /// Finishes queued start and stop work, then releases the parts in reverse order.
-    ~VorrelManager() override;
+    ~VorrelManager();
     VorrelManager(const VorrelManager&) = delete;
     VorrelManager& operator=(const VorrelManager&) = delete;
 
@@ -105,7 +107,11 @@ public:
     VORREL_REALTIME static void Float_To_DSD16(std::int16_t* dst, const float* src,
                                                std::size_t count);
 
-    ManagerState State() const { return state.load(); }
+    /// What the host may be told: `Stopping` from the moment a stop is accepted until it has
+    /// finished, whatever a start that runs before it sets meanwhile.
+    ManagerState State() const {
+        return pendingStops.load() > 0 ? ManagerState::Stopping : state.load();
+    }
 
 private:
     friend struct VorrelManagerParts;  // a test's way to hold a lock as a slow disk would
@@ -116,14 +122,23 @@ private:
     void RecStartImpl(bool preRecording);
     /// Stop work, on the helper queue.
     void RecStopImpl();
+    /// Submits a notification; one for which there is no memory is traced and lost.
+    void Notify(std::function<void(IVorrelDelegate&)> notification) noexcept;
     /// Logs a record event at the present raw length, between two turns of the record worker.
     void AddRecordEvent(int kind);
 
+    struct Lanes;
+    /// Queues one block of every channel of every buffer, filled by `fill(blocks, lanes)`, and
+    /// wakes the record worker.
+    template <class Fill>
+    VORREL_REALTIME void QueueBlocks(const AudioBufferList* input, std::size_t bytesPerFrame,
+                                     const Fill& fill);
     VORREL_REALTIME void IOProc_PCM(const AudioBufferList* input, AudioBufferList* output);
     VORREL_REALTIME void IOProc_DSD16(const AudioBufferList* input, AudioBufferList* output);
-    /// Queues a block; the first one that a full queue refuses in a recording is reported.
-    VORREL_REALTIME VrError Enqueue(std::uint16_t channel, Block&& block);
-    /// Tells the host of a lost block, once per recording.
+    /// Queues the blocks of one device buffer; the first that a full queue refuses in a recording
+    /// is reported.
+    VORREL_REALTIME VrError Enqueue(std::span<Block> blocks);
+    /// Tells the host of a lost buffer, once per recording.
     VORREL_REALTIME void ReportOverflow();
 
     VrError FindDevices(std::vector<FoundDeviceInfo>& list);
@@ -151,11 +166,14 @@ private:
     PreviewData previewData;
     RecordData recordData;
     AsioDataQueue dataQueue;
+    // One block of each channel, empty between two callbacks; sized before the device starts.
+    std::vector<Block> captureBlocks;
     SaveThread saveThread;
     ConvertThread convertThread;
     RecThread recThread;
     CoreAudioManager audioManager;
     std::atomic<ManagerState> state{ManagerState::Uninitialized};
+    std::atomic<int> pendingStops{0};    // accepted and not finished
     std::uint32_t excludedRateMask = 0;  // of the selected device; kept until the next selection
 };
 

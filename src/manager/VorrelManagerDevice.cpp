@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <new>
 #include <span>
 #include <tuple>
 #include <utility>
@@ -70,16 +71,18 @@ VrError VorrelManager::GetAudioDevices(std::vector<std::string>* names) {
         return VrErrorInvalidParameter;
     }
     names->clear();
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
     std::vector<FoundDeviceInfo> found;
     if (const VrError error = FindDevices(found); error != VrSuccess) {
         return error;
     }
+    std::vector<std::string> listed;
     for (const FoundDeviceInfo& device : found) {
-        names->push_back(device.name);
+        listed.push_back(device.name);
     }
+    *names = std::move(listed);
     return VrSuccess;
 }
 
@@ -87,10 +90,10 @@ VrError VorrelManager::SetAudioDevice(const char* name) {
     if (name == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() > ManagerState::Ready) {
+    if (State() > ManagerState::Ready) {
         return VrErrorInvalidState;
     }
 
@@ -110,9 +113,14 @@ VrError VorrelManager::SetAudioDevice(const char* name) {
     if (const VrError error = audioManager.SetAudioDevice(*device, this); error != VrSuccess) {
         return error;
     }
-    if (const VrError error = GetAudioDeviceInfo(*device); error != VrSuccess) {
+    VrError described = VrErrorFailed;
+    try {
+        described = GetAudioDeviceInfo(*device);
+    } catch (const std::bad_alloc&) {
+    }
+    if (described != VrSuccess) {
         std::ignore = audioManager.ReleaseDevice();
-        return error;
+        return described;
     }
     excludedRateMask = device->excludedRateMask;
     state = ManagerState::Ready;
@@ -150,10 +158,10 @@ VrError VorrelManager::GetAudioDeviceInfo(std::shared_ptr<VrAudioDeviceInfo>* in
     if (info == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() == ManagerState::Initialized) {
+    if (State() == ManagerState::Initialized) {
         return VrErrorInvalidState;
     }
     *info = deviceInfo;
@@ -171,10 +179,10 @@ VrError VorrelManager::SetRecordSetting(const VrRecordSetting* setting) {
         (setting->bits < kMinBits || setting->bits > kMaxBits)) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() != ManagerState::Ready) {
+    if (State() != ManagerState::Ready) {
         return VrErrorInvalidState;
     }
     const std::int64_t type = setting->rec_type == kRecTypePcm ? kSampleTypePcm : kSampleTypeDsd;
@@ -194,10 +202,10 @@ VrError VorrelManager::GetRecordSetting(std::shared_ptr<VrRecordSetting>* settin
     if (setting == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() == ManagerState::Initialized) {
+    if (State() == ManagerState::Initialized) {
         return VrErrorInvalidState;
     }
     std::int64_t type = kSampleTypePcm;

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <filesystem>
+#include <new>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -18,7 +19,7 @@ VrError VorrelManager::SaveFile(const std::vector<VrSaveSetting>* settings) {
     if (settings == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
     std::vector<VrSaveSettingInternal> files;
@@ -27,7 +28,7 @@ VrError VorrelManager::SaveFile(const std::vector<VrSaveSetting>* settings) {
         files.push_back({setting.path, setting.start, setting.end, setting.gain, setting.tags});
     }
     // Kept: the list is replaced before the worker is asked whether it is busy; a worker that is
-    // has its own share of the old one (VorrelManagerTest.ASaveDuringASaveFailsAndHarmsNothing).
+    // has its own share of the old one (SaveRequestTest.ASaveDuringASaveFailsAndHarmsNothing).
     saveSettings = std::make_shared<const std::vector<VrSaveSettingInternal>>(std::move(files));
     return saveThread.SaveFiles(saveSettings, recordData);
 }
@@ -36,7 +37,7 @@ VrError VorrelManager::SaveFileProgress(std::int32_t* fileProgress, std::int32_t
     if (fileProgress == nullptr || totalProgress == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
     return saveThread.GetProgress(*fileProgress, *totalProgress);
@@ -52,7 +53,7 @@ VrError VorrelManager::GetPreviewData(std::uint64_t start, std::uint64_t end, st
     if (buffer == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
     std::vector<std::int16_t> frames;
@@ -72,7 +73,7 @@ VrError VorrelManager::GetPreviewDataLength(std::uint64_t* length, bool availabl
     if (length == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
     *length = previewData.GetLength(available);
@@ -80,16 +81,16 @@ VrError VorrelManager::GetPreviewDataLength(std::uint64_t* length, bool availabl
 }
 
 VrError VorrelManager::SetTempDirectory(const char* path) {
-    if (state.load() == ManagerState::Uninitialized) {
+    if (State() == ManagerState::Uninitialized) {
         return VrErrorNotInitialized;
     }
-    if (state.load() != ManagerState::Initialized && state.load() != ManagerState::Ready) {
+    if (State() != ManagerState::Initialized && State() != ManagerState::Ready) {
         return VrErrorInvalidState;
     }
-    const bool isFirst = tempDirectory.load() == nullptr;
+    const bool isFirst = *GetTempDirectory() == '\0';
     if (path == nullptr || !PathIsDirectory(path)) {
         // Kept: the first path stays although it is refused, so that storing fails cleanly with a
-        // missing directory (VorrelManagerTest.KeepsTheFirstTempDirectoryAlthoughItIsRefused).
+        // missing directory (SaveRequestTest.KeepsTheFirstTempDirectoryAlthoughItIsRefused).
         if (path != nullptr && isFirst) {
             SetCurrentTempDirectory(path);
         }
@@ -99,14 +100,17 @@ VrError VorrelManager::SetTempDirectory(const char* path) {
         SetCurrentTempDirectory(path);
     }
     if (IsTempDirectoryExists()) {
-        DeleteLeftoverSpillFiles();
+        // Errors are silent: what cannot be deleted is no reason to refuse the directory.
+        try {
+            DeleteLeftoverSpillFiles();
+        } catch (const std::bad_alloc&) {
+        }
     }
     SetCurrentTempDirectory(path);
     return VrSuccess;
 }
 
 void VorrelManager::DeleteLeftoverSpillFiles() {
-    // Errors are silent: what cannot be deleted is no reason to refuse the directory.
     std::error_code error;
     for (std::filesystem::directory_iterator entry(GetTempDirectory(), error), end;
          !error && entry != end; entry.increment(error)) {

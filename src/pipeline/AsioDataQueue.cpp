@@ -46,6 +46,17 @@ void AsioDataQueue::BlockRing::Reserve(std::size_t slotCount) {
     front = 0;
 }
 
+bool AsioDataQueue::BlockRing::MakeSlot() noexcept {
+    try {
+        if (count == slots.size()) {
+            Reserve(std::max(2 * count, kFirstSlots));
+        }
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 void AsioDataQueue::BlockRing::Push(Block&& block) {
     if (count == slots.size()) {
         Reserve(std::max(2 * count, kFirstSlots));
@@ -175,8 +186,7 @@ VrError AsioDataQueue::Enqueue(std::uint16_t channel, Block&& block) {
     VrError error = VrErrorInvalidParameter;
     if (channel < channelQueues.size()) {
         BlockRing& ring = channelQueues[channel];
-        // The block's size stands for that of all that wait; divided, so that it cannot overflow.
-        if (dropped.empty() || ring.Size() <= kMaxWaitingBytes / dropped.size()) {
+        if (Accepts(ring, dropped)) {
             try {
                 ring.Push(std::move(dropped));
                 return VrSuccess;
@@ -191,6 +201,30 @@ VrError AsioDataQueue::Enqueue(std::uint16_t channel, Block&& block) {
         PushPooled(std::move(dropped));
     }
     return error;
+}
+
+bool AsioDataQueue::Accepts(const BlockRing& ring, const Block& block) const {
+    // The block's size stands for that of all that wait; divided, so that it cannot overflow.
+    return block.empty() || ring.Size() <= kMaxWaitingBytes / block.size();
+}
+
+VrError AsioDataQueue::EnqueueBuffer(std::span<Block> blocks) {
+    const MutexLock lock(mutex);
+    const std::size_t count = std::min(blocks.size(), channelQueues.size());
+    bool accepted = true;
+    for (std::size_t channel = 0; channel < count; ++channel) {
+        BlockRing& ring = channelQueues[channel];
+        accepted = accepted && Accepts(ring, blocks[channel]) && ring.MakeSlot();
+    }
+    for (std::size_t channel = 0; channel < blocks.size(); ++channel) {
+        if (accepted && channel < count) {
+            channelQueues[channel].Push(std::move(blocks[channel]));
+        } else if (blocks[channel].capacity() > 0 && HasRoomInPool()) {
+            // Whatever its size: freeing may wait, and this is the callback.
+            PushPooled(std::move(blocks[channel]));
+        }
+    }
+    return accepted ? VrSuccess : VrErrorFailed;
 }
 
 VrError AsioDataQueue::Dequeue(std::uint16_t channel, Block& out) {

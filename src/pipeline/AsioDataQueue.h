@@ -39,6 +39,11 @@ public:
     /// whatever comes of it, and what it drops goes to the pool.
     VrError Enqueue(std::uint16_t channel, const Block& block) VORREL_EXCLUDES(mutex);
     VORREL_REALTIME VrError Enqueue(std::uint16_t channel, Block&& block) VORREL_EXCLUDES(mutex);
+    /// Appends one device buffer, `blocks[channel]` for each channel from 0 on, under one lock and
+    /// whole or not at all: were only the full channels to lose their block, they would stay one
+    /// buffer ahead of the others for the rest of the take. Blocks past the last channel go back
+    /// to the pool. `VrErrorFailed` (a channel is full): all are dropped.
+    VORREL_REALTIME VrError EnqueueBuffer(std::span<Block> blocks) VORREL_EXCLUDES(mutex);
     /// Moves the front block into `out`, or empties `out` when there is none. What `out` held
     /// goes back to the pool. `VrErrorInvalidParameter` (no such channel) leaves `out` alone.
     VrError Dequeue(std::uint16_t channel, Block& out) VORREL_EXCLUDES(mutex);
@@ -55,6 +60,8 @@ private:
         void Reserve(std::size_t slotCount);
         std::size_t Size() const { return count; }
         void Push(Block&& block);
+        /// Makes sure that `Push` has a slot. @return false when there is no memory for one.
+        bool MakeSlot() noexcept;
         Block Pop();
 
     private:
@@ -62,6 +69,7 @@ private:
         std::size_t front = 0, count = 0;
     };
 
+    bool Accepts(const BlockRing& ring, const Block& block) const VORREL_REQUIRES(mutex);
     Block PopPooled() VORREL_REQUIRES(mutex);
     bool HasRoomInPool() const VORREL_REQUIRES(mutex) { return pool.size() < pool.capacity(); }
     void PushPooled(Block&& block) VORREL_REQUIRES(mutex);
@@ -71,7 +79,9 @@ private:
         VORREL_GUARDED_BY(mutex);  // all slots reserved by `Init`; last in first out
     std::size_t poolBytes VORREL_GUARDED_BY(mutex) = 0;       // sum of the capacities in `pool`
     std::size_t poolBytesLimit VORREL_GUARDED_BY(mutex) = 0;  // what the worker gives back at most
-    Mutex mutex;  // held for one push or pop, never across a file, a callback or another lock
+    // Held for one push or pop of each channel, never across a file, a callback or another lock.
+    // The device's thread waits for it, so who holds it inherits that thread's priority.
+    Mutex mutex{kPriorityInheritance};
 };
 
 }  // namespace vorrel

@@ -6,6 +6,13 @@
 #include "pipeline/Tenths.h"
 
 namespace vorrel {
+namespace {
+
+// Bytes of a stretch without sound. DSD has no zero: as many ones as zeros stand for it.
+constexpr std::uint8_t kPcmSilence = 0x00;
+constexpr std::uint8_t kDsdSilence = 0x69;
+
+}  // namespace
 
 ConvertThread::Run::Run(std::uint16_t channels)
     : input(channels), output(channels), work(channels) {}
@@ -94,7 +101,8 @@ void ConvertThread::ConvertChannel(Run& run, std::uint16_t channel, std::uint64_
     std::ignore =
         recordData->GetData(channel, run.converted, run.converted + samples, input, false);
     const std::uint64_t storedBits = std::uint64_t{sampleType->bits} + sampleType->padBits;
-    input.resize(static_cast<std::size_t>(samples * storedBits / 8), 0);
+    input.resize(static_cast<std::size_t>(samples * storedBits / 8),
+                 sampleType->isDsd != 0 ? kDsdSilence : kPcmSilence);
     output.resize(static_cast<std::size_t>(frames));
     sampleType->toPreview(reinterpret_cast<std::uint8_t*>(output.data()), input.data(),
                           static_cast<std::size_t>(frames), &run.work[channel]);

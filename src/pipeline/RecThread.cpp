@@ -1,6 +1,10 @@
 #include "pipeline/RecThread.h"
 
+#include <exception>
+#include <new>
+
 #include "pipeline/Tenths.h"
+#include "platform/Trace.h"
 
 namespace vorrel {
 
@@ -23,6 +27,11 @@ VrError RecThread::Start(AsioDataQueue* input, RecordData* data, std::uint16_t c
     queue = input;
     recordData = data;
     channels = channelCount;
+    try {
+        turn = Turn{std::vector<Block>(channels)};
+    } catch (const std::bad_alloc&) {
+        return VrErrorFailed;
+    }
     return Create(PriorityHigh) ? VrSuccess : VrErrorFailed;
 }
 
@@ -42,8 +51,6 @@ void RecThread::Stop() {
 }
 
 void RecThread::ThreadImpl() {
-    // Kept across wake-ups: a pass may end between two channels of one device buffer.
-    Turn turn{std::vector<Block>(channels)};
     std::uint64_t lastTenths = 0;
     bool leave = false;
     while (!leave) {
@@ -51,10 +58,17 @@ void RecThread::ThreadImpl() {
         // Read before the drain, so that a drain follows all that was queued before Stop: seen
         // only after it, the request could hide blocks that came in between.
         leave = stopRequested.load(std::memory_order_acquire);
-        bool stored = Drain(turn, lastTenths);
-        if (stored && leave) {
-            // A full queue has lost blocks of some channels; those of the others count.
-            stored = StoreCollected(turn);
+        bool stored = false;
+        try {
+            stored = Drain(lastTenths);
+            if (stored && leave) {
+                // A full queue has lost blocks of some channels; those of the others count.
+                stored = StoreCollected();
+            }
+        } catch (const std::exception& error) {
+            // Memory is short: to the host, as to the take, a block that cannot be stored.
+            Trace(__FILE__, __LINE__, "the record worker ends: %s", error.what());
+            stored = false;
         }
         if (!stored) {
             manager.NotifyErrorMessageProc(manager.IsTempDirectoryExists()
@@ -69,7 +83,7 @@ void RecThread::ThreadImpl() {
 }
 
 /// Stores turns until a channel has nothing more. @return false when a store failed.
-bool RecThread::Drain(Turn& turn, std::uint64_t& lastTenths) {
+bool RecThread::Drain(std::uint64_t& lastTenths) {
     for (;;) {
         // All of a turn is collected before any of it is stored: the callback may still be
         // queueing this device buffer, and the turn lock must not be held until it has.
@@ -80,14 +94,14 @@ bool RecThread::Drain(Turn& turn, std::uint64_t& lastTenths) {
             }
             ++turn.collected;
         }
-        if (!StoreCollected(turn)) {
+        if (!StoreCollected()) {
             return false;
         }
         ReportPosition(lastTenths);
     }
 }
 
-bool RecThread::StoreCollected(Turn& turn) {
+bool RecThread::StoreCollected() {
     const std::uint16_t count = turn.collected;
     turn.collected = 0;
     // No event falls between two channels of one device buffer: it would skew them for the rest

@@ -23,12 +23,13 @@ public:
     /// Starts the worker. Queue and store are not owned and stay until `Stop`; both have been
     /// initialised for `channels`.
     /// @return `VrErrorInvalidParameter` (no queue, no store, 0 channels); `VrErrorFailed` (not
-    ///         stopped since the last start, or no thread to be had).
+    ///         stopped since the last start, or no thread or memory to be had).
     VrError Start(AsioDataQueue* queue, RecordData* data, std::uint16_t channels);
     /// Wakes the worker, after every device buffer; nothing while it is not started.
     VORREL_REALTIME void AddDataNotify();
-    /// Ends the worker and waits for it. Every block queued before has then reached the store,
-    /// unless storing failed. The device is stopped first. Nothing while it is not started.
+    /// Ends the worker and waits for it. Every device buffer queued before has then reached the
+    /// store, unless storing failed; what has no fellow in another channel stays in the queue. The
+    /// device is stopped first. Nothing while it is not started.
     void Stop();
 
 private:
@@ -39,8 +40,8 @@ private:
     };
 
     void ThreadImpl() override;
-    bool Drain(Turn& turn, std::uint64_t& lastTenths);
-    bool StoreCollected(Turn& turn);
+    bool Drain(std::uint64_t& lastTenths);
+    bool StoreCollected();
     void ReportPosition(std::uint64_t& lastTenths);
 
     IVorrelManager& manager;
@@ -49,6 +50,7 @@ private:
     AsioDataQueue* queue = nullptr;
     RecordData* recordData = nullptr;
     std::uint16_t channels = 0;
+    Turn turn;  // kept across wake-ups: a pass may end between two channels of one device buffer
 };
 
 }  // namespace vorrel

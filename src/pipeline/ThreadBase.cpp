@@ -125,7 +125,7 @@ unsigned ThreadBase::ResetEventNum(unsigned count) {
     eventConditions.resize(eventCount);
     eventFlags.resize(eventCount);
     for (unsigned n = 0; n < eventCount; ++n) {
-        eventMutexes[n] = std::make_shared<Mutex>();
+        eventMutexes[n] = std::make_shared<Mutex>(kPriorityInheritance);
         eventConditions[n] = std::make_shared<ConditionVariable>();
         eventFlags[n] = std::make_shared<bool>(false);
     }
@@ -136,6 +136,10 @@ void ThreadBase::ThreadProc(void* self) {
     auto& worker = *static_cast<ThreadBase*>(self);
     try {
         SetCurrentThreadPriority(SystemPriority(worker.priority));
+    } catch (const std::exception&) {
+        // Memory is short for the line that traces a refusal: the worker runs all the same.
+    }
+    try {
         worker.ThreadImpl();
     } catch (const std::exception& error) {
         Trace(__FILE__, __LINE__, "a worker ended by an exception: %s", error.what());

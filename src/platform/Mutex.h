@@ -15,13 +15,24 @@
 
 namespace vorrel {
 
+/// Asks for a mutex whose owner inherits the priority of those who wait for it.
+struct PriorityInheritance {};
+inline constexpr PriorityInheritance kPriorityInheritance;
+
 /// A mutex that clang's thread-safety analysis knows.
 class VORREL_THREAD_ANNOTATION(capability("mutex")) Mutex {
 public:
+    Mutex() = default;
+    /// For a mutex that the device's thread takes: a worker that holds it is not kept from its
+    /// processor by threads in between. Where the system has no such mutex, it is an ordinary one.
+    explicit Mutex(PriorityInheritance) { SetPriorityInheritance(impl); }
+
     void lock() VORREL_THREAD_ANNOTATION(acquire_capability()) { impl.lock(); }
     void unlock() VORREL_THREAD_ANNOTATION(release_capability()) { impl.unlock(); }
 
 private:
+    static void SetPriorityInheritance(std::mutex& mutex);
+
     friend class ConditionVariable;
     std::mutex impl;
 };

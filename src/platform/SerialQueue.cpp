@@ -10,6 +10,10 @@ namespace vorrel {
 SerialQueue::SerialQueue(std::string queueLabel) : label(std::move(queueLabel)) {}
 
 SerialQueue::~SerialQueue() {
+    Close();
+}
+
+void SerialQueue::Close() {
     std::thread ending;
     {
         const MutexLock lock(mutex);

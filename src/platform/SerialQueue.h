@@ -21,6 +21,10 @@ public:
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
+    /// Runs what is still queued and ends the thread, as the destructor does; does nothing without
+    /// a thread. What is submitted afterwards is not run.
+    void Close() VORREL_EXCLUDES(mutex);
+
     /// Queues `task` and returns at once. What a task throws is traced and goes no further.
     /// @throws std::system_error  The thread cannot be started; `task` is not queued then.
     void Async(std::function<void()> task) VORREL_EXCLUDES(mutex);

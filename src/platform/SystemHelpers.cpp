@@ -129,7 +129,10 @@ std::size_t lstrlen(const wchar_t* text) {
 }
 
 int localtime_s(std::tm* result, const std::time_t* time) {
-    *result = *std::localtime(time);
+    // The re-entrant form gives the same record; a time past the calendar gives an empty one.
+    if (::localtime_r(time, result) == nullptr) {
+        *result = {};
+    }
     return 0;
 }
 

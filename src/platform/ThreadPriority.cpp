@@ -26,6 +26,12 @@ constexpr double kNormalPriority = 0.5;
 constexpr double kHighestPriority = 1.0;
 
 int SetRoundRobin(int priority) {
+    // With a limit on real-time computing, the system ends a process whose worker computes for
+    // longer than that without waiting, and a long backlog makes one do so.
+    rlimit computing{};
+    if (::getrlimit(RLIMIT_RTTIME, &computing) == 0 && computing.rlim_cur != RLIM_INFINITY) {
+        return EPERM;
+    }
     sched_param parameters{};
     parameters.sched_priority = priority;
     // Reset-on-fork: a thread or a program that this thread starts has not asked for this.

@@ -13,7 +13,7 @@ namespace vorrel {
 /// order. Positions and lengths are frames. Thread-safe, also while a new recording begins:
 /// `Init` and `TemporaryClear` wait for calls under way.
 ///
-/// Locks, in this order: layout lock, the store's mutex, the range log's mutex.
+/// Locks, in this order: layout lock, then either the store's mutex or the range log's.
 class PreviewData : public TemporaryData {
 public:
     explicit PreviewData(IVorrelManager& manager);

@@ -15,7 +15,7 @@ namespace vorrel {
 /// lengths are samples of one channel: 4-byte floats for PCM, single bits for DSD. Thread-safe,
 /// also while a new recording begins: `Init` and `TemporaryClear` wait for calls under way.
 ///
-/// Locks, in this order: turn lock, layout lock, a store's mutex, the range log's mutex.
+/// Locks, in this order: turn lock, layout lock, then either a store's mutex or the range log's.
 class RecordData {
 public:
     explicit RecordData(IVorrelManager& manager);

@@ -87,10 +87,13 @@ VrError TemporaryData::Init(std::uint32_t memorySize) {
     // What is old goes first: old and new buffers together could be more than there is memory.
     state = State{state.manager, state.segmentBytes};
     try {
-        for (Stream* stream : {&state.raw, &state.available}) {
-            for (AlignedBytes& buffer : stream->buffer) {
-                buffer.reserve(memorySize);
-            }
+        for (AlignedBytes& buffer : state.raw.buffer) {
+            buffer.reserve(memorySize);
+        }
+        // An available buffer holds its last block whole before it is spilled; a block is a small
+        // part of it, so that it is not moved to a larger place in the middle of a take.
+        for (AlignedBytes& buffer : state.available.buffer) {
+            buffer.reserve(std::size_t{memorySize} + memorySize / 16);
         }
     } catch (const std::bad_alloc&) {
         return VrErrorFailed;

@@ -45,7 +45,7 @@ void EndWith(const Step& step) noexcept {
     try {
         step();
     } catch (...) {
-        Trace(__FILE__, __LINE__, "out of memory at the end of a save");
+        Trace(__FILE__, __LINE__, "a step at the end of a save failed");
     }
 }
 

@@ -222,11 +222,11 @@ TEST(DsdToPcmTest, SaturatesWhatTheFilterOvershoots) {
     EXPECT_EQ(Decimate<true>(bytes, 1, low)[0], -32768);
 }
 
-TEST(DsdTablesTest, TheFilterIsTheStatedOne) {
+TEST(DsdTablesTest, TheFilterBeginsAndPeaksAsKnown) {
     const float first[] = {3e-08F,    1.2e-07F,  3.4e-07F,  7.4e-07F,   1.32e-06F,
                            1.93e-06F, 2.17e-06F, 1.25e-06F, -2.02e-06F, -9.16e-06F};
     for (std::size_t k = 0; k < 10; ++k) {
-        // The first four are stated to two digits at 1e-8, the others to three.
+        // The first four are known to two digits at 1e-8, the others to three.
         EXPECT_NEAR(filter_coef[k], first[k], 5.1e-9F) << k;
     }
     EXPECT_FLOAT_EQ(filter_coef[47], 0.09950732F);

@@ -19,14 +19,16 @@ public:
                                          UInt32* size) = 0;
     /// Reads a property. `size` holds the bytes that `data` has room for and receives the bytes
     /// written.
-    virtual OSStatus GetPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                     UInt32* size, void* data) = 0;
+    virtual OSStatus GetPropertyData(AudioObjectID object,
+                                     const AudioObjectPropertyAddress& address, UInt32* size,
+                                     void* data) = 0;
     /// Reads a property whose value is a text, as UTF-8.
     virtual OSStatus GetPropertyString(AudioObjectID object,
                                        const AudioObjectPropertyAddress& address,
                                        std::string* text) = 0;
-    virtual OSStatus SetPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                     UInt32 size, const void* data) = 0;
+    virtual OSStatus SetPropertyData(AudioObjectID object,
+                                     const AudioObjectPropertyAddress& address, UInt32 size,
+                                     const void* data) = 0;
 
     /// `listener` is called with `clientData` on a notification thread of the back end. After
     /// `RemovePropertyListener` has returned it is not called any more.

@@ -124,9 +124,9 @@ struct AudioBufferList {
 struct AudioTimeStamp;  // not read by the engine
 
 using AudioDeviceIOProc = OSStatus (*)(AudioObjectID device, const AudioTimeStamp* now,
-                                       const AudioBufferList* input, const AudioTimeStamp* inputTime,
-                                       AudioBufferList* output, const AudioTimeStamp* outputTime,
-                                       void* clientData);
+                                       const AudioBufferList* input,
+                                       const AudioTimeStamp* inputTime, AudioBufferList* output,
+                                       const AudioTimeStamp* outputTime, void* clientData);
 using AudioDeviceIOProcID = AudioDeviceIOProc;
 using AudioObjectPropertyListenerProc = OSStatus (*)(AudioObjectID object, UInt32 addressCount,
                                                      const AudioObjectPropertyAddress* addresses,

@@ -157,32 +157,36 @@ bool IoEngine::DeliverList(const AudioBufferList* given) {
         delivering = true;
         deliverer = std::this_thread::get_id();
     }
+    bool delivered = false;
     if (given != nullptr) {
-        CallProcs(*current, *given);
+        delivered = CallProcs(*current, *given);
     } else {
         current->source->Read(current->buffers.Interleaved(), frames);
-        CallProcs(*current, empty ? BufferListBuilder::Empty() : current->buffers.Build(frames));
+        delivered = CallProcs(*current,
+                              empty ? BufferListBuilder::Empty() : current->buffers.Build(frames));
     }
     std::function<void()> ended;
     {
         const MutexLock lock(mutex);
         current->frames += frames;
-        if (run == current || run == nullptr) {
+        if (delivered && (run == current || run == nullptr)) {
             ++deliveredBuffers;
             deliveredFrames += frames;
         }
         delivering = false;
         ++cycle;
-        ended = bufferEnded;
+        if (delivered) {
+            ended = bufferEnded;
+        }
         cycleEnded.NotifyAll();
     }
     if (ended) {
         ended();
     }
-    return true;
+    return delivered;
 }
 
-void IoEngine::CallProcs(const Run& current, const AudioBufferList& list) {
+bool IoEngine::CallProcs(const Run& current, const AudioBufferList& list) {
     AudioBufferList output{};  // the device has no output
     // By id: a proc may create, destroy, start and stop procs.
     AudioDeviceIOProcID called = nullptr;
@@ -198,7 +202,7 @@ void IoEngine::CallProcs(const Run& current, const AudioBufferList& list) {
                            other.run == &current;
                 });
             if (client == clients.end()) {
-                return;
+                return called != nullptr;
             }
             next = *client;
         }

@@ -51,7 +51,7 @@ public:
     void Halt() VORREL_EXCLUDES(mutex);
 
     /// Delivers the next buffer of the run, now, on the calling thread.
-    /// @return false when no run is under way, or another buffer is being delivered.
+    /// @return false when nobody got it: no run is under way, or another buffer is being delivered.
     bool Deliver() VORREL_EXCLUDES(mutex);
     /// Delivers `list` in its place, with all that may be wrong with it.
     bool Deliver(const AudioBufferList& list) VORREL_EXCLUDES(mutex);
@@ -83,7 +83,8 @@ private:
     /// Waits until no call that began before is under way, unless the caller is in it.
     void WaitForCycle() VORREL_REQUIRES(mutex);
     bool DeliverList(const AudioBufferList* list) VORREL_EXCLUDES(mutex);
-    void CallProcs(const Run& current, const AudioBufferList& list) VORREL_EXCLUDES(mutex);
+    /// @return false when all procs have been stopped meanwhile and none was called.
+    bool CallProcs(const Run& current, const AudioBufferList& list) VORREL_EXCLUDES(mutex);
     UInt32 NextFrames() const VORREL_REQUIRES(mutex);
     /// @return false when the engine closes.
     bool WaitUntilDue() VORREL_EXCLUDES(mutex);

@@ -97,18 +97,18 @@ void SimulatedRegistry::AddEntries(std::size_t index, std::uint32_t plugging) {
     const SimulatedRecorderConfig& config = recorder.Config();
     const std::map<std::string, RegistryValue> usbIds = {
         {"idVendor", std::int64_t{config.vendorId}}, {"idProduct", std::int64_t{config.productId}}};
-    const auto add = [&](RegistryRole role, const char* className,
-                         std::vector<RegistryRole> parents,
-                         std::map<std::string, RegistryValue> properties) {
+    std::vector<ObjectPointer> added;
+    const auto add = [&added, index, plugging](RegistryRole role, const char* className,
+                                               std::vector<RegistryRole> parents,
+                                               std::map<std::string, RegistryValue> properties) {
         auto entry = std::make_shared<Object>();
-        entry->id = ++lastId;
         entry->classes = {"OSObject", "IORegistryEntry", "IOService", className};
         entry->index = index;
         entry->plugging = plugging;
         entry->role = role;
         entry->properties = std::move(properties);
         entry->parents = std::move(parents);
-        entries.push_back(std::move(entry));
+        added.push_back(std::move(entry));
     };
     const auto withIds = [&usbIds](std::map<std::string, RegistryValue> properties) {
         properties.insert(usbIds.begin(), usbIds.end());
@@ -126,6 +126,10 @@ void SimulatedRegistry::AddEntries(std::size_t index, std::uint32_t plugging) {
     add(RegistryRole::Stream, "IOAudioStream",
         {RegistryRole::Engine, RegistryRole::StreamingInterface},
         {{"IOAudioStreamDirection", kInputDirection}, {"IOAudioStreamID", std::int64_t{0}}});
+    for (ObjectPointer& entry : added) {
+        entry->id = ++lastId;
+        entries.push_back(std::move(entry));
+    }
 }
 
 std::vector<SimulatedRegistry::ObjectPointer> SimulatedRegistry::Relatives(
@@ -141,12 +145,13 @@ std::vector<SimulatedRegistry::ObjectPointer> SimulatedRegistry::Relatives(
         return std::find(child.parents.begin(), child.parents.end(), parent.role) !=
                child.parents.end();
     };
-    std::copy_if(entries.begin(), entries.end(), std::back_inserter(relatives),
-                 [&](const ObjectPointer& other) {
-                     return other->index == from->index && IsAttached(*other) &&
-                            (direction == Direction::Children ? isParent(*from, *other)
-                                                              : isParent(*other, *from));
-                 });
+    for (const ObjectPointer& other : entries) {
+        if (other->index == from->index && IsAttached(*other) &&
+            (direction == Direction::Children ? isParent(*from, *other)
+                                              : isParent(*other, *from))) {
+            relatives.push_back(other);
+        }
+    }
     if (direction == Direction::Parents) {
         // In the order in which the entry lists them: its provider comes first.
         std::stable_sort(relatives.begin(), relatives.end(),

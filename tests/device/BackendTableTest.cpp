@@ -1,0 +1,66 @@
+#include "device/BackendTable.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace vorrel {
+namespace {
+
+TEST(BackendTableTest, MakesNewBackEndsByName) {
+    const DeviceBackends first = MakeBackends("simulated");
+    const DeviceBackends second = MakeBackends("simulated");
+
+    ASSERT_NE(first.audio, nullptr);
+    ASSERT_NE(first.registry, nullptr);
+    EXPECT_NE(first.audio, second.audio);
+}
+
+TEST(BackendTableTest, AnUnknownNameGivesNone) {
+    for (const char* name : {"nothing", "Simulated", "simulated ", ""}) {
+        const DeviceBackends backends = MakeBackends(name);
+
+        EXPECT_EQ(backends.audio, nullptr) << name;
+        EXPECT_EQ(backends.registry, nullptr) << name;
+    }
+    EXPECT_EQ(MakeBackends(nullptr).audio, nullptr);
+}
+
+// The choice is made once in a process: each of these asks in a process of its own, which ends
+// with 0 when all is as expected.
+
+enum class Expected { some, none };
+
+[[noreturn]] void SelectAndExit(const char* name, Expected expected) {
+    if (name == nullptr) {
+        ::unsetenv("VORREL_BACKEND");
+    } else {
+        ::setenv("VORREL_BACKEND", name, 1);
+    }
+    const DeviceBackends first = SelectBackends();
+    ::setenv("VORREL_BACKEND", name == nullptr ? "nothing" : "simulated", 1);
+    const DeviceBackends second = SelectBackends();
+    const bool same = first.audio == second.audio && first.registry == second.registry;
+    const bool some = first.audio != nullptr && first.registry != nullptr;
+    const bool none = first.audio == nullptr && first.registry == nullptr;
+    std::_Exit(same && (expected == Expected::some ? some : none) ? 0 : 1);
+}
+
+TEST(BackendTableDeathTest, TheEnvironmentNamesTheBackEnd) {
+    EXPECT_EXIT(SelectAndExit("simulated", Expected::some), testing::ExitedWithCode(0), "");
+}
+
+TEST(BackendTableDeathTest, TheFirstOfTheTableIsTheDefault) {
+    EXPECT_EXIT(SelectAndExit(nullptr, Expected::some), testing::ExitedWithCode(0), "");
+}
+
+TEST(BackendTableDeathTest, AnEmptyNameIsTheDefault) {
+    EXPECT_EXIT(SelectAndExit("", Expected::some), testing::ExitedWithCode(0), "");
+}
+
+TEST(BackendTableDeathTest, AnUnknownNameGivesNoneForGood) {
+    EXPECT_EXIT(SelectAndExit("nothing", Expected::none), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace vorrel

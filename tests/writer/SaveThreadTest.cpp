@@ -1,0 +1,663 @@
+#include "writer/SaveThread.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <new>
+#include <optional>
+#include <semaphore>
+#include <string>
+#include <vector>
+
+#include "support/FakeManager.h"
+#include "support/FileBytes.h"
+#include "support/Recording.h"
+#include "support/TempDirectory.h"
+
+namespace vorrel {
+namespace {
+
+using test::Bytes;
+using test::CheckFields;
+using test::FakeManager;
+using test::FieldCheck;
+using test::Id;
+using test::LittleEndian;
+using test::ReadBytes;
+using test::Recording;
+using test::TempDirectory;
+using Log = std::vector<std::string>;
+using Messages = std::vector<FakeManager::Message>;
+
+constexpr const char* kFinished = "operation 3";
+
+/// A float sample type whose converter calls the test: on the save thread, once for each block of
+/// each channel, so that something can happen in a certain block.
+std::function<void(int block)> onBlock;
+int blockCount = 0;
+
+void ConvertAndCall(std::uint8_t* destination, const std::uint8_t* source, std::size_t count) {
+    if (onBlock) {
+        onBlock(++blockCount);
+    }
+    GetSampleTypeInfo(kSampleTypePcm)->toFloat32(destination, source, count);
+}
+
+class SaveThreadTest : public testing::Test {
+protected:
+    SaveThreadTest() {
+        onBlock = nullptr;
+        blockCount = 0;
+        callingType.type = 77;
+        callingType.toFloat32 = &ConvertAndCall;
+    }
+
+    /// One channel at 1,000 Hz: blocks of 100 frames, 200 bytes as 16 bits.
+    void MakeRecording(std::size_t frames, bool calling = false) {
+        recording.Make(1, 1'000, frames, Recording::Steps,
+                       calling ? &callingType : GetSampleTypeInfo(kSampleTypePcm));
+        thread.SetBits(16);
+    }
+    VrSaveSettingInternal Setting(const std::string& name, double end, double start = 0) const {
+        return {directory.File(name), start, end, 0.0, {}};
+    }
+    static SaveList List(std::vector<VrSaveSettingInternal> files) {
+        return std::make_shared<const std::vector<VrSaveSettingInternal>>(std::move(files));
+    }
+    /// Runs a request to its very end.
+    void Save(const SaveList& list) {
+        ASSERT_EQ(thread.SaveFiles(list, recording.data), VrSuccess);
+        thread.WaitFinished();
+    }
+    bool Exists(const std::string& name) const {
+        return std::filesystem::exists(directory.File(name));
+    }
+    std::size_t SizeOf(const std::string& name) const {
+        return ReadBytes(directory.File(name)).size();
+    }
+
+    const TempDirectory directory;
+    const TempDirectory spill;
+    FakeManager manager{spill.Path()};
+    SampleTypeInfo callingType = *GetSampleTypeInfo(kSampleTypePcm);
+    Recording recording{manager};
+    SaveThread thread{manager};
+};
+
+TEST_F(SaveThreadTest, WritesAllFilesOfARequest) {
+    MakeRecording(1'000);
+
+    Save(List({Setting("one.wav", 0.5), Setting("two.wav", 1.0, 0.25)}));
+
+    EXPECT_EQ(SizeOf("one.wav"), 44U + 1'000);
+    EXPECT_EQ(SizeOf("two.wav"), 44U + 1'500);
+    EXPECT_EQ(manager.Log(), (Log{kFinished}));
+}
+
+TEST_F(SaveThreadTest, SixteenTwentyFourAndThirtyTwoBitsAreSet) {
+    SaveThread fresh(manager);
+
+    EXPECT_EQ(fresh.GetBits(), 32);
+    fresh.SetBits(24);
+    EXPECT_EQ(fresh.GetBits(), 24);
+}
+
+TEST_F(SaveThreadTest, ProgressBeforeAnyRequestIsAnInvalidStateAndWritesNothing) {
+    int file = -7;
+    int total = -8;
+
+    EXPECT_EQ(thread.GetProgress(file, total), VrErrorInvalidState);
+
+    EXPECT_EQ(file, -7);
+    EXPECT_EQ(total, -8);
+}
+
+TEST_F(SaveThreadTest, ProgressIsInPerMilleOfFileAndRequest) {
+    MakeRecording(1'000, true);
+    std::vector<std::pair<int, int>> seen;
+    onBlock = [&](int) {
+        int file = -1;
+        int total = -1;
+        EXPECT_EQ(thread.GetProgress(file, total), VrSuccess);
+        seen.emplace_back(file, total);
+    };
+
+    Save(List({Setting("one.wav", 0.3), Setting("two.wav", 0.35, 0.05)}));
+
+    // 600 frames in all; a block counts before it is written, and parts of a thousandth are cut.
+    EXPECT_EQ(seen,
+              (std::vector<std::pair<int, int>>{
+                  {333, 166}, {666, 333}, {1'000, 500}, {333, 666}, {666, 833}, {1'000, 1'000}}));
+}
+
+TEST_F(SaveThreadTest, ProgressCountsTheRangeThatWasAskedFor) {
+    MakeRecording(1'000);
+
+    Save(List({Setting("take.wav", 2.0)}));
+
+    int file = 0;
+    int total = 0;
+    EXPECT_EQ(thread.GetProgress(file, total), VrSuccess);
+    EXPECT_EQ(file, 1'000);
+    EXPECT_EQ(total, 500);
+}
+
+TEST_F(SaveThreadTest, AReversedRangeAddsNothingToTheLength) {
+    MakeRecording(1'000);
+
+    Save(List({Setting("one.wav", 0.4), Setting("two.wav", 0.1, 0.9)}));
+
+    int file = 0;
+    int total = 0;
+    EXPECT_EQ(thread.GetProgress(file, total), VrSuccess);
+    EXPECT_EQ(file, 0);
+    EXPECT_EQ(total, 1'000);
+    EXPECT_EQ(manager.Messages(), (Messages{{VrMessageSaveFailed, directory.File("two.wav")}}));
+}
+
+TEST_F(SaveThreadTest, ARequestOfNoLengthHasNoProgress) {
+    MakeRecording(1'000);
+    int file = -7;
+    int total = -8;
+
+    Save(List({Setting("take.wav", 0.5, 0.5)}));
+
+    EXPECT_EQ(thread.GetProgress(file, total), VrErrorInvalidState);
+    EXPECT_EQ(SizeOf("take.wav"), 44U);
+}
+
+TEST_F(SaveThreadTest, ProgressStaysWithinAThousandForAbsurdRanges) {
+    MakeRecording(1'000);
+    constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+    // The lengths add up to 2^64 + 99, which counts as 99.
+    Save(List({Setting("one.wav", kInfinity), Setting("two.wav", 0.1)}));
+
+    int file = 0;
+    int total = 0;
+    EXPECT_EQ(thread.GetProgress(file, total), VrSuccess);
+    EXPECT_EQ(file, 1'000);
+    EXPECT_EQ(total, 1'000);
+}
+
+TEST_F(SaveThreadTest, TheFirstCancelOfASaveWins) {
+    MakeRecording(1'000, true);
+    onBlock = [&](int block) {
+        if (block == 3) {
+            EXPECT_EQ(thread.SaveCancel(false), VrSuccess);
+            EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
+        }
+    };
+
+    Save(List({Setting("take.wav", 1.0)}));
+
+    EXPECT_EQ(SizeOf("take.wav"), 44U + 3 * 200);
+}
+
+TEST_F(SaveThreadTest, ACancelThatKeepsLeavesThePartialFile) {
+    MakeRecording(1'000, true);
+    onBlock = [&](int block) {
+        if (block == 2) {
+            EXPECT_EQ(thread.SaveCancel(false), VrSuccess);
+        }
+    };
+
+    Save(List({Setting("new/take.wav", 1.0), Setting("next.wav", 1.0)}));
+
+    const Bytes bytes = ReadBytes(directory.File("new/take.wav"));
+    EXPECT_EQ(bytes.size(), 44U + 2 * 200);
+    EXPECT_EQ(LittleEndian(bytes, 4, 4), 2'036U);  // the sizes of the complete file
+    EXPECT_EQ(LittleEndian(bytes, 40, 4), 2'000U);
+    EXPECT_FALSE(Exists("next.wav"));
+    EXPECT_EQ(manager.Log(), (Log{kFinished}));
+}
+
+TEST_F(SaveThreadTest, ACancelThatDeletesTakesTheFileAndItsEmptyDirectory) {
+    MakeRecording(1'000, true);
+    std::filesystem::create_directory(directory.File("old"));  // not made by the request
+    bool existed = false;
+    onBlock = [&](int block) {
+        if (block == 2) {
+            existed = Exists("old/take.wav");
+            EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
+        }
+    };
+
+    Save(List({Setting("old/take.wav", 1.0), Setting("next.wav", 1.0)}));
+
+    EXPECT_TRUE(existed);
+    EXPECT_FALSE(Exists("old"));
+    EXPECT_FALSE(Exists("next.wav"));
+    EXPECT_EQ(manager.Log(), (Log{kFinished}));
+}
+
+TEST_F(SaveThreadTest, ACancelThatDeletesLeavesTheFilesBefore) {
+    MakeRecording(1'000, true);
+    onBlock = [&](int block) {
+        if (block == 11) {  // the first of the second file
+            EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
+        }
+    };
+
+    Save(List({Setting("one.wav", 1.0), Setting("two.wav", 1.0)}));
+
+    EXPECT_EQ(SizeOf("one.wav"), 44U + 2'000);
+    EXPECT_FALSE(Exists("two.wav"));
+}
+
+TEST_F(SaveThreadTest, ACancelBehindTheLastBlockComesTooLate) {
+    MakeRecording(1'000, true);
+    onBlock = [&](int block) {
+        if (block == 10) {
+            EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
+        }
+    };
+
+    Save(List({Setting("take.wav", 1.0)}));
+
+    EXPECT_EQ(SizeOf("take.wav"), 44U + 2'000);
+}
+
+TEST_F(SaveThreadTest, ACancelFromBeforeAStartIsForgotten) {
+    MakeRecording(1'000);
+    EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
+
+    Save(List({Setting("take.wav", 1.0)}));
+
+    EXPECT_EQ(SizeOf("take.wav"), 44U + 2'000);
+}
+
+TEST_F(SaveThreadTest, ASecondFileThatFailsEndsTheRequestAndLeavesTheFirst) {
+    MakeRecording(1'000);
+
+    Save(List(
+        {Setting("one.wav", 0.5), Setting("no/parent/two.wav", 0.5), Setting("three.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, "message 3"}));
+    EXPECT_EQ(manager.Messages(),
+              (Messages{{VrMessageSaveFailed, directory.File("no/parent/two.wav")}}));
+    EXPECT_EQ(SizeOf("one.wav"), 44U + 1'000);
+    EXPECT_FALSE(Exists("three.wav"));
+}
+
+TEST_F(SaveThreadTest, APathWithoutASlashFailsTheRequest) {
+    MakeRecording(1'000);
+
+    Save(List({{"take of a test.wav", 0.0, 0.5, 0.0, {}}}));
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, "message 3"}));
+    EXPECT_EQ(manager.Messages(), (Messages{{VrMessageSaveFailed, "take of a test.wav"}}));
+    EXPECT_FALSE(std::filesystem::exists("take of a test.wav"));
+}
+
+TEST_F(SaveThreadTest, AFailureWithoutATemporaryDirectoryNamesThatInstead) {
+    MakeRecording(1'000);
+    manager.tempDirectoryExists = false;
+    std::optional<bool> textIsNull;
+    manager.onMessage = [&](int, const char* text) { textIsNull = text == nullptr; };
+
+    Save(List({Setting("no/parent/take.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, "message 5"}));
+    EXPECT_EQ(textIsNull, true);
+}
+
+TEST_F(SaveThreadTest, ASkippedFileIsNoFailure) {
+    MakeRecording(1'000);
+    std::filesystem::create_directory(directory.File("one.wav"));  // cannot be opened as a file
+
+    Save(List({Setting("one.wav", 0.5), Setting("two.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Log(), (Log{"message 4", kFinished}));
+    EXPECT_EQ(manager.Messages(), (Messages{{VrMessageFileSkipped, directory.File("one.wav")}}));
+    EXPECT_EQ(SizeOf("two.wav"), 44U + 1'000);
+    int file = 0;
+    int total = 0;
+    EXPECT_EQ(thread.GetProgress(file, total), VrSuccess);
+    EXPECT_EQ(total, 1'000);
+}
+
+TEST_F(SaveThreadTest, AFileOfFourGibibytesIsSkippedAndTheNextIsWritten) {
+    // A width that no file ever gets, so that the bound is met with a small recording; once the
+    // first file is skipped, the width is set right.
+    recording.Make(2, 192'000, 262'177);
+    thread.SetBits(65'528);
+    manager.onMessage = [&](int, const char*) { thread.SetBits(32); };
+
+    Save(List({Setting("one.wav", 2.0), Setting("two.wav", 0.001)}));
+
+    EXPECT_EQ(manager.Log(), (Log{"message 4", kFinished}));
+    EXPECT_FALSE(Exists("one.wav"));
+    EXPECT_EQ(SizeOf("two.wav"), 44U + 192 * 8);
+}
+
+TEST_F(SaveThreadTest, AWidthOfEightBitsFailsTheRequest) {
+    MakeRecording(1'000);
+    thread.SetBits(8);
+
+    Save(List({Setting("take.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, "message 3"}));
+    EXPECT_EQ(SizeOf("take.wav"), 44U);
+}
+
+TEST_F(SaveThreadTest, ACreatedDirectoryIsRemovedAfterAFailureWhenItIsEmpty) {
+    MakeRecording(1'000, true);
+    onBlock = [&](int) {
+        std::filesystem::remove(directory.File("new/take.wav"));
+        throw std::bad_alloc();
+    };
+
+    Save(List({Setting("new/take.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, "message 3"}));
+    EXPECT_FALSE(Exists("new"));
+}
+
+TEST_F(SaveThreadTest, ACreatedDirectoryWithThePartialFileStaysAfterAFailure) {
+    MakeRecording(1'000, true);
+    onBlock = [](int) { throw std::bad_alloc(); };
+
+    Save(List({Setting("new/take.wav", 0.5)}));
+
+    EXPECT_TRUE(Exists("new/take.wav"));
+}
+
+TEST_F(SaveThreadTest, AnEmptyDirectoryThatWasThereStaysAfterAFailure) {
+    MakeRecording(1'000, true);
+    std::filesystem::create_directory(directory.File("old"));
+    onBlock = [&](int) {
+        std::filesystem::remove(directory.File("old/take.wav"));
+        throw std::bad_alloc();
+    };
+
+    Save(List({Setting("old/take.wav", 0.5)}));
+
+    EXPECT_TRUE(Exists("old"));
+}
+
+TEST_F(SaveThreadTest, ADirectoryCreatedByAnEarlierRequestStays) {
+    MakeRecording(1'000, true);
+    Save(List({Setting("new/take.wav", 0.5)}));
+    onBlock = [&](int) {
+        std::filesystem::remove(directory.File("new/take.wav"));
+        throw std::bad_alloc();
+    };
+
+    Save(List({Setting("new/take.wav", 0.5)}));
+
+    EXPECT_TRUE(Exists("new"));
+}
+
+TEST_F(SaveThreadTest, RunningOutOfMemoryIsAFailedSave) {
+    MakeRecording(1'000, true);
+    onBlock = [](int block) {
+        if (block == 2) {
+            throw std::bad_alloc();
+        }
+    };
+
+    Save(List({Setting("take.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, "message 3"}));
+    EXPECT_EQ(manager.Messages(), (Messages{{VrMessageSaveFailed, directory.File("take.wav")}}));
+}
+
+TEST_F(SaveThreadTest, ANotificationThatThrowsDoesNotKeepTheNextBack) {
+    MakeRecording(1'000);
+    manager.onOperation = [](VrRecOperation) { throw std::bad_alloc(); };
+
+    Save(List({Setting("no/parent/take.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, "message 3"}));
+}
+
+TEST_F(SaveThreadTest, AnEmptyRequestStillFinishes) {
+    MakeRecording(1'000);
+
+    Save(List({}));
+    Save(nullptr);
+    ASSERT_EQ(thread.Start(List({Setting("take.wav", 0.5)}), nullptr, nullptr), VrSuccess);
+    thread.WaitFinished();
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, kFinished, kFinished}));
+    EXPECT_FALSE(Exists("take.wav"));
+}
+
+TEST_F(SaveThreadTest, ARequestWithoutASampleTypeStillFinishes) {
+    Save(List({Setting("take.wav", 0.5)}));  // nothing was ever recorded
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished}));
+    EXPECT_FALSE(Exists("take.wav"));
+}
+
+TEST_F(SaveThreadTest, ADsdRecordingIsNotWrittenYet) {
+    recording.Begin(2, 2'822'400, GetSampleTypeInfo(kSampleTypeDsd));
+    recording.Add<std::uint8_t>(0, std::vector<std::uint8_t>(352'800, 0x69));
+    recording.Add<std::uint8_t>(1, std::vector<std::uint8_t>(352'800, 0x69));
+
+    Save(List({Setting("new/take.dsf", 1.0)}));
+
+    EXPECT_EQ(manager.Log(), (Log{kFinished, "message 3"}));
+    EXPECT_FALSE(Exists("new"));
+}
+
+TEST_F(SaveThreadTest, ASaveDuringASaveIsRefusedAndTheFirstGoesOn) {
+    MakeRecording(1'000, true);
+    std::binary_semaphore reached(0);
+    std::binary_semaphore goOn(0);
+    onBlock = [&](int block) {
+        if (block == 1) {
+            reached.release();
+            goOn.acquire();
+        }
+    };
+    SaveList list = List({Setting("one.wav", 0.5), Setting("two.wav", 0.5)});
+    ASSERT_EQ(thread.SaveFiles(list, recording.data), VrSuccess);
+    reached.acquire();
+
+    list = List({Setting("three.wav", 0.5)});  // the manager's own list is another one now
+    EXPECT_EQ(thread.SaveFiles(list, recording.data), VrErrorFailed);
+    list.reset();
+    goOn.release();
+    thread.WaitFinished();
+
+    EXPECT_EQ(SizeOf("one.wav"), 44U + 1'000);
+    EXPECT_EQ(SizeOf("two.wav"), 44U + 1'000);
+    EXPECT_FALSE(Exists("three.wav"));
+    EXPECT_EQ(manager.Log(), (Log{kFinished}));
+}
+
+TEST_F(SaveThreadTest, TheListIsLetGoAtTheEnd) {
+    MakeRecording(1'000);
+    const SaveList list = List({Setting("take.wav", 0.5)});
+
+    Save(list);
+
+    EXPECT_EQ(list.use_count(), 1);
+}
+
+TEST_F(SaveThreadTest, TheNextSaveMayStartFromWithinTheNotification) {
+    MakeRecording(1'000);
+    int starts = 1;
+    manager.onOperation = [&](VrRecOperation) {
+        if (++starts <= 5) {
+            EXPECT_EQ(thread.SaveFiles(List({Setting(std::to_string(starts) + ".wav", 0.5)}),
+                                       recording.data),
+                      VrSuccess);
+        }
+    };
+
+    Save(List({Setting("1.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Log(), Log(5, kFinished));
+    for (const char* name : {"1.wav", "2.wav", "3.wav", "4.wav", "5.wav"}) {
+        EXPECT_EQ(SizeOf(name), 44U + 1'000) << name;
+    }
+}
+
+TEST_F(SaveThreadTest, AFailedSaveStillReportsItselfWhenTheNextHasStarted) {
+    MakeRecording(1'000, true);
+    std::binary_semaphore messageMade(0);
+    onBlock = [&](int block) {
+        if (block == 1) {
+            std::filesystem::remove(directory.File("new/take.wav"));
+            throw std::bad_alloc();
+        }
+        if (block == 2) {  // in the next save: the first one has all its last lines to itself
+            messageMade.acquire();
+        }
+    };
+    manager.onOperation = [&](VrRecOperation) {
+        if (blockCount == 1) {
+            EXPECT_EQ(thread.SaveFiles(List({Setting("next.wav", 0.1)}), recording.data),
+                      VrSuccess);
+            EXPECT_EQ(thread.SaveCancel(false), VrSuccess);  // meant for the next one
+        }
+    };
+    manager.onMessage = [&](int, const char*) { messageMade.release(); };
+
+    Save(List({Setting("new/take.wav", 0.5)}));
+
+    EXPECT_EQ(manager.Messages(),
+              (Messages{{VrMessageSaveFailed, directory.File("new/take.wav")}}));
+    EXPECT_FALSE(Exists("new"));
+    EXPECT_TRUE(Exists("next.wav"));
+}
+
+TEST_F(SaveThreadTest, DestructionWaitsForTheSave) {
+    MakeRecording(1'000);
+    {
+        SaveThread other(manager);
+        other.SetBits(16);
+        ASSERT_EQ(other.SaveFiles(List({Setting("take.wav", 1.0)}), recording.data), VrSuccess);
+    }
+
+    EXPECT_EQ(SizeOf("take.wav"), 44U + 2'000);
+    EXPECT_EQ(manager.Log(), (Log{kFinished}));
+}
+
+/// Makes a directory the process's working directory.
+class WorkingDirectory {
+public:
+    explicit WorkingDirectory(const std::string& path) : old(std::filesystem::current_path()) {
+        std::filesystem::current_path(path);
+    }
+    ~WorkingDirectory() { std::filesystem::current_path(old); }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+
+private:
+    const std::filesystem::path old;
+};
+
+class PreviewFileTest : public SaveThreadTest {
+protected:
+    /// Three stereo preview frames, and `more` frames of silence behind them.
+    void MakePreview(std::size_t more) {
+        ASSERT_TRUE(ranges.Reset());
+        ranges.AddRecordEvent(0, kRecordEventRecord);
+        ASSERT_EQ(preview.Init(2, 44'100, &ranges), VrSuccess);
+        std::vector<std::int16_t> frames = {1, -1, 258, -32'768, 32'767, 0};
+        frames.resize(frames.size() + 2 * more);
+        ASSERT_EQ(preview.Add(frames), VrSuccess);
+        ASSERT_EQ(thread.Start(nullptr, nullptr, &preview), VrSuccess);
+        thread.WaitFinished();
+    }
+
+    RecordRangeManager ranges;
+    PreviewData preview{manager};
+};
+
+TEST_F(PreviewFileTest, IsA16BitFileOfTheWholePreviewNamedAfterTheTime) {
+    MakePreview(0);
+    const WorkingDirectory inside(directory.Path());
+    constexpr FieldCheck kPreview[] = {
+        {0, 4, Id("RIFF"), "chunk id"},
+        {4, 4, 12 + 36, "RIFF size"},
+        {8, 4, Id("WAVE"), "form type"},
+        {12, 4, Id("fmt "), "format chunk id"},
+        {16, 4, 16, "format chunk size"},
+        {20, 2, 1, "format tag"},
+        {22, 2, 2, "channels"},
+        {24, 4, 44'100, "sample rate"},
+        {28, 4, 176'400, "byte rate"},
+        {32, 2, 4, "block align"},
+        {34, 2, 16, "bits per sample"},
+        {36, 4, Id("data"), "data chunk id"},
+        {40, 4, 12, "data size"},
+        {44, 2, 1, "frame 0, left"},
+        {46, 2, 65'535, "frame 0, right"},
+        {48, 2, 258, "frame 1, left"},
+        {50, 2, 32'768, "frame 1, right"},
+        {52, 2, 32'767, "frame 2, left"},
+        {54, 2, 0, "frame 2, right"},
+    };
+
+    EXPECT_EQ(thread.SavePreviewFile(), VrSuccess);
+
+    const std::filesystem::directory_iterator first(directory.Path());
+    ASSERT_NE(first, std::filesystem::directory_iterator());
+    EXPECT_THAT(first->path().filename().string(),
+                testing::MatchesRegex("[0-9]{8}_[0-9]{6}\\.wav"));
+    CheckFields(ReadBytes(first->path().string()), kPreview);
+}
+
+TEST_F(PreviewFileTest, IsWrittenOverManyBlocks) {
+    MakePreview(10'000);
+    const WorkingDirectory inside(directory.Path());
+
+    EXPECT_EQ(thread.SavePreviewFile(), VrSuccess);
+
+    const std::filesystem::directory_iterator first(directory.Path());
+    ASSERT_NE(first, std::filesystem::directory_iterator());
+    EXPECT_EQ(std::filesystem::file_size(first->path()), 44U + 10'003 * 4);
+}
+
+TEST_F(PreviewFileTest, NeedsPreviewData) {
+    const WorkingDirectory inside(directory.Path());
+
+    EXPECT_EQ(thread.SavePreviewFile(), VrErrorFailed);
+
+    EXPECT_TRUE(std::filesystem::is_empty(directory.Path()));
+}
+
+TEST_F(PreviewFileTest, IsNotGivenByASaveRequest) {
+    MakePreview(0);
+    MakeRecording(100);
+    Save(List({}));
+    const WorkingDirectory inside(directory.Path());
+
+    EXPECT_EQ(thread.SavePreviewFile(), VrErrorFailed);
+}
+
+TEST_F(PreviewFileTest, FailsWhereItCannotBeOpened) {
+    MakePreview(0);
+    std::filesystem::create_directory(directory.File("gone"));
+    const WorkingDirectory inside(directory.File("gone"));
+    std::filesystem::remove(directory.File("gone"));
+
+    EXPECT_EQ(thread.SavePreviewFile(), VrErrorFailed);
+}
+
+TEST_F(PreviewFileTest, OfAnEmptyPreviewIsAHeader) {
+    ASSERT_EQ(thread.Start(nullptr, nullptr, &preview), VrSuccess);
+    thread.WaitFinished();
+    const WorkingDirectory inside(directory.Path());
+
+    EXPECT_EQ(thread.SavePreviewFile(), VrSuccess);
+
+    const std::filesystem::directory_iterator first(directory.Path());
+    ASSERT_NE(first, std::filesystem::directory_iterator());
+    EXPECT_EQ(std::filesystem::file_size(first->path()), 44U);
+}
+
+}  // namespace
+}  // namespace vorrel
