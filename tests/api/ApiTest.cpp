@@ -151,6 +151,53 @@ TEST_F(ApiTest, ATakeGoesFromTheRecorderToAFile) {
     EXPECT_EQ(total, 1000);
 }
 
+TEST_F(ApiTest, EachFunctionOfATakeReachesItsOwnOperation) {
+    SelectRecorder();
+    std::shared_ptr<VrAudioDeviceInfo> info;
+    ASSERT_EQ(Vorrel_GetAudioDeviceInfo(&info), VrSuccess);
+    EXPECT_EQ(info->device_name, "KD-WV770");
+    const VrRecordSetting setting{.rec_type = 0, .freq = 48'000, .bits = 32};
+    ASSERT_EQ(Vorrel_SetRecordSetting(&setting), VrSuccess);
+    std::shared_ptr<VrRecordSetting> reported;
+    ASSERT_EQ(Vorrel_GetRecordSetting(&reported), VrSuccess);
+    EXPECT_EQ(reported->bits, 32);
+    std::uint64_t recorded = 0;
+    std::uint64_t captured = 0;
+    const auto lengths = [&] {
+        return Vorrel_GetPreviewDataLength(&recorded) == VrSuccess &&
+               Vorrel_GetRecordingPreviewDataLength(&captured) == VrSuccess;
+    };
+
+    // A pre-recording is captured and not recorded.
+    ASSERT_EQ(Vorrel_StartPreRecording(), VrSuccess);
+    ASSERT_TRUE(DispatchUntil([&] { return lengths() && captured >= 4'800; }));
+    EXPECT_EQ(recorded, 0U);
+    EXPECT_EQ(Vorrel_Pause(), VrErrorInvalidState);
+    EXPECT_EQ(Vorrel_New(), VrErrorInvalidState);
+
+    ASSERT_EQ(Vorrel_Start(), VrSuccess);
+    ASSERT_TRUE(DispatchUntil([&] { return lengths() && recorded > 0; }));
+    ASSERT_TRUE(DispatchUntil([&] { return delegate->Has(VrRecOperationRecordStarted); }));
+    ASSERT_EQ(Vorrel_Pause(), VrSuccess);
+    ASSERT_EQ(Vorrel_Resume(), VrSuccess);
+    EXPECT_EQ(Vorrel_Resume(), VrErrorInvalidState);
+    ASSERT_EQ(Vorrel_Stop(false), VrSuccess);
+    ASSERT_TRUE(DispatchUntil([&] { return delegate->Has(VrRecOperationStopped); }));
+
+    ASSERT_TRUE(lengths());
+    EXPECT_GE(captured, recorded + 4'800);
+    // The count begins at 0 with the capture, and is past 16 bits' first step when it records.
+    std::vector<std::int16_t> first(2, -1);
+    ASSERT_EQ(Vorrel_GetRecordingPreviewData(0, 1, first.data()), VrSuccess);
+    EXPECT_EQ(first[0], 0);
+    ASSERT_EQ(Vorrel_GetPreviewData(0, 1, first.data()), VrSuccess);
+    EXPECT_GT(first[0], 0);
+    ASSERT_EQ(Vorrel_New(), VrSuccess);
+    ASSERT_TRUE(lengths());
+    EXPECT_EQ(recorded, 0U);
+    EXPECT_EQ(captured, 0U);
+}
+
 TEST_F(ApiTest, AProcessMayEndInTheMiddleOfARecording) {
     EXPECT_EXIT(
         {

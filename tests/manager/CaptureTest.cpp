@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "ManagerRig.h"
@@ -44,13 +45,17 @@ protected:
 TEST_F(CaptureTest, AnEmptyBufferListQueuesNothingAndWakesTheRecordWorker) {
     SelectPcm();
     StartRecording();
+    // Queued behind the callback's back, so that only the empty list can wake the worker.
+    AsioDataQueue& queue = VorrelManagerParts::Queue(manager);
+    ASSERT_EQ(queue.Enqueue(0, Block(4 * 96, 0)), VrSuccess);
+    ASSERT_EQ(queue.Enqueue(1, Block(4 * 96, 0)), VrSuccess);
     const AudioBufferList none{0, {}};
 
     ASSERT_TRUE(recorder.Deliver(&none));
-    Deliver(96);
 
-    AwaitStored();
-    EXPECT_EQ(RecordedFrames(), Frames({{0, 96}}));
+    EXPECT_TRUE(DispatchUntil([&] { return Length(false) == 96; }));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    EXPECT_EQ(Length(false), 96U);
 }
 
 TEST_F(CaptureTest, ChannelsAreNumberedAcrossTheBuffersOfAList) {
@@ -163,6 +168,115 @@ TEST_F(CaptureTest, ADsdBufferIsStoredAsSixteenBitsAFrame) {
     ASSERT_EQ(manager.Stop(true), VrSuccess);
 
     EXPECT_EQ(Length(false), 1U);
+}
+
+TEST_F(CaptureTest, ABufferWithoutSamplesIsSilence) {
+    SelectPcm();
+    StartRecording();
+    Deliver(4);
+    const AudioBufferList list{1, {{2, 4 * 2 * sizeof(float), nullptr}}};
+
+    ASSERT_TRUE(recorder.Deliver(&list));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    const auto preview = Preview(8, 2);
+    EXPECT_EQ(std::vector(preview.begin() + 8, preview.end()), std::vector<std::int16_t>(8, 0));
+}
+
+TEST_F(CaptureTest, BytesPastTheLastWholeFrameAreLeftOut) {
+    SelectPcm();
+    StartRecording();
+    std::vector<float> samples = {1 / 32768.0F, 2 / 32768.0F, 3 / 32768.0F};
+
+    ASSERT_TRUE(recorder.Deliver(2, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(Length(false), 1U);
+    EXPECT_EQ(Preview(1, 2), (std::vector<std::int16_t>{1, 2}));
+}
+
+TEST_F(CaptureTest, TheRawPreviewHoldsWhatIsPaused) {
+    SelectPcm();
+    StartPreRecording();
+    Deliver(10);
+    AwaitStored();
+
+    std::vector<std::int16_t> samples(20);
+    ASSERT_EQ(manager.GetPreviewData(0, 10, samples.data(), false), VrSuccess);
+
+    EXPECT_EQ(samples.front(), Sample16(0, 0));
+    EXPECT_EQ(samples.back(), Sample16(9, 1));
+    EXPECT_EQ(manager.GetPreviewData(0, 10, samples.data(), true), VrErrorInvalidParameter);
+}
+
+TEST_F(CaptureTest, NoNumberIsNoDsdWord) {
+    const float none = std::numeric_limits<float>::quiet_NaN();
+    const float infinite = std::numeric_limits<float>::infinity();
+    const std::vector<float> source = {none, infinite, -infinite, none, 0.5F,
+                                       none, none,     infinite,  none, -infinite};
+    std::vector<std::int16_t> words(source.size(), 1);
+
+    VorrelManager::Float_To_DSD16(words.data(), source.data(), source.size());
+
+    EXPECT_EQ(words,
+              (std::vector<std::int16_t>{0, 32'767, -32'768, 0, 16'384, 0, 0, 32'767, 0, -32'768}));
+}
+
+TEST_F(CaptureTest, ADsdBuffersWordsReachTheStoreOfTheirChannel) {
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    // More frames than are gathered at a time; every word tells its frame and channel.
+    constexpr std::int32_t kFrames = 3'000;
+    std::vector<float> samples;
+    for (std::int32_t frame = 0; frame < kFrames; ++frame) {
+        samples.push_back(static_cast<float>(frame) / 32768.0F);
+        samples.push_back(static_cast<float>(-frame - 1) / 32768.0F);
+    }
+
+    ASSERT_TRUE(recorder.Deliver(2, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    for (std::uint16_t channel = 0; channel < 2; ++channel) {
+        AlignedBytes stored;
+        ASSERT_EQ(
+            VorrelManagerParts::Record(manager).GetData(channel, 0, kFrames * 16, stored, false),
+            VrSuccess);
+        ASSERT_EQ(stored.size(), 2U * kFrames);
+        for (std::int32_t frame = 0; frame < kFrames; ++frame) {
+            const std::int32_t word = channel == 0 ? frame : -frame - 1;
+            // The low byte is the earlier one.
+            ASSERT_EQ(stored[static_cast<std::size_t>(2 * frame)], word & 0xFF) << frame;
+            ASSERT_EQ(stored[static_cast<std::size_t>(2 * frame + 1)], (word >> 8) & 0xFF) << frame;
+        }
+    }
+}
+
+TEST_F(CaptureTest, ChannelsStayInStepWhenTheQueueIsFull) {
+    SelectPcm(48'000);
+    StartRecording();
+    // One channel's queue is full, the other's is empty, as when the worker is between the two.
+    AsioDataQueue& queue = VorrelManagerParts::Queue(manager);
+    const AudioBufferList none{0, {}};
+    {
+        const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+        // The worker takes one turn into its hands and waits there.
+        Deliver(262'144);
+        while (queue.Enqueue(1, Block(1U << 20, 0)) == VrSuccess) {
+        }
+        std::vector<float> lost(2 * 262'144, 0.5F);
+        ASSERT_TRUE(recorder.Deliver(2, lost));
+    }
+    ASSERT_TRUE(recorder.Deliver(&none));
+    ASSERT_TRUE(DispatchUntil([&] { return Length(false) == delivered; }));
+
+    // Nothing of the refused buffer went into the channel that had room.
+    Block block;
+    ASSERT_EQ(queue.Dequeue(0, block), VrSuccess);
+    EXPECT_TRUE(block.empty());
+    MainQueue::Dispatch();
+    EXPECT_EQ(delegate->Count(VrMessageBufferOverflow), 1U);
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
 }
 
 TEST_F(CaptureTest, RecordStartedComesAfterTheBufferInWhichItWasSeen) {

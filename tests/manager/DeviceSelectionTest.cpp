@@ -130,12 +130,26 @@ TEST_F(DeviceSelectionTest, DescriptionAndSettingAreThereDuringARecording) {
 
 TEST_F(DeviceSelectionTest, ADeviceThatRefusesDsdIsSelectedWithoutDsdRates) {
     Init();
-    // The interface is there for the selection's own switch to PCM; DSD is refused after it.
+    recorder.registry->RefuseUsbValue(1);  // what asks for DSD
+
+    ASSERT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
+
+    std::shared_ptr<VrAudioDeviceInfo> info;
+    ASSERT_EQ(manager.GetAudioDeviceInfo(&info), VrSuccess);
+    EXPECT_TRUE(info->DSD_supported_freq.empty());
+    EXPECT_EQ(info->PCM_supported_freq,
+              (std::vector<std::uint64_t>{44'100, 48'000, 96'000, 192'000, 384'000}));
+    EXPECT_EQ(info->PCM_supported_bits, 32);
+    EXPECT_EQ(manager.State(), ManagerState::Ready);
+}
+
+TEST_F(DeviceSelectionTest, ADeviceThatRefusesBothModesIsSelectedWithoutRates) {
+    Init();
+    // The interface is there for the selection's own switch to PCM and refuses afterwards.
     recorder.audio->onListenerAdded = [this](AudioObjectID, AudioObjectPropertySelector) {
         recorder.registry->FailUsbRequest(kIOUSBPipeStalled);
     };
 
-    // PCM cannot be set either then: the mode switch fails, rates and bits stay empty.
     ASSERT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
 
     std::shared_ptr<VrAudioDeviceInfo> info;
@@ -244,9 +258,11 @@ TEST_F(DeviceSelectionTest, ARefusedRateLeavesTheNewTypeAndTheOldBits) {
     std::shared_ptr<VrRecordSetting> reported;
     ASSERT_EQ(manager.GetRecordSetting(&reported), VrSuccess);
     EXPECT_EQ(reported->rec_type, 1);
-    Set(0, 48'000, 32);
+    // Back in PCM by a rate that is refused, too: the width is the one of the last success.
+    EXPECT_EQ(TrySet(0, 47'999, 32), VrErrorNotSupported);
     ASSERT_EQ(manager.GetRecordSetting(&reported), VrSuccess);
-    EXPECT_EQ(reported->bits, 32);
+    EXPECT_EQ(reported->rec_type, 0);
+    EXPECT_EQ(reported->bits, 24);
 }
 
 TEST_F(DeviceSelectionTest, SettingsAreRefusedDuringARecording) {

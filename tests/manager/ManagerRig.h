@@ -17,6 +17,8 @@ namespace vorrel {
 
 struct VorrelManagerParts {
     static Mutex& TurnLock(VorrelManager& manager) { return manager.recordData.TurnLock(); }
+    static AsioDataQueue& Queue(VorrelManager& manager) { return manager.dataQueue; }
+    static RecordData& Record(VorrelManager& manager) { return manager.recordData; }
 };
 
 }  // namespace vorrel
@@ -41,6 +43,10 @@ protected:
     void Select() {
         Init();
         ASSERT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
+    }
+    VrError TrySet(std::int32_t type, std::uint64_t rateHz, std::uint16_t bits) {
+        const VrRecordSetting setting{.rec_type = type, .freq = rateHz, .bits = bits};
+        return manager.SetRecordSetting(&setting);
     }
     void Set(std::int32_t type, std::uint64_t rateHz, std::uint16_t bits) {
         const VrRecordSetting setting{.rec_type = type, .freq = rateHz, .bits = bits};
@@ -120,7 +126,7 @@ protected:
 /// Holds a start on the helper queue, where it sets the device's buffer size, until it is opened.
 class StartGate {
 public:
-    explicit StartGate(FakeRecorder& recorder) {
+    explicit StartGate(FakeRecorder& fakeRecorder) : recorder(fakeRecorder) {
         recorder.audio->onSet = [this](AudioObjectID, AudioObjectPropertySelector selector,
                                        std::vector<std::byte>&) -> OSStatus {
             if (selector == kAudioDevicePropertyBufferFrameSize && !passed) {
@@ -131,10 +137,14 @@ public:
             return kAudioHardwareNoError;
         };
     }
+    ~StartGate() { recorder.audio->onSet = nullptr; }  // the start is through by then
+    StartGate(const StartGate&) = delete;
+    StartGate& operator=(const StartGate&) = delete;
     void AwaitReached() { reached.get_future().wait(); }
     void Open() { opened.set_value(); }
 
 private:
+    FakeRecorder& recorder;
     bool passed = false;
     std::promise<void> reached;
     std::promise<void> opened;

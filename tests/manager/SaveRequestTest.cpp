@@ -259,6 +259,26 @@ TEST_F(SaveRequestTest, TheFirstTempDirectoryIsCleanedItself) {
     EXPECT_FALSE(std::filesystem::exists(directory.File("tmpABCdef")));
 }
 
+TEST_F(SaveRequestTest, SettingTheSameTempDirectoryAgainCleansIt) {
+    Init();
+    Touch(directory.File("tmpABCdef"));
+
+    ASSERT_EQ(manager.SetTempDirectory(directory.Path().c_str()), VrSuccess);
+
+    EXPECT_FALSE(std::filesystem::exists(directory.File("tmpABCdef")));
+    EXPECT_EQ(manager.GetTempDirectory(), directory.Path());
+}
+
+TEST_F(SaveRequestTest, AnEmptyTempDirectoryIsNoneAtAll) {
+    ASSERT_EQ(manager.Init(delegate), VrSuccess);
+    EXPECT_EQ(manager.SetTempDirectory(""), VrErrorInvalidParameter);
+    Touch(directory.File("tmpABCdef"));
+
+    ASSERT_EQ(manager.SetTempDirectory(directory.Path().c_str()), VrSuccess);
+
+    EXPECT_FALSE(std::filesystem::exists(directory.File("tmpABCdef")));  // as the first one
+}
+
 TEST_F(SaveRequestTest, AVanishedTempDirectoryEndsTheRecordingsStorage) {
     const std::string spill = directory.File("spill");
     std::filesystem::create_directory(spill);

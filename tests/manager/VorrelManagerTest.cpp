@@ -414,6 +414,114 @@ TEST_F(VorrelManagerTest, StreamAndPreviewPositionsComeInTenths) {
     EXPECT_EQ(delegate->convertPositions, (std::vector{1 * 0.1, 2 * 0.1}));
 }
 
+TEST_F(VorrelManagerTest, EverythingButSavingAndReadingIsRefusedWhileAStopIsPending) {
+    SelectPcm();
+    StartGate gate(recorder);
+    ASSERT_EQ(manager.StartPreRecording(), VrSuccess);
+    gate.AwaitReached();
+    ASSERT_EQ(manager.Stop(false), VrSuccess);
+
+    EXPECT_EQ(manager.Start(), VrErrorInvalidState);
+    EXPECT_EQ(manager.StartPreRecording(), VrErrorInvalidState);
+    EXPECT_EQ(manager.Stop(true), VrErrorInvalidState);
+    EXPECT_EQ(manager.Pause(), VrErrorInvalidState);
+    EXPECT_EQ(manager.Resume(), VrErrorInvalidState);
+    EXPECT_EQ(manager.New(), VrErrorInvalidState);
+    EXPECT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrErrorInvalidState);
+    EXPECT_EQ(manager.SetTempDirectory(directory.Path().c_str()), VrErrorInvalidState);
+    EXPECT_EQ(TrySet(0, 48'000, 16), VrErrorInvalidState);
+    EXPECT_EQ(manager.EnableLoopback(true), VrErrorNotSupported);
+    EXPECT_EQ(manager.StartPlay(0.0), VrErrorNotSupported);
+
+    gate.Open();
+    AwaitOperation(VrRecOperationStopped);
+    EXPECT_EQ(delegate->Count(VrRecOperationStopped), 1U);
+}
+
+TEST_F(VorrelManagerTest, AStopThatIsRunningIsStillAStop) {
+    SelectPcm();
+    // What a host would be told between the start that a pending stop lets run and that stop.
+    std::vector<ManagerState> seen;
+    recorder.audio->onStop = [&] { seen.push_back(manager.State()); };
+    StartGate gate(recorder);
+    ASSERT_EQ(manager.StartPreRecording(), VrSuccess);
+    gate.AwaitReached();
+    ASSERT_EQ(manager.Stop(false), VrSuccess);
+    gate.Open();
+
+    AwaitOperation(VrRecOperationStopped);
+
+    EXPECT_EQ(seen, std::vector{ManagerState::Stopping});
+    EXPECT_EQ(manager.State(), ManagerState::Ready);
+}
+
+TEST_F(VorrelManagerTest, AStopBehindAFailingStartEndsInReady) {
+    SelectPcm();
+    recorder.audio->FailStart(kAudioHardwareUnspecifiedError);
+    StartGate gate(recorder);
+    ASSERT_EQ(manager.Start(), VrSuccess);
+    gate.AwaitReached();
+    ASSERT_EQ(manager.Stop(false), VrSuccess);
+    gate.Open();
+
+    AwaitOperation(VrRecOperationStopped);
+
+    EXPECT_EQ(delegate->log, (std::vector<std::string>{"message 0 ", "operation 2"}));
+    EXPECT_EQ(manager.State(), ManagerState::Ready);
+}
+
+TEST_F(VorrelManagerTest, NothingThatConfiguresIsAcceptedWhileStarting) {
+    SelectPcm();
+    StartGate gate(recorder);
+    ASSERT_EQ(manager.Start(), VrSuccess);
+    gate.AwaitReached();
+
+    EXPECT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrErrorInvalidState);
+    EXPECT_EQ(manager.SetTempDirectory(directory.Path().c_str()), VrErrorInvalidState);
+    EXPECT_EQ(TrySet(0, 48'000, 16), VrErrorInvalidState);
+
+    gate.Open();
+    AwaitOperation(VrRecOperationDeviceStarted);
+}
+
+TEST_F(VorrelManagerTest, AnUnknownRateFailsTheStart) {
+    SelectPcm();
+    // A format for any rate is set with the rate that was asked for, whatever it is.
+    recorder.SetFormats({AnyRate(0.0, 1e12, 24, 2)});
+    ASSERT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
+    for (const std::uint64_t rateHz : {std::uint64_t{0}, std::uint64_t{100'000'000'000}}) {
+        delegate->log.clear();
+        Set(0, rateHz, 16);
+
+        ASSERT_EQ(manager.Start(), VrSuccess);
+        ASSERT_TRUE(DispatchUntil([&] { return !delegate->log.empty(); }));
+
+        EXPECT_EQ(delegate->log, std::vector<std::string>{"message 0 "}) << rateHz;
+        EXPECT_EQ(manager.State(), ManagerState::Ready);
+    }
+}
+
+TEST_F(VorrelManagerTest, EventsOfADsdTakeFallOnPreviewFrames) {
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    // 400 device frames of 16 bits: 6,400 one-bit samples, 100 preview frames.
+    std::vector<float> samples(2 * 400, 0.0F);
+    const auto deliver = [&](std::uint64_t previewFrames) {
+        ASSERT_TRUE(recorder.Deliver(2, samples));
+        ASSERT_TRUE(DispatchUntil([&] { return Length(false) == previewFrames; }));
+    };
+    deliver(100);
+    ASSERT_EQ(manager.Pause(), VrSuccess);
+    deliver(200);
+    ASSERT_EQ(manager.Resume(), VrSuccess);
+    deliver(300);
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    // 100 frames before the pause and 100 after it.
+    EXPECT_EQ(Length(true), 200U);
+}
+
 TEST_F(VorrelManagerTest, TwoManagersRecordBesideEachOther) {
     FakeRecorder otherRecorder;
     const auto otherDelegate = std::make_shared<RecordingDelegate>();

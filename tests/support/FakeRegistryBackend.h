@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,6 +24,7 @@ public:
         std::uint8_t interfaceNumber = 0;
         IOReturn numberResult = kIOReturnSuccess;
         IOReturn requestResult = kIOReturnSuccess;
+        std::optional<std::uint16_t> refusedValue;
         std::vector<UsbControlRequest> requests;
         int openHandles = 0;
     };
@@ -77,6 +79,11 @@ public:
     void FailUsbRequest(IOReturn result) {
         const MutexLock lock(mutex);
         usb.requestResult = result;
+    }
+    /// Requests with that value stall, others are taken.
+    void RefuseUsbValue(std::uint16_t value) {
+        const MutexLock lock(mutex);
+        usb.refusedValue = value;
     }
 
     // What there is and what happened.
@@ -241,6 +248,9 @@ private:
         IOReturn ControlRequest(const UsbControlRequest& request) override {
             const MutexLock lock(registry.mutex);
             registry.usb.requests.push_back(request);
+            if (registry.usb.refusedValue == request.value) {
+                return kIOUSBPipeStalled;
+            }
             return registry.usb.requestResult;
         }
 

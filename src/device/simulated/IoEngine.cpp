@@ -28,8 +28,8 @@ struct IoEngine::Run {
     std::uint64_t frames = 0;  // delivered; changed under the engine's mutex
 };
 
-IoEngine::IoEngine(double speedFactor, bool manualDelivery, std::function<void()> onBufferEnded)
-    : speed(speedFactor), manual(manualDelivery), bufferEnded(std::move(onBufferEnded)) {}
+IoEngine::IoEngine(double speedFactor, bool manualDelivery, std::function<void()> onCountdownEnded)
+    : speed(speedFactor), manual(manualDelivery), countdownEnded(std::move(onCountdownEnded)) {}
 
 void IoEngine::Close() {
     Halt();
@@ -37,7 +37,7 @@ void IoEngine::Close() {
     {
         const MutexLock lock(mutex);
         closing = true;
-        bufferEnded = nullptr;
+        countdownEnded = nullptr;
         ending = std::move(thread);
         threadWake.NotifyAll();
     }
@@ -146,6 +146,7 @@ bool IoEngine::DeliverList(const AudioBufferList* given) {
     std::shared_ptr<Run> current;
     UInt32 frames = 0;
     bool empty = false;
+    bool last = false;
     {
         const MutexLock lock(mutex);
         if (run == nullptr || delivering) {
@@ -154,6 +155,9 @@ bool IoEngine::DeliverList(const AudioBufferList* given) {
         current = run;
         frames = NextFrames();
         empty = emptyLists;
+        // Counted at its beginning: a buffer that is under way is not one of a new countdown.
+        last = countdown == 1;
+        countdown -= countdown > 0 ? 1 : 0;
         delivering = true;
         deliverer = std::this_thread::get_id();
     }
@@ -175,8 +179,8 @@ bool IoEngine::DeliverList(const AudioBufferList* given) {
         }
         delivering = false;
         ++cycle;
-        if (delivered) {
-            ended = bufferEnded;
+        if (last) {
+            ended = countdownEnded;
         }
         cycleEnded.NotifyAll();
     }
@@ -251,6 +255,11 @@ bool IoEngine::IsRunning() {
 void IoEngine::SetShortBuffers(UInt32 frames) {
     const MutexLock lock(mutex);
     shortFrames = frames;
+}
+
+void IoEngine::SetCountdown(std::uint64_t buffers) {
+    const MutexLock lock(mutex);
+    countdown = buffers;
 }
 
 void IoEngine::SetEmptyLists(bool empty) {

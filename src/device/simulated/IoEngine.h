@@ -28,10 +28,11 @@ struct RunSetup {
 /// call, an IO proc too. Always held by a shared pointer: the capture thread holds it as well.
 class IoEngine : public std::enable_shared_from_this<IoEngine> {
 public:
-    /// @param speed        Factor by which time runs fast.
-    /// @param manual       No thread; only `Deliver` calls the procs.
-    /// @param bufferEnded  Called after each buffer, on the thread that delivered it, no lock held.
-    IoEngine(double speed, bool manual, std::function<void()> bufferEnded);
+    /// @param speed           Factor by which time runs fast.
+    /// @param manual          No thread; only `Deliver` calls the procs.
+    /// @param countdownEnded  Called after the last buffer of a countdown, on the thread that
+    ///                        delivered it, no lock held.
+    IoEngine(double speed, bool manual, std::function<void()> countdownEnded);
     /// Ends the capture thread and waits for it, unless it is the caller.
     void Close() VORREL_EXCLUDES(mutex);
 
@@ -58,6 +59,8 @@ public:
 
     /// Buffers of at most `frames` frames from now on; 0 for whole ones.
     void SetShortBuffers(UInt32 frames) VORREL_EXCLUDES(mutex);
+    /// Ends a countdown after `buffers` more, counted from the next that begins; 0 for never.
+    void SetCountdown(std::uint64_t buffers) VORREL_EXCLUDES(mutex);
     /// Buffer lists without buffers from now on.
     void SetEmptyLists(bool empty) VORREL_EXCLUDES(mutex);
 
@@ -95,7 +98,8 @@ private:
     Mutex mutex;
     ConditionVariable threadWake;  // a run begins or ends, or the engine closes
     ConditionVariable cycleEnded;
-    std::function<void()> bufferEnded VORREL_GUARDED_BY(mutex);
+    std::function<void()> countdownEnded VORREL_GUARDED_BY(mutex);
+    std::uint64_t countdown VORREL_GUARDED_BY(mutex) = 0;
     std::vector<Client> clients VORREL_GUARDED_BY(mutex);
     std::uintptr_t lastId VORREL_GUARDED_BY(mutex) = 0;
     std::shared_ptr<Run> run VORREL_GUARDED_BY(mutex);  // null while stopped

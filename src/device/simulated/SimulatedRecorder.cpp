@@ -84,10 +84,9 @@ SimulatedRecorder::SimulatedRecorder(const SimulatedRecorderConfig& completed, s
                std::to_string(completed.productId)),
       ids(std::move(objectIds)),
       listeners(std::move(propertyListeners)),
-      unplugCountdown(completed.unplugAfterBuffers),
       name(completed.name),
-      engine(std::make_shared<IoEngine>(completed.speed, completed.manual,
-                                        [this] { BufferEnded(); })) {
+      engine(std::make_shared<IoEngine>(completed.speed, completed.manual, [this] { Unplug(); })) {
+    engine->SetCountdown(config.unplugAfterBuffers);
     const MutexLock lock(mutex);
     ResetDevice();
 }
@@ -458,15 +457,6 @@ IOReturn SimulatedRecorder::ControlRequest(std::uint32_t plugging, std::uint8_t 
     return kIOReturnSuccess;
 }
 
-void SimulatedRecorder::BufferEnded() {
-    std::uint64_t left = unplugCountdown.load();
-    while (left > 0 && !unplugCountdown.compare_exchange_weak(left, left - 1)) {
-    }
-    if (left == 1) {
-        Unplug();
-    }
-}
-
 void SimulatedRecorder::Unplug() {
     AudioObjectID device = kAudioObjectUnknown;
     {
@@ -482,10 +472,6 @@ void SimulatedRecorder::Unplug() {
     engine->Halt();
     listeners->Notify(device, kAudioDevicePropertyDeviceIsAlive);
     listeners->Notify(kAudioObjectSystemObject, kAudioHardwarePropertyDevices);
-}
-
-void SimulatedRecorder::UnplugAfterBuffers(std::uint64_t buffers) {
-    unplugCountdown = buffers;
 }
 
 void SimulatedRecorder::Plug() {

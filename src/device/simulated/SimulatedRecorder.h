@@ -86,7 +86,7 @@ public:
     /// called once. Nothing happens to a recorder that is unplugged.
     void Unplug() VORREL_EXCLUDES(mutex);
     /// Unplugs after that many further buffers; 0 takes the order back.
-    void UnplugAfterBuffers(std::uint64_t buffers);
+    void UnplugAfterBuffers(std::uint64_t buffers) { engine->SetCountdown(buffers); }
     /// Plugs it in again, as new: other object ids, PCM mode, default format and buffer size.
     void Plug() VORREL_EXCLUDES(mutex);
     /// The alive flag alone; a change calls the alive listener. Not alive, it does not start.
@@ -171,7 +171,6 @@ private:
     OSStatus WriteFormat(const AudioStreamBasicDescription& wanted) VORREL_REQUIRES(mutex);
     /// What anybody who changes or starts the device is told first.
     OSStatus UseStatus() const VORREL_REQUIRES(mutex);
-    void BufferEnded();
 
     const SimulatedRecorderConfig config;
     const std::string uid;
@@ -179,7 +178,6 @@ private:
     const std::shared_ptr<ObjectIds> ids;
     const std::shared_ptr<PropertyListeners> listeners;
     PropertyFaults faults;
-    std::atomic<std::uint64_t> unplugCountdown;
 
     Mutex mutex;  // taken before the engine's; never held across a callback or a wait
     std::string name VORREL_GUARDED_BY(mutex);

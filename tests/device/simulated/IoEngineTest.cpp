@@ -65,6 +65,28 @@ TEST(IoEngineTest, AfterALateWakeEveryBufferIsCaughtUp) {
     }
 }
 
+TEST(IoEngineTest, ABufferThatIsUnderWayIsNotOneOfANewCountdown) {
+    int ended = 0;
+    const auto engine = std::make_shared<IoEngine>(1.0, true, [&ended] { ++ended; });
+    Collector collector;
+    collector.onBuffer = [&] {
+        if (collector.Count() == 1) {
+            engine->SetCountdown(2);
+        }
+    };
+    const AudioDeviceIOProcID id = engine->Create(&Collector::Proc, &collector);
+    ASSERT_EQ(engine->Start(id, kSetup, &MakeCounting), 0);
+
+    engine->Deliver();
+    engine->Deliver();
+    EXPECT_EQ(ended, 0);
+    engine->Deliver();
+    engine->Deliver();
+
+    EXPECT_EQ(ended, 1);
+    engine->Close();
+}
+
 TEST(IoEngineTest, ABufferIsNotDeliveredFromWithinABuffer) {
     const auto engine = std::make_shared<IoEngine>(1.0, true, nullptr);
     Collector collector;

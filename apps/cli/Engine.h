@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "ExitCode.h"
+#include "Options.h"
+#include "vorrel/IVorrelDelegate.h"
+#include "vorrel/VrRecords.h"
+
+namespace vorrel::cli {
+
+struct OperationDone {
+    VrRecOperation operation;
+};
+struct PositionMoved {
+    double seconds;
+};
+struct MessageCame {
+    VrMessageKind kind;
+    std::string text;
+};
+using Notification = std::variant<OperationDone, PositionMoved, MessageCame>;
+
+/// Keeps what the engine tells until the event loop asks: the engine holds its delegate to the end
+/// of the process, longer than any session lives. Main thread only.
+class Notifications final : public IVorrelDelegate {
+public:
+    void Vorrel_NotifyOperationProc(VrRecOperation operation) override;
+    void Vorrel_NotifyStreamPosProc(double seconds) override;
+    void Vorrel_NotifyConvertPosProc(double seconds) override;
+    void Vorrel_NotifyErrorMessageProc(VrMessageKind kind, const std::string& message) override;
+
+    /// What came since the last call, in order.
+    std::vector<Notification> Take();
+
+private:
+    std::vector<Notification> waiting;
+};
+
+/// A few words for an engine result.
+std::string ErrorText(VrError error);
+
+/// Throws a Failure of `exit` that says what could not be done and why, unless `error` is success.
+void Require(VrError error, ExitCode exit, const std::string& what);
+
+/// Readies the engine: the simulated recorder when wanted, then the delegate. Once a process,
+/// before any other call to it.
+std::shared_ptr<Notifications> OpenEngine(const CommonOptions& options);
+
+/// @throws Failure (device).
+std::vector<std::string> ListDevices();
+
+/// Selects the recorder of that name, "" = the first.
+/// @throws Failure (device): none, none of that name, in use, ...
+std::shared_ptr<VrAudioDeviceInfo> SelectDevice(const std::string& name);
+
+/// The rate to record at: the wanted one, else 48,000 Hz, else the lowest.
+/// @throws Failure (usage) that lists the possible rates; (device) when there are none.
+std::uint64_t ChooseRate(const std::vector<std::uint64_t>& offered,
+                         std::optional<std::uint64_t> wanted);
+
+}  // namespace vorrel::cli

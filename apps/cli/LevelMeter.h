@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace vorrel::cli {
+
+/// One channel's level over the frames looked at.
+struct Level {
+    double peakDbfs = 0.0;  ///< 0 is full scale; minus infinity is digital silence.
+    bool clipped = false;   ///< A sample stood at one end of the 16-bit scale.
+};
+
+/// Peaks of interleaved 16-bit preview frames, one per channel. No frames: silence everywhere.
+std::vector<Level> MeasureLevels(std::span<const std::int16_t> samples, std::size_t channels);
+
+/// "-12.3", "-inf".
+std::string DecibelText(double dbfs);
+
+/// A bar of `width` cells over the top 60 dB, "#" up to the level; the last cell is "!" after a
+/// clipped sample.
+std::string MeterBar(const Level& level, std::size_t width);
+
+/// All channels side by side: "L [####------] -12.3  R [###-------] -14.0"; numbers in place of L
+/// and R where there are not two.
+std::string MeterText(const std::vector<Level>& levels, std::size_t barWidth);
+
+}  // namespace vorrel::cli

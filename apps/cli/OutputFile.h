@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace vorrel::cli {
+
+/// The absolute path of a file to be written, links in it followed, so that two spellings of one
+/// file are equal.
+/// @throws Failure (usage): empty, a directory's name, a directory on the way that is missing.
+std::string ResolveTarget(const std::string& path);
+
+/// A file on its way: the engine writes it under a name of its own beside the target, and only a
+/// complete one takes the target's name. What is not committed is deleted.
+class OutputFile {
+public:
+    /// @param target  As `ResolveTarget` gave it.
+    /// @param force   Whether an existing file may be replaced.
+    OutputFile(std::string target, bool force);
+    ~OutputFile();
+    OutputFile(OutputFile&& other) noexcept;
+    OutputFile& operator=(OutputFile&&) = delete;
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    /// Finds out now what would fail after the recording: a target that exists (without `force`)
+    /// or is no regular file, a directory that takes no file. Leaves nothing behind.
+    /// @throws Failure (usage), naming the path and the reason.
+    void Check() const;
+
+    const std::string& Target() const { return target; }
+    /// What the engine is to write: ".NAME.partial-PID" in the target's directory, or a free name
+    /// after that one.
+    const std::string& StagingPath() const { return staging; }
+
+    /// Brings the staged file safely to the disk and gives it the target's name. When somebody has
+    /// made a file of that name meanwhile (and without `force`), it takes the next free one, so
+    /// that a recording is never lost to a name.
+    /// @return The name that it has now.
+    /// @throws Failure (storage); the staged file then still exists under its own name.
+    std::string Commit();
+
+private:
+    std::string target;
+    std::string staging;
+    bool force = false;
+    bool keepStaged = false;  // a complete file that could not be renamed
+};
+
+/// What stands in the header of a WAV file, as far as it tells whether the file is complete.
+struct WavSummary {
+    bool complete = false;  ///< A WAV header, and as many bytes as it announces.
+    std::uint64_t bytes = 0;
+    std::uint64_t frames = 0;
+};
+
+/// A missing or foreign file gives an incomplete summary.
+WavSummary SummarizeWav(const std::string& path);
+
+}  // namespace vorrel::cli

@@ -1,0 +1,76 @@
+#include "Signals.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <tuple>
+
+#include "ExitCode.h"
+
+namespace vorrel::cli {
+namespace {
+
+constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT};
+
+/// The program's one global: a handler is given nothing else to hold on to.
+std::atomic<int> writeEnd{-1};
+
+extern "C" void VorrelCliOnSignal(int number) {
+    const int saved = errno;
+    const auto byte = static_cast<unsigned char>(number);
+    // A full pipe holds enough signals already.
+    std::ignore = ::write(writeEnd.load(), &byte, 1);
+    errno = saved;
+}
+
+}  // namespace
+
+Signals::Signals() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+        throw Failure(ExitCode::Storage, "no pipe can be opened for signals");
+    }
+    readEnd = ends[0];
+    writeEnd = ends[1];
+    struct sigaction action {};
+    action.sa_handler = &VorrelCliOnSignal;
+    action.sa_flags = SA_RESTART;
+    for (const int number : kSignals) {
+        struct sigaction old {};
+        if ((number == SIGHUP || number == SIGTSTP) && ::sigaction(number, nullptr, &old) == 0 &&
+            old.sa_handler == SIG_IGN) {
+            continue;
+        }
+        ::sigaction(number, &action, nullptr);
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+}
+
+Signals::~Signals() {
+    for (const int number : kSignals) {
+        struct sigaction old {};
+        if (::sigaction(number, nullptr, &old) == 0 && old.sa_handler == &VorrelCliOnSignal) {
+            ::signal(number, SIG_DFL);
+        }
+    }
+    ::close(writeEnd.exchange(-1));
+    ::close(readEnd);
+}
+
+std::vector<int> Signals::Take() {
+    std::vector<int> numbers;
+    std::array<unsigned char, 64> bytes{};
+    for (;;) {
+        const ssize_t count = ::read(readEnd, bytes.data(), bytes.size());
+        if (count <= 0) {
+            return numbers;
+        }
+        numbers.insert(numbers.end(), bytes.begin(), bytes.begin() + count);
+    }
+}
+
+}  // namespace vorrel::cli

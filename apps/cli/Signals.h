@@ -1,0 +1,31 @@
+#pragma once
+
+#include <vector>
+
+namespace vorrel::cli {
+
+/// Turns signals into bytes of a pipe, so that the event loop meets them between two events.
+/// SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP and SIGCONT; a hang-up or stop key that the parent
+/// ignores (nohup) stays ignored. SIGPIPE is ignored: a reader that goes away ends no recording.
+/// One at a time.
+///
+/// A handler and not a blocked mask: the engine's threads exist before `main`, and a mask set
+/// there would not reach them.
+class Signals {
+public:
+    /// @throws Failure when the process cannot open a pipe.
+    Signals();
+    ~Signals();
+    Signals(const Signals&) = delete;
+    Signals& operator=(const Signals&) = delete;
+
+    /// Readable while signals wait.
+    int Descriptor() const { return readEnd; }
+    /// The signals that came since the last call, in order.
+    std::vector<int> Take();
+
+private:
+    int readEnd = -1;
+};
+
+}  // namespace vorrel::cli

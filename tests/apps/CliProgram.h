@@ -1,0 +1,72 @@
+#pragma once
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/Process.h"
+#include "support/TempDirectory.h"
+
+namespace vorrel::test {
+
+/// Places for one run of the program: a directory for its files, one for its temporary data. Both
+/// are looked at afterwards.
+class CliPlaces {
+public:
+    std::string File(const std::string& name) const { return files.File(name); }
+    const std::string& FilesPath() const { return files.Path(); }
+    const std::string& TempPath() const { return temp.Path(); }
+
+    /// Names in the directory of files.
+    std::set<std::string> Files() const { return Names(files.Path()); }
+    /// Whether no temporary data is left.
+    bool TempIsEmpty() const { return std::filesystem::is_empty(temp.Path()); }
+
+    /// `program record ... --temp-dir TEMP --json` with further arguments.
+    Process::Setup Record(const std::string& program, std::vector<std::string> arguments) const {
+        Process::Setup setup;
+        setup.arguments = {program, "record", "--json", "--temp-dir", temp.Path()};
+        setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
+        return setup;
+    }
+
+private:
+    static std::set<std::string> Names(const std::string& path) {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(path)) {
+            names.insert(entry.path().filename().string());
+        }
+        return names;
+    }
+
+    TempDirectory files;
+    TempDirectory temp;
+};
+
+/// The objects of a --json output, in order; a line that is none fails with an exception.
+inline std::vector<nlohmann::json> JsonLines(const std::string& text) {
+    std::vector<nlohmann::json> objects;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = text.find('\n', start);
+        objects.push_back(nlohmann::json::parse(text.substr(start, end - start)));
+        start = end == std::string::npos ? text.size() : end + 1;
+    }
+    return objects;
+}
+
+/// Those of one event.
+inline std::vector<nlohmann::json> Events(const std::string& text, const std::string& event) {
+    std::vector<nlohmann::json> events;
+    for (const nlohmann::json& object : JsonLines(text)) {
+        if (object.at("event") == event) {
+            events.push_back(object);
+        }
+    }
+    return events;
+}
+
+}  // namespace vorrel::test

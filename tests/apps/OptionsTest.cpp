@@ -1,0 +1,132 @@
+#include "Options.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Engine.h"
+#include "ExitCode.h"
+
+namespace vorrel::cli {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+/// The one line with which a command line is refused, "" when it is taken.
+std::string Refusal(const std::vector<std::string>& arguments) {
+    try {
+        ParseOptions(arguments);
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.exit, ExitCode::Usage);
+        EXPECT_THAT(failure.what(), Not(HasSubstr("\n")));
+        return failure.what();
+    }
+    return "";
+}
+
+TEST(OptionsTest, RecordHasItsDefaults) {
+    const Options options = ParseOptions({"record", "a.wav"});
+
+    EXPECT_EQ(options.command, Command::Record);
+    EXPECT_EQ(options.record.out, "a.wav");
+    EXPECT_EQ(options.record.rateHz, std::nullopt);
+    EXPECT_EQ(options.record.bits, 24U);
+    EXPECT_EQ(options.record.duration, std::nullopt);
+    EXPECT_EQ(options.record.gain, 0.0);
+    EXPECT_TRUE(options.record.tags.empty());
+    EXPECT_FALSE(options.record.force);
+    EXPECT_FALSE(options.common.simulate);
+}
+
+TEST(OptionsTest, RecordTakesAllThatItOffers) {
+    const Options options =
+        ParseOptions({"record",     "a.wav",     "--rate",  "96000",     "--bits",         "16",
+                      "--duration", "1:30.5",    "--gain",  "-6",        "--title",        "T",
+                      "--artist",   "A",         "--album", "L",         "--album-artist", "AA",
+                      "--range",    "0-1=b.wav", "--range", "1-2=c.wav", "--temp-dir",     "/t",
+                      "--device",   "D",         "--force", "--json",    "--quiet",        "--type",
+                      "pcm"});
+
+    EXPECT_EQ(options.record.rateHz, 96'000U);
+    EXPECT_EQ(options.record.bits, 16U);
+    EXPECT_EQ(options.record.duration, 90.5);
+    EXPECT_EQ(options.record.gain, -6.0);
+    EXPECT_THAT(options.record.tags,
+                testing::UnorderedElementsAre(
+                    testing::Pair("Title", "T"), testing::Pair("Artist", "A"),
+                    testing::Pair("Alubum", "L"), testing::Pair("AlbumArtist", "AA")));
+    ASSERT_EQ(options.record.ranges.size(), 2U);
+    EXPECT_EQ(options.record.ranges[1].file, "c.wav");
+    EXPECT_EQ(options.record.tempDirectory, "/t");
+    EXPECT_EQ(options.common.device, "D");
+    EXPECT_TRUE(options.record.force);
+    EXPECT_TRUE(options.common.json);
+    EXPECT_TRUE(options.common.quiet);
+}
+
+TEST(OptionsTest, SimulateTakesItsConfigurationWithAnEqualsSignOnly) {
+    const Options bare = ParseOptions({"record", "--simulate", "a.wav"});
+    EXPECT_TRUE(bare.common.simulate);
+    EXPECT_EQ(bare.common.simulated, "");
+    EXPECT_EQ(bare.record.out, "a.wav");
+
+    const Options set = ParseOptions({"record", "a.wav", "--simulate=source=counter,speed=50"});
+    EXPECT_TRUE(set.common.simulate);
+    EXPECT_EQ(set.common.simulated, "source=counter,speed=50");
+}
+
+TEST(OptionsTest, AFileThatBeginsAndEndsWithTheRangesNeedsNoOut) {
+    EXPECT_EQ(Refusal({"record", "--range", "0-1=a.wav"}), "");
+    EXPECT_THAT(Refusal({"record"}), HasSubstr("--range"));
+}
+
+TEST(OptionsTest, WhatIsWrongIsRefusedInOneLine) {
+    EXPECT_THAT(Refusal({}), HasSubstr("subcommand"));
+    EXPECT_THAT(Refusal({"rekord"}), Not(""));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--bogus"}), HasSubstr("--bogus"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "b.wav"}), HasSubstr("b.wav"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--bits", "20"}), HasSubstr("--bits"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--rate", "many"}), HasSubstr("--rate"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--rate", "-1"}), HasSubstr("--rate"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--duration", "0"}), HasSubstr("--duration"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--duration", "soon"}), HasSubstr("--duration"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "nan"}), HasSubstr("--gain"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "1000"}), HasSubstr("--gain"));
+    EXPECT_THAT(Refusal({"record", ""}), HasSubstr("empty"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--range", "2-1=b.wav"}), HasSubstr("2-1=b.wav"));
+}
+
+TEST(OptionsTest, DsdIsNotYetPossible) {
+    EXPECT_THAT(Refusal({"record", "a.dsf", "--type", "dsd"}), HasSubstr("not yet possible"));
+}
+
+TEST(OptionsTest, ARangeBeyondTheDurationIsRefused) {
+    EXPECT_THAT(Refusal({"record", "--duration", "5", "--range", "4-6=b.wav"}), HasSubstr("b.wav"));
+    EXPECT_THAT(Refusal({"record", "--duration", "5", "--range", "5-=b.wav"}), HasSubstr("b.wav"));
+    EXPECT_EQ(Refusal({"record", "--duration", "5", "--range", "4-5=b.wav"}), "");
+}
+
+TEST(OptionsTest, HelpAndVersionAreAnswers) {
+    EXPECT_THAT(ParseOptions({"--help"}).text, HasSubstr("record"));
+    EXPECT_THAT(ParseOptions({"record", "--help"}).text, HasSubstr("--duration"));
+    EXPECT_THAT(ParseOptions({"--version"}).text, testing::StartsWith("vorrel "));
+}
+
+TEST(ChooseRateTest, PrefersTheUsualRateThenTheLowest) {
+    EXPECT_EQ(ChooseRate({44'100, 48'000, 96'000}, {}), 48'000U);
+    EXPECT_EQ(ChooseRate({88'200, 96'000}, {}), 88'200U);
+    EXPECT_EQ(ChooseRate({44'100, 48'000, 96'000}, 96'000), 96'000U);
+}
+
+TEST(ChooseRateTest, AnImpossibleRateIsAnsweredWithThePossibleOnes) {
+    try {
+        ChooseRate({44'100, 48'000}, 47'999);
+        ADD_FAILURE();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.exit, ExitCode::Usage);
+        EXPECT_THAT(failure.what(), HasSubstr("44100, 48000"));
+    }
+}
+
+}  // namespace
+}  // namespace vorrel::cli

@@ -1,0 +1,353 @@
+// The program with the real engine and its simulated recorder.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+
+#include "CliProgram.h"
+#include "WavReader.h"
+#include "support/SmallVolume.h"
+
+namespace vorrel::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr const char* kCounter = "--simulate=source=counter,speed=20";
+
+class RecordTest : public testing::Test {
+protected:
+    Process::Setup Record(const std::vector<std::string>& arguments) const {
+        return places.Record(VORREL_CLI, arguments);
+    }
+
+    /// Expects that the command line is refused with one line, before anything is made.
+    void ExpectRefused(const std::vector<std::string>& arguments, int code,
+                       const std::string& text) const {
+        const std::set<std::string> before = places.Files();
+        Process program(Record(arguments));
+
+        EXPECT_EQ(program.Wait(), code);
+
+        EXPECT_THAT(program.Error(), HasSubstr(text));
+        EXPECT_THAT(program.Error(), testing::StartsWith("vorrel: "));
+        EXPECT_EQ(program.Error().find('\n'), program.Error().size() - 1) << program.Error();
+        EXPECT_THAT(Events(program.Out(), "error"), testing::SizeIs(1));
+        EXPECT_EQ(places.Files(), before);
+        EXPECT_TRUE(places.TempIsEmpty());
+    }
+
+    CliPlaces places;
+};
+
+TEST_F(RecordTest, EveryWidthAndRateIsSavedFrameForFrame) {
+    struct Format {
+        const char* rate;
+        const char* bits;
+        const char* duration;
+        std::size_t frames;
+    };
+    for (const Format& format :
+         {Format{"44100", "16", "1.1", 48'510}, Format{"48000", "24", "2.5", 120'000},
+          Format{"96000", "32", "0.33333", 32'000}}) {
+        const std::string file = places.File(std::string(format.rate) + ".wav");
+        Process program(Record({file, kCounter, "--rate", format.rate, "--bits", format.bits,
+                                "--duration", format.duration}));
+
+        ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+        const Wav wav = ReadWav(file);
+        EXPECT_EQ(wav.rate, std::stoul(format.rate));
+        EXPECT_EQ(wav.bits, std::stoul(format.bits));
+        EXPECT_EQ(wav.channels, 2U);
+        EXPECT_EQ(wav.Frames(), format.frames);
+        EXPECT_TRUE(places.TempIsEmpty());
+    }
+}
+
+TEST_F(RecordTest, TheSamplesAreThoseOfTheRecorderWithoutAGap) {
+    Process program(Record({places.File("a.wav"), kCounter, "--duration", "10"}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    const Wav wav = ReadWav(places.File("a.wav"));
+    EXPECT_EQ(wav.Frames(), 480'000U);
+    EXPECT_EQ(FirstGap(wav, CounterStart(wav)), wav.Frames());
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+}
+
+TEST_F(RecordTest, ALongRecordingSurvivesItsSpillFiles) {
+    Process program(Record({places.File("a.wav"), "--simulate=source=counter,speed=100",
+                            "--duration", "30", "--rate", "96000"}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    const Wav wav = ReadWav(places.File("a.wav"));
+    EXPECT_EQ(wav.Frames(), 2'880'000U);
+    EXPECT_EQ(FirstGap(wav, CounterStart(wav)), wav.Frames());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, RangesAreStretchesOfTheRecording) {
+    Process program(
+        Record({places.File("all.wav"), kCounter, "--duration", "2", "--range",
+                "0-0:00.5=" + places.File("b.wav"), "--range", "0.5-1.25=" + places.File("c.wav"),
+                "--range", "1.25-=" + places.File("d.wav")}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    const std::uint64_t start = CounterStart(ReadWav(places.File("all.wav")));
+    const Wav b = ReadWav(places.File("b.wav"));
+    const Wav c = ReadWav(places.File("c.wav"));
+    const Wav d = ReadWav(places.File("d.wav"));
+    EXPECT_EQ(b.Frames(), 24'000U);
+    EXPECT_EQ(FirstGap(b, start), b.Frames());
+    EXPECT_EQ(c.Frames(), 36'000U);
+    EXPECT_EQ(FirstGap(c, start + 24'000), c.Frames());
+    EXPECT_EQ(d.Frames(), 36'000U);
+    EXPECT_EQ(FirstGap(d, start + 60'000), d.Frames());
+}
+
+TEST_F(RecordTest, RangesNeedNoFileForTheWhole) {
+    Process program(
+        Record({kCounter, "--duration", "1", "--range", "0.5-1=" + places.File("b.wav")}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(places.Files(), ElementsAre("b.wav"));
+}
+
+TEST_F(RecordTest, GainIsAppliedToTheSavedSamples) {
+    Process plain(
+        Record({places.File("a.wav"), "--simulate=source=tone,speed=20", "--duration", "1"}));
+    Process halved(Record({places.File("b.wav"), "--simulate=source=tone,speed=20", "--duration",
+                           "1", "--gain", "-6.0206"}));
+
+    ASSERT_EQ(plain.Wait(), 0);
+    ASSERT_EQ(halved.Wait(), 0);
+
+    const auto peak = [](const Wav& wav) {
+        std::int32_t highest = 0;
+        for (const std::int32_t sample : wav.samples) {
+            highest = std::max(highest, std::abs(sample));
+        }
+        return static_cast<double>(highest);
+    };
+    EXPECT_NEAR(peak(ReadWav(places.File("b.wav"))) / peak(ReadWav(places.File("a.wav"))), 0.5,
+                1e-3);
+}
+
+TEST_F(RecordTest, TagsStandInTheFile) {
+    Process program(Record({places.File("a.wav"), kCounter, "--duration", "0.5", "--title", "Dawn",
+                            "--artist", "Nobody", "--album", "Morning", "--album-artist", "All"}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    const Wav wav = ReadWav(places.File("a.wav"));
+    const Bytes& list = wav.otherChunks.at("LIST");
+    const std::string info(list.begin(), list.end());
+    EXPECT_THAT(info, HasSubstr("Dawn"));
+    EXPECT_THAT(info, HasSubstr("Nobody"));
+    EXPECT_THAT(info, HasSubstr("Morning"));
+    const Bytes& id3 = wav.otherChunks.at("id3 ");
+    EXPECT_THAT(std::string(id3.begin(), id3.end()), HasSubstr("TPE2"));
+}
+
+TEST_F(RecordTest, ASignalStopsAndSavesAllThatWasRecorded) {
+    Process program(Record({places.File("a.wav"), kCounter}));
+    ASSERT_TRUE(program.AwaitOut("\"seconds\":1.0"));
+
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+    const Wav wav = ReadWav(places.File("a.wav"));
+    EXPECT_GE(wav.Frames(), 48'000U);
+    EXPECT_EQ(FirstGap(wav, CounterStart(wav)), wav.Frames());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, SpaceCutsAStretchOut) {
+    Process::Setup setup = Record({places.File("a.wav"), kCounter});
+    setup.terminal = true;
+    Process program(setup);
+    ASSERT_TRUE(program.AwaitOut("\"seconds\":1.0"));
+    ASSERT_TRUE(program.Type(" "));
+    ASSERT_TRUE(program.AwaitOut("\"paused\""));
+    ASSERT_TRUE(program.AwaitOut("\"level\""));
+    ASSERT_TRUE(program.AwaitOut("\"level\""));
+    ASSERT_TRUE(program.Type(" "));
+    ASSERT_TRUE(program.AwaitOut("\"recording\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.Type("q"));
+
+    EXPECT_EQ(program.Wait(), 0);
+    EXPECT_TRUE(program.TerminalRestored());
+    const Wav wav = ReadWav(places.File("a.wav"));
+    EXPECT_LT(FirstGap(wav, CounterStart(wav)), wav.Frames());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, AnUnpluggedRecorderSavesWhatCameBefore) {
+    Process program(Record({places.File("a.wav"), "--simulate=source=counter,speed=20,unplug=40"}));
+
+    EXPECT_EQ(program.Wait(), 2);
+
+    EXPECT_THAT(program.Error(), HasSubstr("lost"));
+    const Wav wav = ReadWav(places.File("a.wav"));
+    EXPECT_GT(wav.Frames(), 0U);
+    EXPECT_EQ(FirstGap(wav, CounterStart(wav)), wav.Frames());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, AFullDiskEndsTheRecordingAndSavesIt) {
+    const SmallVolume volume(8 << 20);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process::Setup setup;
+    setup.arguments = {VORREL_CLI,
+                       "record",
+                       places.File("a.wav"),
+                       "--simulate=source=counter,speed=20",
+                       "--temp-dir",
+                       volume.File(""),
+                       "--json"};
+    Process program(setup);
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    const Wav wav = ReadWav(places.File("a.wav"));
+    EXPECT_GT(wav.Frames(), 0U);
+    EXPECT_EQ(FirstGap(wav, CounterStart(wav)), wav.Frames());
+    EXPECT_TRUE(std::filesystem::is_empty(volume.File("")));
+}
+
+TEST_F(RecordTest, ATargetVolumeTooSmallForTheRecordingEndsItWhileItStillFits) {
+    const SmallVolume volume(4 << 20);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    // 288,000 bytes a second: 4 MiB are full after 14.5 s.
+    Process program(Record({volume.File("a.wav"), "--simulate=source=counter,speed=5"}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    // Depending on when the disk was looked at, the file just fits or is given up as a whole.
+    EXPECT_THAT(program.Error(), HasSubstr("disk is full"));
+    for (const auto& entry : std::filesystem::directory_iterator(volume.File(""))) {
+        EXPECT_EQ(entry.path().filename(), "a.wav");
+    }
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, WhatCannotBeDoneIsSaidBeforeTheRecording) {
+    std::ofstream(places.File("old.wav")) << "old";
+    const std::string file = places.File("a.wav");
+
+    ExpectRefused({places.File("old.wav"), kCounter}, 1, "--force");
+    ExpectRefused({places.File("none/a.wav"), kCounter}, 1, "none");
+    ExpectRefused({"/proc/a.wav", kCounter}, 1, "cannot be written");
+    ExpectRefused({file, kCounter, "--rate", "47999"}, 1, "44100, 48000, 96000, 192000, 384000");
+    ExpectRefused({file, kCounter, "--bits", "20"}, 1, "--bits");
+    ExpectRefused({file, kCounter, "--type", "dsd"}, 1, "not yet possible");
+    ExpectRefused({file, kCounter, "--device", "kd-wv770"}, 2, "KD-WV770");
+    ExpectRefused({file, kCounter, "--range", "0-1=" + file}, 1, "twice");
+    ExpectRefused({kCounter, "--range", "0-1=" + file, "--range", "1-2=" + places.File("./a.wav")},
+                  1, "twice");
+    ExpectRefused({file, kCounter, "--duration", "0.000001"}, 1, "--duration");
+    EXPECT_EQ(ReadBytes(places.File("old.wav")), ToBytes("old"));
+}
+
+TEST_F(RecordTest, AMissingTemporaryDirectoryIsSaidBeforeTheRecording) {
+    Process::Setup setup;
+    setup.arguments = {VORREL_CLI, "record",     places.File("a.wav"),
+                       kCounter,   "--temp-dir", places.File("none")};
+    Process program(setup);
+
+    EXPECT_EQ(program.Wait(), 1);
+
+    EXPECT_EQ(program.Error(),
+              "vorrel: --temp-dir " + places.File("none") + ": there is no such directory\n");
+    EXPECT_THAT(places.Files(), IsEmpty());
+}
+
+TEST_F(RecordTest, AnImpossibleSimulationIsAUsageError) {
+    Process program(Record({places.File("a.wav"), "--simulate=source=bogus"}));
+
+    EXPECT_EQ(program.Wait(), 1);
+
+    EXPECT_THAT(program.Error(), HasSubstr("vorrel: --simulate=source=bogus is not possible"));
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, WithoutATempDirTheOneOfTheEnvironmentIsUsed) {
+    Process::Setup setup;
+    setup.arguments = {VORREL_CLI, "record", places.File("a.wav"), kCounter, "--json"};
+    setup.environment["TMPDIR"] = places.TempPath();
+    Process program(setup);
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    EXPECT_FALSE(places.TempIsEmpty());
+
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0);
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, ForceReplacesTheFile) {
+    std::ofstream(places.File("a.wav")) << "old";
+    Process program(Record({places.File("a.wav"), kCounter, "--duration", "0.5", "--force"}));
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 24'000U);
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+}
+
+Process::Setup Ask(const std::vector<std::string>& arguments) {
+    Process::Setup setup;
+    setup.arguments = arguments;
+    return setup;
+}
+
+TEST(InfoTest, DevicesAreListedByName) {
+    Process people(Ask({VORREL_CLI, "devices", "--simulate=recorders=2"}));
+    Process programs(Ask({VORREL_CLI, "devices", "--simulate", "--json"}));
+
+    EXPECT_EQ(people.Wait(), 0);
+    EXPECT_EQ(programs.Wait(), 0);
+
+    EXPECT_EQ(people.Out(), "KD-WV770\nKD-WV770\n");
+    EXPECT_EQ(Events(programs.Out(), "device").at(0).at("device"), "KD-WV770");
+}
+
+TEST(InfoTest, ARecorderTellsWhatItCanDo) {
+    Process people(Ask({VORREL_CLI, "info", "--simulate"}));
+    Process programs(Ask({VORREL_CLI, "info", "--simulate", "--json", "--device", "KD-WV770"}));
+
+    EXPECT_EQ(people.Wait(), 0);
+    EXPECT_EQ(programs.Wait(), 0);
+
+    EXPECT_THAT(people.Out(), HasSubstr("384000 Hz"));
+    const nlohmann::json info = Events(programs.Out(), "info").at(0);
+    EXPECT_EQ(info.at("device"), "KD-WV770");
+    EXPECT_EQ(info.at("input_channels"), 2);
+    // The model does not offer 88,200, 176,400 and 352,800 Hz.
+    EXPECT_EQ(info.at("pcm_rates_hz"), nlohmann::json({44100, 48000, 96000, 192000, 384000}));
+    EXPECT_EQ(info.at("dsd_rates_hz"), nlohmann::json({2822400, 5644800, 11289600}));
+}
+
+TEST(InfoTest, AnUnknownRecorderIsADeviceError) {
+    Process program(Ask({VORREL_CLI, "info", "--simulate", "--device", "other"}));
+
+    EXPECT_EQ(program.Wait(), 2);
+
+    EXPECT_THAT(program.Error(), HasSubstr("there is: KD-WV770"));
+}
+
+}  // namespace
+}  // namespace vorrel::test
