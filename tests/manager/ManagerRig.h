@@ -84,17 +84,23 @@ protected:
     void AwaitStored() {
         ASSERT_TRUE(DispatchUntil([&] { return Length(false) == delivered; }));
     }
+    /// Stops when all that was delivered has been stored: what still waits in the queue at a stop
+    /// is stored behind the stop's event and does not count as recorded.
+    void StopRecording() {
+        AwaitStored();
+        ASSERT_EQ(manager.Stop(true), VrSuccess);
+    }
     std::uint64_t Length(bool available) {
         std::uint64_t length = ~std::uint64_t{0};
         EXPECT_EQ(manager.GetPreviewDataLength(&length, available), VrSuccess);
         return length;
     }
-    /// The recorded preview as the delivered frame numbers that it holds.
-    std::vector<std::uint64_t> RecordedFrames() {
-        const std::uint64_t length = Length(true);
+    /// The preview, of what counts as recorded or of all, as the delivered frame numbers in it.
+    std::vector<std::uint64_t> PreviewFrames(bool available) {
+        const std::uint64_t length = Length(available);
         std::vector<std::int16_t> samples(length * 2);
         if (length > 0) {
-            EXPECT_EQ(manager.GetPreviewData(0, length, samples.data(), true), VrSuccess);
+            EXPECT_EQ(manager.GetPreviewData(0, length, samples.data(), available), VrSuccess);
         }
         std::vector<std::uint64_t> frames;
         for (std::size_t index = 0; index < samples.size(); index += 2) {
@@ -105,6 +111,7 @@ protected:
         }
         return frames;
     }
+    std::vector<std::uint64_t> RecordedFrames() { return PreviewFrames(true); }
     static std::vector<std::uint64_t> Frames(
         std::initializer_list<std::pair<std::uint64_t, std::uint64_t>> spans) {
         std::vector<std::uint64_t> frames;

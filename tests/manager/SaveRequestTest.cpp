@@ -19,7 +19,7 @@ protected:
         SelectPcm();
         StartRecording();
         Deliver(frames);
-        ASSERT_EQ(manager.Stop(true), VrSuccess);
+        StopRecording();
         AwaitOperation(VrRecOperationStopped);
     }
     void AwaitSaved() { AwaitOperation(VrRecOperationSaveFinished); }

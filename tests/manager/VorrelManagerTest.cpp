@@ -127,7 +127,7 @@ TEST_F(VorrelManagerTest, AllThatWasDeliveredBeforeAStopIsStoredAndConverted) {
 
     ASSERT_EQ(manager.Stop(true), VrSuccess);
 
-    EXPECT_EQ(RecordedFrames(), Frames({{0, 12'000}}));
+    EXPECT_EQ(PreviewFrames(false), Frames({{0, 12'000}}));
 }
 
 TEST_F(VorrelManagerTest, PauseInAPreRecordingIsRefused) {
@@ -154,7 +154,7 @@ TEST_F(VorrelManagerTest, APreRecordingKeepsEverythingAndRecordsFromTheStartOn) 
     MainQueue::Dispatch();
     EXPECT_EQ(delegate->Count(VrRecOperationRecordStarted), 1U);
     Deliver(500);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
 
     EXPECT_EQ(Length(false), 2'000U);
     EXPECT_EQ(RecordedFrames(), Frames({{1'000, 2'000}}));
@@ -172,7 +172,7 @@ TEST_F(VorrelManagerTest, ResumeTurnsAPreRecordingIntoARecordingWithoutANotifica
 
     ASSERT_EQ(manager.Resume(), VrSuccess);
     Deliver(100);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
 
     AwaitOperation(VrRecOperationStopped);
     EXPECT_FALSE(delegate->Has(VrRecOperationRecordStarted));
@@ -191,7 +191,7 @@ TEST_F(VorrelManagerTest, PausesAreCutOut) {
     ASSERT_EQ(manager.Resume(), VrSuccess);
     EXPECT_EQ(manager.Resume(), VrErrorInvalidState);
     Deliver(480);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
 
     EXPECT_EQ(Length(false), 1'440U);
     EXPECT_EQ(RecordedFrames(), Frames({{0, 480}, {960, 1'440}}));
@@ -208,7 +208,7 @@ TEST_F(VorrelManagerTest, StartInAPauseSendsRecordStarted) {
 
     ASSERT_EQ(manager.Start(), VrSuccess);
     Deliver(480);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
 
     AwaitOperation(VrRecOperationStopped);
     EXPECT_EQ(delegate->Count(VrRecOperationRecordStarted), 1U);
@@ -224,7 +224,7 @@ TEST_F(VorrelManagerTest, AStopTakesBackARecordStartedThatWasNotSent) {
 
     StartPreRecording();
     Deliver(480);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
 
     ASSERT_TRUE(DispatchUntil([&] { return delegate->Count(VrRecOperationStopped) == 2; }));
     EXPECT_FALSE(delegate->Has(VrRecOperationRecordStarted));
@@ -246,7 +246,7 @@ TEST_F(VorrelManagerTest, NewDiscardsTheTakeAndKeepsTheDevice) {
     SelectPcm();
     StartRecording();
     Deliver(480);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
     ASSERT_EQ(Length(true), 480U);
 
     ASSERT_EQ(manager.New(), VrSuccess);
@@ -261,14 +261,14 @@ TEST_F(VorrelManagerTest, ANewTakeBeginsEmpty) {
     SelectPcm();
     StartRecording();
     Deliver(480);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
     AwaitOperation(VrRecOperationStopped);
     delegate->operations.clear();
     delivered = 0;
 
     StartRecording();
     Deliver(96);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
 
     EXPECT_EQ(RecordedFrames(), Frames({{0, 96}}));
 }
@@ -285,7 +285,7 @@ TEST_F(VorrelManagerTest, AFailedDeviceStartEndsInReadyWithADeviceError) {
     recorder.audio->FailStart(kAudioHardwareNoError);
     StartRecording();  // the workers of the failed start have ended
     Deliver(48);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
     EXPECT_EQ(RecordedFrames(), Frames({{0, 48}}));
 }
 
@@ -535,7 +535,7 @@ TEST_F(VorrelManagerTest, TwoManagersRecordBesideEachOther) {
     ASSERT_TRUE(DispatchUntil([&] { return otherDelegate->Has(VrRecOperationDeviceStarted); }));
 
     Deliver(480);
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
     ASSERT_EQ(other.Stop(true), VrSuccess);
 
     EXPECT_EQ(Length(true), 480U);
