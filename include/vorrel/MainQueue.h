@@ -21,8 +21,9 @@ public:
     /// Delivers, on the calling thread and in order of submission, the notifications that waited
     /// when it was called. To be called from one thread only, the host's main thread; a call from
     /// within a notification delivers what came after it.
-    /// @return How many were delivered.
-    static std::size_t Dispatch();
+    /// What a delegate throws is traced and goes no further.
+    /// @return How many were delivered; 0 is possible although the descriptor was readable.
+    static std::size_t Dispatch() noexcept;
 
     /// Waits until a notification is there to be dispatched.
     /// @param timeout  Longest wait; negative waits without limit.

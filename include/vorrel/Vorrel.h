@@ -80,7 +80,7 @@ VORREL_EXPORT VrError Vorrel_SetRecordSetting(const VrRecordSetting* setting) no
 /// The settings in force. Recording or not.
 /// @param setting  Receives a new record; `bits` is 1 for DSD.
 /// @return `VrSuccess`; `VrErrorInvalidParameter` (null); `VrErrorNotInitialized`;
-///         `VrErrorInvalidState` (no device selected).
+///         `VrErrorInvalidState` (no device selected); `VrErrorFailed` (the device cannot be read).
 VORREL_EXPORT VrError Vorrel_GetRecordSetting(std::shared_ptr<VrRecordSetting>* setting) noexcept;
 
 /// Starts the device without recording: what arrives is kept, but counts as paused until
@@ -159,6 +159,7 @@ VORREL_EXPORT VrError Vorrel_GetRecordingPreviewDataLength(std::uint64_t* length
 /// @param settings  Copied; may be empty.
 /// @return `VrSuccess`; `VrErrorInvalidParameter` (null); `VrErrorNotInitialized`; `VrErrorFailed`
 ///         (a save is running: it goes on undisturbed; or no thread can be made).
+/// @note  A save that still runs when the process exits is waited for.
 VORREL_EXPORT VrError Vorrel_SaveFile(const std::vector<VrSaveSetting>* settings) noexcept;
 
 /// How far the save is, in per mille, 0 to 1000.

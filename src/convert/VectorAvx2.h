@@ -10,7 +10,7 @@
 namespace vorrel {
 namespace {
 
-constexpr std::size_t kLanes = 8;
+inline constexpr std::size_t kLanes = 8;
 
 using Floats = __m256;
 using Ints = __m256i;

@@ -10,7 +10,7 @@
 namespace vorrel {
 namespace {
 
-constexpr std::size_t kLanes = 16;
+inline constexpr std::size_t kLanes = 16;
 
 using Floats = __m512;
 using Ints = __m512i;

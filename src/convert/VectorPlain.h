@@ -9,7 +9,7 @@
 namespace vorrel {
 namespace {
 
-constexpr std::size_t kLanes = 4;
+inline constexpr std::size_t kLanes = 4;
 
 struct Floats {
     float lane[kLanes];
@@ -20,13 +20,13 @@ struct Ints {
 };
 
 inline Floats LoadFloats(const std::uint8_t* in) {
-    Floats value;
+    Floats value{};
     __builtin_memcpy(&value, in, sizeof value);
     return value;
 }
 
 inline Ints LoadWords(const std::uint8_t* in) {
-    Ints value;
+    Ints value{};
     __builtin_memcpy(&value, in, sizeof value);
     return value;
 }
@@ -44,7 +44,7 @@ inline Floats Multiply(Floats value, float factor) {
 
 /// Rounded; cut to at most 32767. `StoreBlock<2>` saturates the other side.
 inline Ints RoundTo16(Floats value) {
-    Ints result;
+    Ints result{};
     for (std::size_t i = 0; i < kLanes; ++i) {
         const float x = value.lane[i];
         const float cut = x > 32767.0F ? 32767.0F : x < -32768.0F ? -32768.0F : x;
@@ -55,7 +55,7 @@ inline Ints RoundTo16(Floats value) {
 
 /// Truncated toward zero, clamped to 24 bits.
 inline Ints TruncateTo24(Floats value) {
-    Ints result;
+    Ints result{};
     for (std::size_t i = 0; i < kLanes; ++i) {
         const float x = value.lane[i];
         const float cut = x > 8388607.0F ? 8388607.0F : x < -8388608.0F ? -8388608.0F : x;
@@ -66,7 +66,7 @@ inline Ints TruncateTo24(Floats value) {
 
 /// Rounded, saturated to 32 bits.
 inline Ints RoundTo32(Floats value) {
-    Ints result;
+    Ints result{};
     for (std::size_t i = 0; i < kLanes; ++i) {
         const float x = value.lane[i];
         if (x >= 2147483648.0F) {

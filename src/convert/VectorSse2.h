@@ -10,7 +10,7 @@
 namespace vorrel {
 namespace {
 
-constexpr std::size_t kLanes = 4;
+inline constexpr std::size_t kLanes = 4;
 
 using Floats = __m128;
 using Ints = __m128i;

@@ -45,7 +45,7 @@ OSStatus AudioDevice::GetChannels(AudioObjectPropertyScope scope, std::uint32_t&
     }
     std::uint32_t sum = 0;
     for (std::size_t index = 0; index < bufferCount; ++index) {
-        AudioBuffer buffer;
+        AudioBuffer buffer{};
         std::memcpy(&buffer, bytes.data() + kFirstBuffer + index * sizeof(buffer), sizeof(buffer));
         sum += buffer.mNumberChannels;
     }

@@ -15,17 +15,23 @@ struct BackendEntry {
     DeviceBackends (*make)();
 };
 
+/// Read once in a process, at the first device call; a host that changes its environment from
+/// another thread at that moment breaks every library's reading of it.
+const char* Environment(const char* name) {
+    return std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
+}
+
 /// The first is the default.
 constexpr std::array kBackendTable = {
     BackendEntry{"simulated",
-                 [] { return MakeSimulatedBackends(std::getenv("VORREL_SIMULATED")); }},
+                 [] { return MakeSimulatedBackends(Environment("VORREL_SIMULATED")); }},
 };
 
 }  // namespace
 
 DeviceBackends SelectBackends() {
     static const DeviceBackends selected = [] {
-        const char* name = std::getenv("VORREL_BACKEND");
+        const char* name = Environment("VORREL_BACKEND");
         return name == nullptr || *name == '\0' ? kBackendTable.front().make() : MakeBackends(name);
     }();
     return selected;

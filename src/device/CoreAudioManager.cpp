@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <exception>
 #include <limits>
 #include <tuple>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "device/IORegistryEntry.h"
 #include "device/IOService.h"
 #include "device/StreamFormats.h"
+#include "platform/Trace.h"
 
 namespace vorrel {
 namespace {
@@ -96,6 +98,16 @@ VrError ConvertUsbError(IOReturn result) {
             return VrErrorDeviceNotFound;
         default:
             return VrErrorFailed;
+    }
+}
+
+/// One step of a way back, whose outcome must not keep the next from being made.
+template <class Step>
+void Try(const Step& step) noexcept {
+    try {
+        std::ignore = step();
+    } catch (const std::exception& failure) {
+        Trace(__FILE__, __LINE__, "a step of a release failed: %s", failure.what());
     }
 }
 
@@ -185,7 +197,8 @@ VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
     if (IsSelected()) {
         return VrErrorInvalidState;
     }
-    const AudioDevice candidate(Backends().audio, found.deviceId);
+    FoundDeviceInfo record = found;
+    const AudioDevice candidate(Backends().audio, record.deviceId);
     std::vector<AudioStream> streams;
     if (const VrError error =
             ConvertErrorCode(candidate.GetStreams(kAudioObjectPropertyScopeInput, streams));
@@ -200,20 +213,26 @@ VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
         error != VrSuccess) {
         return error;
     }
-    // A device whose state is not wholly known could not be put back: it is let go.
-    if (const VrError error = SaveDeviceState(candidate, streams.front()); error != VrSuccess) {
-        std::ignore = candidate.SetProperty(kHogMode, kNobody);
-        return error;
+    VrError error = VrErrorFailed;
+    try {
+        // A device whose state is not wholly known could not be put back: it is let go.
+        error = SaveDeviceState(candidate, streams.front());
+        if (error == VrSuccess) {
+            error = AttachDevice(candidate, record);
+        }
+    } catch (const std::exception& failure) {
+        Trace(__FILE__, __LINE__, "selection failed: %s", failure.what());
+        error = VrErrorFailed;
     }
-    if (const VrError error = AttachDevice(candidate, found); error != VrSuccess) {
+    if (error != VrSuccess) {
         Unregister(candidate);
         usbInterface.reset();
-        std::ignore = candidate.SetProperty(kHogMode, kNobody);
+        Try([&] { return candidate.SetProperty(kHogMode, kNobody); });
         return error;
     }
     sampleType.store(kSampleTypePcm, std::memory_order_relaxed);
     device = candidate;
-    selectedDevice = found;
+    selectedDevice = std::move(record);
     // Last, so that an event that comes during the selection does nothing.
     notify.store(newNotify, std::memory_order_release);
     return VrSuccess;
@@ -242,8 +261,8 @@ VrError CoreAudioManager::AttachDevice(const AudioDevice& candidate, const Found
             return VrErrorFailed;
         }
         // Whatever the device was used for before, a selection begins in PCM mode.
-        if (const VrError error = SetDSDMethod(false); error != VrSuccess) {
-            return error;
+        if (SetDSDMethod(false) != VrSuccess) {
+            return VrErrorFailed;
         }
     }
     if (const VrError error = ConvertErrorCode(candidate.CreateIOProcID(&IOProc, this, ioProcId));
@@ -258,24 +277,26 @@ VrError CoreAudioManager::AttachDevice(const AudioDevice& candidate, const Found
     return ConvertErrorCode(candidate.AddPropertyListener(kIsAlive, &DeviceIsAliveListener, this));
 }
 
-void CoreAudioManager::Unregister(const AudioDevice& candidate) {
+void CoreAudioManager::Unregister(const AudioDevice& candidate) noexcept {
     // Neither a listener that was never added nor a device that is gone may stop the rest.
-    std::ignore = candidate.RemovePropertyListener(kIsAlive, &DeviceIsAliveListener, this);
-    std::ignore = candidate.RemovePropertyListener(kOverload, &ProcessorOverloadListener, this);
+    Try([&] { return candidate.RemovePropertyListener(kIsAlive, &DeviceIsAliveListener, this); });
+    Try([&] {
+        return candidate.RemovePropertyListener(kOverload, &ProcessorOverloadListener, this);
+    });
     if (ioProcId != nullptr) {
-        std::ignore = candidate.DestroyIOProcID(ioProcId);
+        Try([&] { return candidate.DestroyIOProcID(ioProcId); });
         ioProcId = nullptr;
     }
 }
 
-VrError CoreAudioManager::ReleaseDevice() {
+VrError CoreAudioManager::ReleaseDevice() noexcept {
     if (!IsSelected() || running) {
         return VrErrorInvalidState;
     }
     Unregister(device);
     notify.store(nullptr, std::memory_order_release);
     if (usbInterface != nullptr) {
-        std::ignore = SetDSDMethod(false);
+        Try([&] { return SetDSDMethod(false); });
         usbInterface.reset();
     }
     RestoreDeviceState();
@@ -284,14 +305,15 @@ VrError CoreAudioManager::ReleaseDevice() {
     return VrSuccess;
 }
 
-void CoreAudioManager::RestoreDeviceState() {
-    std::vector<AudioStream> streams;
-    std::ignore = device.GetStreams(kAudioObjectPropertyScopeInput, streams);
-    if (!streams.empty()) {
-        std::ignore = streams.front().SetPhysicalFormat(savedFormat);
-    }
-    std::ignore = device.SetProperty(kBufferFrameSize, savedBufferSize);
-    std::ignore = device.SetProperty(kHogMode, kNobody);
+void CoreAudioManager::RestoreDeviceState() noexcept {
+    Try([&] {
+        std::vector<AudioStream> streams;
+        std::ignore = device.GetStreams(kAudioObjectPropertyScopeInput, streams);
+        return streams.empty() ? kAudioHardwareNoError
+                               : streams.front().SetPhysicalFormat(savedFormat);
+    });
+    Try([&] { return device.SetProperty(kBufferFrameSize, savedBufferSize); });
+    Try([&] { return device.SetProperty(kHogMode, kNobody); });
 }
 
 VrError CoreAudioManager::GetChannels(std::uint16_t& inputs, std::uint16_t& outputs) {
@@ -362,7 +384,7 @@ VrError CoreAudioManager::CanSampleRate(double rate) {
     if (!IsSelected()) {
         return VrErrorInvalidState;
     }
-    AudioStreamBasicDescription ignored;
+    AudioStreamBasicDescription ignored{};
     return ChooseFormat(rate, ignored);
 }
 
@@ -386,7 +408,7 @@ VrError CoreAudioManager::SetSampleRate(double rate) {
     if (!IsSelected() || running) {
         return VrErrorInvalidState;
     }
-    AudioStreamBasicDescription format;
+    AudioStreamBasicDescription format{};
     if (const VrError error = ChooseFormat(rate, format); error != VrSuccess) {
         return error;
     }

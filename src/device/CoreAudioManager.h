@@ -17,7 +17,11 @@
 namespace vorrel {
 
 /// Owns the one selected device: discovery, exclusive use, format, rate, buffer size, PCM/DSD
-/// transfer and streaming. Configuration calls come from one thread at a time.
+/// transfer and streaming.
+///
+/// Threads: a selected device is configured, started and stopped by one thread at a time (the
+/// host's or the helper queue's; the manager's states keep them apart). `GetAudioDevices`,
+/// `GetVidPid` and the readers of a setting may overlap with a start or a stop.
 ///
 /// A status of the audio layer comes back as `ConvertErrorCode` has it. Unless a method says
 /// otherwise, it checks in the order that it names, and a refused call changes nothing, its outputs
@@ -56,7 +60,7 @@ public:
     /// Puts the device back as it was found: PCM mode, format, buffer size, exclusive use. What
     /// fails on the way is ignored, for the device may be gone.
     /// @return `VrErrorInvalidState` (none selected, or running).
-    VrError ReleaseDevice();
+    VrError ReleaseDevice() noexcept;
 
     /// The record given to `SetAudioDevice`; empty while no device is selected.
     const FoundDeviceInfo& SelectedDevice() const { return selectedDevice; }
@@ -123,8 +127,8 @@ private:
 
     VrError SaveDeviceState(const AudioDevice& candidate, const AudioStream& inputStream);
     VrError AttachDevice(const AudioDevice& candidate, const FoundDeviceInfo& found);
-    void Unregister(const AudioDevice& candidate);
-    void RestoreDeviceState();
+    void Unregister(const AudioDevice& candidate) noexcept;
+    void RestoreDeviceState() noexcept;
     /// The physical format that carries `rate` of the sample type in force, its rate filled in.
     VrError ChooseFormat(double rate, AudioStreamBasicDescription& format) const;
 
@@ -150,7 +154,7 @@ private:
     AudioDeviceIOProcID ioProcId = nullptr;
     std::atomic<bool> running{false};
     std::uint32_t savedBufferSize = 0;
-    std::uint32_t bufferSize = 0;
+    std::atomic<std::uint32_t> bufferSize{0};
     AudioStreamBasicDescription savedFormat{};
     AudioStreamBasicDescription currentFormat{};
     std::vector<AudioStreamRangedDescription> availableFormats;

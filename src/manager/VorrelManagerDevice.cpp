@@ -79,6 +79,7 @@ VrError VorrelManager::GetAudioDevices(std::vector<std::string>* names) {
         return error;
     }
     std::vector<std::string> listed;
+    listed.reserve(found.size());
     for (const FoundDeviceInfo& device : found) {
         listed.push_back(device.name);
     }

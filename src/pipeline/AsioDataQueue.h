@@ -19,13 +19,15 @@ class AsioDataQueue {
 public:
     /// Drops every block, those of the pool included, and makes `channels` empty queues.
     /// 0: `VrErrorInvalidParameter`, and nothing changes.
+    /// @throws std::bad_alloc  Nothing changes.
     VrError Init(std::uint16_t channels) VORREL_EXCLUDES(mutex);
     /// Makes the pool ready for blocks of `blockBytes`: as many for every channel as may wait, and
     /// those that callback and worker have in hand, up to `kMaxPooledBlocks`. The first ones of
     /// each channel are in physical memory, so that no page fault meets the first callbacks.
     /// After `Init` and before the device starts; replaces an earlier pool. Without it the queue
-    /// works, and the callback allocates until enough blocks have come back. Short of memory, it
-    /// reserves what there is.
+    /// works, and the callback allocates until enough blocks have come back. Short of memory for
+    /// the blocks, it reserves those that there is memory for.
+    /// @throws std::bad_alloc  Not even the lists of blocks; the queue works, without a pool.
     void ReserveBlocks(std::size_t blockBytes) VORREL_EXCLUDES(mutex);
     /// A block of `sizeBytes`, contents undefined, from the pool: the one given back last.
     /// Allocates only when the pool is empty or its block is too small.

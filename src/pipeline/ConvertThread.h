@@ -30,6 +30,8 @@ public:
 
     explicit ConvertThread(IVorrelManager& manager);
     ~ConvertThread() override;  // stops
+    ConvertThread(const ConvertThread&) = delete;
+    ConvertThread& operator=(const ConvertThread&) = delete;
 
     /// Starts the worker. Both stores are not owned, stay until `Stop` and have been initialised.
     /// @return `VrErrorInvalidParameter` (a store is missing); `VrErrorFailed` (not stopped since

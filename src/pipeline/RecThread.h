@@ -19,6 +19,8 @@ class RecThread final : public ThreadBase {
 public:
     explicit RecThread(IVorrelManager& manager);
     ~RecThread() override;  // stops
+    RecThread(const RecThread&) = delete;
+    RecThread& operator=(const RecThread&) = delete;
 
     /// Starts the worker. Queue and store are not owned and stay until `Stop`; both have been
     /// initialised for `channels`.

@@ -62,6 +62,7 @@ protected:
     virtual void ThreadImpl() = 0;
 
 private:
+    friend struct ThreadBaseParts;  // for tests
     static void ThreadProc(void* self);
 
     unsigned eventCount = 1;

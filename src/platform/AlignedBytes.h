@@ -23,7 +23,8 @@ public:
 
     AlignedAllocator() = default;
     template <class U>
-    AlignedAllocator(const AlignedAllocator<U, Alignment>&) noexcept {}
+    AlignedAllocator(  // NOLINT(google-explicit-constructor): what an allocator has to offer
+        const AlignedAllocator<U, Alignment>&) noexcept {}
 
     T* allocate(std::size_t count) {
         return static_cast<T*>(::operator new (count * sizeof(T), std::align_val_t{Alignment}));

@@ -38,7 +38,7 @@ int MainQueue::Descriptor() noexcept {
     return TheQueue().Descriptor();
 }
 
-std::size_t MainQueue::Dispatch() {
+std::size_t MainQueue::Dispatch() noexcept {
     return TheQueue().Dispatch();
 }
 

@@ -81,7 +81,7 @@ private:
     Node* TakeFirst(std::uint64_t highestNumber) noexcept VORREL_EXCLUDES(mutex);
 
     int descriptor = -1;
-    sem_t semaphore;  // in the descriptor's place where there is none
+    sem_t semaphore{};  // in the descriptor's place where there is none
 
     std::atomic<Node*> newest{nullptr};  // posted and not taken over, the newest first
 

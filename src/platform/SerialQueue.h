@@ -27,9 +27,10 @@ public:
 
     /// Queues `task` and returns at once. What a task throws is traced and goes no further.
     /// @throws std::system_error  The thread cannot be started; `task` is not queued then.
+    /// @throws std::bad_alloc     No memory to queue it; likewise.
     void Async(std::function<void()> task) VORREL_EXCLUDES(mutex);
     /// Queues `task` and returns after it has run. Not to be called from a task of this queue.
-    /// @throws std::system_error  As `Async`.
+    /// @throws std::system_error, std::bad_alloc  As `Async`.
     void Sync(const std::function<void()>& task) VORREL_EXCLUDES(mutex);
 
 private:

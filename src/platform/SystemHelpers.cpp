@@ -82,7 +82,10 @@ int CreateDirectory(const char* path, void* /*securityAttributes*/) {
 
 std::size_t wcstombs_s(std::size_t* /*converted*/, char* destination, std::size_t destinationSize,
                        const wchar_t* source, std::size_t /*count*/) {
-    return std::wcstombs(destination, source, destinationSize);
+    // The conversion state that it may share is that of encodings with shift states, which no
+    // locale of a supported system has.
+    return std::wcstombs(  // NOLINT(concurrency-mt-unsafe)
+        destination, source, destinationSize);
 }
 
 int GetDiskFreeSpace(const char* directory, std::uint64_t* /*sectorsPerCluster*/,

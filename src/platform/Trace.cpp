@@ -8,6 +8,7 @@
 #include <exception>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "platform/Mutex.h"
@@ -73,7 +74,7 @@ __attribute__((format(printf, 1, 0))) std::string Formatted(const char* format,
         return format;  // what cannot be converted is better seen raw than lost
     }
     std::string text(static_cast<std::size_t>(length), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    std::ignore = std::vsnprintf(text.data(), text.size() + 1, format, arguments);
     return text;
 }
 

@@ -29,6 +29,7 @@ VrError RecordData::Init(std::uint16_t channels, std::uint64_t rate, const Sampl
     }
 
     const ExclusiveLock lock(layout);
+    ++generation;
     stores.clear();
     VrError result = VrSuccess;
     try {
@@ -112,6 +113,7 @@ std::uint64_t RecordData::GetLength(bool available) const {
 
 VrError RecordData::TemporaryClear() {
     const ExclusiveLock lock(layout);
+    ++generation;
     VrError result = VrSuccess;
     for (TemporaryData& store : stores) {
         if (store.Init(kClearedMemorySize) != VrSuccess) {
@@ -119,6 +121,11 @@ VrError RecordData::TemporaryClear() {
         }
     }
     return result;
+}
+
+RecordLayout RecordData::GetLayout() const {
+    const SharedLock lock(layout);
+    return {static_cast<std::uint16_t>(stores.size()), sampleRate, sampleType, generation};
 }
 
 std::uint16_t RecordData::GetChannels() const {

@@ -11,6 +11,14 @@
 
 namespace vorrel {
 
+/// What a recording is made of, as one reading of it.
+struct RecordLayout {
+    std::uint16_t channels = 0;
+    std::uint64_t sampleRate = 0;                // Hz
+    const SampleTypeInfo* sampleType = nullptr;  // null before the first `Init`
+    std::uint64_t generation = 0;                // another one once the data were discarded
+};
+
 /// The recording of all channels in the capture format, one channel store each. Positions and
 /// lengths are samples of one channel: 4-byte floats for PCM, single bits for DSD. Thread-safe,
 /// also while a new recording begins: `Init` and `TemporaryClear` wait for calls under way.
@@ -48,6 +56,10 @@ public:
     /// @return `VrErrorFailed` if any store failed (no memory).
     VrError TemporaryClear() VORREL_EXCLUDES(layout);
 
+    /// All that the following ones give, read at once. Who reads for longer than one call takes it
+    /// first, and drops what it has read when the generation has changed since: another take has
+    /// begun, or `TemporaryClear` has been called.
+    RecordLayout GetLayout() const VORREL_EXCLUDES(layout);
     std::uint16_t GetChannels() const VORREL_EXCLUDES(layout);
     std::uint64_t GetSampleRate() const VORREL_EXCLUDES(layout);
     /// Null before the first `Init`.
@@ -69,6 +81,7 @@ private:
     Mutex turn;
     mutable SharedMutex layout;  // shared: the stores' own mutexes do the rest
     std::vector<TemporaryData> stores VORREL_GUARDED_BY(layout);
+    std::uint64_t generation VORREL_GUARDED_BY(layout) = 0;
     std::uint16_t bitsPerSample VORREL_GUARDED_BY(layout) = 0;
     std::uint32_t bytesPerFrame VORREL_GUARDED_BY(layout) = 0;  // of one channel
     std::uint64_t sampleRate VORREL_GUARDED_BY(layout) = 0;

@@ -29,6 +29,8 @@ public:
     TemporaryData(TemporaryData&& other) noexcept;  // leaves `other` empty, as constructed
     TemporaryData& operator=(TemporaryData&& other) noexcept;
     virtual ~TemporaryData();
+    TemporaryData(const TemporaryData&) = delete;
+    TemporaryData& operator=(const TemporaryData&) = delete;
 
     /// Discards everything, deleting the spill files.
     /// @param memorySize  Bytes of one memory buffer. 0: `VrErrorInvalidParameter`, nothing

@@ -177,7 +177,8 @@ std::uint64_t TemporaryFile::GetLength() const {
 
 void TemporaryFile::Release() {
     if (file != nullptr) {
-        std::fclose(file);  // what it may still fail to write out is deleted in the next line
+        std::ignore =
+            std::fclose(file);  // what it may still fail to write out is deleted in the next line
         ::unlink(path.c_str());
     }
     path.clear();

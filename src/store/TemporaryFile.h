@@ -21,6 +21,8 @@ public:
     TemporaryFile(TemporaryFile&& other) noexcept;             // leaves `other` closed
     TemporaryFile& operator=(TemporaryFile&& other) noexcept;  // releases, then the same
     ~TemporaryFile();
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
 
     /// Creates and opens a file named "tmp" and six unique characters in `directory`, for its
     /// owner alone (mode 0600) and closed on exec.

@@ -1,5 +1,7 @@
 #include "writer/SaveChecks.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <tuple>
@@ -84,11 +86,14 @@ VrError DeleateSaveFile(const VrSaveSettingInternal* setting) {
         return VrErrorInvalidParameter;
     }
     std::ignore = DeleteFile(setting->path.c_str());
-    const std::string directory = DirectoryPart(setting->path);
-    if (PathIsDirectoryEmpty(directory.c_str())) {
-        std::ignore = RemoveDirectory(directory.c_str());
-    }
+    RemoveEmptyDirectory(DirectoryPart(setting->path));
     return VrSuccess;
+}
+
+void RemoveEmptyDirectory(const std::string& path) {
+    // Asked and removed in one step, never with what is in it: somebody, the host's next save
+    // perhaps, may put a file there at any moment.
+    std::ignore = ::rmdir(path.c_str());
 }
 
 }  // namespace vorrel

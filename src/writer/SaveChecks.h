@@ -37,4 +37,7 @@ bool FileSystemTakes(std::string_view name, std::uint64_t totalBlocks, std::uint
 /// @return `VrErrorInvalidParameter` (null); else `VrSuccess`, deleted or not.
 VrError DeleateSaveFile(const VrSaveSettingInternal* setting);
 
+/// Removes the directory `path` if nothing is in it; else does nothing.
+void RemoveEmptyDirectory(const std::string& path);
+
 }  // namespace vorrel

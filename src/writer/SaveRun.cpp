@@ -8,6 +8,10 @@ bool SaveRun::CancelRequested() const {
     return cancelState.load() != kSaveCancelNone;
 }
 
+bool SaveRun::RecordingHolds() const {
+    return recordData.GetLayout().generation == recording.generation;
+}
+
 void SaveRun::BeginFile() {
     progress.filePosition = 0;
     progress.fileLength = 0;

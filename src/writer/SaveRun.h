@@ -6,6 +6,7 @@
 
 #include "manager/IVorrelManager.h"
 #include "store/RecordData.h"
+#include "writer/SaveChecks.h"
 
 namespace vorrel {
 
@@ -32,6 +33,16 @@ struct SaveRun {
     const std::atomic<std::int32_t>& cancelState;  ///< A `SaveCancelState`.
     SaveProgress& progress;
     std::string createdDirectory;  ///< The last one made for this request, with its "/"; or empty.
+    /// The recording that the request is for.
+    RecordLayout recording = recordData.GetLayout();
+
+    /// Whether the volume of `path` takes a file of `bytes` bytes; a test may put another in.
+    bool (*volumeTakes)(const std::string& path,
+                        std::uint64_t bytes) = &CheckFileSystemFileSizeLimit;
+
+    /// False once another recording has begun, or this one has been discarded: what is read is not
+    /// of the take that was to be saved, and may be of another form.
+    bool RecordingHolds() const;
 
     bool CancelRequested() const;
     /// Sets position and length of the current file to 0.

@@ -68,6 +68,7 @@ VrError SaveThread::Start(SaveList list, RecordData* data, PreviewData* preview)
     }
     saveList = std::move(list);
     recordData = data;
+    recording = data == nullptr ? RecordLayout() : data->GetLayout();
     previewData = preview;
     cancelState = kSaveCancelNone;
     return Create(PriorityNormal) ? VrSuccess : VrErrorFailed;
@@ -102,12 +103,12 @@ void SaveThread::ThreadImpl() {
     // All that is used after `Detach` is local: from there on the host may start the next request.
     const SaveList files = std::move(saveList);
     RecordData* const data = recordData;
+    const RecordLayout layout = recording;
 
     Outcome outcome{VrSuccess, nullptr};
     std::string createdDirectory;
-    if (files != nullptr && !files->empty() && data != nullptr &&
-        data->GetSampleTypeInfo() != nullptr) {
-        SaveRun run{manager, *data, bits, cancelState, progress, {}};
+    if (files != nullptr && !files->empty() && layout.sampleType != nullptr) {
+        SaveRun run{manager, *data, bits, cancelState, progress, {}, layout};
         outcome = WriteFiles(*files, run);
         createdDirectory = std::move(run.createdDirectory);
     }
@@ -121,15 +122,15 @@ void SaveThread::ThreadImpl() {
         return;
     }
     EndWith([&] { NotifyFailed(outcome.file->path); });
-    if (!createdDirectory.empty() && PathIsDirectoryEmpty(createdDirectory.c_str())) {
-        std::ignore = RemoveDirectory(createdDirectory.c_str());
+    if (!createdDirectory.empty()) {
+        RemoveEmptyDirectory(createdDirectory);
     }
 }
 
 SaveThread::Outcome SaveThread::WriteFiles(const std::vector<VrSaveSettingInternal>& files,
                                            SaveRun& run) {
-    SetOverallLength(files, run.recordData.GetSampleRate());
-    const bool isDsd = run.recordData.GetSampleTypeInfo()->isDsd != 0;
+    SetOverallLength(files, run.recording.sampleRate);
+    const bool isDsd = run.recording.sampleType->isDsd != 0;
     for (const VrSaveSettingInternal& file : files) {
         if (const VrError error = SaveFile(file, isDsd, run); error != VrSuccess) {
             return {error, &file};

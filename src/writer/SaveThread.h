@@ -22,12 +22,17 @@ namespace vorrel {
 /// stays on the disk as far as it was written, and the files before it; the files after it are not
 /// written. A directory that the request made is removed again if it is empty.
 ///
+/// A request is for the recording of the moment in which it comes: when the next one begins or the
+/// data are discarded meanwhile, the file being written fails.
+///
 /// Unless it is said otherwise, the operations are for the owner's thread and do not block.
 class SaveThread final : public ThreadBase {
 public:
     explicit SaveThread(IVorrelManager& manager);
     /// Waits until the request is written to its end or, after `SaveCancel`, given up.
     ~SaveThread() override;
+    SaveThread(const SaveThread&) = delete;
+    SaveThread& operator=(const SaveThread&) = delete;
 
     /// `Start` without preview data.
     VrError SaveFiles(SaveList list, RecordData& recordData);
@@ -79,6 +84,7 @@ private:
     // Written by `Start` while no thread is joinable; taken by the body as its first act.
     SaveList saveList;
     RecordData* recordData = nullptr;
+    RecordLayout recording;  // that of the moment in which the request came
     PreviewData* previewData = nullptr;
 
     // Belong to the run up to its `Detach`, then to the next one.

@@ -3,6 +3,8 @@
 #include <iconv.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstring>
 #include <tuple>
 
@@ -17,9 +19,10 @@ using std::string_view_literals::operator""sv;
 struct Encoding {
     const char* name;
     std::string_view substitute;
+    bool hasTagCharacters;
 };
-constexpr Encoding kShiftJis = {"CP932", "?"sv};
-constexpr Encoding kUtf16 = {"UTF-16LE", "\xFD\xFF"sv};  // U+FFFD
+constexpr Encoding kShiftJis = {"CP932", "?"sv, false};
+constexpr Encoding kUtf16 = {"UTF-16LE", "\xFD\xFF"sv, true};  // U+FFFD
 
 bool IsContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
@@ -31,12 +34,22 @@ std::size_t FirstCharacterBytes(std::string_view utf8) {
     return static_cast<std::size_t>(end - utf8.begin());
 }
 
-/// Characters as the tags count them. Continuation bytes alone count as one, because they are
-/// written as one substitute.
+/// Characters as the tags count them: bytes that continue no other.
 std::size_t CountCharacters(std::string_view utf8) {
-    const auto count =
-        std::count_if(utf8.begin(), utf8.end(), [](char byte) { return !IsContinuation(byte); });
-    return std::max<std::size_t>(static_cast<std::size_t>(count), utf8.empty() ? 0 : 1);
+    return static_cast<std::size_t>(
+        std::count_if(utf8.begin(), utf8.end(), [](char byte) { return !IsContinuation(byte); }));
+}
+
+/// Where the first tag character (U+E0000 to U+E007F, as in the flags of regions) begins, else the
+/// text's size. iconv leaves them out without a word where the target encoding lacks them.
+std::size_t FindTagCharacter(std::string_view utf8) {
+    for (std::size_t at = 0; (at = utf8.find("\xF3\xA0"sv, at)) != std::string_view::npos; ++at) {
+        const std::string_view rest = utf8.substr(at + 2);
+        if (!rest.empty() && (rest.front() == '\x80' || rest.front() == '\x81')) {
+            return at;
+        }
+    }
+    return utf8.size();
 }
 
 /// A conversion from UTF-8. Not open where the C library comes without the encoding's table.
@@ -56,27 +69,29 @@ public:
 
     /// Appends what can be converted from the front of `utf8`, and takes it off there.
     void TakeFront(std::string_view& utf8, std::string& out) {
-        // No character grows to more than twice its UTF-8 bytes in either encoding.
-        const std::size_t before = out.size();
-        out.resize(before + 2 * utf8.size() + kSlack);
         char* input = const_cast<char*>(utf8.data());  // the C interface; it does not write there
         std::size_t inputLeft = utf8.size();
-        char* output = out.data() + before;
-        std::size_t outputLeft = out.size() - before;
-        std::ignore = ::iconv(descriptor, &input, &inputLeft, &output, &outputLeft);
+        for (bool more = true; more;) {
+            std::array<char, kPieceBytes> piece{};
+            char* output = piece.data();
+            std::size_t outputLeft = piece.size();
+            const std::size_t result =
+                ::iconv(descriptor, &input, &inputLeft, &output, &outputLeft);
+            more = result == static_cast<std::size_t>(-1) && errno == E2BIG;
+            out.append(piece.data(), piece.size() - outputLeft);
+        }
         std::ignore = ::iconv(descriptor, nullptr, nullptr, nullptr, nullptr);  // forget the error
-        out.resize(out.size() - outputLeft);
         utf8.remove_prefix(utf8.size() - inputLeft);
     }
 
 private:
-    static constexpr std::size_t kSlack = 8;
+    static constexpr std::size_t kPieceBytes = 1024;
     iconv_t descriptor;
 };
 
-std::string Convert(std::string_view utf8, const Encoding& encoding) {
-    std::string out;
-    Conversion conversion(encoding.name);
+/// Appends `utf8`, one substitute for each character that cannot be converted.
+void ConvertPiece(Conversion& conversion, const Encoding& encoding, std::string_view utf8,
+                  std::string& out) {
     while (!utf8.empty()) {
         if (conversion.IsOpen()) {
             conversion.TakeFront(utf8, out);
@@ -86,6 +101,20 @@ std::string Convert(std::string_view utf8, const Encoding& encoding) {
             utf8.remove_prefix(1);
             continue;
         }
+        if (!utf8.empty()) {
+            out += encoding.substitute;
+            utf8.remove_prefix(FirstCharacterBytes(utf8));
+        }
+    }
+}
+
+std::string Convert(std::string_view utf8, const Encoding& encoding) {
+    std::string out;
+    Conversion conversion(encoding.name);
+    while (!utf8.empty()) {
+        const std::size_t tag = encoding.hasTagCharacters ? utf8.size() : FindTagCharacter(utf8);
+        ConvertPiece(conversion, encoding, utf8.substr(0, tag), out);
+        utf8.remove_prefix(tag);
         if (!utf8.empty()) {
             out += encoding.substitute;
             utf8.remove_prefix(FirstCharacterBytes(utf8));

@@ -17,7 +17,8 @@ namespace {
 /// Writes frames [startFrame, endFrame) of the recording, block by block.
 VrError WriteFrames(SaveRun& run, FrameEncoder& encoder, OutputFile& file, std::uint64_t startFrame,
                     std::uint64_t endFrame, std::uint64_t blockFrames) {
-    std::vector<AlignedBytes> channels(run.recordData.GetChannels());
+    const std::uint16_t channelCount = run.recording.channels;
+    std::vector<AlignedBytes> channels(channelCount);
     std::uint64_t position = startFrame;
     while (position < endFrame) {
         if (run.CancelRequested()) {
@@ -25,11 +26,15 @@ VrError WriteFrames(SaveRun& run, FrameEncoder& encoder, OutputFile& file, std::
         }
         const std::uint64_t frames = std::min(blockFrames, endFrame - position);
         run.Advance(frames);  // before the block, so that a failed one counts too
-        for (std::uint16_t channel = 0; channel < channels.size(); ++channel) {
+        for (std::uint16_t channel = 0; channel < channelCount; ++channel) {
             if (run.recordData.GetData(channel, position, position + frames, channels[channel],
                                        true) != VrSuccess) {
                 return VrErrorFailed;
             }
+        }
+        // Before anything is made of it: what a new take has put there may be of another form.
+        if (!run.RecordingHolds()) {
+            return VrErrorFailed;
         }
         if (!file.Write(encoder.Encode(channels, static_cast<std::size_t>(frames)))) {
             return VrErrorFailed;
@@ -50,23 +55,25 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
     if (setting == nullptr) {
         return VrErrorInvalidParameter;
     }
-    RecordData& recordData = run.recordData;
-    const SampleTypeInfo* sampleType = recordData.GetSampleTypeInfo();
+    const SampleTypeInfo* sampleType = run.recording.sampleType;
     if (sampleType == nullptr) {
         return VrErrorFailed;
     }
 
-    const std::uint64_t rateHz = recordData.GetSampleRate();
+    const std::uint64_t rateHz = run.recording.sampleRate;
     const std::uint64_t startFrame = FramesFromSeconds(rateHz, setting->start);
     const std::uint64_t endFrame =
-        std::min(recordData.GetLength(true), FramesFromSeconds(rateHz, setting->end));
+        std::min(run.recordData.GetLength(true), FramesFromSeconds(rateHz, setting->end));
+    if (!run.RecordingHolds()) {
+        return VrErrorFailed;  // the length is another take's
+    }
     if (endFrame < startFrame) {
         return VrErrorInvalidParameter;
     }
     const std::uint64_t frames = endFrame - startFrame;
     run.progress.fileLength = frames;
 
-    const WavFormat format{recordData.GetChannels(), static_cast<std::uint32_t>(rateHz),
+    const WavFormat format{run.recording.channels, static_cast<std::uint32_t>(rateHz),
                            run.bits.load()};
     const auto tagBytes = static_cast<std::uint32_t>(CalculateSaveTagSize(setting->tags));
     if (!FitsWav(format, frames, tagBytes)) {
@@ -84,8 +91,7 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
         return VrErrorFailed;
     }
     OutputFile file;
-    if (!CheckFileSystemFileSizeLimit(setting->path, sizes.FileBytes()) ||
-        !file.Open(setting->path)) {
+    if (!run.volumeTakes(setting->path, sizes.FileBytes()) || !file.Open(setting->path)) {
         run.SkipFile(setting->path, headerFrames);
         return VrSuccess;
     }

@@ -229,7 +229,7 @@ namespace vorrel {
 int MainQueue::Descriptor() noexcept {
     return Engine().descriptor;
 }
-std::size_t MainQueue::Dispatch() {
+std::size_t MainQueue::Dispatch() noexcept {
     return Engine().Dispatch();
 }
 

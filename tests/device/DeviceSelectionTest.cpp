@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -161,10 +162,10 @@ TEST_F(DeviceSelectionTest, AUsbInterfaceThatRefusesPcmModeFailsAndRollsBack) {
     ExpectNothingLeftBehind();
 }
 
-TEST_F(DeviceSelectionTest, ADeviceThatIsUnpluggedBeforePcmModeIsSetIsNotFoundAndRollsBack) {
+TEST_F(DeviceSelectionTest, ADeviceThatIsUnpluggedBeforePcmModeIsSetFailsAndRollsBack) {
     recorder.registry->FailUsbInterfaceNumber(kIOReturnNoDevice);
 
-    EXPECT_EQ(Select(), VrErrorDeviceNotFound);
+    EXPECT_EQ(Select(), VrErrorFailed);
 
     ExpectNothingLeftBehind();
 }
@@ -194,6 +195,19 @@ TEST_F(DeviceSelectionTest, AFailedAliveListenerRollsBackInReverseWithExclusiveU
     ExpectNothingLeftBehind();
     EXPECT_THAT(recorder.audio->Log(), ElementsAre("set oink", "create", "listen over",
                                                    "unlisten over", "destroy", "set oink"));
+}
+
+TEST_F(DeviceSelectionTest, AWantOfMemoryAfterExclusiveUseWasTakenRollsBack) {
+    recorder.audio->onListenerAdded = [](AudioObjectID, AudioObjectPropertySelector) {
+        throw std::bad_alloc();
+    };
+
+    EXPECT_EQ(Select(), VrErrorFailed);
+
+    ExpectNothingLeftBehind();
+    EXPECT_TRUE(manager.SelectedDevice().name.empty());
+    recorder.audio->onListenerAdded = nullptr;
+    EXPECT_EQ(Select(), VrSuccess);
 }
 
 TEST_F(DeviceSelectionTest, AFailedSelectionCanBeTriedAgain) {
@@ -288,6 +302,22 @@ TEST_F(DeviceSelectionTest, ReleasePutsTheDeviceBackAsItWasFound) {
     EXPECT_EQ(recorder.registry->UsbRequests().back().value, 0);
     EXPECT_THAT(recorder.audio->Log(), ElementsAre("unlisten livn", "unlisten over", "destroy",
                                                    "set pft ", "set fsiz", "set oink"));
+}
+
+TEST_F(DeviceSelectionTest, AWantOfMemoryInAReleaseLeavesNoStepOut) {
+    ASSERT_EQ(Select(), VrSuccess);
+    recorder.audio->onSet = [](AudioObjectID, AudioObjectPropertySelector selector,
+                               std::vector<std::byte>&) -> OSStatus {
+        if (selector != kAudioDevicePropertyHogMode) {
+            throw std::bad_alloc();
+        }
+        return kAudioHardwareNoError;
+    };
+
+    EXPECT_EQ(manager.ReleaseDevice(), VrSuccess);
+
+    ExpectNothingLeftBehind();
+    EXPECT_EQ(manager.ReleaseDevice(), VrErrorInvalidState);
 }
 
 TEST_F(DeviceSelectionTest, ReleaseIsRefusedWithoutADeviceAndWhileRunning) {

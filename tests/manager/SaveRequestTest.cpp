@@ -142,7 +142,7 @@ TEST_F(SaveRequestTest, ASaveRunsDuringARecording) {
     ASSERT_EQ(manager.SaveFile(&files), VrSuccess);
     Deliver(4'800);
     AwaitSaved();
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    StopRecording();
 
     EXPECT_EQ(std::filesystem::file_size(directory.File("part.wav")), 44U + 4'800U * 4U);
     EXPECT_EQ(Length(true), 9'600U);
@@ -205,6 +205,14 @@ TEST_F(SaveRequestTest, NoTempDirectoryIsNoneAtAll) {
 
     EXPECT_STREQ(manager.GetTempDirectory(), "");
     EXPECT_FALSE(manager.IsTempDirectoryExists());
+}
+
+TEST_F(SaveRequestTest, NullIsNoTempDirectoryAndKeepsTheOneInForce) {
+    Init();
+
+    EXPECT_EQ(manager.SetTempDirectory(nullptr), VrErrorInvalidParameter);
+
+    EXPECT_EQ(manager.GetTempDirectory(), directory.Path());
 }
 
 TEST_F(SaveRequestTest, AFileIsNoTempDirectory) {

@@ -348,6 +348,42 @@ TEST(AsioDataQueueTest, ThePoolKeepsNoMoreBytesThanMayWait) {
     EXPECT_EQ(guard.Count(), 1U) << "and no more";
 }
 
+TEST(AsioDataQueueTest, ADeviceBufferIsQueuedWholeOrNotAtAll) {
+    AsioDataQueue queue;
+    ASSERT_EQ(queue.Init(2), VrSuccess);
+    while (queue.Enqueue(1, Block(kMebibyte)) == VrSuccess) {
+    }
+    std::vector<Block> buffer = {Bytes(kMebibyte, 1), Bytes(kMebibyte, 2)};
+
+    EXPECT_EQ(queue.EnqueueBuffer(buffer), VrErrorFailed);
+
+    EXPECT_TRUE(buffer[0].empty());
+    EXPECT_TRUE(buffer[1].empty());
+    Block out;
+    ASSERT_EQ(queue.Dequeue(0, out), VrSuccess);
+    EXPECT_TRUE(out.empty()) << "the channel with room has lost its block, too";
+
+    ASSERT_EQ(queue.Dequeue(1, out), VrSuccess);
+    buffer = {Bytes(kMebibyte, 1), Bytes(kMebibyte, 2)};
+    EXPECT_EQ(queue.EnqueueBuffer(buffer), VrSuccess);
+    ASSERT_EQ(queue.Dequeue(0, out), VrSuccess);
+    EXPECT_EQ(out, Bytes(kMebibyte, 1));
+}
+
+TEST(AsioDataQueueTest, BlocksPastTheLastChannelOfADeviceBufferAreLeftOut) {
+    AsioDataQueue queue;
+    ASSERT_EQ(queue.Init(1), VrSuccess);
+    std::vector<Block> buffer = {Bytes(4, 1), Bytes(4, 2)};
+
+    EXPECT_EQ(queue.EnqueueBuffer(buffer), VrSuccess);
+
+    Block out;
+    ASSERT_EQ(queue.Dequeue(0, out), VrSuccess);
+    EXPECT_EQ(out, Bytes(4, 1));
+    ASSERT_EQ(queue.Dequeue(0, out), VrSuccess);
+    EXPECT_TRUE(out.empty());
+}
+
 TEST(AsioDataQueueTest, CallbackAndWorkerSeeEveryBlockOnceAndInOrder) {
     constexpr std::uint16_t kChannels = 3;
     constexpr std::uint32_t kBuffers = 2000;

@@ -3,12 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "pipeline/RecThread.h"
 #include "support/FakeManager.h"
 #include "support/TempDirectory.h"
+#include "support/ThreadBaseParts.h"
 
 namespace vorrel {
 namespace {
@@ -60,6 +62,13 @@ TEST_F(ConvertThreadTest, StartRefusesAMissingStore) {
     EXPECT_FALSE(worker.Joinable());
 }
 
+TEST_F(ConvertThreadTest, RunsAtHighPriority) {
+    Begin(1, kSampleTypePcm, 48'000, 48'000);
+    ASSERT_EQ(worker.Start(&record, &preview), VrSuccess);
+
+    EXPECT_EQ(ThreadBaseParts::PriorityOf(worker), PriorityHigh);
+}
+
 TEST_F(ConvertThreadTest, StartRefusesARunningWorker) {
     Begin(1, kSampleTypePcm, 48'000, 48'000);
     ASSERT_EQ(worker.Start(&record, &preview), VrSuccess);
@@ -86,6 +95,16 @@ TEST_F(ConvertThreadTest, ConvertsPcmInChunksAndReportsEachTenthOnce) {
     EXPECT_EQ(preview.GetLength(false), 10'000U);
     EXPECT_EQ(Preview(0, 10'000), std::vector<std::int16_t>(10'000, 16'384));
     EXPECT_THAT(manager.ConvertPositions(), ElementsAre(1 * 0.1, 2 * 0.1));
+}
+
+TEST_F(ConvertThreadTest, AChunkHasAtMost4096Frames) {
+    Begin(1, kSampleTypePcm, 10'000, 10);  // a preview frame is a tenth: each chunk's end shows
+    Store(0, std::vector<float>(4096 + 4096 + 1, 0.5F));
+    ASSERT_EQ(worker.Start(&record, &preview), VrSuccess);
+
+    worker.Stop();
+
+    EXPECT_THAT(manager.ConvertPositions(), ElementsAre(4096 * 0.1, 8192 * 0.1, 8193 * 0.1));
 }
 
 TEST_F(ConvertThreadTest, InterleavesTheChannelsOfPcm) {
@@ -187,6 +206,19 @@ TEST_F(ConvertThreadTest, RawDataThatHasLeftTheStoreBecomesSilence) {
     ASSERT_EQ(preview.GetLength(false), 3101U);
     EXPECT_THAT(Preview(3100, 3101), ElementsAre(8192)) << "the positions go on";
     EXPECT_THAT(Preview(3000, 3003), ElementsAre(0, 0, 0));
+}
+
+TEST_F(ConvertThreadTest, DsdThatHasLeftTheStoreBecomesItsSilence) {
+    // A memory buffer holds 5 s of 6,400 one-bit samples: 4,000 bytes, 500 frames.
+    Begin(1, kSampleTypeDsd, 6'400, 100);
+    StoreBytes(0, AlignedBytes(3100 * 8, 0xFF));
+    ASSERT_EQ(worker.Start(&record, &preview), VrSuccess);
+
+    worker.Stop();
+
+    ASSERT_EQ(preview.GetLength(false), 3100U);
+    EXPECT_LT(std::abs(Preview(3050, 3051).front()), 1'000) << "no full-scale tone";
+    EXPECT_EQ(Preview(100, 101).front(), 32'767) << "what was still there is kept";
 }
 
 TEST_F(ConvertThreadTest, APreviewThatCannotBeStoredIsIgnored) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "support/AllocationGuard.h"
 #include "support/FakeManager.h"
 #include "support/TempDirectory.h"
+#include "support/ThreadBaseParts.h"
 
 namespace vorrel {
 namespace {
@@ -79,6 +81,13 @@ TEST_F(RecThreadTest, StartRefusesAMissingQueueStoreOrChannel) {
     EXPECT_EQ(worker.Start(&queue, nullptr, 1), VrErrorInvalidParameter);
     EXPECT_EQ(worker.Start(&queue, &data, 0), VrErrorInvalidParameter);
     EXPECT_FALSE(worker.Joinable());
+}
+
+TEST_F(RecThreadTest, RunsAtHighPriority) {
+    Begin(1);
+    ASSERT_EQ(worker.Start(&queue, &data, 1), VrSuccess);
+
+    EXPECT_EQ(ThreadBaseParts::PriorityOf(worker), PriorityHigh);
 }
 
 TEST_F(RecThreadTest, StartRefusesARunningWorker) {
@@ -273,6 +282,21 @@ TEST_F(RecThreadTest, AFailureInTheLastTurnIsReportedOnce) {
 
     EXPECT_THAT(manager.Messages(), ElementsAre(Pair(VrMessageRecordWriteFailed, "")));
     EXPECT_EQ(data.GetLength(false), 10U);
+}
+
+TEST_F(RecThreadTest, ANotificationThatThrowsEndsTheWorkerLikeAFailedStore) {
+    Begin(1);
+    manager.onStreamPosition = [] { throw std::bad_alloc(); };
+    ranges.AddRecordEvent(0, kRecordEventRecord);
+    Enqueue(0, 44'100);
+    ASSERT_EQ(worker.Start(&queue, &data, 1), VrSuccess);
+
+    worker.AddDataNotify();
+    worker.WaitFinished();
+
+    EXPECT_THAT(manager.Messages(), ElementsAre(Pair(VrMessageRecordWriteFailed, "")));
+    EXPECT_EQ(data.GetLength(false), 44'100U) << "what was stored stays";
+    worker.Stop();
 }
 
 TEST_F(RecThreadTest, AfterAFailureLaterBlocksStayInTheQueue) {

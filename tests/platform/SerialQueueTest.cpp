@@ -187,6 +187,23 @@ TEST(SerialQueueTest, TheDestructorRunsWhatTheLastTasksSubmit) {
     EXPECT_EQ(order, OneTo(3));
 }
 
+TEST(SerialQueueTest, CloseRunsWhatIsQueuedAndEndsTheThread) {
+    std::vector<int> order;
+    SerialQueue queue("test");
+    const std::ptrdiff_t threads = ThreadCount();
+    for (int task = 1; task <= 20; ++task) {
+        queue.Async([&order, task] { order.push_back(task); });
+    }
+
+    queue.Close();
+
+    EXPECT_EQ(order, OneTo(20));
+    EXPECT_EQ(ThreadCount(), threads);
+    queue.Async([&order] { order.push_back(21); });
+    queue.Close();
+    EXPECT_EQ(order, OneTo(20)) << "what comes after the close is not run";
+}
+
 TEST(SerialQueueTest, AnUnusedQueueEndsAtOnce) {
     const SerialQueue queue("test");
 }

@@ -23,6 +23,7 @@ public:
     std::atomic<bool> tempDirectoryExists{true};
     // Set before any thread starts; called on the reporting thread, without a lock.
     std::function<void()> onAddDataNotify;
+    std::function<void()> onStreamPosition;
     std::function<void(VrRecOperation)> onOperation;  // after it was kept
     std::function<void(int, const char*)> onMessage;  // after it was kept
 
@@ -46,6 +47,9 @@ public:
         }
     }
     void NotifyStreamPosProc(double seconds) override {
+        if (onStreamPosition) {
+            onStreamPosition();
+        }
         const MutexLock lock(mutex);
         streamPositions.push_back(seconds);
         condition.NotifyAll();

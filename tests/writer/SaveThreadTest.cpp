@@ -14,6 +14,7 @@
 #include <optional>
 #include <semaphore>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/FakeManager.h"
@@ -105,8 +106,10 @@ TEST_F(SaveThreadTest, SixteenTwentyFourAndThirtyTwoBitsAreSet) {
     SaveThread fresh(manager);
 
     EXPECT_EQ(fresh.GetBits(), 32);
-    fresh.SetBits(24);
-    EXPECT_EQ(fresh.GetBits(), 24);
+    for (const std::uint16_t bits : std::vector<std::uint16_t>{16, 24, 32}) {
+        fresh.SetBits(bits);
+        EXPECT_EQ(fresh.GetBits(), bits);
+    }
 }
 
 TEST_F(SaveThreadTest, ProgressBeforeAnyRequestIsAnInvalidStateAndWritesNothing) {
@@ -512,14 +515,15 @@ TEST_F(SaveThreadTest, AFailedSaveStillReportsItselfWhenTheNextHasStarted) {
             throw std::bad_alloc();
         }
         if (block == 2) {  // in the next save: the first one has all its last lines to itself
+            EXPECT_EQ(thread.SaveCancel(false), VrSuccess);  // meant for the next one
             messageMade.acquire();
         }
     };
+    bool first = true;
     manager.onOperation = [&](VrRecOperation) {
-        if (blockCount == 1) {
-            EXPECT_EQ(thread.SaveFiles(List({Setting("next.wav", 0.1)}), recording.data),
+        if (std::exchange(first, false)) {
+            EXPECT_EQ(thread.SaveFiles(List({Setting("next.wav", 0.2)}), recording.data),
                       VrSuccess);
-            EXPECT_EQ(thread.SaveCancel(false), VrSuccess);  // meant for the next one
         }
     };
     manager.onMessage = [&](int, const char*) { messageMade.release(); };
@@ -530,6 +534,40 @@ TEST_F(SaveThreadTest, AFailedSaveStillReportsItselfWhenTheNextHasStarted) {
               (Messages{{VrMessageSaveFailed, directory.File("new/take.wav")}}));
     EXPECT_FALSE(Exists("new"));
     EXPECT_TRUE(Exists("next.wav"));
+}
+
+TEST_F(SaveThreadTest, ATakeThatBeginsDuringASaveFailsTheFileAndIsNotMixedIn) {
+    for (const std::uint16_t channels :
+         std::vector<std::uint16_t>{1, 8}) {  // the same form, and a wider one
+        MakeRecording(1'000, true);
+        blockCount = 0;
+        onBlock = [&](int block) {
+            if (block == 3) {
+                recording.Make(channels, 1'000, 1'000, Recording::Steps, &callingType);
+            }
+        };
+
+        Save(List({Setting("take.wav", 1.0)}));
+
+        EXPECT_EQ(blockCount, 3) << "nothing of the new take is converted";
+        EXPECT_EQ(manager.Messages().back(),
+                  (FakeManager::Message{VrMessageSaveFailed, directory.File("take.wav")}));
+        EXPECT_EQ(SizeOf("take.wav"), 44U + 3 * 200U);
+    }
+}
+
+TEST_F(SaveThreadTest, DiscardingTheRecordingDuringASaveFailsTheFile) {
+    MakeRecording(1'000, true);
+    onBlock = [&](int block) {
+        if (block == 3) {
+            EXPECT_EQ(recording.data.TemporaryClear(), VrSuccess);
+        }
+    };
+
+    Save(List({Setting("take.wav", 1.0), Setting("next.wav", 1.0)}));
+
+    EXPECT_EQ(manager.Messages(), (Messages{{VrMessageSaveFailed, directory.File("take.wav")}}));
+    EXPECT_FALSE(Exists("next.wav"));
 }
 
 TEST_F(SaveThreadTest, DestructionWaitsForTheSave) {

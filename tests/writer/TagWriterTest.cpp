@@ -271,7 +271,6 @@ TEST(TagWriterTest, SizesHoldForEveryLengthAndForMalformedValues) {
                                   "日本",
                                   "é",
                                   "😀",
-                                  "\x80",
                                   "\xE6\x97",
                                   "a\xFFz",
                                   "\xC3",
@@ -286,6 +285,16 @@ TEST(TagWriterTest, SizesHoldForEveryLengthAndForMalformedValues) {
             EXPECT_EQ(SavedID3Tags(tags).size(), CalculateSaveID3TagSize(tags)) << key;
         }
     }
+}
+
+TEST(TagWriterTest, AValueOfNoCharacterAtAllIsRefused) {
+    // Bytes that continue no other count as none: 10 bytes of header and 13 of the frame's head.
+    const TagMap tags = {{"Title", "\x80\x80"}};
+
+    EXPECT_EQ(CalculateSaveID3TagSize(tags), 23U);
+    MemoryStream stream;
+    EXPECT_EQ(SaveID3Tag("\x80\x80", "TIT2", stream.Get()), VrErrorInvalidParameter);
+    EXPECT_EQ(SaveID3Tags(tags, stream.Get()), VrErrorInvalidParameter);
 }
 
 TEST(TagWriterTest, AnInfoTextEndsAtAZeroByteInTheValue) {

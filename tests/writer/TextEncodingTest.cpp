@@ -73,12 +73,37 @@ TEST(TextEncodingTest, CountsACharacterBeyondTheBasicPlaneOnce) {
 }
 
 TEST(TextEncodingTest, NeverCountsMoreBytesThanItConverts) {
-    for (const char* malformed : {"\x80", "\xC3", "\xE6\x97\xE6\x97", "\xF0\x9F\x98", "\xFF\xFE"}) {
+    for (const char* malformed : {"\xC3", "\xE6\x97\xE6\x97", "\xF0\x9F\x98", "\xFF\xFE"}) {
         std::string out;
         const std::size_t bytes = ToUtf16(out, malformed);
         EXPECT_GT(bytes, 0U);
         EXPECT_LE(bytes, out.size());
     }
+}
+
+TEST(TextEncodingTest, BytesThatContinueNothingAreNoCharacters) {
+    std::string out;
+
+    EXPECT_EQ(ToUtf16(out, "\x80\xBF"), 0U);
+}
+
+TEST(TextEncodingTest, ATagCharacterIsACharacterThatShiftJisLacks) {
+    EXPECT_EQ(Utf8ToShiftJIS("a\xF3\xA0\x81\xA7"
+                             "b"),
+              "a?b");
+    EXPECT_EQ(Utf8ToShiftJIS("\xF3\xA0\x80\x81\xF3\xA0\x81\xBF"), "??");
+    EXPECT_EQ(Utf8ToUtf16("\xF3\xA0\x81\xA7"), "\x40\xDB\x67\xDC");
+}
+
+TEST(TextEncodingTest, LongTextsAreConvertedWhole) {
+    std::string text;
+    std::string shiftJis;
+    for (int count = 0; count < 5'000; ++count) {
+        text += "日😀a";
+        shiftJis += "\x93\xFA?a";
+    }
+
+    EXPECT_EQ(Utf8ToShiftJIS(text), shiftJis);
 }
 
 TEST(TextEncodingTest, ShiftJisIntoABufferIsZeroFilledAndMeasured) {
@@ -102,11 +127,14 @@ TEST(TextEncodingTest, ShiftJisIntoASmallBufferIsCutOffBeforeALastZero) {
 }
 
 TEST(TextEncodingTest, LeavesTheLocaleAlone) {
+    // Another one than that of the environment, to which a change and back would lead.
+    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
     const std::string before = std::setlocale(LC_ALL, nullptr);
 
     EXPECT_EQ(Utf8ToShiftJIS("日本語").size(), 6U);
 
     EXPECT_EQ(std::setlocale(LC_ALL, nullptr), before);
+    std::setlocale(LC_ALL, "C");
 }
 
 TEST(TextEncodingTest, StrReplaceGoesOnBehindEachReplacement) {

@@ -43,7 +43,11 @@ protected:
     /// Saves frames from `start` to `end` seconds.
     VrError Save(double start, double end) {
         const VrSaveSettingInternal setting = Setting(start, end);
-        return SaveWavFile(&setting, run);
+        return SaveFile(&setting);
+    }
+    VrError SaveFile(const VrSaveSettingInternal* setting) {
+        run.recording = recording.data.GetLayout();
+        return SaveWavFile(setting, run);
     }
     Bytes Saved() const { return ReadBytes(directory.File("take.wav")); }
     Bytes SavedSamples() const {
@@ -105,7 +109,7 @@ TEST_F(WavWriterTest, WritesHeaderSamplesAndTags) {
         {115, 1, 0, "pad"},
     };
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrSuccess);
+    EXPECT_EQ(SaveFile(&setting), VrSuccess);
 
     CheckFields(Saved(), kStereo16);
 }
@@ -148,7 +152,7 @@ TEST_F(WavWriterTest, AnOddNumberOf24BitBytesIsNotPaddedBeforeTheTags) {
     VrSaveSettingInternal setting = Setting(0, 1);
     setting.tags = {{"Title", "AB"}};
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrSuccess);
+    EXPECT_EQ(SaveFile(&setting), VrSuccess);
 
     const Bytes bytes = Saved();
     EXPECT_EQ(bytes.size(), 44U + 3 + 60);
@@ -162,7 +166,7 @@ TEST_F(WavWriterTest, AnEmptyRangeWritesAHeaderAndTags) {
     VrSaveSettingInternal setting = Setting(0.5, 0.5);
     setting.tags = {{"Title", "AB"}};
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrSuccess);
+    EXPECT_EQ(SaveFile(&setting), VrSuccess);
 
     const Bytes bytes = Saved();
     EXPECT_EQ(bytes.size(), 44U + 60);
@@ -240,7 +244,7 @@ TEST_F(WavWriterTest, AMissingSettingIsInvalid) {
     progress.filePosition = 5;
     progress.fileLength = 10;
 
-    EXPECT_EQ(SaveWavFile(nullptr, run), VrErrorInvalidParameter);
+    EXPECT_EQ(SaveFile(nullptr), VrErrorInvalidParameter);
 
     EXPECT_EQ(progress.filePosition, 0U);
     EXPECT_EQ(progress.fileLength, 0U);
@@ -328,7 +332,7 @@ TEST_F(WavWriterTest, SixDecibelsLessMultiplyBy0501187) {
     VrSaveSettingInternal setting = Setting(0, 1);
     setting.gain = -6.0;
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrSuccess);
+    EXPECT_EQ(SaveFile(&setting), VrSuccess);
 
     const Bytes bytes = Saved();
     EXPECT_EQ(LittleEndian(bytes, 44, 2), 8'211U);  // 16,384 x 0.501187 = 8,211.4
@@ -342,7 +346,7 @@ TEST_F(WavWriterTest, GainSaturates) {
     VrSaveSettingInternal setting = Setting(0, 1);
     setting.gain = 6.0;
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrSuccess);
+    EXPECT_EQ(SaveFile(&setting), VrSuccess);
 
     EXPECT_EQ(SavedSamples(), (Bytes{0xFF, 0x7F, 0x00, 0x80}));
 }
@@ -401,7 +405,7 @@ TEST_F(WavWriterTest, APathWithoutASlashFails) {
     recording.Make(1, 1'000, 100);
     const VrSaveSettingInternal setting{"take of a test.wav", 0, 1, 0, {}};
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrErrorFailed);
+    EXPECT_EQ(SaveFile(&setting), VrErrorFailed);
 
     EXPECT_FALSE(std::filesystem::exists("take of a test.wav"));
 }
@@ -410,7 +414,7 @@ TEST_F(WavWriterTest, AMissingParentDirectoryFailsAtTheSpaceCheck) {
     recording.Make(1, 1'000, 100);
     const VrSaveSettingInternal setting = Setting(0, 1, "no/parent/take.wav");
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrErrorFailed);
+    EXPECT_EQ(SaveFile(&setting), VrErrorFailed);
 
     EXPECT_TRUE(manager.Messages().empty());
     EXPECT_FALSE(std::filesystem::exists(directory.File("no")));
@@ -424,7 +428,7 @@ TEST_F(WavWriterTest, TooLittleSpaceFailsBeforeTheFileIsMade) {
     recording.Make(1, 48'000, 48'000);
     const VrSaveSettingInternal setting{volume.File("new/take.wav"), 0, 1, 0, {}};
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrErrorFailed);
+    EXPECT_EQ(SaveFile(&setting), VrErrorFailed);
 
     EXPECT_TRUE(std::filesystem::is_directory(volume.File("new")));
     EXPECT_FALSE(std::filesystem::exists(volume.File("new/take.wav")));
@@ -440,7 +444,7 @@ TEST_F(WavWriterTest, AFileThatJustFitsIsWritten) {
     const double seconds = 32'746.0 / 48'000;  // 44 + 2 x 32,746 = 65,536 bytes
     const VrSaveSettingInternal setting{volume.File("take.wav"), 0, seconds, 0, {}};
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrSuccess);
+    EXPECT_EQ(SaveFile(&setting), VrSuccess);
 
     EXPECT_EQ(ReadBytes(setting.path).size(), 65'536U);
 }
@@ -463,7 +467,7 @@ TEST_F(WavWriterTest, AFailureAtTheCloseIsAFailedWrite) {
     setting.tags = {{"Title", "AB"}};
     const FileSizeLimit limit(2'044 + 30);  // ends within the tags
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrErrorFailed);
+    EXPECT_EQ(SaveFile(&setting), VrErrorFailed);
 
     EXPECT_EQ(Saved().size(), 2'074U);
 }
@@ -475,7 +479,7 @@ TEST_F(WavWriterTest, AFullDeviceFailsTheSave) {
     recording.Make(1, 1'000, 1'000);
     const VrSaveSettingInternal setting{"/dev/full", 0, 1, 0, {}};
 
-    EXPECT_EQ(SaveWavFile(&setting, run), VrErrorFailed);
+    EXPECT_EQ(SaveFile(&setting), VrErrorFailed);
 }
 
 TEST_F(WavWriterTest, ARecordingThatCannotBeReadFailsTheSave) {
@@ -488,6 +492,26 @@ TEST_F(WavWriterTest, ARecordingThatCannotBeReadFailsTheSave) {
     }
 
     EXPECT_EQ(Save(0, 30), VrErrorFailed);
+
+    EXPECT_GE(Saved().size(), 44U) << "what was written stays";
+}
+
+TEST_F(WavWriterTest, AFileThatItsVolumeCannotHoldIsSkippedAndNotMade) {
+    recording.Make(1, 1'000, 100);
+    static std::uint64_t askedBytes = 0;
+    run.volumeTakes = [](const std::string&, std::uint64_t bytes) {
+        askedBytes = bytes;
+        return false;
+    };
+
+    EXPECT_EQ(Save(0, 1), VrSuccess);
+
+    EXPECT_EQ(askedBytes, 44U + 200U);
+    EXPECT_FALSE(std::filesystem::exists(directory.File("take.wav")));
+    EXPECT_EQ(
+        manager.Messages(),
+        (std::vector<FakeManager::Message>{{VrMessageFileSkipped, directory.File("take.wav")}}));
+    EXPECT_EQ(progress.overallPosition, 100U);
 }
 
 TEST_F(WavWriterTest, ARateBelowTenHertzStillComesToAnEnd) {
@@ -509,7 +533,7 @@ TEST_F(WavWriterTest, BothWaysOfEncodingGiveTheSameFile) {
             recording.Make(3, 44'100, 10'000, Recording::Steps, type);
             VrSaveSettingInternal setting = Setting(0.01, 0.2);
             setting.gain = -3.5;
-            EXPECT_EQ(SaveWavFile(&setting, run), VrSuccess);
+            EXPECT_EQ(SaveFile(&setting), VrSuccess);
             files[type == &other ? 1 : 0] = Saved();
         }
         EXPECT_EQ(files[0], files[1]) << width;
