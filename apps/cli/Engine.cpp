@@ -129,6 +129,7 @@ std::uint64_t ChooseRate(const std::vector<std::uint64_t>& offered,
         return offered.front();
     }
     std::vector<std::string> rates;
+    rates.reserve(offered.size());
     for (const std::uint64_t possible : offered) {
         rates.push_back(std::to_string(possible));
     }

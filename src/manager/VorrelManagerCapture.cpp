@@ -116,8 +116,8 @@ VORREL_REALTIME void VorrelManager::IOProc_PCM(const AudioBufferList* input, Aud
 VORREL_REALTIME void VorrelManager::IOProc_DSD16(const AudioBufferList* input, AudioBufferList*) {
     QueueBlocks(input, kDsdWordBytes, [](std::span<Block> blocks, const Lanes& lanes) {
         // Overwritten before it is read.
-        alignas(kBufferAlignment) std::array<float, kScratchFrames>
-            gathered;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
+        alignas(kBufferAlignment) std::array<float, kScratchFrames> gathered;
         for (std::size_t lane = 0; lane < blocks.size(); ++lane) {
             Block& block = blocks[lane];
             if (lanes.samples == nullptr) {
