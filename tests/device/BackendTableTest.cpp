@@ -1,13 +1,19 @@
 #include "device/BackendTable.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <tuple>
+
+#include "support/TraceCapture.h"
 
 namespace vorrel {
 namespace {
 
 TEST(BackendTableTest, MakesNewBackEndsByName) {
+    ::unsetenv("VORREL_SIMULATED");
+
     const DeviceBackends first = MakeBackends("simulated");
     const DeviceBackends second = MakeBackends("simulated");
 
@@ -26,12 +32,22 @@ TEST(BackendTableTest, AnUnknownNameGivesNone) {
     EXPECT_EQ(MakeBackends(nullptr).audio, nullptr);
 }
 
+TEST(BackendTableTest, AnUnknownNameIsTracedByItsName) {
+    test::TraceCapture trace;
+
+    std::ignore = MakeBackends("fairy");
+
+    EXPECT_THAT(trace.Lines(),
+                testing::ElementsAre(testing::HasSubstr("no device back end is called \"fairy\"")));
+}
+
 // The choice is made once in a process: each of these asks in a process of its own, which ends
 // with 0 when all is as expected.
 
 enum class Expected { some, none };
 
 [[noreturn]] void SelectAndExit(const char* name, Expected expected) {
+    ::unsetenv("VORREL_SIMULATED");
     if (name == nullptr) {
         ::unsetenv("VORREL_BACKEND");
     } else {
@@ -58,8 +74,10 @@ TEST(BackendTableDeathTest, AnEmptyNameIsTheDefault) {
     EXPECT_EXIT(SelectAndExit("", Expected::some), testing::ExitedWithCode(0), "");
 }
 
-TEST(BackendTableDeathTest, AnUnknownNameGivesNoneForGood) {
-    EXPECT_EXIT(SelectAndExit("nothing", Expected::none), testing::ExitedWithCode(0), "");
+TEST(BackendTableDeathTest, AnUnknownNameGivesNoneForGoodAndIsTraced) {
+    // The trace log goes to the standard error of that process.
+    EXPECT_EXIT(SelectAndExit("nothing", Expected::none), testing::ExitedWithCode(0),
+                "no device back end is called \"nothing\"");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #if defined(__APPLE__)
 #include <CoreAudio/CoreAudio.h>
 #include <IOKit/IOKitLib.h>
+#include <IOKit/usb/USB.h>
 #else
 
 #include <cstdint>

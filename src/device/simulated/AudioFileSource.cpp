@@ -14,10 +14,36 @@ struct CloseFile {
 };
 using AudioFile = std::unique_ptr<SNDFILE, CloseFile>;
 
+/// Why samples of that coding would not arrive bit for bit as 32-bit floats; empty if they do.
+std::string Obstacle(int format) {
+    const int subtype = format & SF_FORMAT_SUBMASK;
+    switch (subtype) {
+        case SF_FORMAT_PCM_S8:
+        case SF_FORMAT_PCM_U8:
+        case SF_FORMAT_PCM_16:
+        case SF_FORMAT_PCM_24:
+        case SF_FORMAT_FLOAT:
+            return {};
+        default:
+            break;
+    }
+    SF_FORMAT_INFO info{};
+    info.format = subtype;
+    const bool named =
+        ::sf_command(nullptr, SFC_GET_FORMAT_INFO, &info, sizeof info) == 0 && info.name != nullptr;
+    return std::string("its samples (") + (named ? info.name : "unknown coding") +
+           ") do not pass through 32-bit floats bit for bit; "
+           "integers of 8, 16 or 24 bits and 32-bit floats do";
+}
+
+/// Null, with the path and the reason in `problem`, for a file that is no source.
 AudioFile Open(const std::string& path, SF_INFO& info, std::string& problem) {
     AudioFile file(::sf_open(path.c_str(), SFM_READ, &info));
     if (file == nullptr) {
         problem = path + ": " + ::sf_strerror(nullptr);
+    } else if (const std::string obstacle = Obstacle(info.format); !obstacle.empty()) {
+        problem = path + ": " + obstacle;
+        file.reset();
     }
     return file;
 }

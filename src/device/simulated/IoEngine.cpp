@@ -1,35 +1,50 @@
 #include "device/simulated/IoEngine.h"
 
 #include <algorithm>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
 #include "device/simulated/BufferListBuilder.h"
 #include "platform/ThreadPriority.h"
+#include "platform/Trace.h"
 
 namespace vorrel {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+/// Frames of a list's first buffer, without following its data.
+UInt32 FrameCount(const AudioBufferList& list) {
+    if (list.mNumberBuffers == 0 || list.mBuffers[0].mNumberChannels == 0) {
+        return 0;
+    }
+    const AudioBuffer& first = list.mBuffers[0];
+    return static_cast<UInt32>(first.mDataByteSize / sizeof(float) / first.mNumberChannels);
+}
 
 }  // namespace
 
 /// One run of the device. Its source and buffers are touched by the delivering thread only.
 struct IoEngine::Run {
-    Run(const RunSetup& runSetup, std::unique_ptr<SampleSource> runSource)
+    Run(const RunSetup& runSetup, std::unique_ptr<SampleSource> runSource, IoClock::Time now)
         : setup(runSetup),
           source(std::move(runSource)),
-          buffers(setup.channels, setup.bufferChannels, setup.frames) {}
+          buffers(setup.channels, setup.bufferChannels, setup.frames),
+          begin(now) {}
 
     const RunSetup setup;
     const std::unique_ptr<SampleSource> source;
     BufferListBuilder buffers;
-    const Clock::time_point begin = Clock::now();
-    std::uint64_t frames = 0;  // delivered; changed under the engine's mutex
+    // Under the engine's mutex.
+    IoClock::Time begin;
+    std::uint64_t pacedFrames = 0;  // whose time has passed
 };
 
-IoEngine::IoEngine(double speedFactor, bool manualDelivery, std::function<void()> onCountdownEnded)
-    : speed(speedFactor), manual(manualDelivery), countdownEnded(std::move(onCountdownEnded)) {}
+IoEngine::IoEngine(double speedFactor, bool manualDelivery, std::function<void()> onCountdownEnded,
+                   std::shared_ptr<IoClock> givenClock)
+    : speed(speedFactor),
+      manual(manualDelivery),
+      clock(givenClock != nullptr ? std::move(givenClock) : MakeSteadyClock()),
+      countdownEnded(std::move(onCountdownEnded)) {}
 
 void IoEngine::Close() {
     Halt();
@@ -40,6 +55,8 @@ void IoEngine::Close() {
         countdownEnded = nullptr;
         ending = std::move(thread);
         threadWake.NotifyAll();
+        // It may be waiting for a delivery by hand out of which this is called.
+        cycleEnded.NotifyAll();
     }
     if (ending.get_id() == std::this_thread::get_id()) {
         ending.detach();  // it ends after this callback, and holds the engine until then
@@ -56,20 +73,23 @@ std::vector<IoEngine::Client>::iterator IoEngine::Find(AudioDeviceIOProcID id) {
 AudioDeviceIOProcID IoEngine::Create(AudioDeviceIOProc proc, void* clientData) {
     const MutexLock lock(mutex);
     // A handle that is never called: the same proc can be registered for several clients.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): it is compared, never followed
     const auto id = reinterpret_cast<AudioDeviceIOProcID>(++lastId);
     clients.push_back({id, proc, clientData, nullptr});
     return id;
 }
 
 bool IoEngine::Destroy(AudioDeviceIOProcID id) {
-    Stop(id);
     const MutexLock lock(mutex);
     const auto client = Find(id);
-    if (client == clients.end()) {
-        return false;
+    const bool known = client != clients.end();
+    if (known) {
+        // Before the wait, so that the proc cannot start itself again meanwhile.
+        clients.erase(client);
+        EndIdleRun();
     }
-    clients.erase(client);
-    return true;
+    WaitForCycle();
+    return known;
 }
 
 OSStatus IoEngine::Start(AudioDeviceIOProcID id, const RunSetup& setup,
@@ -84,12 +104,19 @@ OSStatus IoEngine::Start(AudioDeviceIOProcID id, const RunSetup& setup,
         if (source == nullptr) {
             return kAudioHardwareUnspecifiedError;
         }
-        run = std::make_shared<Run>(setup, std::move(source));
+        auto next = std::make_shared<Run>(setup, std::move(source), clock->Now());
+        if (!manual && !thread.joinable()) {
+            // It waits for the run, which begins only where there is a thread for it.
+            try {
+                thread = std::thread([self = shared_from_this()] { self->ThreadBody(); });
+            } catch (const std::system_error& error) {
+                Trace(__FILE__, __LINE__, "no capture thread: %s", error.what());
+                return kAudioHardwareUnspecifiedError;
+            }
+        }
+        run = std::move(next);
         deliveredBuffers = 0;
         deliveredFrames = 0;
-        if (!manual && !thread.joinable()) {
-            thread = std::thread([self = shared_from_this()] { self->ThreadBody(); });
-        }
         threadWake.NotifyAll();
     }
     client->run = run.get();
@@ -102,25 +129,48 @@ bool IoEngine::Stop(AudioDeviceIOProcID id) {
     const bool started = client != clients.end() && client->run != nullptr;
     if (started) {
         client->run = nullptr;
-        if (std::all_of(clients.begin(), clients.end(),
-                        [](const Client& other) { return other.run == nullptr; })) {
-            run.reset();
-            threadWake.NotifyAll();
-        }
+        EndIdleRun();
     }
     // Also when another thread has just stopped it: its last call may still be under way.
     WaitForCycle();
     return started;
 }
 
-void IoEngine::Halt() {
-    const MutexLock lock(mutex);
+void IoEngine::EndIdleRun() {
+    if (run != nullptr && std::all_of(clients.begin(), clients.end(),
+                                      [](const Client& client) { return client.run == nullptr; })) {
+        run.reset();
+        threadWake.NotifyAll();
+    }
+}
+
+void IoEngine::StopAll() {
     for (Client& client : clients) {
         client.run = nullptr;
     }
-    run.reset();
-    threadWake.NotifyAll();
+    EndIdleRun();
+}
+
+void IoEngine::Halt() {
+    const MutexLock lock(mutex);
+    StopAll();
     WaitForCycle();
+}
+
+void IoEngine::EndRun() {
+    const MutexLock lock(mutex);
+    StopAll();
+}
+
+void IoEngine::WaitForCall() {
+    const MutexLock lock(mutex);
+    WaitForCycle();
+}
+
+void IoEngine::DropProcs() {
+    const MutexLock lock(mutex);
+    clients.clear();
+    EndIdleRun();
 }
 
 void IoEngine::WaitForCycle() {
@@ -131,30 +181,31 @@ void IoEngine::WaitForCycle() {
 }
 
 bool IoEngine::Deliver() {
-    return DeliverList(nullptr);
+    return DeliverList(nullptr, nullptr);
 }
 
 bool IoEngine::Deliver(const AudioBufferList& list) {
-    return DeliverList(&list);
+    return DeliverList(&list, nullptr);
 }
 
 UInt32 IoEngine::NextFrames() const {
     return shortFrames > 0 ? std::min(shortFrames, run->setup.frames) : run->setup.frames;
 }
 
-bool IoEngine::DeliverList(const AudioBufferList* given) {
+bool IoEngine::DeliverList(const AudioBufferList* given, const std::shared_ptr<Run>& due) {
     std::shared_ptr<Run> current;
-    UInt32 frames = 0;
+    UInt32 wholeFrames = 0;
     bool empty = false;
     bool last = false;
     {
         const MutexLock lock(mutex);
-        if (run == nullptr || delivering) {
+        // Since it was due, another run may have begun, whose first buffer has its own time.
+        if (run == nullptr || delivering || stalled || (due != nullptr && run != due)) {
             return false;
         }
         current = run;
-        frames = NextFrames();
-        empty = emptyLists;
+        wholeFrames = NextFrames();
+        empty = given == nullptr && emptyLists;
         // Counted at its beginning: a buffer that is under way is not one of a new countdown.
         last = countdown == 1;
         countdown -= countdown > 0 ? 1 : 0;
@@ -162,17 +213,21 @@ bool IoEngine::DeliverList(const AudioBufferList* given) {
         deliverer = std::this_thread::get_id();
     }
     bool delivered = false;
+    UInt32 frames = 0;
     if (given != nullptr) {
+        frames = FrameCount(*given);
         delivered = CallProcs(*current, *given);
+    } else if (empty) {
+        delivered = CallProcs(*current, BufferListBuilder::Empty());
     } else {
+        frames = wholeFrames;
         current->source->Read(current->buffers.Interleaved(), frames);
-        delivered = CallProcs(*current,
-                              empty ? BufferListBuilder::Empty() : current->buffers.Build(frames));
+        delivered = CallProcs(*current, current->buffers.Build(frames));
     }
     std::function<void()> ended;
     {
         const MutexLock lock(mutex);
-        current->frames += frames;
+        current->pacedFrames += empty ? wholeFrames : frames;
         if (delivered && (run == current || run == nullptr)) {
             ++deliveredBuffers;
             deliveredFrames += frames;
@@ -216,24 +271,26 @@ bool IoEngine::CallProcs(const Run& current, const AudioBufferList& list) {
     }
 }
 
-bool IoEngine::WaitUntilDue() {
+std::shared_ptr<IoEngine::Run> IoEngine::WaitUntilDue() {
     const MutexLock lock(mutex);
     while (!closing) {
-        if (run == nullptr) {
+        if (run == nullptr || stalled) {
             threadWake.Wait(mutex);
             continue;
         }
         // From the beginning of the run each time, so that no error adds up.
-        const std::chrono::duration<double> offset(static_cast<double>(run->frames + NextFrames()) /
-                                                   (run->setup.rateHz * speed));
-        const auto due = run->begin + std::chrono::duration_cast<Clock::duration>(offset);
-        const auto remaining = due - Clock::now();
-        if (remaining <= Clock::duration::zero()) {
-            return true;
+        const std::chrono::duration<double> offset(
+            static_cast<double>(run->pacedFrames + NextFrames()) / (run->setup.rateHz * speed));
+        const auto due = run->begin + std::chrono::duration_cast<IoClock::Time::duration>(offset);
+        if (due > clock->Now()) {
+            clock->WaitUntil(threadWake, mutex, due);
+        } else if (delivering) {
+            cycleEnded.Wait(mutex);  // somebody delivers by hand
+        } else {
+            return run;
         }
-        threadWake.WaitFor(mutex, remaining);
     }
-    return false;
+    return nullptr;
 }
 
 void IoEngine::ThreadBody() noexcept {
@@ -242,8 +299,9 @@ void IoEngine::ThreadBody() noexcept {
     if (speed <= 1.0) {
         SetCurrentThreadPriority(1.0);
     }
-    while (WaitUntilDue()) {
-        DeliverList(nullptr);
+    while (const std::shared_ptr<Run> due = WaitUntilDue()) {
+        clock->BufferIsDue();
+        DeliverList(nullptr, due);
     }
 }
 
@@ -267,6 +325,20 @@ void IoEngine::SetEmptyLists(bool empty) {
     emptyLists = empty;
 }
 
+void IoEngine::SetStalled(bool nowStalled) {
+    const MutexLock lock(mutex);
+    if (stalled == nowStalled) {
+        return;
+    }
+    stalled = nowStalled;
+    if (stalled) {
+        stalledSince = clock->Now();
+    } else if (run != nullptr) {
+        run->begin += clock->Now() - std::max(stalledSince, run->begin);
+    }
+    threadWake.NotifyAll();
+}
+
 std::size_t IoEngine::ProcCount() {
     const MutexLock lock(mutex);
     return clients.size();
@@ -283,6 +355,7 @@ std::uint64_t IoEngine::DeliveredFrames() {
 }
 
 bool IoEngine::WaitForBuffers(std::uint64_t buffers, std::chrono::milliseconds timeout) {
+    using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + timeout;
     const MutexLock lock(mutex);
     while (deliveredBuffers < buffers) {

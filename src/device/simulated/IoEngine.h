@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "device/backend/CoreAudioTypes.h"
+#include "device/simulated/IoClock.h"
 #include "device/simulated/SampleSource.h"
 #include "platform/Mutex.h"
 
@@ -32,12 +33,15 @@ public:
     /// @param manual          No thread; only `Deliver` calls the procs.
     /// @param countdownEnded  Called after the last buffer of a countdown, on the thread that
     ///                        delivered it, no lock held.
-    IoEngine(double speed, bool manual, std::function<void()> countdownEnded);
+    /// @param clock           Null for the system's.
+    IoEngine(double speed, bool manual, std::function<void()> countdownEnded,
+             std::shared_ptr<IoClock> clock = nullptr);
     /// Ends the capture thread and waits for it, unless it is the caller.
     void Close() VORREL_EXCLUDES(mutex);
 
     AudioDeviceIOProcID Create(AudioDeviceIOProc proc, void* clientData) VORREL_EXCLUDES(mutex);
-    /// Stops the proc first. @return false for an unknown id.
+    /// Afterwards the proc is not called any more, as after `Stop`; one that starts itself
+    /// meanwhile is refused. @return false for an unknown id.
     bool Destroy(AudioDeviceIOProcID id) VORREL_EXCLUDES(mutex);
     /// Starts a proc; one that is started already goes on. A run that is under way goes on as well;
     /// for a new one `makeSource` is asked, and must not call the engine.
@@ -48,21 +52,33 @@ public:
     /// Afterwards the proc is not called any more; waits for a call under way, unless that is the
     /// caller. @return false when it was not started.
     bool Stop(AudioDeviceIOProcID id) VORREL_EXCLUDES(mutex);
-    /// Stops all procs.
+    /// Stops all procs, and waits as `Stop` does.
     void Halt() VORREL_EXCLUDES(mutex);
+    /// Stops all procs without waiting for a call under way; `WaitForCall` does that.
+    void EndRun() VORREL_EXCLUDES(mutex);
+    void WaitForCall() VORREL_EXCLUDES(mutex);
+    /// Stops all procs and forgets them, without waiting.
+    void DropProcs() VORREL_EXCLUDES(mutex);
 
     /// Delivers the next buffer of the run, now, on the calling thread.
-    /// @return false when nobody got it: no run is under way, or another buffer is being delivered.
+    /// With a capture thread this goes on top of what that delivers, and moves its schedule.
+    /// @return false when nobody got it: no run is under way, it is stalled, or another buffer is
+    ///         being delivered.
     bool Deliver() VORREL_EXCLUDES(mutex);
-    /// Delivers `list` in its place, with all that may be wrong with it.
+    /// Delivers `list` in its place, with all that may be wrong with it. The source is not read;
+    /// the frames of the first buffer count as delivered.
     bool Deliver(const AudioBufferList& list) VORREL_EXCLUDES(mutex);
 
     /// Buffers of at most `frames` frames from now on; 0 for whole ones.
     void SetShortBuffers(UInt32 frames) VORREL_EXCLUDES(mutex);
     /// Ends a countdown after `buffers` more, counted from the next that begins; 0 for never.
     void SetCountdown(std::uint64_t buffers) VORREL_EXCLUDES(mutex);
-    /// Buffer lists without buffers from now on.
+    /// Buffer lists without buffers from now on, each in the time of a whole buffer. They carry no
+    /// frames, so the source is not read for them.
     void SetEmptyLists(bool empty) VORREL_EXCLUDES(mutex);
+    /// Delivers nothing, and tells nobody, until it is released. The run then goes on where it was,
+    /// later by the time that it was held.
+    void SetStalled(bool stalled) VORREL_EXCLUDES(mutex);
 
     bool IsRunning() VORREL_EXCLUDES(mutex);
     std::size_t ProcCount() VORREL_EXCLUDES(mutex);
@@ -85,18 +101,25 @@ private:
     std::vector<Client>::iterator Find(AudioDeviceIOProcID id) VORREL_REQUIRES(mutex);
     /// Waits until no call that began before is under way, unless the caller is in it.
     void WaitForCycle() VORREL_REQUIRES(mutex);
-    bool DeliverList(const AudioBufferList* list) VORREL_EXCLUDES(mutex);
+    void StopAll() VORREL_REQUIRES(mutex);
+    /// Ends the run when no proc is left in it.
+    void EndIdleRun() VORREL_REQUIRES(mutex);
+    /// @param list  Null for what the source has.
+    /// @param due   The run that the buffer belongs to; null for whichever is under way.
+    bool DeliverList(const AudioBufferList* list, const std::shared_ptr<Run>& due)
+        VORREL_EXCLUDES(mutex);
     /// @return false when all procs have been stopped meanwhile and none was called.
     bool CallProcs(const Run& current, const AudioBufferList& list) VORREL_EXCLUDES(mutex);
     UInt32 NextFrames() const VORREL_REQUIRES(mutex);
-    /// @return false when the engine closes.
-    bool WaitUntilDue() VORREL_EXCLUDES(mutex);
+    /// Waits until a buffer can be delivered. @return its run; null when the engine closes.
+    std::shared_ptr<Run> WaitUntilDue() VORREL_EXCLUDES(mutex);
     void ThreadBody() noexcept;
 
     const double speed;
     const bool manual;
+    const std::shared_ptr<IoClock> clock;
     Mutex mutex;
-    ConditionVariable threadWake;  // a run begins or ends, or the engine closes
+    ConditionVariable threadWake;  // a run begins, ends or is released, or the engine closes
     ConditionVariable cycleEnded;
     std::function<void()> countdownEnded VORREL_GUARDED_BY(mutex);
     std::uint64_t countdown VORREL_GUARDED_BY(mutex) = 0;
@@ -105,6 +128,8 @@ private:
     std::shared_ptr<Run> run VORREL_GUARDED_BY(mutex);  // null while stopped
     UInt32 shortFrames VORREL_GUARDED_BY(mutex) = 0;
     bool emptyLists VORREL_GUARDED_BY(mutex) = false;
+    bool stalled VORREL_GUARDED_BY(mutex) = false;
+    IoClock::Time stalledSince VORREL_GUARDED_BY(mutex);
     bool delivering VORREL_GUARDED_BY(mutex) = false;
     std::thread::id deliverer VORREL_GUARDED_BY(mutex);
     std::uint64_t cycle VORREL_GUARDED_BY(mutex) = 0;

@@ -12,10 +12,21 @@ void PropertyFaults::SetSize(AudioObjectPropertySelector selector, UInt32 sizeBy
     sizes[selector] = sizeBytes;
 }
 
+void PropertyFaults::SetText(AudioObjectPropertySelector selector, const std::string& text) {
+    const MutexLock lock(mutex);
+    values[selector] = text;
+}
+
+void PropertyFaults::SetNumber(AudioObjectPropertySelector selector, UInt32 number) {
+    const MutexLock lock(mutex);
+    values[selector] = number;
+}
+
 void PropertyFaults::Clear() {
     const MutexLock lock(mutex);
     faults.clear();
     sizes.clear();
+    values.clear();
 }
 
 OSStatus PropertyFaults::Check(PropertyOperation operation, AudioObjectPropertySelector selector) {
@@ -41,6 +52,12 @@ bool PropertyFaults::Size(AudioObjectPropertySelector selector, UInt32& sizeByte
         sizeBytes = found->second;
     }
     return found != sizes.end();
+}
+
+PropertyFaults::OtherValue PropertyFaults::Value(AudioObjectPropertySelector selector) {
+    const MutexLock lock(mutex);
+    const auto found = values.find(selector);
+    return found == values.end() ? OtherValue{} : found->second;
 }
 
 }  // namespace vorrel

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <string>
+#include <variant>
 #include <vector>
 
 #include "device/backend/CoreAudioTypes.h"
@@ -24,9 +26,20 @@ struct PropertyFault {
 /// The faults set on an object's properties. Any thread, at any time.
 class PropertyFaults {
 public:
+    /// A value of another type than the property's own; the first alternative for none.
+    using OtherValue = std::variant<std::monostate, std::string, UInt32>;
+
     void Add(const PropertyFault& fault) VORREL_EXCLUDES(mutex);
     /// Reports `sizeBytes` as the property's size and delivers that many bytes of it, zeros behind.
+    /// A text is refused with '!siz' instead: it has no other size than its own.
     void SetSize(AudioObjectPropertySelector selector, UInt32 sizeBytes) VORREL_EXCLUDES(mutex);
+    /// The property is a text from now on, whatever it is otherwise: who asks for bytes or for
+    /// their size gets '!siz'.
+    void SetText(AudioObjectPropertySelector selector, const std::string& text)
+        VORREL_EXCLUDES(mutex);
+    /// The property is a `UInt32` from now on: who asks for a text gets '!siz'.
+    void SetNumber(AudioObjectPropertySelector selector, UInt32 number) VORREL_EXCLUDES(mutex);
+    /// Takes all of this back.
     void Clear() VORREL_EXCLUDES(mutex);
 
     /// Counts one call. @return the status it is to fail with, or 0.
@@ -34,11 +47,14 @@ public:
         VORREL_EXCLUDES(mutex);
     /// @return true when a size is set for the property.
     bool Size(AudioObjectPropertySelector selector, UInt32& sizeBytes) VORREL_EXCLUDES(mutex);
+    /// The value that takes the property's place; empty for its own.
+    OtherValue Value(AudioObjectPropertySelector selector) VORREL_EXCLUDES(mutex);
 
 private:
     Mutex mutex;
     std::vector<PropertyFault> faults VORREL_GUARDED_BY(mutex);
     std::map<AudioObjectPropertySelector, UInt32> sizes VORREL_GUARDED_BY(mutex);
+    std::map<AudioObjectPropertySelector, OtherValue> values VORREL_GUARDED_BY(mutex);
 };
 
 }  // namespace vorrel

@@ -14,6 +14,8 @@ struct SourceFormat {
     std::uint32_t bits = 0;
     std::uint32_t channels = 0;
     bool dsd = false;  ///< Frames are words of 16 one-bit samples (`DsdWordToFloat`).
+
+    friend bool operator==(const SourceFormat&, const SourceFormat&) = default;
 };
 
 /// Endless frames, always the same ones for the same configuration and format, in whatever

@@ -8,8 +8,10 @@ namespace vorrel {
 
 SimulatedAudioBackend::SimulatedAudioBackend(
     std::vector<std::shared_ptr<SimulatedRecorder>> allRecorders,
-    std::shared_ptr<PropertyListeners> propertyListeners)
-    : recorders(std::move(allRecorders)), listeners(std::move(propertyListeners)) {}
+    std::shared_ptr<PropertyListeners> propertyListeners, std::shared_ptr<CallHook> callHook)
+    : recorders(std::move(allRecorders)),
+      listeners(std::move(propertyListeners)),
+      hook(std::move(callHook)) {}
 
 SimulatedRecorder* SimulatedAudioBackend::Find(AudioObjectID object) const {
     const auto found =
@@ -18,39 +20,52 @@ SimulatedRecorder* SimulatedAudioBackend::Find(AudioObjectID object) const {
     return found == recorders.end() ? nullptr : found->get();
 }
 
-PropertyFaults* SimulatedAudioBackend::FaultsOf(AudioObjectID object) {
-    if (object == kAudioObjectSystemObject) {
-        return &systemFaults;
+PropertyFaults* SimulatedAudioBackend::FaultsOf(AudioObjectID object, SimulatedRecorder* recorder) {
+    if (recorder != nullptr) {
+        return &recorder->Faults();
     }
-    SimulatedRecorder* recorder = Find(object);
-    return recorder == nullptr ? nullptr : &recorder->Faults();
+    return object == kAudioObjectSystemObject ? &systemFaults : nullptr;
 }
 
-OSStatus SimulatedAudioBackend::ReadValue(AudioObjectID object,
+OSStatus SimulatedAudioBackend::ReadValue(AudioObjectID object, SimulatedRecorder* recorder,
+                                          PropertyFaults* faults,
                                           const AudioObjectPropertyAddress& address,
                                           PropertyValue& value) {
-    OSStatus status = kAudioHardwareNoError;
-    if (object == kAudioObjectSystemObject) {
+    if (faults == nullptr) {
+        return kAudioHardwareBadObjectError;
+    }
+    const PropertyFaults::OtherValue other = faults->Value(address.mSelector);
+    if (other.index() != 0) {
+        // A device that is gone has no value of any type.
+        if (recorder != nullptr) {
+            if (const OSStatus status = recorder->CheckObject(object);
+                status != kAudioHardwareNoError) {
+                return status;
+            }
+        }
+        const UInt32* number = std::get_if<UInt32>(&other);
+        if (number == nullptr) {
+            return kAudioHardwareBadPropertySizeError;
+        }
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(number);
+        value.bytes.assign(bytes, bytes + sizeof *number);
+    } else if (recorder == nullptr) {
         if (address.mSelector != kAudioHardwarePropertyDevices) {
             return kAudioHardwareUnknownPropertyError;
         }
         value.elementSize = sizeof(AudioDeviceID);
-        for (const auto& recorder : recorders) {
-            if (recorder->IsPlugged()) {
-                const AudioDeviceID id = recorder->DeviceId();
+        for (const auto& listed : recorders) {
+            if (listed->IsPlugged()) {
+                const AudioDeviceID id = listed->DeviceId();
                 const auto* bytes = reinterpret_cast<const std::uint8_t*>(&id);
                 value.bytes.insert(value.bytes.end(), bytes, bytes + sizeof id);
             }
         }
-    } else if (SimulatedRecorder* recorder = Find(object); recorder != nullptr) {
-        status = recorder->ReadProperty(object, address, value);
-    } else {
-        status = kAudioHardwareBadObjectError;
-    }
-    if (status != kAudioHardwareNoError) {
+    } else if (const OSStatus status = recorder->ReadProperty(object, address, value);
+               status != kAudioHardwareNoError) {
         return status;
     }
-    if (UInt32 size = 0; FaultsOf(object)->Size(address.mSelector, size)) {
+    if (UInt32 size = 0; faults->Size(address.mSelector, size)) {
         value.bytes.resize(size);
     }
     return kAudioHardwareNoError;
@@ -59,14 +74,17 @@ OSStatus SimulatedAudioBackend::ReadValue(AudioObjectID object,
 OSStatus SimulatedAudioBackend::GetPropertyDataSize(AudioObjectID object,
                                                     const AudioObjectPropertyAddress& address,
                                                     UInt32* size) {
-    if (PropertyFaults* faults = FaultsOf(object); faults != nullptr) {
+    hook->Pass();
+    SimulatedRecorder* recorder = Find(object);
+    PropertyFaults* faults = FaultsOf(object, recorder);
+    if (faults != nullptr) {
         if (const OSStatus status = faults->Check(PropertyOperation::Size, address.mSelector);
             status != kAudioHardwareNoError) {
             return status;
         }
     }
     PropertyValue value;
-    const OSStatus status = ReadValue(object, address, value);
+    const OSStatus status = ReadValue(object, recorder, faults, address, value);
     if (status == kAudioHardwareNoError) {
         *size = static_cast<UInt32>(value.bytes.size());
     }
@@ -76,14 +94,17 @@ OSStatus SimulatedAudioBackend::GetPropertyDataSize(AudioObjectID object,
 OSStatus SimulatedAudioBackend::GetPropertyData(AudioObjectID object,
                                                 const AudioObjectPropertyAddress& address,
                                                 UInt32* size, void* data) {
-    if (PropertyFaults* faults = FaultsOf(object); faults != nullptr) {
+    hook->Pass();
+    SimulatedRecorder* recorder = Find(object);
+    PropertyFaults* faults = FaultsOf(object, recorder);
+    if (faults != nullptr) {
         if (const OSStatus status = faults->Check(PropertyOperation::Read, address.mSelector);
             status != kAudioHardwareNoError) {
             return status;
         }
     }
     PropertyValue value;
-    if (const OSStatus status = ReadValue(object, address, value);
+    if (const OSStatus status = ReadValue(object, recorder, faults, address, value);
         status != kAudioHardwareNoError) {
         return status;
     }
@@ -104,22 +125,38 @@ OSStatus SimulatedAudioBackend::GetPropertyData(AudioObjectID object,
 OSStatus SimulatedAudioBackend::GetPropertyString(AudioObjectID object,
                                                   const AudioObjectPropertyAddress& address,
                                                   std::string* text) {
+    hook->Pass();
     SimulatedRecorder* recorder = Find(object);
     if (recorder == nullptr) {
         return object == kAudioObjectSystemObject ? kAudioHardwareUnknownPropertyError
                                                   : kAudioHardwareBadObjectError;
     }
-    if (const OSStatus status =
-            recorder->Faults().Check(PropertyOperation::Read, address.mSelector);
+    PropertyFaults& faults = recorder->Faults();
+    if (const OSStatus status = faults.Check(PropertyOperation::Read, address.mSelector);
         status != kAudioHardwareNoError) {
         return status;
     }
-    return recorder->ReadText(object, address, *text);
+    const PropertyFaults::OtherValue other = faults.Value(address.mSelector);
+    std::string own;
+    // A property of another type than it has by itself need only have an object.
+    if (const OSStatus status = other.index() == 0 ? recorder->ReadText(object, address, own)
+                                                   : recorder->CheckObject(object);
+        status != kAudioHardwareNoError) {
+        return status;
+    }
+    UInt32 size = 0;
+    if (std::holds_alternative<UInt32>(other) || faults.Size(address.mSelector, size)) {
+        return kAudioHardwareBadPropertySizeError;
+    }
+    const std::string* otherText = std::get_if<std::string>(&other);
+    *text = otherText != nullptr ? *otherText : std::move(own);
+    return kAudioHardwareNoError;
 }
 
 OSStatus SimulatedAudioBackend::SetPropertyData(AudioObjectID object,
                                                 const AudioObjectPropertyAddress& address,
                                                 UInt32 size, const void* data) {
+    hook->Pass();
     SimulatedRecorder* recorder = Find(object);
     if (recorder == nullptr) {
         if (object != kAudioObjectSystemObject) {
@@ -141,6 +178,7 @@ OSStatus SimulatedAudioBackend::AddPropertyListener(AudioObjectID object,
                                                     const AudioObjectPropertyAddress& address,
                                                     AudioObjectPropertyListenerProc listener,
                                                     void* clientData) {
+    hook->Pass();
     if (object != kAudioObjectSystemObject) {
         SimulatedRecorder* recorder = Find(object);
         const OSStatus status =
@@ -164,6 +202,7 @@ OSStatus SimulatedAudioBackend::RemovePropertyListener(AudioObjectID object,
                                                        const AudioObjectPropertyAddress& address,
                                                        AudioObjectPropertyListenerProc listener,
                                                        void* clientData) {
+    hook->Pass();
     // First, because also a listener of a device that is gone goes.
     const bool registered = listeners->Remove(object, address, listener, clientData);
     if (object != kAudioObjectSystemObject) {
@@ -179,23 +218,27 @@ OSStatus SimulatedAudioBackend::RemovePropertyListener(AudioObjectID object,
 
 OSStatus SimulatedAudioBackend::CreateIOProcID(AudioObjectID device, AudioDeviceIOProc proc,
                                                void* clientData, AudioDeviceIOProcID* id) {
+    hook->Pass();
     SimulatedRecorder* recorder = Find(device);
     return recorder == nullptr ? kAudioHardwareBadObjectError
                                : recorder->CreateIOProcID(device, proc, clientData, id);
 }
 
 OSStatus SimulatedAudioBackend::DestroyIOProcID(AudioObjectID device, AudioDeviceIOProcID id) {
+    hook->Pass();
     SimulatedRecorder* recorder = Find(device);
     return recorder == nullptr ? kAudioHardwareBadObjectError
                                : recorder->DestroyIOProcID(device, id);
 }
 
 OSStatus SimulatedAudioBackend::Start(AudioObjectID device, AudioDeviceIOProcID id) {
+    hook->Pass();
     SimulatedRecorder* recorder = Find(device);
     return recorder == nullptr ? kAudioHardwareBadObjectError : recorder->Start(device, id);
 }
 
 OSStatus SimulatedAudioBackend::Stop(AudioObjectID device, AudioDeviceIOProcID id) {
+    hook->Pass();
     SimulatedRecorder* recorder = Find(device);
     return recorder == nullptr ? kAudioHardwareBadObjectError : recorder->Stop(device, id);
 }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "device/backend/AudioBackend.h"
+#include "device/simulated/CallHook.h"
 #include "device/simulated/PropertyFaults.h"
 #include "device/simulated/PropertyListeners.h"
 #include "device/simulated/SimulatedRecorder.h"
@@ -17,7 +18,8 @@ namespace vorrel {
 class SimulatedAudioBackend final : public AudioBackend {
 public:
     SimulatedAudioBackend(std::vector<std::shared_ptr<SimulatedRecorder>> allRecorders,
-                          std::shared_ptr<PropertyListeners> propertyListeners);
+                          std::shared_ptr<PropertyListeners> propertyListeners,
+                          std::shared_ptr<CallHook> callHook);
 
     OSStatus GetPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                  UInt32* size) override;
@@ -47,12 +49,17 @@ public:
 private:
     /// The recorder that owns the object, or null.
     SimulatedRecorder* Find(AudioObjectID object) const;
-    PropertyFaults* FaultsOf(AudioObjectID object);
-    OSStatus ReadValue(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                       PropertyValue& value);
+    /// The faults of the system object, or of the recorder that `object` was found in. The object
+    /// is looked for once in a call: plugging in again takes its id from the recorder.
+    PropertyFaults* FaultsOf(AudioObjectID object, SimulatedRecorder* recorder);
+    /// @param recorder  That `object` was found in; null for the system object and unknown ones.
+    /// @param faults    As `FaultsOf` has them.
+    OSStatus ReadValue(AudioObjectID object, SimulatedRecorder* recorder, PropertyFaults* faults,
+                       const AudioObjectPropertyAddress& address, PropertyValue& value);
 
     const std::vector<std::shared_ptr<SimulatedRecorder>> recorders;
     const std::shared_ptr<PropertyListeners> listeners;
+    const std::shared_ptr<CallHook> hook;
     PropertyFaults systemFaults;
     PropertyFaults listenerFaults;  // of AddPropertyListener; under one selector, 0
 };

@@ -1,10 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "device/backend/DeviceBackends.h"
+#include "device/simulated/CallHook.h"
 #include "device/simulated/SimulatedAudioBackend.h"
 #include "device/simulated/SimulatedRecorder.h"
 #include "device/simulated/SimulatedRecorderConfig.h"
@@ -32,11 +36,19 @@ public:
     void FailAddListener(OSStatus status, std::uint32_t skip = 0, std::uint32_t count = 1) {
         audio->FailAddListener(status, skip, count);
     }
+    /// Runs `action` before the `nth` call from now (1: the next one) of the audio layer, the
+    /// registry and the USB interfaces together: between any two calls of a selection.
+    void BeforeCall(std::uint64_t nth, std::function<void()> action) {
+        hook->Before(nth, std::move(action));
+    }
+    /// Calls of these that have come so far.
+    std::uint64_t CallCount() { return hook->Count(); }
     std::size_t ListenerCount() { return listeners->Count(); }
     /// Returns after every listener call due has been made. Not from a listener.
     void FlushNotifications() { listeners->Flush(); }
 
 private:
+    std::shared_ptr<CallHook> hook;
     std::shared_ptr<PropertyListeners> listeners;
     std::vector<std::shared_ptr<SimulatedRecorder>> recorders;
     std::shared_ptr<SimulatedAudioBackend> audio;

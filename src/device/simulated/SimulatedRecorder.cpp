@@ -85,7 +85,8 @@ SimulatedRecorder::SimulatedRecorder(const SimulatedRecorderConfig& completed, s
       ids(std::move(objectIds)),
       listeners(std::move(propertyListeners)),
       name(completed.name),
-      engine(std::make_shared<IoEngine>(completed.speed, completed.manual, [this] { Unplug(); })) {
+      engine(std::make_shared<IoEngine>(
+          completed.speed, completed.manual, [this] { Unplug(); }, completed.clock)) {
     engine->SetCountdown(config.unplugAfterBuffers);
     const MutexLock lock(mutex);
     ResetDevice();
@@ -96,6 +97,8 @@ SimulatedRecorder::~SimulatedRecorder() {
 }
 
 void SimulatedRecorder::ResetDevice() {
+    // Nobody can give them back any more: they belong to a device that never comes again.
+    engine->DropProcs();
     deviceId = ids->Next();
     streamId = ids->Next();
     plugged = true;
@@ -242,6 +245,15 @@ OSStatus SimulatedRecorder::ReadText(AudioObjectID object,
 OSStatus SimulatedRecorder::WriteProperty(AudioObjectID object,
                                           const AudioObjectPropertyAddress& address, UInt32 size,
                                           const void* data) {
+    if (address.mSelector == kAudioStreamPropertyPhysicalFormat &&
+        size == sizeof(AudioStreamBasicDescription) && data != nullptr) {
+        AudioStreamBasicDescription wanted{};
+        std::memcpy(&wanted, data, sizeof wanted);
+        if (const OSStatus status = AskAboutFormat(object, address, wanted);
+            status != kAudioHardwareNoError) {
+            return status;
+        }
+    }
     bool changed = false;
     {
         const MutexLock lock(mutex);
@@ -299,6 +311,24 @@ OSStatus SimulatedRecorder::WriteProperty(AudioObjectID object,
     return kAudioHardwareNoError;
 }
 
+OSStatus SimulatedRecorder::AskAboutFormat(AudioObjectID object,
+                                           const AudioObjectPropertyAddress& address,
+                                           const AudioStreamBasicDescription& wanted) {
+    std::function<bool(const AudioStreamBasicDescription&)> refused;
+    OSStatus status = kAudioHardwareNoError;
+    {
+        const MutexLock lock(mutex);
+        if (object != streamId || ObjectStatus(object) != kAudioHardwareNoError ||
+            !IsKnownAddress(address) || UseStatus() != kAudioHardwareNoError ||
+            engine->IsRunning()) {
+            return kAudioHardwareNoError;  // the write itself finds it out
+        }
+        refused = refusedFormats;
+        status = refusedFormatStatus;
+    }
+    return refused && refused(wanted) ? status : kAudioHardwareNoError;
+}
+
 OSStatus SimulatedRecorder::WriteHogMode(std::int32_t processId) {
     if (processId == kNoOwner) {
         // Only its owner lets it go; a device that nobody holds stays free.
@@ -341,9 +371,6 @@ OSStatus SimulatedRecorder::WriteFormat(const AudioStreamBasicDescription& wante
     if (engine->IsRunning()) {
         return kAudioHardwareIllegalOperationError;
     }
-    if (refusedFormats && refusedFormats(wanted)) {
-        return refusedFormatStatus;
-    }
     if (!IsFormatOfMode(config, formats, wanted, dsdMode)) {
         return kAudioDeviceUnsupportedFormatError;
     }
@@ -381,29 +408,52 @@ OSStatus SimulatedRecorder::DestroyIOProcID(AudioObjectID device, AudioDeviceIOP
 }
 
 OSStatus SimulatedRecorder::Start(AudioObjectID device, AudioDeviceIOProcID id) {
-    const MutexLock lock(mutex);
-    OSStatus status = DeviceStatus(device);
-    if (status == kAudioHardwareNoError) {
-        status = UseStatus();
+    std::unique_ptr<SampleSource> source;
+    SourceFormat sourceFormat;
+    for (bool first = true;; first = false) {
+        SourceFormat wanted;
+        {
+            const MutexLock lock(mutex);
+            OSStatus status = DeviceStatus(device);
+            if (status == kAudioHardwareNoError) {
+                status = UseStatus();
+            }
+            if (status != kAudioHardwareNoError) {
+                return status;
+            }
+            if (first && startFault.Hit()) {
+                return startFault.status;
+            }
+            if (!alive) {
+                return kAudioHardwareBadDeviceError;
+            }
+            // A switch of the mode leaves the format in force; it may not be one of the new mode.
+            if (!IsFormatOfMode(config, formats, format, dsdMode)) {
+                return kAudioDeviceUnsupportedFormatError;
+            }
+            wanted = {format.mSampleRate, format.mBitsPerChannel, config.channels, dsdMode};
+            if (wanted != sourceFormat) {
+                source.reset();
+            }
+            bool missing = false;
+            status = engine->Start(id,
+                                   {deviceId, format.mSampleRate, bufferFrames, config.channels,
+                                    config.bufferChannels},
+                                   [&] {
+                                       missing = source == nullptr;
+                                       return std::move(source);
+                                   });
+            if (!missing) {
+                return status;
+            }
+        }
+        // No lock held: a slow file must not keep others from a property or from an unplugging.
+        source = MakeSampleSource(config, wanted);
+        if (source == nullptr) {
+            return kAudioHardwareUnspecifiedError;
+        }
+        sourceFormat = wanted;
     }
-    if (status != kAudioHardwareNoError) {
-        return status;
-    }
-    if (startFault.Hit()) {
-        return startFault.status;
-    }
-    if (!alive) {
-        return kAudioHardwareBadDeviceError;
-    }
-    // A switch of the mode leaves the format in force; it may not be one of the new mode.
-    if (!IsFormatOfMode(config, formats, format, dsdMode)) {
-        return kAudioDeviceUnsupportedFormatError;
-    }
-    const SourceFormat sourceFormat{format.mSampleRate, format.mBitsPerChannel, config.channels,
-                                    dsdMode};
-    return engine->Start(
-        id, {deviceId, format.mSampleRate, bufferFrames, config.channels, config.bufferChannels},
-        [&] { return MakeSampleSource(config, sourceFormat); });
 }
 
 OSStatus SimulatedRecorder::Stop(AudioObjectID device, AudioDeviceIOProcID id) {
@@ -468,13 +518,21 @@ void SimulatedRecorder::Unplug() {
         alive = false;
         hogOwner = kNoOwner;
         device = deviceId;
+        // Under the mutex: the run of a plugging that follows at once is not ended by this one.
+        engine->EndRun();
     }
-    engine->Halt();
+    engine->WaitForCall();
     listeners->Notify(device, kAudioDevicePropertyDeviceIsAlive);
     listeners->Notify(kAudioObjectSystemObject, kAudioHardwarePropertyDevices);
 }
 
 void SimulatedRecorder::Plug() {
+    if (IsPlugged()) {
+        return;
+    }
+    // While it is unplugged nothing starts. Afterwards nobody can wait for a proc of the former
+    // plugging, which is forgotten.
+    engine->WaitForCall();
     {
         const MutexLock lock(mutex);
         if (plugged) {

@@ -87,7 +87,8 @@ public:
     void Unplug() VORREL_EXCLUDES(mutex);
     /// Unplugs after that many further buffers; 0 takes the order back.
     void UnplugAfterBuffers(std::uint64_t buffers) { engine->SetCountdown(buffers); }
-    /// Plugs it in again, as new: other object ids, PCM mode, default format and buffer size.
+    /// Plugs it in again, as new: other object ids, PCM mode, default format and buffer size, no IO
+    /// procs. Waits for a call of the former plugging that is under way, unless it is the caller.
     void Plug() VORREL_EXCLUDES(mutex);
     /// The alive flag alone; a change calls the alive listener. Not alive, it does not start.
     void SetAlive(bool alive) VORREL_EXCLUDES(mutex);
@@ -102,7 +103,9 @@ public:
     /// Without it the device has no input stream.
     void SetHasStream(bool present) VORREL_EXCLUDES(mutex);
 
-    /// Physical formats for which `refused` answers true are refused with `status`. Null: none.
+    /// Physical formats for which `refused` answers true are refused with `status`. Null: none. It
+    /// is asked on the thread that sets the format, no lock held, and may do anything to the
+    /// device.
     void RefuseFormats(std::function<bool(const AudioStreamBasicDescription&)> refused,
                        OSStatus status = kAudioDeviceUnsupportedFormatError) VORREL_EXCLUDES(mutex);
     /// The next `count` starts fail with `status`.
@@ -115,6 +118,8 @@ public:
     /// The next `count` questions for the interface number answer `result`.
     void FailInterfaceNumber(IOReturn result, std::uint32_t count = 1) VORREL_EXCLUDES(mutex);
     PropertyFaults& Faults() { return faults; }
+    /// The stream falls silent without an event, until it is released (`IoEngine::SetStalled`).
+    void SetStalled(bool stalled) { engine->SetStalled(stalled); }
 
     /// As `IoEngine`; for short buffers and lists without buffers, and for manual delivery.
     void SetShortBuffers(UInt32 frames) { engine->SetShortBuffers(frames); }
@@ -166,6 +171,9 @@ private:
                                 PropertyValue& value) const VORREL_REQUIRES(mutex);
     OSStatus ReadStreamProperty(const AudioObjectPropertyAddress& address,
                                 PropertyValue& value) const VORREL_REQUIRES(mutex);
+    /// Asks the predicate of `RefuseFormats` about a write that gets so far.
+    OSStatus AskAboutFormat(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                            const AudioStreamBasicDescription& wanted) VORREL_EXCLUDES(mutex);
     OSStatus WriteHogMode(std::int32_t processId) VORREL_REQUIRES(mutex);
     OSStatus WriteBufferFrames(UInt32 frames) VORREL_REQUIRES(mutex);
     OSStatus WriteFormat(const AudioStreamBasicDescription& wanted) VORREL_REQUIRES(mutex);

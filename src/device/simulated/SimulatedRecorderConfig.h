@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "device/backend/CoreAudioTypes.h"
 #include "device/backend/SupportedDevice.h"
+#include "device/simulated/IoClock.h"
 
 namespace vorrel {
 
@@ -15,7 +17,7 @@ enum class SimulatedSource { Tone, Sweep, Noise, Counter, Silence, File };
 /// One simulated recorder. The defaults are the supported model over a 1 kHz tone.
 struct SimulatedRecorderConfig {
     SimulatedSource source = SimulatedSource::Tone;
-    std::string filePath;  ///< `File` only: any audio file that libsndfile reads.
+    std::string filePath;  ///< `File` only: as `InspectAudioFile` accepts it.
     bool loop = false;     ///< `File` only: begins again at its end instead of falling silent.
     double frequencyHz = 1000.0;  ///< `Tone` only; above 0 and below 22,050.
     /// `Tone`, `Sweep` and PCM `Noise`: peak level in dB below full scale, -200 to 0. A 1-bit
@@ -47,6 +49,8 @@ struct SimulatedRecorderConfig {
     std::string name = kSupportedDeviceName;
     std::int32_t vendorId = kSupportedVendorId;
     std::int32_t productId = kSupportedProductId;
+
+    std::shared_ptr<IoClock> clock;  ///< Of the capture thread; null for the system's.
 
     std::uint64_t unplugAfterBuffers = 0;  ///< Unplugged after so many buffers; 0 for never.
 };

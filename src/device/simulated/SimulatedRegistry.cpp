@@ -14,11 +14,13 @@ class SimulatedUsbInterface final : public UsbInterface {
 public:
     SimulatedUsbInterface(std::shared_ptr<SimulatedRecorder> owner, std::uint32_t madeInPlugging,
                           std::uint8_t interfaceNumber,
-                          std::shared_ptr<std::atomic<std::uint32_t>> aliveCount)
+                          std::shared_ptr<std::atomic<std::uint32_t>> aliveCount,
+                          std::shared_ptr<CallHook> callHook)
         : recorder(std::move(owner)),
           plugging(madeInPlugging),
           number(interfaceNumber),
-          count(std::move(aliveCount)) {
+          count(std::move(aliveCount)),
+          hook(std::move(callHook)) {
         ++*count;
     }
     ~SimulatedUsbInterface() override { --*count; }
@@ -26,9 +28,11 @@ public:
     SimulatedUsbInterface& operator=(const SimulatedUsbInterface&) = delete;
 
     IOReturn GetInterfaceNumber(std::uint8_t* asked) override {
+        hook->Pass();
         return recorder->GetInterfaceNumber(plugging, number, asked);
     }
     IOReturn ControlRequest(const UsbControlRequest& request) override {
+        hook->Pass();
         return recorder->ControlRequest(plugging, number, request);
     }
 
@@ -37,6 +41,7 @@ private:
     const std::uint32_t plugging;
     const std::uint8_t number;
     const std::shared_ptr<std::atomic<std::uint32_t>> count;
+    const std::shared_ptr<CallHook> hook;
 };
 
 }  // namespace
@@ -60,9 +65,11 @@ struct SimulatedRegistry::Object {
     std::size_t next = 0;
 };
 
-SimulatedRegistry::SimulatedRegistry(std::vector<std::shared_ptr<SimulatedRecorder>> allRecorders)
+SimulatedRegistry::SimulatedRegistry(std::vector<std::shared_ptr<SimulatedRecorder>> allRecorders,
+                                     std::shared_ptr<CallHook> callHook)
     : recorders(std::move(allRecorders)),
-      usbInterfaces(std::make_shared<std::atomic<std::uint32_t>>(0)) {}
+      usbInterfaces(std::make_shared<std::atomic<std::uint32_t>>(0)),
+      hook(std::move(callHook)) {}
 
 SimulatedRegistry::~SimulatedRegistry() = default;
 
@@ -181,6 +188,7 @@ io_iterator_t SimulatedRegistry::MakeIterator(std::vector<ObjectPointer> results
 
 kern_return_t SimulatedRegistry::GetMatchingServices(const char* className,
                                                      io_iterator_t* iterator) {
+    hook->Pass();
     const MutexLock lock(mutex);
     if (className == nullptr || iterator == nullptr) {
         return kIOReturnError;
@@ -202,6 +210,7 @@ kern_return_t SimulatedRegistry::GetMatchingServices(const char* className,
 }
 
 io_object_t SimulatedRegistry::IteratorNext(io_iterator_t iterator) {
+    hook->Pass();
     const MutexLock lock(mutex);
     const ObjectPointer object = Find(iterator);
     if (object == nullptr || !object->isIterator || object->next >= object->results.size()) {
@@ -211,6 +220,7 @@ io_object_t SimulatedRegistry::IteratorNext(io_iterator_t iterator) {
 }
 
 void SimulatedRegistry::IteratorReset(io_iterator_t iterator) {
+    hook->Pass();
     const MutexLock lock(mutex);
     if (const ObjectPointer object = Find(iterator); object != nullptr) {
         object->next = 0;
@@ -242,25 +252,30 @@ kern_return_t SimulatedRegistry::RelativeIterator(io_registry_entry_t entry, con
 
 kern_return_t SimulatedRegistry::GetChildEntry(io_registry_entry_t entry, const char* plane,
                                                io_registry_entry_t* child) {
+    hook->Pass();
     return FirstRelative(entry, plane, Direction::Children, child);
 }
 
 kern_return_t SimulatedRegistry::GetChildIterator(io_registry_entry_t entry, const char* plane,
                                                   io_iterator_t* iterator) {
+    hook->Pass();
     return RelativeIterator(entry, plane, Direction::Children, iterator);
 }
 
 kern_return_t SimulatedRegistry::GetParentEntry(io_registry_entry_t entry, const char* plane,
                                                 io_registry_entry_t* parent) {
+    hook->Pass();
     return FirstRelative(entry, plane, Direction::Parents, parent);
 }
 
 kern_return_t SimulatedRegistry::GetParentIterator(io_registry_entry_t entry, const char* plane,
                                                    io_iterator_t* iterator) {
+    hook->Pass();
     return RelativeIterator(entry, plane, Direction::Parents, iterator);
 }
 
 bool SimulatedRegistry::ConformsTo(io_object_t object, const char* className) {
+    hook->Pass();
     const MutexLock lock(mutex);
     const ObjectPointer found = Find(object);
     return found != nullptr && className != nullptr &&
@@ -270,6 +285,7 @@ bool SimulatedRegistry::ConformsTo(io_object_t object, const char* className) {
 
 RegistryValue SimulatedRegistry::SearchProperty(io_registry_entry_t entry, const char* plane,
                                                 const char* key) {
+    hook->Pass();
     const MutexLock lock(mutex);
     const ObjectPointer found = Find(entry);
     if (found == nullptr || found->isIterator || plane == nullptr || key == nullptr ||
@@ -284,6 +300,7 @@ RegistryValue SimulatedRegistry::SearchProperty(io_registry_entry_t entry, const
 }
 
 void SimulatedRegistry::Retain(io_object_t object) {
+    hook->Pass();
     const MutexLock lock(mutex);
     if (const ObjectPointer found = Find(object); found != nullptr) {
         ++found->userCount;
@@ -291,6 +308,7 @@ void SimulatedRegistry::Retain(io_object_t object) {
 }
 
 void SimulatedRegistry::Release(io_object_t object) {
+    hook->Pass();
     if (object == IO_OBJECT_NULL) {
         return;
     }
@@ -304,6 +322,7 @@ void SimulatedRegistry::Release(io_object_t object) {
 }
 
 std::uint32_t SimulatedRegistry::GetKernelRetainCount(io_object_t object) {
+    hook->Pass();
     const MutexLock lock(mutex);
     const ObjectPointer found = Find(object);
     if (found == nullptr) {
@@ -314,12 +333,14 @@ std::uint32_t SimulatedRegistry::GetKernelRetainCount(io_object_t object) {
 }
 
 std::uint32_t SimulatedRegistry::GetUserRetainCount(io_object_t object) {
+    hook->Pass();
     const MutexLock lock(mutex);
     const ObjectPointer found = Find(object);
     return found == nullptr ? 0 : found->userCount;
 }
 
 std::unique_ptr<UsbInterface> SimulatedRegistry::CreateUsbInterface(io_object_t entry) {
+    hook->Pass();
     const MutexLock lock(mutex);
     const ObjectPointer found = Find(entry);
     if (found == nullptr || found->isIterator || !usbInterfaceAvailable || !IsAttached(*found) ||
@@ -331,7 +352,7 @@ std::unique_ptr<UsbInterface> SimulatedRegistry::CreateUsbInterface(io_object_t 
                                     ? SimulatedRecorder::kStreamingInterface
                                     : std::uint8_t{0};
     return std::make_unique<SimulatedUsbInterface>(recorders[found->index], found->plugging, number,
-                                                   usbInterfaces);
+                                                   usbInterfaces, hook);
 }
 
 void SimulatedRegistry::SetValue(std::size_t index, RegistryRole role, const std::string& key,

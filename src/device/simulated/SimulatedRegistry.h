@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "device/backend/RegistryBackend.h"
+#include "device/simulated/CallHook.h"
 #include "device/simulated/SimulatedRecorder.h"
 #include "platform/Mutex.h"
 
@@ -30,8 +31,11 @@ enum class RegistryRole {
 /// count is the registry's own hold plus one for all users together.
 class SimulatedRegistry final : public RegistryBackend {
 public:
-    explicit SimulatedRegistry(std::vector<std::shared_ptr<SimulatedRecorder>> allRecorders);
+    SimulatedRegistry(std::vector<std::shared_ptr<SimulatedRecorder>> allRecorders,
+                      std::shared_ptr<CallHook> callHook);
     ~SimulatedRegistry() override;
+    SimulatedRegistry(const SimulatedRegistry&) = delete;
+    SimulatedRegistry& operator=(const SimulatedRegistry&) = delete;
 
     kern_return_t GetMatchingServices(const char* className, io_iterator_t* iterator) override;
     io_object_t IteratorNext(io_iterator_t iterator) override;
@@ -96,6 +100,7 @@ private:
 
     const std::vector<std::shared_ptr<SimulatedRecorder>> recorders;
     const std::shared_ptr<std::atomic<std::uint32_t>> usbInterfaces;
+    const std::shared_ptr<CallHook> hook;
     Mutex mutex;                                                  // taken before a recorder's
     std::vector<ObjectPointer> entries VORREL_GUARDED_BY(mutex);  // of plugged recorders
     std::map<io_object_t, ObjectPointer> held VORREL_GUARDED_BY(mutex);  // user count above 0

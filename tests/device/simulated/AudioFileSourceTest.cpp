@@ -1,16 +1,21 @@
 #include "device/simulated/AudioFileSource.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <future>
 #include <string>
 #include <vector>
 
+#include "device/simulated/SimulatedFixture.h"
 #include "device/simulated/SimulatedRecorderConfig.h"
-#include "platform/TraceSink.h"
 #include "support/TempDirectory.h"
+#include "support/TraceCapture.h"
 
 namespace vorrel {
 namespace {
@@ -73,15 +78,167 @@ TEST_F(AudioFileSourceTest, IntegersArriveAsExactFractionsOfFullScale) {
                                              {32'767 * 65'536, -32'768 * 65'536, 65'536});
     const std::string path24 = WriteIntegers("24.wav", SF_FORMAT_PCM_24, 48'000, 1,
                                              {8'388'607 * 256, -8'388'608 * 256, -256});
-    const std::string path32 =
-        WriteIntegers("32.wav", SF_FORMAT_PCM_32, 48'000, 1, {1 << 30, -2'147'483'647 - 1, 1});
-
     EXPECT_THAT(Read(*OpenAudioFileSource(path16, 1, false), 1, 3),
                 ElementsAre(32'767 / 32'768.0F, -1.0F, 1 / 32'768.0F));
     EXPECT_THAT(Read(*OpenAudioFileSource(path24, 1, false), 1, 3),
                 ElementsAre(8'388'607 / 8'388'608.0F, -1.0F, -1 / 8'388'608.0F));
-    EXPECT_THAT(Read(*OpenAudioFileSource(path32, 1, false), 1, 3),
-                ElementsAre(0.5F, -1.0F, 1 / 2'147'483'648.0F));
+}
+
+TEST_F(AudioFileSourceTest, EightBitIntegersArriveAsExactFractionsOfFullScale) {
+    const std::string path = WriteIntegers("8.wav", SF_FORMAT_PCM_U8, 48'000, 1,
+                                           {127 * 16'777'216, -128 * 16'777'216, 16'777'216});
+
+    EXPECT_THAT(Read(*OpenAudioFileSource(path, 1, false), 1, 3),
+                ElementsAre(127 / 128.0F, -1.0F, 1 / 128.0F));
+}
+
+TEST_F(AudioFileSourceTest, EveryTwentyFourBitIntegerArrivesAsItself) {
+    std::vector<int> written;
+    for (int value = -8'388'608; value < 8'388'608; value += 97) {
+        written.push_back(value);
+    }
+    std::vector<int> shifted;
+    for (const int value : written) {
+        shifted.push_back(value * 256);
+    }
+    const std::string path = WriteIntegers("24.wav", SF_FORMAT_PCM_24, 48'000, 1, shifted);
+
+    const std::vector<float> read = Read(*OpenAudioFileSource(path, 1, false), 1, written.size());
+
+    for (std::size_t i = 0; i < written.size(); ++i) {
+        ASSERT_EQ(static_cast<double>(read[i]) * 8'388'608.0, written[i]);
+    }
+}
+
+TEST_F(AudioFileSourceTest, ALosslesslyCompressedFileIsASource) {
+    const std::string path = directory.File("16.flac");
+    SF_INFO info{};
+    info.format = SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
+    info.samplerate = 48'000;
+    info.channels = 1;
+    SNDFILE* file = ::sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr);
+    const std::vector<int> samples = {32'767 * 65'536, -32'768 * 65'536, 65'536};
+    EXPECT_EQ(::sf_write_int(file, samples.data(), 3), 3);
+    ::sf_close(file);
+
+    EXPECT_THAT(Read(*OpenAudioFileSource(path, 1, false), 1, 3),
+                ElementsAre(32'767 / 32'768.0F, -1.0F, 1 / 32'768.0F));
+}
+
+TEST_F(AudioFileSourceTest, CodingsThatAFloatDoesNotCarryExactlyAreRefusedByName) {
+    // 16,777,217 = 2^24 + 1 is the first integer that a 32-bit float has not.
+    const std::vector<int> samples = {16'777'217};
+    const std::pair<std::string, const char*> refused[] = {
+        {WriteIntegers("32.wav", SF_FORMAT_PCM_32, 48'000, 1, samples), "32 bit"},
+        {WriteIntegers("64.wav", SF_FORMAT_DOUBLE, 48'000, 1, samples), "64 bit float"},
+        {WriteIntegers("ulaw.wav", SF_FORMAT_ULAW, 48'000, 1, samples), "U-Law"},
+        {WriteIntegers("adpcm.wav", SF_FORMAT_IMA_ADPCM, 48'000, 1, samples), "IMA ADPCM"},
+    };
+    for (const auto& [path, coding] : refused) {
+        AudioFileFacts facts;
+        std::string problem;
+
+        EXPECT_FALSE(InspectAudioFile(path, facts, problem)) << path;
+
+        EXPECT_THAT(problem, HasSubstr(path));
+        EXPECT_THAT(problem, HasSubstr(coding));
+    }
+}
+
+TEST_F(AudioFileSourceTest, AFileThatTurnsIntoARefusedOneIsTracedAndNoSource) {
+    test::TraceCapture trace;
+    const std::string path = WriteIntegers("32.wav", SF_FORMAT_PCM_32, 48'000, 1, {1});
+
+    EXPECT_EQ(OpenAudioFileSource(path, 1, false), nullptr);
+
+    EXPECT_THAT(trace.Lines(), ElementsAre(HasSubstr("bit for bit")));
+}
+
+TEST_F(AudioFileSourceTest, ARefusedFileMakesNoRecorderAndTheTraceSaysWhy) {
+    test::TraceCapture trace;
+    const std::string path = WriteIntegers("32.wav", SF_FORMAT_PCM_32, 48'000, 1, {1});
+
+    const DeviceBackends backends = MakeSimulatedBackends(("source=file:" + path).c_str());
+
+    EXPECT_EQ(backends.audio, nullptr);
+    EXPECT_THAT(trace.Lines(), ElementsAre(HasSubstr("bit for bit")));
+}
+
+TEST_F(AudioFileSourceTest, AFileAtARateThatTheModelsHostsAreNotOfferedIsTraced) {
+    for (const int rateHz : {88'200, 176'400, 352'800}) {
+        test::TraceCapture trace;
+        const std::string path = WriteFloats("excluded.wav", rateHz, 1, {0.5F});
+
+        const DeviceBackends backends = MakeSimulatedBackends(("source=file:" + path).c_str());
+
+        EXPECT_NE(backends.audio, nullptr);
+        ASSERT_EQ(trace.Lines().size(), 1U);
+        EXPECT_THAT(trace.Lines()[0], HasSubstr(std::to_string(rateHz) + " Hz is not offered"));
+        EXPECT_THAT(trace.Lines()[0], HasSubstr("excluded.wav"));
+    }
+    test::TraceCapture trace;
+    const std::string path = WriteFloats("offered.wav", 96'000, 1, {0.5F});
+    EXPECT_NE(MakeSimulatedBackends(("source=file:" + path).c_str()).audio, nullptr);
+    EXPECT_TRUE(trace.Lines().empty());
+}
+
+TEST_F(AudioFileSourceTest, AFileArrivesAtTheIoProcBitForBit) {
+    const std::vector<float> written = {0.0F, -0.0F, 1.0F, -1.0F, 1.5F, -3.25e-30F, 0.1F, 1e-45F};
+    SimulatedRecorderConfig config;
+    config.source = SimulatedSource::File;
+    config.filePath = WriteFloats("float.wav", 96'000, 2, written);
+    config.manual = true;
+    config.bufferFrames = 14;
+    SimulatedBackends backends({config});
+    ASSERT_EQ(backends.RecorderCount(), 1U);
+    SimulatedRecorder& recorder = backends.Recorder();
+    test::Collector collector;
+    AudioDeviceIOProcID proc = nullptr;
+    ASSERT_EQ(
+        recorder.CreateIOProcID(recorder.DeviceId(), &test::Collector::Proc, &collector, &proc), 0);
+    ASSERT_EQ(recorder.Start(recorder.DeviceId(), proc), 0);
+
+    EXPECT_TRUE(recorder.DeliverBuffer());
+
+    EXPECT_EQ(recorder.Format().mSampleRate, 96'000.0);
+    std::vector<float> expected = written;
+    expected.resize(28);  // silence behind its end
+    const std::vector<float> read = collector.Samples();
+    ASSERT_EQ(read.size(), expected.size());
+    EXPECT_EQ(std::memcmp(read.data(), expected.data(), read.size() * sizeof(float)), 0);
+}
+
+TEST_F(AudioFileSourceTest, ASlowFileKeepsNobodyFromThePropertiesOfItsRecorder) {
+    SimulatedRecorderConfig config;
+    config.source = SimulatedSource::File;
+    config.filePath = WriteFloats("slow.wav", 48'000, 1, {0.5F});
+    config.manual = true;
+    SimulatedBackends backends({config});
+    SimulatedRecorder& recorder = backends.Recorder();
+    test::Collector collector;
+    AudioDeviceIOProcID proc = nullptr;
+    ASSERT_EQ(
+        recorder.CreateIOProcID(recorder.DeviceId(), &test::Collector::Proc, &collector, &proc), 0);
+    // A pipe in its place: who opens and reads it waits for this test.
+    ASSERT_EQ(::unlink(config.filePath.c_str()), 0);
+    ASSERT_EQ(::mkfifo(config.filePath.c_str(), 0600), 0);
+    test::TraceCapture trace;
+    auto started =
+        std::async(std::launch::async, [&] { return recorder.Start(recorder.DeviceId(), proc); });
+    const int pipe = ::open(config.filePath.c_str(), O_WRONLY);  // returns when it is being read
+    ASSERT_GE(pipe, 0);
+
+    auto asked = std::async(std::launch::async, [&] {
+        recorder.Unplug();
+        return recorder.BufferFrames();
+    });
+    EXPECT_EQ(asked.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+
+    ::close(pipe);
+    EXPECT_EQ(asked.get(), 512U);
+    EXPECT_NE(started.get(), 0);
+    EXPECT_FALSE(recorder.IsRunning());
 }
 
 TEST_F(AudioFileSourceTest, AfterItsEndComesSilence) {
@@ -109,13 +266,12 @@ TEST_F(AudioFileSourceTest, ALoopOverAnEmptyFileIsSilence) {
 }
 
 TEST_F(AudioFileSourceTest, AFileThatIsGoneOrHasOtherChannelsIsTracedAndNoSource) {
-    std::vector<std::string> lines;
-    SetTraceSink([&lines](const std::string& line) { lines.push_back(line); });
+    test::TraceCapture trace;
     const std::string path = WriteFloats("mono.wav", 48'000, 1, {0.5F});
 
     EXPECT_EQ(OpenAudioFileSource(directory.File("gone.wav"), 1, false), nullptr);
     EXPECT_EQ(OpenAudioFileSource(path, 2, false), nullptr);
-    SetTraceSink({});
+    const std::vector<std::string> lines = trace.Lines();
 
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_THAT(lines[0], HasSubstr("gone.wav"));

@@ -1,11 +1,16 @@
 #include "device/simulated/PropertyListeners.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <future>
+#include <memory>
+#include <stdexcept>
 
+#include "device/simulated/ManualClock.h"
 #include "device/simulated/SimulatedFixture.h"
+#include "support/TraceCapture.h"
 
 namespace vorrel {
 namespace {
@@ -80,16 +85,81 @@ TEST_F(PropertyListenersTest, RemovingWaitsForTheCallThatIsUnderWay) {
     Add(first, kAlive);
     listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
     entered.get_future().wait();
-    std::atomic<int> callsWhenRemoved{-1};
-    std::thread remover([&] {
+    auto removed = std::async(std::launch::async, [&] {
         Remove(first, kAlive);
-        callsWhenRemoved = first.calls.load();
+        return first.calls.load();
     });
+    while (listeners.Count() > 0) {
+        std::this_thread::yield();
+    }
+
+    // Long enough that a removal which does not wait is caught.
+    EXPECT_EQ(removed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    go.set_value();
+
+    EXPECT_EQ(removed.get(), 1);
+}
+
+TEST_F(PropertyListenersTest, WhatIsStillDueIsDeliveredBeforeTheyGo) {
+    {
+        PropertyListeners going;
+        going.Add(kObject, kAlive, &CountingListener::Proc, &first);
+        for (int i = 0; i < 100; ++i) {
+            going.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+        }
+    }
+
+    EXPECT_EQ(first.calls, 100);
+}
+
+TEST_F(PropertyListenersTest, AListenerMayDestroyThem) {
+    auto going = std::make_unique<PropertyListeners>();
+    std::promise<void> go;
+    first.onCall = [&going, future = go.get_future().share()] {
+        future.wait();
+        going.reset();
+    };
+    going->Add(kObject, kAlive, &CountingListener::Proc, &first);
+    going->Add(kObject, kAlive, &CountingListener::Proc, &second);
+    going->Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
 
     go.set_value();
-    remover.join();
+    while (first.calls == 0) {
+        std::this_thread::yield();
+    }
 
-    EXPECT_EQ(callsWhenRemoved, 1);
+    EXPECT_EQ(going, nullptr);
+    EXPECT_EQ(second.calls, 0);
+}
+
+TEST_F(PropertyListenersTest, WithoutAThreadANotificationIsLostAndTraced) {
+    test::TraceCapture trace;
+    Add(first, kAlive);
+    {
+        const test::NoNewThreads none;
+
+        listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+    }
+    listeners.Flush();
+
+    EXPECT_THAT(trace.Lines(), testing::ElementsAre(testing::HasSubstr("notification is lost")));
+    EXPECT_EQ(first.calls, 0);
+    listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+    listeners.Flush();
+    EXPECT_EQ(first.calls, 1);
+}
+
+TEST_F(PropertyListenersTest, WhatAListenerThrowsIsTracedAndTheOthersAreCalled) {
+    test::TraceCapture trace;
+    first.onCall = [] { throw std::runtime_error("not today"); };
+    Add(first, kAlive);
+    Add(second, kAlive);
+
+    listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+    listeners.Flush();
+
+    EXPECT_THAT(trace.Lines(), testing::ElementsAre(testing::HasSubstr("not today")));
+    EXPECT_EQ(second.calls, 1);
 }
 
 TEST_F(PropertyListenersTest, AListenerMayRemoveItself) {

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <future>
 
+#include "device/simulated/ManualClock.h"
 #include "device/simulated/SimulatedFixture.h"
 
 namespace vorrel {
@@ -117,7 +119,21 @@ TEST_F(ManualCaptureTest, AListCanBeWithoutBuffers) {
     const auto lists = collector.Lists();
     ASSERT_EQ(lists.size(), 2U);
     EXPECT_TRUE(lists[0].empty());
-    EXPECT_EQ(lists[1].size(), 1U);
+    ASSERT_EQ(lists[1].size(), 1U);
+    EXPECT_EQ(recorder.DeliveredBuffers(), 2U);
+}
+
+TEST_F(ManualCaptureTest, BehindAListWithoutBuffersTheStreamGoesOnWithoutALoss) {
+    StartProc(collector);
+    recorder.DeliverBuffer();
+    recorder.SetEmptyLists(true);
+    recorder.DeliverBuffers(3);
+    recorder.SetEmptyLists(false);
+    recorder.DeliverBuffer();
+
+    EXPECT_EQ(collector.Samples().size(), 1'024U * 2);
+    ExpectCounter(collector.Samples(), 2);
+    EXPECT_EQ(recorder.DeliveredFrames(), 1'024U);
 }
 
 TEST_F(ManualCaptureTest, AListOfTheTestIsPassedOnAsItIs) {
@@ -131,6 +147,21 @@ TEST_F(ManualCaptureTest, AListOfTheTestIsPassedOnAsItIs) {
     ASSERT_EQ(lists.size(), 1U);
     EXPECT_EQ(lists[0][0].channels, 3U);
     EXPECT_THAT(lists[0][0].samples, ElementsAre(0.5F, -1.0F, 1.0F));
+}
+
+TEST_F(ManualCaptureTest, AListOfTheTestCountsItsOwnFramesAndTakesNoneFromTheSource) {
+    StartProc(collector);
+    float samples[] = {0.0F, 0.0F, 0.0F, 0.0F, 0.0F, 0.0F};
+    EXPECT_TRUE(recorder.Deliver({1, {{3, sizeof samples, samples}}}));
+    EXPECT_EQ(recorder.DeliveredFrames(), 2U);
+    EXPECT_TRUE(recorder.Deliver({0, {}}));
+    EXPECT_TRUE(recorder.Deliver({1, {{0, 0, nullptr}}}));
+    EXPECT_EQ(recorder.DeliveredFrames(), 2U);
+
+    recorder.DeliverBuffer();
+
+    EXPECT_EQ(recorder.DeliveredFrames(), 514U);
+    EXPECT_EQ(collector.Lists().back()[0].samples[1], CounterSample(0, 1, 2));
 }
 
 TEST_F(ManualCaptureTest, SeveralProcsGetTheSameBuffersUntilTheLastStops) {
@@ -280,6 +311,110 @@ TEST_F(ManualCaptureTest, PluggedInAgainItIsAnotherObjectInItsFirstState) {
     StartProc(collector);
 }
 
+TEST_F(ManualCaptureTest, PluggedInAgainItHasNoProcOfTheFormerPlugging) {
+    const AudioObjectID formerDevice = Device();
+    const AudioDeviceIOProcID proc = StartProc(collector);
+    recorder.Unplug();
+
+    recorder.Plug();
+
+    EXPECT_EQ(recorder.IoProcCount(), 0U);
+    EXPECT_EQ(audio.Stop(formerDevice, proc), kAudioHardwareBadObjectError);
+    EXPECT_EQ(audio.DestroyIOProcID(formerDevice, proc), kAudioHardwareBadObjectError);
+    Collector second;
+    StartProc(second);
+    recorder.DeliverBuffer();
+    EXPECT_EQ(second.Count(), 1U);
+    EXPECT_EQ(collector.Count(), 0U);
+}
+
+TEST_F(ManualCaptureTest, PluggingInWaitsForACallOfTheFormerPlugging) {
+    std::promise<void> entered;
+    std::promise<void> go;
+    collector.onBuffer = [&] {
+        entered.set_value();
+        go.get_future().wait();
+    };
+    StartProc(collector);
+    std::thread device([this] { recorder.DeliverBuffer(); });
+    entered.get_future().wait();
+    std::thread unplugger([this] { recorder.Unplug(); });
+    while (recorder.IsPlugged()) {
+        std::this_thread::yield();
+    }
+
+    auto plugged = std::async(std::launch::async, [this] { recorder.Plug(); });
+    // Long enough that a plugging which does not wait is caught.
+    EXPECT_EQ(plugged.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    go.set_value();
+    plugged.get();
+    unplugger.join();
+    device.join();
+
+    EXPECT_TRUE(recorder.IsPlugged());
+    EXPECT_EQ(recorder.IoProcCount(), 0U);
+}
+
+TEST_F(ManualCaptureTest, AnUnpluggingDoesNotEndTheRunOfThePluggingThatFollowsAtOnce) {
+    for (int round = 0; round < 500; ++round) {
+        std::thread plugger([this] {
+            while (recorder.IsPlugged()) {
+            }
+            recorder.Plug();
+            StartProc(collector);
+        });
+
+        recorder.Unplug();
+        plugger.join();
+
+        ASSERT_TRUE(recorder.IsRunning()) << round;
+    }
+}
+
+TEST_F(ManualCaptureTest, StalledTheStreamIsSilentAndNobodyIsTold) {
+    CountingListener alive;
+    ASSERT_EQ(audio.AddPropertyListener(Device(), Global(kAudioDevicePropertyDeviceIsAlive),
+                                        &CountingListener::Proc, &alive),
+              0);
+    const AudioDeviceIOProcID proc = StartProc(collector);
+    recorder.DeliverBuffer();
+
+    recorder.SetStalled(true);
+
+    EXPECT_EQ(recorder.DeliverBuffers(3), 0U);
+    EXPECT_EQ(collector.Count(), 1U);
+    EXPECT_TRUE(recorder.IsRunning());
+    backends.FlushNotifications();
+    EXPECT_EQ(alive.calls, 0);
+    recorder.SetStalled(false);
+    EXPECT_TRUE(recorder.DeliverBuffer());
+    ExpectCounter(collector.Samples(), 2);
+    recorder.SetStalled(true);
+    EXPECT_EQ(audio.Stop(Device(), proc), 0);
+}
+
+TEST_F(ManualCaptureTest, TheBackEndsMayGoOutOfAListener) {
+    auto going = std::make_unique<SimulatedBackends>(
+        std::vector<SimulatedRecorderConfig>{Counter(1'000.0, false)});
+    CountingListener listener;
+    listener.onCall = [&going] { going.reset(); };
+    const AudioObjectID device = going->Recorder().DeviceId();
+    ASSERT_EQ(going->Audio().AddPropertyListener(device, Global(kAudioDeviceProcessorOverload),
+                                                 &CountingListener::Proc, &listener),
+              0);
+    AudioDeviceIOProcID proc = nullptr;
+    ASSERT_EQ(going->Audio().CreateIOProcID(device, &Collector::Proc, &collector, &proc), 0);
+    ASSERT_EQ(going->Audio().Start(device, proc), 0);
+    ASSERT_TRUE(collector.WaitForCount(1));
+
+    going->Recorder().RaiseOverload();
+    while (listener.calls == 0) {
+        std::this_thread::yield();
+    }
+
+    EXPECT_EQ(going, nullptr);
+}
+
 class SplitBuffersTest : public test::SimulatedTest {
 protected:
     SplitBuffersTest() : SimulatedTest(Split()) {}
@@ -347,16 +482,39 @@ TEST_F(ThreadedCaptureTest, TheThreadDeliversTheWholeStream) {
 }
 
 TEST_F(ThreadedCaptureTest, AfterStopTheProcIsNotCalledAnyMore) {
+    Collector other;
+    other.keeps = false;
     const AudioDeviceIOProcID proc = CreateProc(collector);
-    for (int round = 0; round < 50; ++round) {
-        ASSERT_EQ(audio.Start(Device(), proc), 0);
-        ASSERT_TRUE(recorder.WaitForBuffers(1));
-        ASSERT_EQ(audio.Stop(Device(), proc), 0);
+    const AudioDeviceIOProcID otherProc = StartProc(other);
+    for (int round = 0; round < 20; ++round) {
+        EXPECT_EQ(audio.Start(Device(), proc), 0);
+        EXPECT_TRUE(collector.WaitForCount(collector.Count() + 1));
+        EXPECT_EQ(audio.Stop(Device(), proc), 0);
         const std::size_t count = collector.Count();
-        EXPECT_FALSE(recorder.IsRunning());
-        ASSERT_EQ(audio.Stop(Device(), proc), kAudioHardwareNotRunningError);
+
+        // Three more buffers: what was to come for the stopped one has come by then.
+        EXPECT_TRUE(other.WaitForCount(other.Count() + 3));
+
         EXPECT_EQ(collector.Count(), count);
+        EXPECT_EQ(audio.Stop(Device(), proc), kAudioHardwareNotRunningError);
     }
+    EXPECT_EQ(audio.Stop(Device(), otherProc), 0);
+    EXPECT_FALSE(recorder.IsRunning());
+}
+
+TEST_F(ThreadedCaptureTest, AfterTheLastStopARunOfAnotherProcDoesNotCallTheFormerOne) {
+    Collector other;
+    const AudioDeviceIOProcID proc = StartProc(collector);
+    ASSERT_TRUE(collector.WaitForCount(2));
+    ASSERT_EQ(audio.Stop(Device(), proc), 0);
+    const std::size_t count = collector.Count();
+    EXPECT_FALSE(recorder.IsRunning());
+
+    const AudioDeviceIOProcID otherProc = StartProc(other);
+    EXPECT_TRUE(other.WaitForCount(5));
+    EXPECT_EQ(audio.Stop(Device(), otherProc), 0);
+
+    EXPECT_EQ(collector.Count(), count);
 }
 
 TEST_F(ThreadedCaptureTest, StopWaitsForTheCallThatIsUnderWay) {
@@ -423,12 +581,17 @@ TEST_F(ThreadedCaptureTest, AProcMayAskForPropertiesWhileAnotherThreadStopsIt) {
     collector.onBuffer = [&] {
         UInt32 frames = 0;
         EXPECT_EQ(Get(Device(), Global(kAudioDevicePropertyBufferFrameSize), frames), 0);
+        EXPECT_EQ(frames, 512U);
     };
     const AudioDeviceIOProcID proc = CreateProc(collector);
-    for (int round = 0; round < 100; ++round) {
+    for (std::size_t round = 0; round < 100; ++round) {
+        const std::size_t before = collector.Count();
         ASSERT_EQ(audio.Start(Device(), proc), 0);
+        // The proc is in its question, or about to be, when the stop comes.
+        ASSERT_TRUE(collector.WaitForCount(before + 1));
         ASSERT_EQ(audio.Stop(Device(), proc), 0);
     }
+    EXPECT_GE(collector.Count(), 100U);
 }
 
 TEST_F(ThreadedCaptureTest, UnpluggedWhileItRunsItStopsAndTellsOnce) {
@@ -492,7 +655,84 @@ TEST_F(ThreadedCaptureTest, StartsStopsAndUnpluggingsFromManyThreadsEnd) {
     }
 
     EXPECT_FALSE(recorder.IsRunning());
+    EXPECT_EQ(recorder.IoProcCount(), 0U);
     backends.FlushNotifications();
+}
+
+TEST_F(ThreadedCaptureTest, AskedForItsPropertiesWhileItIsReplacedAnObjectAnswersOrIsGone) {
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        while (!done) {
+            // An unplugged device still answers this, so that only the plugging in takes it away.
+            UInt32 alive = 0;
+            const OSStatus status = Get(Device(), Global(kAudioDevicePropertyDeviceIsAlive), alive);
+            ASSERT_TRUE(status == 0 || status == kAudioHardwareBadObjectError);
+        }
+    });
+
+    for (int round = 0; round < 20'000; ++round) {
+        recorder.Unplug();
+        recorder.Plug();
+    }
+    done = true;
+    reader.join();
+}
+
+TEST(CaptureChannelsTest, OneAndEightChannelsArriveInOrder) {
+    for (const std::uint32_t channels : {1U, 8U}) {
+        SimulatedRecorderConfig config = Counter(1.0, true);
+        config.channels = channels;
+        SimulatedBackends backends({config});
+        SimulatedRecorder& recorder = backends.Recorder();
+        Collector collector;
+        AudioDeviceIOProcID proc = nullptr;
+        ASSERT_EQ(recorder.CreateIOProcID(recorder.DeviceId(), &Collector::Proc, &collector, &proc),
+                  0);
+        ASSERT_EQ(recorder.Start(recorder.DeviceId(), proc), 0);
+
+        EXPECT_EQ(recorder.DeliverBuffers(3), 3U);
+
+        ASSERT_EQ(collector.Samples().size(), std::size_t{3} * 512 * channels);
+        EXPECT_EQ(collector.Lists()[0][0].channels, channels);
+        ExpectCounter(collector.Samples(), channels);
+    }
+}
+
+TEST(TwoRecordersTest, EachDeliversItsOwnStreamAtItsOwnPace) {
+    const auto clock = std::make_shared<test::ManualClock>();
+    SimulatedRecorderConfig slow = Counter(1.0, false);
+    slow.clock = clock;
+    slow.bufferFrames = 24'000;
+    slow.pcmRatesHz = {48'000.0};
+    SimulatedRecorderConfig fast = slow;
+    fast.speed = 2.0;
+    fast.channels = 1;
+    Collector collectors[2];
+    SimulatedBackends backends({slow, fast});
+    for (std::size_t i = 0; i < 2; ++i) {
+        SimulatedRecorder& recorder = backends.Recorder(i);
+        AudioDeviceIOProcID proc = nullptr;
+        ASSERT_EQ(
+            recorder.CreateIOProcID(recorder.DeviceId(), &Collector::Proc, &collectors[i], &proc),
+            0);
+        ASSERT_EQ(recorder.Start(recorder.DeviceId(), proc), 0);
+    }
+    // Half a second a buffer; at twice the speed a quarter.
+    ASSERT_TRUE(clock->WaitsFor(std::chrono::milliseconds(500)));
+    ASSERT_TRUE(clock->WaitsFor(std::chrono::milliseconds(250)));
+
+    clock->Advance(std::chrono::milliseconds(1'000));
+    ASSERT_TRUE(clock->WaitsFor(std::chrono::milliseconds(1'500)));
+    ASSERT_TRUE(clock->WaitsFor(std::chrono::milliseconds(1'250)));
+
+    EXPECT_EQ(collectors[0].Count(), 2U);
+    EXPECT_EQ(collectors[1].Count(), 4U);
+    EXPECT_EQ(collectors[0].device, backends.Recorder(0).DeviceId());
+    EXPECT_EQ(collectors[1].device, backends.Recorder(1).DeviceId());
+    ExpectCounter(collectors[0].Samples(), 2);
+    ExpectCounter(collectors[1].Samples(), 1);
+    backends.Recorder(0).Unplug();
+    EXPECT_TRUE(backends.Recorder(1).IsRunning());
 }
 
 TEST(CaptureLifetimeTest, TheBackEndsMayGoWhileTheDeviceRuns) {

@@ -131,6 +131,44 @@ TEST_F(RecorderModeTest, AFormatCanBeRefusedByItsLooks) {
     EXPECT_EQ(SetFormat(96'000, 32), 0);
 }
 
+TEST_F(RecorderModeTest, WhoIsAskedAboutAFormatMayPullThePlug) {
+    const AudioObjectID stream = Stream();
+    const AudioStreamBasicDescription format = Format(96'000, 24);
+    for (const bool refuses : {true, false}) {
+        recorder.Plug();
+        recorder.RefuseFormats([this, refuses](const AudioStreamBasicDescription&) {
+            recorder.Unplug();
+            return refuses;
+        });
+
+        EXPECT_EQ(Set(Stream(), Global(kAudioStreamPropertyPhysicalFormat), format),
+                  refuses ? kAudioDeviceUnsupportedFormatError : kAudioHardwareBadObjectError);
+
+        EXPECT_FALSE(recorder.IsPlugged());
+    }
+    EXPECT_NE(Stream(), stream);
+}
+
+TEST_F(RecorderModeTest, NobodyIsAskedAboutAFormatThatCannotBeSetAnyway) {
+    int asked = 0;
+    recorder.RefuseFormats([&asked](const AudioStreamBasicDescription&) {
+        ++asked;
+        return false;
+    });
+    const AudioStreamBasicDescription format = Format(96'000, 24);
+    recorder.SetHogOwner(1);
+
+    EXPECT_EQ(Set(Stream(), Global(kAudioStreamPropertyPhysicalFormat), format),
+              kAudioDevicePermissionsError);
+    EXPECT_EQ(Set(Device(), Global(kAudioStreamPropertyPhysicalFormat), format),
+              kAudioHardwareUnknownPropertyError);
+
+    EXPECT_EQ(asked, 0);
+    recorder.SetHogOwner(-1);
+    EXPECT_EQ(Set(Stream(), Global(kAudioStreamPropertyPhysicalFormat), format), 0);
+    EXPECT_EQ(asked, 1);
+}
+
 TEST_F(RecorderModeTest, AnAnyRateFormatTakesTheRatesOfItsRange) {
     AudioStreamRangedDescription any{};
     any.mFormat = Format(96'000, 24);

@@ -48,6 +48,20 @@ TEST_F(RecorderPropertiesTest, HasTheModelsNameAndIdsAndIsAlive) {
     UInt32 alive = 0;
     EXPECT_EQ(Get(Device(), Global(kAudioDevicePropertyDeviceIsAlive), alive), 0);
     EXPECT_EQ(alive, 1U);
+    SimulatedRegistry& registry = backends.Registry();
+    io_iterator_t iterator = IO_OBJECT_NULL;
+    ASSERT_EQ(registry.GetMatchingServices("IOAudioEngine", &iterator), 0);
+    const io_object_t engine = registry.IteratorNext(iterator);
+    const auto id = [&](const char* key) {
+        return std::get<std::int64_t>(registry.SearchProperty(engine, "IOService", key));
+    };
+    EXPECT_EQ(id("idVendor"), kSupportedVendorId);
+    EXPECT_EQ(id("idProduct"), kSupportedProductId);
+    EXPECT_EQ(std::get<std::string>(
+                  registry.SearchProperty(engine, "IOService", "IOAudioEngineGlobalUniqueID")),
+              Text(kAudioDevicePropertyDeviceUID));
+    registry.Release(engine);
+    registry.Release(iterator);
 }
 
 TEST_F(RecorderPropertiesTest, HasOneInputStreamAndNoOutput) {
@@ -356,6 +370,98 @@ TEST_F(RecorderPropertiesTest, AValueCanHaveAWrongSize) {
         audio.GetPropertyData(Device(), Global(kAudioDevicePropertyDeviceIsAlive), &size, &alive),
         0);
     EXPECT_EQ(size, 2U);
+}
+
+TEST_F(RecorderPropertiesTest, ATextCanHaveAWrongSize) {
+    recorder.Faults().SetSize(kAudioObjectPropertyName, 2);
+    std::string text = "as before";
+
+    EXPECT_EQ(audio.GetPropertyString(Device(), Global(kAudioObjectPropertyName), &text),
+              kAudioHardwareBadPropertySizeError);
+
+    EXPECT_EQ(text, "as before");
+    EXPECT_FALSE(Text(kAudioDevicePropertyDeviceUID).empty());
+    recorder.Faults().Clear();
+    EXPECT_EQ(Text(kAudioObjectPropertyName), "KD-WV770");
+}
+
+TEST_F(RecorderPropertiesTest, ANumberCanStandWhereATextIsAsked) {
+    recorder.Faults().SetNumber(kAudioObjectPropertyName, 42);
+    std::string text;
+    UInt32 number = 0;
+    UInt32 size = 0;
+
+    EXPECT_EQ(audio.GetPropertyString(Device(), Global(kAudioObjectPropertyName), &text),
+              kAudioHardwareBadPropertySizeError);
+    EXPECT_EQ(audio.GetPropertyDataSize(Device(), Global(kAudioObjectPropertyName), &size), 0);
+    EXPECT_EQ(size, 4U);
+    EXPECT_EQ(Get(Device(), Global(kAudioObjectPropertyName), number), 0);
+    EXPECT_EQ(number, 42U);
+}
+
+TEST_F(RecorderPropertiesTest, ATextCanStandWhereANumberIsAsked) {
+    recorder.Faults().SetText(kAudioDevicePropertyBufferFrameSize, "many");
+    backends.SystemFaults().SetText(kAudioHardwarePropertyDevices, "several");
+    std::string text;
+    UInt32 number = 0;
+    UInt32 size = 0;
+
+    EXPECT_EQ(Get(Device(), kBufferFrames, number), kAudioHardwareBadPropertySizeError);
+    EXPECT_EQ(audio.GetPropertyDataSize(Device(), kBufferFrames, &size),
+              kAudioHardwareBadPropertySizeError);
+    EXPECT_EQ(audio.GetPropertyString(Device(), kBufferFrames, &text), 0);
+    EXPECT_EQ(text, "many");
+    EXPECT_EQ(audio.GetPropertyDataSize(kAudioObjectSystemObject,
+                                        Global(kAudioHardwarePropertyDevices), &size),
+              kAudioHardwareBadPropertySizeError);
+}
+
+TEST_F(RecorderPropertiesTest, AnUnpluggedDeviceHasNoValueOfAnyType) {
+    recorder.Faults().SetText(kAudioDevicePropertyBufferFrameSize, "many");
+    recorder.Faults().SetNumber(kAudioObjectPropertyName, 42);
+    recorder.Unplug();
+    std::string text;
+    UInt32 number = 0;
+
+    EXPECT_EQ(audio.GetPropertyString(Device(), kBufferFrames, &text),
+              kAudioHardwareBadDeviceError);
+    EXPECT_EQ(Get(Device(), Global(kAudioObjectPropertyName), number),
+              kAudioHardwareBadDeviceError);
+}
+
+TEST_F(RecorderPropertiesTest, SomethingCanHappenBeforeACallThatIsToCome) {
+    int happened = 0;
+    std::uint64_t callsThen = 0;
+    backends.BeforeCall(3, [&] {
+        ++happened;
+        callsThen = backends.CallCount();
+        recorder.Unplug();
+        UInt32 ignored = 0;
+        std::ignore = Get(Device(), kHogMode, ignored);  // its own calls do not begin it again
+        recorder.Plug();
+    });
+    const AudioObjectID before = Device();
+    const std::uint64_t calls = backends.CallCount();
+
+    EXPECT_EQ(HogOwner(), -1);
+    EXPECT_EQ(BufferFrames(), 512U);
+    EXPECT_EQ(happened, 0);
+    UInt32 alive = 1;
+    EXPECT_EQ(Get(before, Global(kAudioDevicePropertyDeviceIsAlive), alive),
+              kAudioHardwareBadObjectError);
+
+    EXPECT_EQ(happened, 1);
+    EXPECT_EQ(callsThen, calls + 3);
+    EXPECT_EQ(HogOwner(), -1);
+    EXPECT_EQ(happened, 1);
+}
+
+TEST_F(RecorderPropertiesTest, WhatWasToHappenCanBeTakenBack) {
+    backends.BeforeCall(1, [this] { recorder.Unplug(); });
+    backends.BeforeCall(1, nullptr);
+
+    EXPECT_EQ(HogOwner(), -1);
+    EXPECT_TRUE(recorder.IsPlugged());
 }
 
 TEST_F(RecorderPropertiesTest, TheAliveFlagCanBeClearedAlone) {
