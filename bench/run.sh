@@ -8,3 +8,5 @@ for program in "$1"/bench/*/vorrel_*_bench; do
 done
 echo "== saving, against other people's programs"
 "$(dirname "$0")/compare.sh" "$1"
+echo "== previewing, against other people's programs"
+"$(dirname "$0")/preview.sh" "$1"

@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "convert/ChannelKernels.h"
-#include "convert/DsdToPcm.h"
 #include "convert/InstructionSet.h"
 #include "convert/PcmConverters.h"
 #include "convert/PlainConverters.h"
+#include "convert/PlainDecimator.h"
 #include "platform/AlignedBytes.h"
 
 namespace vorrel {
@@ -155,22 +155,30 @@ void BenchPlainSplit(benchmark::State& state, std::size_t channelCount) {
     });
 }
 
-/// The label says how many times faster it is than one channel arrives at the highest rate.
-void BenchDsdPreview(benchmark::State& state) {
-    constexpr std::size_t kSamples = 4096;
-    std::vector<std::uint8_t> bits(kSamples * 8);
+/// "of_plain" says how many times faster it is than the plain decimator, which takes every second
+/// turn; the label, how many times faster than one channel arrives at the highest rate.
+void BenchDsdPreview(benchmark::State& state, const PcmKernels& kernels, std::size_t samples) {
+    std::vector<std::uint8_t> bits(samples * 8);
     std::mt19937 random(2);
     std::generate(bits.begin(), bits.end(), [&] { return static_cast<std::uint8_t>(random()); });
-    AlignedBytes out(kSamples * 2);
+    AlignedBytes out(samples * 2);
     DsdToPcmWorkBuffer work{};
+    DsdToPcmWorkBuffer plainWork{};
     double best = std::numeric_limits<double>::max();
+    double bestPlain = best;
     for ([[maybe_unused]] auto turn : state) {
+        bestPlain =
+            std::min(bestPlain, Seconds([&] {
+                         test::PlainDecimate(true, out.data(), bits.data(), samples, plainWork);
+                     }));
         const double seconds =
-            Seconds([&] { DSD_To_Int16LSB<true>(out.data(), bits.data(), kSamples, &work); });
+            Seconds([&] { kernels.decimateMsbFirst(out.data(), bits.data(), samples, &work); });
         best = std::min(best, seconds);
         state.SetIterationTime(seconds);
     }
-    const double seconds = static_cast<double>(kSamples) * 64.0 / 11'289'600.0;
+    state.counters["of_plain"] = bestPlain / best;
+    state.counters["best_us"] = best * 1e6;
+    const double seconds = static_cast<double>(samples) * 64.0 / 11'289'600.0;
     state.SetLabel(std::to_string(static_cast<int>(seconds / best)) + " x real time");
 }
 
@@ -210,7 +218,13 @@ void RegisterAll() {
             add(name + NameOf(set), &BenchSplit, std::cref(KernelsFor(set)), channels);
         }
     }
-    add("DsdPreview", &BenchDsdPreview);
+    // The largest block of the convert worker, what 50 ms at the lowest rate make, and a few.
+    for (const std::size_t samples : {4096U, 2205U, 50U, 10U}) {
+        for (const InstructionSet set : SupportedInstructionSets()) {
+            add("DsdPreview/" + std::to_string(samples) + "/" + NameOf(set), &BenchDsdPreview,
+                std::cref(KernelsFor(set)), samples);
+        }
+    }
 }
 
 }  // namespace

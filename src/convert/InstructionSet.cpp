@@ -31,6 +31,13 @@ InstructionSet WidestSet() noexcept {
     return HasAvx2() ? InstructionSet::kAvx2 : InstructionSet::kBaseline;
 }
 
+#if defined(__x86_64__)
+// Nearly every machine with AVX2 has it, but it is another question.
+bool HasFusedMultiplyAdd() noexcept {
+    return __builtin_cpu_supports("fma") != 0;
+}
+#endif
+
 }  // namespace
 
 std::vector<InstructionSet> SupportedInstructionSets() {
@@ -67,6 +74,34 @@ const PcmKernels& ActiveKernels() noexcept {
     const PcmKernels* kernels = chosen.load(std::memory_order_relaxed);
     if (kernels == nullptr) {
         kernels = &KernelsFor(WidestSet());
+        chosen.store(kernels, std::memory_order_relaxed);
+    }
+    return *kernels;
+}
+
+const DsdGainKernels& DsdGainKernelsFor(InstructionSet set) {
+#if defined(__x86_64__)
+    if (HasFusedMultiplyAdd()) {
+        switch (set) {
+            case InstructionSet::kAvx512:
+                return kAvx512DsdGainKernels;
+            case InstructionSet::kAvx2:
+                return kAvx2DsdGainKernels;
+            case InstructionSet::kBaseline:
+                break;
+        }
+    }
+#else
+    static_cast<void>(set);
+#endif
+    return kBaselineDsdGainKernels;
+}
+
+const DsdGainKernels& ActiveDsdGainKernels() noexcept {
+    static constinit std::atomic<const DsdGainKernels*> chosen{nullptr};
+    const DsdGainKernels* kernels = chosen.load(std::memory_order_relaxed);
+    if (kernels == nullptr) {
+        kernels = &DsdGainKernelsFor(WidestSet());
         chosen.store(kernels, std::memory_order_relaxed);
     }
     return *kernels;

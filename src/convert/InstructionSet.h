@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "convert/DsdGainKernels.h"
 #include "convert/PcmKernels.h"
 #include "platform/Realtime.h"
 
@@ -23,5 +24,9 @@ const PcmKernels& KernelsFor(InstructionSet set);
 
 /// The kernels of the widest supported set. The same for the life of the process; any thread.
 VORREL_REALTIME const PcmKernels& ActiveKernels() noexcept;
+
+/// The same for the kernels of the DSD gain.
+const DsdGainKernels& DsdGainKernelsFor(InstructionSet set);
+const DsdGainKernels& ActiveDsdGainKernels() noexcept;
 
 }  // namespace vorrel

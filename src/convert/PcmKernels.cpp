@@ -3,28 +3,11 @@
 // unnamed namespaces, and inline functions of the standard library stay out (see PcmKernels.h).
 #include "convert/PcmKernels.h"
 
-#if defined(VORREL_PLAIN_VECTORS)
-#include "convert/VectorPlain.h"
-#elif defined(__AVX512BW__) && defined(__AVX512DQ__) && defined(__AVX512VL__)
-#include "convert/VectorAvx512.h"
-#elif defined(__AVX2__)
-#include "convert/VectorAvx2.h"
-#elif defined(__SSE2__)
-#include "convert/VectorSse2.h"
-#else
-#include "convert/VectorPlain.h"
-#endif
-
-#if !defined(__BYTE_ORDER__) || __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
-#error "Samples are stored as the machine's own little-endian words."
-#endif
+#include "convert/DsdToPcmKernel.h"
+#include "convert/Vectors.h"
 
 namespace vorrel {
 namespace {
-
-constexpr std::size_t kFloatBytes = 4;
-constexpr std::size_t kVectorBytes = kLanes * kFloatBytes;
-constexpr std::size_t kBlockSamples = 4 * kLanes;
 
 /// Scales one vector, by the gain first if there is one, and makes integers of it. Two products,
 /// not one factor: that is how the samples are defined, and overflow shows the difference.
@@ -261,6 +244,8 @@ constinit const PcmKernels VORREL_KERNEL_TABLE = {
     .toInt32 = &ConvertKernel<4>,
     .gainConvertInterleave = &GainConvertInterleaveKernel,
     .splitLanes = &SplitLanesKernel,
+    .decimateMsbFirst = &DecimateKernel<true>,
+    .decimateLsbFirst = &DecimateKernel<false>,
 };
 
 }  // namespace vorrel

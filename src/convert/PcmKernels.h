@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "convert/DsdToPcmWorkBuffer.h"
+
 namespace vorrel {
 
 /// The vector kernels of one instruction set. All sets give the same bytes. They expect the
@@ -24,6 +26,11 @@ struct PcmKernels {
     /// See `SplitLanes`.
     void (*splitLanes)(std::uint8_t* const* out, std::size_t channelCount, const std::uint8_t* in,
                        std::size_t frames);
+    /// See `DSD_To_Int16LSB`.
+    void (*decimateMsbFirst)(std::uint8_t* out, const std::uint8_t* in, std::size_t count,
+                             DsdToPcmWorkBuffer* work);
+    void (*decimateLsbFirst)(std::uint8_t* out, const std::uint8_t* in, std::size_t count,
+                             DsdToPcmWorkBuffer* work);
 };
 
 // One table per compilation of PcmKernels.cpp; the wider ones stand on x86-64 only.

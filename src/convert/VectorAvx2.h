@@ -11,6 +11,8 @@ namespace vorrel {
 namespace {
 
 inline constexpr std::size_t kLanes = 8;
+inline constexpr std::size_t kDecimatorTile = 3;
+inline constexpr std::size_t kTapCopies = 8;
 
 using Floats = __m256;
 using Ints = __m256i;
@@ -29,6 +31,38 @@ inline void StoreWords(std::uint8_t* out, Ints value) {
 
 inline Floats Multiply(Floats value, float factor) {
     return _mm256_mul_ps(value, _mm256_set1_ps(factor));
+}
+
+inline Floats Multiply(Floats a, Floats b) {
+    return _mm256_mul_ps(a, b);
+}
+
+inline Floats Add(Floats a, Floats b) {
+    return _mm256_add_ps(a, b);
+}
+
+inline Floats AddExactProduct(Floats sum, Floats a, Floats b) {
+    return Add(sum, Multiply(a, b));
+}
+
+inline Floats Broadcast(float value) {
+    return _mm256_set1_ps(value);
+}
+
+inline Floats LoadTap(const float* taps) {
+    return _mm256_load_ps(taps);
+}
+
+inline Floats PlusOrMinusOne(Ints words, int bit) {
+    const Ints clear =
+        _mm256_andnot_si256(_mm256_slli_epi32(words, 31 - bit), _mm256_set1_epi32(INT32_MIN));
+    return _mm256_or_ps(_mm256_castsi256_ps(clear), _mm256_set1_ps(1.0F));
+}
+
+inline Floats ShiftIn(Floats value, float first) {
+    const Floats shifted =
+        _mm256_permutevar8x32_ps(value, _mm256_setr_epi32(0, 0, 1, 2, 3, 4, 5, 6));
+    return _mm256_blend_ps(shifted, _mm256_set1_ps(first), 1);
 }
 
 /// Not-a-number becomes +0.

@@ -11,6 +11,8 @@ namespace vorrel {
 namespace {
 
 inline constexpr std::size_t kLanes = 16;
+inline constexpr std::size_t kDecimatorTile = 4;
+inline constexpr std::size_t kTapCopies = 1;
 
 using Floats = __m512;
 using Ints = __m512i;
@@ -29,6 +31,40 @@ inline void StoreWords(std::uint8_t* out, Ints value) {
 
 inline Floats Multiply(Floats value, float factor) {
     return _mm512_mul_ps(value, _mm512_set1_ps(factor));
+}
+
+inline Floats Multiply(Floats a, Floats b) {
+    return _mm512_mul_ps(a, b);
+}
+
+inline Floats Add(Floats a, Floats b) {
+    return _mm512_add_ps(a, b);
+}
+
+inline Floats AddExactProduct(Floats sum, Floats a, Floats b) {
+    return _mm512_fmadd_ps(a, b, sum);
+}
+
+inline Floats Broadcast(float value) {
+    return _mm512_set1_ps(value);
+}
+
+inline Floats LoadTap(const float* taps) {
+    return Broadcast(*taps);
+}
+
+inline Floats PlusOrMinusOne(Ints words, int bit) {
+    constexpr int kNotAAndBOrC = 0xAE;
+    const Ints sign = _mm512_set1_epi32(INT32_MIN);
+    const Ints one = _mm512_castps_si512(_mm512_set1_ps(1.0F));
+    const Ints atSign = _mm512_slli_epi32(words, static_cast<unsigned>(31 - bit));
+    return _mm512_castsi512_ps(_mm512_ternarylogic_epi32(atSign, sign, one, kNotAAndBOrC));
+}
+
+inline Floats ShiftIn(Floats value, float first) {
+    const Floats shifted = _mm512_permutexvar_ps(
+        _mm512_setr_epi32(0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14), value);
+    return _mm512_mask_mov_ps(shifted, 1, _mm512_set1_ps(first));
 }
 
 /// The lanes that hold a number.

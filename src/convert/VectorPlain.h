@@ -10,6 +10,10 @@ namespace vorrel {
 namespace {
 
 inline constexpr std::size_t kLanes = 4;
+/// Outputs of the decimator's filter that are summed side by side: as many as the registers hold.
+inline constexpr std::size_t kDecimatorTile = 2;
+/// How often a filter's tap stands in memory for `LoadTap`: once, or once for each lane.
+inline constexpr std::size_t kTapCopies = 1;
 
 struct Floats {
     float lane[kLanes];
@@ -40,6 +44,48 @@ inline Floats Multiply(Floats value, float factor) {
         lane *= factor;
     }
     return value;
+}
+
+inline Floats Multiply(Floats a, Floats b) {
+    for (std::size_t i = 0; i < kLanes; ++i) {
+        a.lane[i] *= b.lane[i];
+    }
+    return a;
+}
+
+inline Floats Add(Floats a, Floats b) {
+    for (std::size_t i = 0; i < kLanes; ++i) {
+        a.lane[i] += b.lane[i];
+    }
+    return a;
+}
+
+/// `sum` + `a` x `b` where the product is exact: in one rounding or two, the same.
+inline Floats AddExactProduct(Floats sum, Floats a, Floats b) {
+    return Add(sum, Multiply(a, b));
+}
+
+inline Floats Broadcast(float value) {
+    return {{value, value, value, value}};
+}
+
+/// One tap in all lanes. `kTapCopies` of it stand at `taps`, aligned to their size.
+inline Floats LoadTap(const float* taps) {
+    return Broadcast(*taps);
+}
+
+/// +1 in each lane whose word has `bit` (0 is the least) set, else -1.
+inline Floats PlusOrMinusOne(Ints words, int bit) {
+    Floats result{};
+    for (std::size_t i = 0; i < kLanes; ++i) {
+        result.lane[i] = ((words.lane[i] >> bit) & 1) != 0 ? 1.0F : -1.0F;
+    }
+    return result;
+}
+
+/// Each lane's value moved one lane up, and `first` below it.
+inline Floats ShiftIn(Floats value, float first) {
+    return {{first, value.lane[0], value.lane[1], value.lane[2]}};
 }
 
 /// Rounded; cut to at most 32767. `StoreBlock<2>` saturates the other side.

@@ -11,6 +11,8 @@ namespace vorrel {
 namespace {
 
 inline constexpr std::size_t kLanes = 4;
+inline constexpr std::size_t kDecimatorTile = 2;
+inline constexpr std::size_t kTapCopies = 4;
 
 using Floats = __m128;
 using Ints = __m128i;
@@ -29,6 +31,36 @@ inline void StoreWords(std::uint8_t* out, Ints value) {
 
 inline Floats Multiply(Floats value, float factor) {
     return _mm_mul_ps(value, _mm_set1_ps(factor));
+}
+
+inline Floats Multiply(Floats a, Floats b) {
+    return _mm_mul_ps(a, b);
+}
+
+inline Floats Add(Floats a, Floats b) {
+    return _mm_add_ps(a, b);
+}
+
+inline Floats AddExactProduct(Floats sum, Floats a, Floats b) {
+    return Add(sum, Multiply(a, b));
+}
+
+inline Floats Broadcast(float value) {
+    return _mm_set1_ps(value);
+}
+
+inline Floats LoadTap(const float* taps) {
+    return _mm_load_ps(taps);
+}
+
+inline Floats PlusOrMinusOne(Ints words, int bit) {
+    const Ints clear = _mm_andnot_si128(_mm_slli_epi32(words, 31 - bit), _mm_set1_epi32(INT32_MIN));
+    return _mm_or_ps(_mm_castsi128_ps(clear), _mm_set1_ps(1.0F));
+}
+
+inline Floats ShiftIn(Floats value, float first) {
+    const Floats shifted = _mm_shuffle_ps(value, value, _MM_SHUFFLE(2, 1, 0, 0));
+    return _mm_move_ss(shifted, _mm_set_ss(first));
 }
 
 /// Not-a-number becomes +0.
