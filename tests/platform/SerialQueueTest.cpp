@@ -37,6 +37,17 @@ int ThreadsNamed(const std::string& name) {
     return count;
 }
 
+/// Tells that its thread has ended.
+struct AtThreadEnd {
+    bool* ended = nullptr;
+    ~AtThreadEnd() {
+        if (ended != nullptr) {
+            *ended = true;
+        }
+    }
+};
+thread_local AtThreadEnd atThreadEnd;
+
 TEST(SerialQueueTest, RunsTasksInOrderOfSubmission) {
     std::vector<int> order;
     {
@@ -191,15 +202,6 @@ TEST(SerialQueueTest, TheDestructorRunsWhatTheLastTasksSubmit) {
 }
 
 TEST(SerialQueueTest, CloseRunsWhatIsQueuedAndEndsTheThread) {
-    struct AtThreadEnd {
-        bool* ended = nullptr;
-        ~AtThreadEnd() {
-            if (ended != nullptr) {
-                *ended = true;
-            }
-        }
-    };
-    static thread_local AtThreadEnd atThreadEnd;
     std::vector<int> order;
     bool ended = false;
     SerialQueue queue("test");
