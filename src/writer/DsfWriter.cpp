@@ -1,13 +1,181 @@
 #include "writer/DsfWriter.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "pipeline/DSDStreamProcessingThread.h"
+#include "writer/DsfBlockReader.h"
+#include "writer/DsfHeader.h"
+#include "writer/OutputFile.h"
+#include "writer/SaveChecks.h"
+#include "writer/TagWriter.h"
+
 namespace vorrel {
+
+namespace {
+
+/// Writes the blocks of frames [startFrame, endFrame): while the processors work on a batch, the
+/// one before is written and those behind are read.
+class BlockWriter {
+public:
+    BlockWriter(SaveRun& saveRun, const DsfFormat& dsfFormat, std::uint64_t startFrame,
+                std::uint64_t endFrame)
+        : run(saveRun),
+          format(dsfFormat),
+          start(startFrame),
+          end(endFrame),
+          reader(saveRun, dsfFormat, startFrame, endFrame),
+          processors(format.channels) {}
+
+    /// @return `VrErrorFailed`; `VrErrorCanceled` (stopped before a block, to be deleted).
+    VrError Write(OutputFile& file, float gainDecibels);
+
+private:
+    VrError StartWorkers(float gainDecibels);
+    VrError WriteBatch(OutputFile& file, const DsfBatch& batch);
+    VrError BeginBlock(std::uint64_t position);
+
+    SaveRun& run;
+    const DsfFormat format;
+    const std::uint64_t start;
+    const std::uint64_t end;
+    // Owns the batches: goes behind the processors, which may still be at work on one.
+    DsfBlockReader reader;
+    std::vector<DSDStreamProcessingThread> processors;
+};
+
+VrError BlockWriter::StartWorkers(float gainDecibels) {
+    constexpr std::int32_t kLsbFirst = 1;
+    for (DSDStreamProcessingThread& processor : processors) {
+        // Without its thread, a channel would be written as if its gain were 0 dB.
+        if (const VrError error =
+                processor.Start(static_cast<std::int32_t>(format.rateHz), kLsbFirst, gainDecibels);
+            error != VrSuccess) {
+            return error;
+        }
+    }
+    return reader.Start();
+}
+
+VrError BlockWriter::Write(OutputFile& file, float gainDecibels) {
+    if (const VrError error = StartWorkers(gainDecibels); error != VrSuccess) {
+        return error;
+    }
+    DsfBatch* next = &reader.Take();
+    const auto process = [&](std::size_t channel) {
+        processors[channel].RunProcess(next->channels[channel].data(),
+                                       static_cast<std::uint32_t>(next->sampleBytes));
+    };
+    for (std::size_t channel = 0; channel < processors.size(); ++channel) {
+        process(channel);
+    }
+    for (;;) {
+        const DsfBatch& batch = *next;
+        if (!batch.isLast) {
+            next = &reader.Take();
+        }
+        for (std::size_t channel = 0; channel < processors.size(); ++channel) {
+            processors[channel].WaitProcess();
+            if (!batch.isLast) {
+                process(channel);
+            }
+        }
+        if (const VrError error = WriteBatch(file, batch); error != VrSuccess || batch.isLast) {
+            return error;
+        }
+        reader.GiveBack();
+    }
+}
+
+VrError BlockWriter::WriteBatch(OutputFile& file, const DsfBatch& batch) {
+    std::uint64_t position = batch.position;
+    for (std::size_t block = 0; block < batch.blocks; ++block) {
+        if (const VrError error = BeginBlock(position); error != VrSuccess) {
+            return error;
+        }
+        for (const AlignedBytes& channel : batch.channels) {
+            const std::span<const std::uint8_t> bytes(channel);
+            if (!file.Write(bytes.subspan(block * kDsfBlockBytes, kDsfBlockBytes))) {
+                return VrErrorFailed;
+            }
+        }
+        position += format.BlockFrames();
+    }
+    if (batch.nextFailed) {
+        const VrError error = BeginBlock(position);
+        return error != VrSuccess ? error : VrErrorFailed;
+    }
+    return VrSuccess;
+}
+
+/// What comes before every block, also before one that then fails.
+VrError BlockWriter::BeginBlock(std::uint64_t position) {
+    if (run.cancelState == kSaveCancelDelete) {
+        return VrErrorCanceled;
+    }
+    run.BeginBlock(position - start, std::min(format.BlockFrames(), end - position));
+    // What was read while another take had begun is not written, nor, however far ahead it was
+    // read, what is of a take that is gone.
+    return run.RecordingHolds() ? VrSuccess : VrErrorFailed;
+}
+
+}  // namespace
 
 VrError SaveDsfFile(const VrSaveSettingInternal* setting, SaveRun& run) {
     run.BeginFile();
     if (setting == nullptr) {
         return VrErrorInvalidParameter;
     }
-    return VrErrorNotSupported;  // DSF writing is missing; no file is better than a wrong one
+    const SampleTypeInfo* sampleType = run.recording.sampleType;
+    if (sampleType == nullptr || run.recording.channels == 0 || !run.RecordingHolds()) {
+        return VrErrorFailed;
+    }
+    const std::uint64_t rateHz = run.recording.sampleRate;
+    const DsfFormat format{run.recording.channels, static_cast<std::uint32_t>(rateHz),
+                           std::uint32_t{sampleType->bits} + sampleType->padBits};
+    if (format.bitsPerSample == 0 || kDsfBlockBytes * 8 % format.bitsPerSample != 0) {
+        return VrErrorFailed;
+    }
+
+    const std::uint64_t startFrame = FramesFromSeconds(rateHz, setting->start);
+    const std::uint64_t endFrame = FramesFromSeconds(rateHz, setting->end);
+    if (endFrame < startFrame) {
+        return VrErrorInvalidParameter;
+    }
+    const std::uint64_t frames = endFrame - startFrame;
+    run.progress.fileLength = frames;
+    const DsfSizes sizes(format, frames, CalculateSaveID3TagSize(setting->tags));
+
+    if (const VrError error = SaveCreateDirectory(setting->path, run.createdDirectory);
+        error != VrSuccess) {
+        return error;
+    }
+    if (!CheckDiskSpace(setting->path, sizes.FileBytes())) {
+        return VrErrorFailed;
+    }
+    if (!run.volumeTakes(setting->path, sizes.FileBytes())) {
+        run.SkipFile(setting->path, frames);
+        return VrSuccess;
+    }
+    OutputFile file;
+    if (!file.Open(setting->path)) {
+        run.SkipFile(setting->path, frames);
+        return run.CancelRequested() ? VrErrorCanceled : VrSuccess;
+    }
+    VrError result = VrErrorFailed;
+    if (file.Write(BuildDsfHeader(format, sizes))) {
+        BlockWriter blocks(run, format, startFrame, endFrame);
+        result = blocks.Write(file, static_cast<float>(setting->gain));
+        if (result == VrSuccess || result == VrErrorCanceled) {
+            result = SaveID3Tags(setting->tags, file.Stream());
+        }
+    }
+    if (!file.Close() && result == VrSuccess) {
+        result = VrErrorFailed;
+    }
+    return run.CancelRequested() ? VrErrorCanceled : result;
 }
 
 }  // namespace vorrel

@@ -22,6 +22,11 @@ void SaveRun::Advance(std::uint64_t frames) {
     progress.filePosition += frames;
 }
 
+void SaveRun::BeginBlock(std::uint64_t filePosition, std::uint64_t frames) {
+    progress.filePosition = filePosition;
+    progress.overallPosition += frames;
+}
+
 void SaveRun::SkipFile(const std::string& path, std::uint64_t frames) {
     manager.NotifyErrorMessageProc(VrMessageFileSkipped, path.c_str());
     progress.overallPosition += frames;

@@ -49,6 +49,9 @@ struct SaveRun {
     void BeginFile();
     /// Counts `frames` of the current file as written.
     void Advance(std::uint64_t frames);
+    /// Says that the block at `filePosition` of the current file is in hand, and counts its
+    /// `frames` in the request, but not in the file.
+    void BeginBlock(std::uint64_t filePosition, std::uint64_t frames);
     /// Reports that the file at `path` is left out, and counts its `frames` as done.
     void SkipFile(const std::string& path, std::uint64_t frames);
 };

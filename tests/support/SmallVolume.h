@@ -12,9 +12,10 @@ namespace vorrel::test {
 /// A fresh volume in memory of a given size, where the test's rights allow one.
 class SmallVolume {
 public:
-    explicit SmallVolume(std::size_t sizeBytes)
+    /// @param options  Further mount options, each with a comma in front.
+    explicit SmallVolume(std::size_t sizeBytes, const std::string& options = "")
         : mounted(::mount("none", directory.Path().c_str(), "tmpfs", 0,
-                          ("size=" + std::to_string(sizeBytes)).c_str()) == 0) {}
+                          ("size=" + std::to_string(sizeBytes) + options).c_str()) == 0) {}
     ~SmallVolume() {
         if (mounted) {
             ::umount2(directory.Path().c_str(), MNT_DETACH);
@@ -25,6 +26,11 @@ public:
 
     bool Mounted() const { return mounted; }
     std::string File(const std::string& name) const { return directory.File(name); }
+    /// From now on it takes no file. @return Whether that worked; files open for writing hinder it.
+    bool MakeReadOnly() const {
+        return ::mount(nullptr, directory.Path().c_str(), nullptr, MS_REMOUNT | MS_RDONLY,
+                       nullptr) == 0;
+    }
 
 private:
     const TempDirectory directory;
