@@ -5,6 +5,8 @@ target_compile_options(vorrel_build_options INTERFACE
     -Woverloaded-virtual -Wold-style-cast -Werror
     # One result on every machine: a product and a sum stay two roundings.
     -ffp-contract=off
+    # Trace lines name the source; the directories of the build machine are nobody's business.
+    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_BINARY_DIR}/=
     $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>)
 if(VORREL_SANITIZE)
     target_compile_options(vorrel_build_options INTERFACE

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Records a take from the simulated recorder with the built program and lets other people's tools
-# read what came out.
+# Records a PCM and a DSD take from the simulated recorder with the built program and lets other
+# people's tools read what came out.
 #   scripts/demo.sh BUILD-DIRECTORY OUTPUT-DIRECTORY
 set -eu
 vorrel="$1/apps/cli/vorrel"
@@ -13,8 +13,11 @@ mkdir -p "$out"
 "$vorrel" record "$out/take.wav" --simulate=source=sweep,channels=2 --rate 96000 --bits 24 \
     --duration 5 --gain -3 --title "Sweep" --artist "Simulated recorder" --album "Demo" \
     --album-artist "libvorrel" --range 1-2.5="$out/second.wav"
+"$vorrel" record "$out/take.dsf" --type dsd --simulate=source=tone,channels=2 --rate 2822400 \
+    --duration 5 --title "Tone" --artist "Simulated recorder" --album "Demo" \
+    --album-artist "libvorrel" --range 1-2.5="$out/second.dsf"
 
-for file in "$out"/*.wav; do
+for file in "$out"/*.wav "$out"/*.dsf; do
     echo
     echo "$file, as ffprobe reads it:"
     ffprobe -hide_banner -v error -show_entries \

@@ -1,17 +1,16 @@
 #include "Commands.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "Engine.h"
 #include "RecordSession.h"
 
 namespace vorrel::cli {
 namespace {
-
-void PrintLine(const std::string& text) {
-    std::fprintf(stdout, "%s\n", text.c_str());
-}
 
 std::string RatesText(const std::vector<std::uint64_t>& rates) {
     std::string text;
@@ -21,41 +20,53 @@ std::string RatesText(const std::vector<std::uint64_t>& rates) {
     return text.empty() ? "none" : text + " Hz";
 }
 
+void SayIfSimulated(const Options& options, Reporter& reporter) {
+    if (IsSimulated() && options.common.simulate) {
+        reporter.Info("this is the simulated recorder");
+    } else if (IsSimulated()) {
+        reporter.Warning(kSimulatedWarning);
+    }
+}
+
 int RunDevices(const Options& options, Reporter& reporter) {
     const std::shared_ptr<Notifications> notifications = OpenEngine(options.common);
     const std::vector<std::string> names = ListDevices();
     if (names.empty()) {
         reporter.Info("no recorder is connected");
+    } else {
+        SayIfSimulated(options, reporter);
     }
-    JsonOutput json;
     for (const std::string& name : names) {
         if (options.common.json) {
-            json.Device(name);
+            reporter.Device(name, IsSimulated());
         } else {
-            PrintLine(name);
+            reporter.Answer(name);
         }
     }
+    reporter.RequireWritten();
     return static_cast<int>(ExitCode::Done);
 }
 
-int RunInfo(const Options& options) {
+int RunInfo(const Options& options, Reporter& reporter) {
     const std::shared_ptr<Notifications> notifications = OpenEngine(options.common);
     const std::shared_ptr<VrAudioDeviceInfo> info = SelectDevice(options.common.device);
+    SayIfSimulated(options, reporter);
     if (options.common.json) {
-        JsonOutput().Info(*info);
-        return static_cast<int>(ExitCode::Done);
+        reporter.DeviceInfo(*info, IsSimulated());
+    } else {
+        char ids[32];
+        std::snprintf(ids, sizeof ids, "%04x:%04x", static_cast<unsigned>(info->vid),
+                      static_cast<unsigned>(info->pid));
+        reporter.Answer("model:     " + info->device_name);
+        reporter.Answer("USB ids:   " + std::string(ids));
+        reporter.Answer("channels:  " + std::to_string(info->i_ch) + " in, " +
+                        std::to_string(info->o_ch) + " out");
+        reporter.Answer("PCM bits:  " + std::to_string(info->PCM_supported_bits) + " in " +
+                        std::to_string(info->PCM_record_bits));
+        reporter.Answer("PCM rates: " + RatesText(info->PCM_supported_freq));
+        reporter.Answer("DSD rates: " + RatesText(info->DSD_supported_freq));
     }
-    char ids[32];
-    std::snprintf(ids, sizeof ids, "%04x:%04x", static_cast<unsigned>(info->vid),
-                  static_cast<unsigned>(info->pid));
-    PrintLine("model:     " + info->device_name);
-    PrintLine("USB ids:   " + std::string(ids));
-    PrintLine("channels:  " + std::to_string(info->i_ch) + " in, " + std::to_string(info->o_ch) +
-              " out");
-    PrintLine("PCM bits:  " + std::to_string(info->PCM_supported_bits) + " in " +
-              std::to_string(info->PCM_record_bits));
-    PrintLine("PCM rates: " + RatesText(info->PCM_supported_freq));
-    PrintLine("DSD rates: " + RatesText(info->DSD_supported_freq));
+    reporter.RequireWritten();
     return static_cast<int>(ExitCode::Done);
 }
 
@@ -64,15 +75,21 @@ int RunInfo(const Options& options) {
 int RunCommand(const Options& options, Reporter& reporter) {
     switch (options.command) {
         case Command::None:
-            std::fputs(options.text.c_str(), stdout);
+            reporter.Answer(options.text.substr(0, options.text.find_last_not_of('\n') + 1));
+            reporter.RequireWritten();
             return static_cast<int>(ExitCode::Done);
         case Command::Devices:
             return RunDevices(options, reporter);
         case Command::Info:
-            return RunInfo(options);
+            return RunInfo(options, reporter);
         case Command::Record: {
-            const int code = RecordSession(options, reporter).Run();
+            RecordSession session(options, reporter);
+            const int code = session.Run();
             reporter.Finish(code);
+            if (session.KeepsStore()) {
+                // Without the engine's own end, which would delete what it has stored.
+                std::_Exit(code);
+            }
             return code;
         }
     }

@@ -1,8 +1,14 @@
 #include "Engine.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <tuple>
 #include <utility>
 
 #include "vorrel/Vorrel.h"
@@ -10,7 +16,9 @@
 namespace vorrel::cli {
 namespace {
 
-constexpr std::uint64_t kUsualRate = 48'000;
+constexpr std::uint64_t kUsualPcmRate = 48'000;
+constexpr std::uint64_t kUsualDsdRate = 2'822'400;
+constexpr const char* kSimulatedBackend = "simulated";
 
 std::string Join(const std::vector<std::string>& texts) {
     std::string joined;
@@ -18,6 +26,84 @@ std::string Join(const std::vector<std::string>& texts) {
         joined += (joined.empty() ? "" : ", ") + text;
     }
     return joined;
+}
+
+std::string Variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
+
+/// The engine says why it has no recorder in a trace line on standard error, and nowhere else.
+/// Between making and `Take`, such lines come here.
+class TraceCatcher {
+public:
+    TraceCatcher()
+        : real(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)),
+          caught(::memfd_create("vorrel-trace", MFD_CLOEXEC)) {
+        if (real >= 0 && caught >= 0) {
+            ::dup2(caught, STDERR_FILENO);
+        }
+    }
+    ~TraceCatcher() {
+        Restore();
+        ::close(caught);
+    }
+    TraceCatcher(const TraceCatcher&) = delete;
+    TraceCatcher& operator=(const TraceCatcher&) = delete;
+
+    /// The lines as they came.
+    std::string Take() {
+        Restore();
+        std::array<char, 4096> bytes{};
+        const ssize_t count = ::pread(caught, bytes.data(), bytes.size(), 0);
+        return {bytes.data(), count > 0 ? static_cast<std::size_t>(count) : 0};
+    }
+
+    /// Without the places in the source; lines become parts of a sentence.
+    static std::string Sentence(const std::string& text) {
+        std::string said;
+        for (std::size_t start = 0; start < text.size();) {
+            const std::size_t end = std::min(text.find('\n', start), text.size());
+            std::string line = text.substr(start, end - start);
+            if (const std::size_t colon = line.find("): "); colon != std::string::npos) {
+                line.erase(0, colon + 3);
+            }
+            said += (said.empty() ? "" : "; ") + line;
+            start = end + 1;
+        }
+        return said;
+    }
+
+private:
+    void Restore() {
+        if (real >= 0) {
+            ::dup2(real, STDERR_FILENO);
+            ::close(real);
+            real = -1;
+        }
+    }
+
+    int real;
+    int caught;
+};
+
+std::vector<std::string> ListNames() {
+    std::vector<std::string> names;
+    Require(Vorrel_GetAudioDevices(&names), ExitCode::Device, "the recorders cannot be listed");
+    return names;
+}
+
+/// Where the user has named a back end, or set the simulated one up, and it cannot be had: why.
+/// Only the first look in a process is told.
+std::string BackendRefusal() {
+    TraceCatcher trace;
+    const bool none = ListNames().empty();
+    const std::string said = trace.Take();
+    if (none) {
+        return TraceCatcher::Sentence(said);
+    }
+    std::ignore = ::write(STDERR_FILENO, said.data(), said.size());  // no reason, but not ours
+    return "";
 }
 
 }  // namespace
@@ -83,16 +169,24 @@ std::shared_ptr<Notifications> OpenEngine(const CommonOptions& options) {
     }
     auto notifications = std::make_shared<Notifications>();
     Require(Vorrel_Init(notifications), ExitCode::Device, "the engine does not start");
-    if (!options.simulated.empty() && ListDevices().empty()) {
-        throw Failure(ExitCode::Usage, "--simulate=" + options.simulated + " is not possible");
+    const std::string refusal = BackendRefusal();
+    if (!refusal.empty() && !options.simulated.empty()) {
+        throw Failure(ExitCode::Usage,
+                      "--simulate=" + options.simulated + " is not possible: " + refusal);
+    }
+    if (!refusal.empty()) {
+        throw Failure(ExitCode::Device, "there is no recorder: " + refusal, VrErrorDeviceNotFound);
     }
     return notifications;
 }
 
+bool IsSimulated() {
+    const std::string name = Variable("VORREL_BACKEND");
+    return name.empty() || name == kSimulatedBackend;
+}
+
 std::vector<std::string> ListDevices() {
-    std::vector<std::string> names;
-    Require(Vorrel_GetAudioDevices(&names), ExitCode::Device, "the recorders cannot be listed");
-    return names;
+    return ListNames();
 }
 
 std::shared_ptr<VrAudioDeviceInfo> SelectDevice(const std::string& name) {
@@ -117,11 +211,12 @@ std::shared_ptr<VrAudioDeviceInfo> SelectDevice(const std::string& name) {
 }
 
 std::uint64_t ChooseRate(const std::vector<std::uint64_t>& offered,
-                         std::optional<std::uint64_t> wanted) {
+                         std::optional<std::uint64_t> wanted, bool dsd) {
     if (offered.empty()) {
-        throw Failure(ExitCode::Device, "the recorder offers no PCM sampling rate");
+        throw Failure(ExitCode::Device,
+                      std::string("the recorder offers no ") + (dsd ? "DSD" : "PCM") + " rate");
     }
-    const std::uint64_t rate = wanted.value_or(kUsualRate);
+    const std::uint64_t rate = wanted.value_or(dsd ? kUsualDsdRate : kUsualPcmRate);
     if (std::find(offered.begin(), offered.end(), rate) != offered.end()) {
         return rate;
     }

@@ -50,18 +50,26 @@ void Require(VrError error, ExitCode exit, const std::string& what);
 
 /// Readies the engine: the simulated recorder when wanted, then the delegate. Once a process,
 /// before any other call to it.
+/// @throws Failure: usage (--simulate=CONFIG is not understood), device.
 std::shared_ptr<Notifications> OpenEngine(const CommonOptions& options);
 
-/// @throws Failure (device).
+/// Whether what the engine records from is simulated: nothing in the environment names another back
+/// end, and the simulated recorder is the engine's default.
+bool IsSimulated();
+inline constexpr const char* kSimulatedWarning =
+    "this is the SIMULATED recorder, not a real one: it records no microphone";
+
+/// @throws Failure (device): they cannot be listed, or the environment names a back end, or a
+///         configuration of the simulated one, that does not exist.
 std::vector<std::string> ListDevices();
 
 /// Selects the recorder of that name, "" = the first.
 /// @throws Failure (device): none, none of that name, in use, ...
 std::shared_ptr<VrAudioDeviceInfo> SelectDevice(const std::string& name);
 
-/// The rate to record at: the wanted one, else 48,000 Hz, else the lowest.
+/// The rate to record at: the wanted one, else 48,000 Hz (DSD: 2,822,400), else the lowest.
 /// @throws Failure (usage) that lists the possible rates; (device) when there are none.
 std::uint64_t ChooseRate(const std::vector<std::uint64_t>& offered,
-                         std::optional<std::uint64_t> wanted);
+                         std::optional<std::uint64_t> wanted, bool dsd);
 
 }  // namespace vorrel::cli

@@ -18,6 +18,9 @@ enum class ExitCode : int {
     Skipped = 5,   ///< Some files of the request were not written.
 };
 
+/// Added to a signal's number.
+inline constexpr int kSignalExit = 128;
+
 /// A reason to give up, thrown before a recording runs. `what()` is one line for people.
 class Failure : public std::runtime_error {
 public:

@@ -1,7 +1,6 @@
 #include "JsonOutput.h"
 
 #include <cmath>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 
 namespace vorrel::cli {
@@ -9,11 +8,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-void Write(const Json& object) {
-    std::string line = object.dump(-1, ' ', false, Json::error_handler_t::replace);
-    line += '\n';
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fflush(stdout);
+void Write(Output& output, const Json& object, Output::Kind kind = Output::Kind::Lasting) {
+    output.Write(object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n', kind);
 }
 
 /// Decimals of a tenth without the tail that binary gives them.
@@ -41,38 +37,41 @@ const char* ExitName(ExitCode code) {
 
 }  // namespace
 
-void JsonOutput::Device(const std::string& name) {
-    Write({{"event", "device"}, {"device", name}});
+void JsonOutput::Device(const std::string& name, bool simulated) {
+    Write(output, {{"event", "device"}, {"device", name}, {"simulated", simulated}});
 }
 
-void JsonOutput::Info(const VrAudioDeviceInfo& info) {
-    Write({{"event", "info"},
-           {"device", info.device_name},
-           {"vendor_id", info.vid},
-           {"product_id", info.pid},
-           {"input_channels", info.i_ch},
-           {"output_channels", info.o_ch},
-           {"pcm_bits", info.PCM_supported_bits},
-           {"pcm_container_bits", info.PCM_record_bits},
-           {"pcm_rates_hz", info.PCM_supported_freq},
-           {"dsd_rates_hz", info.DSD_supported_freq}});
+void JsonOutput::Info(const VrAudioDeviceInfo& info, bool simulated) {
+    Write(output, {{"event", "info"},
+                   {"device", info.device_name},
+                   {"simulated", simulated},
+                   {"vendor_id", info.vid},
+                   {"product_id", info.pid},
+                   {"input_channels", info.i_ch},
+                   {"output_channels", info.o_ch},
+                   {"pcm_bits", info.PCM_supported_bits},
+                   {"pcm_container_bits", info.PCM_record_bits},
+                   {"pcm_rates_hz", info.PCM_supported_freq},
+                   {"dsd_rates_hz", info.DSD_supported_freq}});
 }
 
-void JsonOutput::Start(const std::string& device, const TakeFormat& format) {
-    Write({{"event", "start"},
-           {"device", device},
-           {"type", "pcm"},
-           {"rate_hz", format.rateHz},
-           {"bits", format.bits},
-           {"channels", format.channels}});
+void JsonOutput::Start(const std::string& device, bool simulated, const TakeFormat& format) {
+    Write(output, {{"event", "start"},
+                   {"device", device},
+                   {"simulated", simulated},
+                   {"type", format.dsd ? "dsd" : "pcm"},
+                   {"rate_hz", format.rateHz},
+                   {"bits", format.SampleBits()},
+                   {"channels", format.channels}});
 }
 
 void JsonOutput::State(const std::string& state) {
-    Write({{"event", "state"}, {"state", state}});
+    Write(output, {{"event", "state"}, {"state", state}});
 }
 
 void JsonOutput::Position(double seconds) {
-    Write({{"event", "position"}, {"seconds", Rounded(seconds, 10.0)}});
+    Write(output, {{"event", "position"}, {"seconds", Rounded(seconds, 10.0)}},
+          Output::Kind::Passing);
 }
 
 void JsonOutput::Levels(const std::vector<Level>& levels) {
@@ -83,39 +82,49 @@ void JsonOutput::Levels(const std::vector<Level>& levels) {
                                                       : Json(nullptr));
         clipped.push_back(level.clipped);
     }
-    Write({{"event", "level"}, {"peak_dbfs", peaks}, {"clipped", clipped}});
+    Write(output, {{"event", "level"}, {"peak_dbfs", peaks}, {"clipped", clipped}},
+          Output::Kind::Passing);
 }
 
 void JsonOutput::Progress(const std::string& file, double percent) {
-    Write({{"event", "progress"}, {"file", file}, {"percent", Rounded(percent, 10.0)}});
+    Write(output, {{"event", "progress"}, {"file", file}, {"percent", Rounded(percent, 10.0)}},
+          Output::Kind::Passing);
 }
 
 void JsonOutput::Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames,
                        double seconds) {
-    Write({{"event", "saved"},
-           {"file", file},
-           {"bytes", bytes},
-           {"frames", frames},
-           {"seconds", seconds}});
+    Write(output, {{"event", "saved"},
+                   {"file", file},
+                   {"bytes", bytes},
+                   {"frames", frames},
+                   {"seconds", seconds}});
+}
+
+void JsonOutput::Rescued(const std::string& wanted, const std::string& file) {
+    Write(output, {{"event", "rescued"}, {"wanted", wanted}, {"file", file}});
+}
+
+void JsonOutput::Kept(const std::string& directory) {
+    Write(output, {{"event", "kept"}, {"directory", directory}});
 }
 
 void JsonOutput::Skipped(const std::string& file, const std::string& reason) {
-    Write({{"event", "skipped"}, {"file", file}, {"reason", reason}});
+    Write(output, {{"event", "skipped"}, {"file", file}, {"reason", reason}});
 }
 
 void JsonOutput::Warning(const std::string& text) {
-    Write({{"event", "warning"}, {"message", text}});
+    Write(output, {{"event", "warning"}, {"message", text}});
 }
 
 void JsonOutput::Error(const std::string& text, ExitCode exit, VrError error) {
-    Write({{"event", "error"},
-           {"kind", ExitName(exit)},
-           {"code", static_cast<std::int32_t>(error)},
-           {"message", text}});
+    Write(output, {{"event", "error"},
+                   {"kind", ExitName(exit)},
+                   {"code", static_cast<std::int32_t>(error)},
+                   {"message", text}});
 }
 
 void JsonOutput::Finish(int exitCode) {
-    Write({{"event", "finish"}, {"exit_code", exitCode}});
+    Write(output, {{"event", "finish"}, {"exit_code", exitCode}});
 }
 
 }  // namespace vorrel::cli

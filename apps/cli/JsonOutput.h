@@ -6,28 +6,35 @@
 
 #include "ExitCode.h"
 #include "LevelMeter.h"
+#include "Output.h"
 #include "SavePlan.h"
 #include "vorrel/VrRecords.h"
 
 namespace vorrel::cli {
 
-/// The program's side: one JSON object a line on stdout, each with an "event", written at once.
-/// Unknown bytes in texts become U+FFFD; a level of digital silence is null. A reader that has gone
-/// away ends nothing.
+/// The program's side: one JSON object a line, each with an "event". Unknown bytes in texts become
+/// U+FFFD; a level of digital silence is null. A reader that has gone away ends nothing.
 class JsonOutput {
 public:
-    void Device(const std::string& name);
-    void Info(const VrAudioDeviceInfo& info);
-    void Start(const std::string& device, const TakeFormat& format);
+    explicit JsonOutput(Output& texts) : output(texts) {}
+
+    void Device(const std::string& name, bool simulated);
+    void Info(const VrAudioDeviceInfo& info, bool simulated);
+    void Start(const std::string& device, bool simulated, const TakeFormat& format);
     void State(const std::string& state);
     void Position(double seconds);
     void Levels(const std::vector<Level>& levels);
     void Progress(const std::string& file, double percent);
     void Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames, double seconds);
+    void Rescued(const std::string& wanted, const std::string& file);
+    void Kept(const std::string& directory);
     void Skipped(const std::string& file, const std::string& reason);
     void Warning(const std::string& text);
     void Error(const std::string& text, ExitCode exit, VrError error);
     void Finish(int exitCode);
+
+private:
+    Output& output;
 };
 
 }  // namespace vorrel::cli

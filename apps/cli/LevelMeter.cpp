@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <string_view>
 
 namespace vorrel::cli {
 namespace {
@@ -66,6 +67,18 @@ std::string MeterText(const std::vector<Level>& levels, std::size_t barWidth) {
         text += decibels;
     }
     return text;
+}
+
+std::string CompactMeterText(const std::vector<Level>& levels) {
+    constexpr std::string_view kSteps = ".:-=+*#";
+    constexpr double kStepDecibels = kBarDecibels / static_cast<double>(kSteps.size() - 1);
+    std::string text = "[";
+    for (const Level& level : levels) {
+        const double above = std::clamp(level.peakDbfs + kBarDecibels, -1.0, kBarDecibels);
+        const auto step = static_cast<std::size_t>(std::floor(above / kStepDecibels) + 1.0);
+        text += level.clipped ? '!' : kSteps[std::min(step, kSteps.size() - 1)];
+    }
+    return text + "]";
 }
 
 }  // namespace vorrel::cli

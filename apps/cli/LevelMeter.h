@@ -28,4 +28,8 @@ std::string MeterBar(const Level& level, std::size_t width);
 /// and R where there are not two.
 std::string MeterText(const std::vector<Level>& levels, std::size_t barWidth);
 
+/// One character a channel, "[.:-=+*#!]": from below -60 dB, in steps of 10 dB, to the top 10 dB;
+/// "!" after a clipped sample.
+std::string CompactMeterText(const std::vector<Level>& levels);
+
 }  // namespace vorrel::cli

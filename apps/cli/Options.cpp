@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <cmath>
 #include <utility>
 
@@ -14,7 +16,8 @@ constexpr const char* kBareFlag = "true";  // what CLI11 makes of a flag without
 constexpr double kMostGain = 200.0;  // decibels; beyond any use and far inside the number range
 
 void AddCommonOptions(CLI::App& command, CommonOptions& options) {
-    command.add_flag("--json", options.json, "One JSON object a line on stdout");
+    command.add_flag("--json", options.json, "One JSON object a line on stdout")
+        ->disable_flag_override();
     // The value only with "=": a bare --simulate must not swallow the file's name.
     command
         .add_flag("--simulate", options.simulated,
@@ -33,11 +36,75 @@ constexpr std::pair<const char*, const char*> kTagOptions[] = {
 
 double RequireDuration(const std::string& text) {
     const std::optional<double> seconds = ParseTime(text);
-    if (!seconds || *seconds <= 0.0) {
-        throw Failure(ExitCode::Usage,
-                      "--duration \"" + text + "\" is no length of time (seconds, or 1:30.5)");
+    if (!seconds) {
+        throw Failure(ExitCode::Usage, "--duration \"" + text + "\" " + TimeRefusal(text));
+    }
+    if (*seconds <= 0.0) {
+        throw Failure(ExitCode::Usage, "--duration \"" + text + "\" is no length of time");
     }
     return *seconds;
+}
+
+/// Digits that make a number above zero.
+std::uint64_t RequireRate(const std::string& text) {
+    std::uint64_t rate = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), rate);
+    if (result.ec == std::errc::result_out_of_range && result.ptr == text.data() + text.size()) {
+        throw Failure(ExitCode::Usage, "--rate " + text + " is higher than any recorder's");
+    }
+    if (result.ec != std::errc{} || result.ptr != text.data() + text.size() || rate == 0) {
+        throw Failure(ExitCode::Usage, "--rate \"" + text + "\" is no sampling rate in Hz");
+    }
+    return rate;
+}
+
+std::uint32_t RequireBits(const std::string& text) {
+    for (const std::uint32_t bits : {16U, 24U, 32U}) {
+        if (text == std::to_string(bits)) {
+            return bits;
+        }
+    }
+    throw Failure(ExitCode::Usage, "--bits \"" + text + "\" is no sample width: 16, 24 or 32");
+}
+
+double RequireGain(const std::string& text) {
+    const char* const end = text.data() + text.size();
+    const char* const start = text.data() + (text.rfind('+', 0) == 0 ? 1 : 0);
+    double gain = 0.0;
+    const auto result = std::from_chars(start, end, gain);
+    if (result.ec == std::errc::invalid_argument || result.ptr != end || std::isnan(gain)) {
+        throw Failure(ExitCode::Usage, "--gain \"" + text + "\" is no number of decibels");
+    }
+    if (result.ec != std::errc{} || !(std::abs(gain) <= kMostGain)) {
+        throw Failure(ExitCode::Usage, "--gain is to be between -200 and 200 decibels");
+    }
+    return gain;
+}
+
+/// An option whose empty text would silently mean its default.
+void RefuseEmpty(const CLI::App& command, const std::string& option, const std::string& text) {
+    if (command.get_option(option)->count() > 0 && text.empty()) {
+        throw Failure(ExitCode::Usage, option + " is empty");
+    }
+}
+
+/// A file whose name says another format than the one it will have.
+void CheckEnding(const std::string& file, bool dsd) {
+    std::string ending = file.size() < 4 ? "" : file.substr(file.size() - 4);
+    std::transform(ending.begin(), ending.end(), ending.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (dsd && ending == ".wav") {
+        throw Failure(ExitCode::Usage,
+                      file +
+                          ": a DSD recording becomes a DSF file; call it *.dsf, or record "
+                          "with --type pcm");
+    }
+    if (!dsd && ending == ".dsf") {
+        throw Failure(ExitCode::Usage,
+                      file +
+                          ": a PCM recording becomes a WAV file; call it *.wav, or record "
+                          "with --type dsd");
+    }
 }
 
 void CheckRanges(const RecordOptions& record) {
@@ -57,6 +124,19 @@ void CheckRanges(const RecordOptions& record) {
     }
 }
 
+/// Arguments that are no command's: the first is what somebody took for one.
+std::string UnknownCommand(const std::vector<std::string>& arguments) {
+    for (const std::string& argument : arguments) {
+        if (argument == "devices" || argument == "info" || argument == "record") {
+            break;
+        }
+        if (!argument.empty() && argument.front() != '-') {
+            return argument;
+        }
+    }
+    return "";
+}
+
 /// What CLI11 has to say, as one line.
 std::string OneLine(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -70,7 +150,7 @@ std::string OneLine(std::string text) {
 
 Options ParseOptions(const std::vector<std::string>& arguments) {
     Options options;
-    CLI::App app("Records from a USB recorder to WAV files.", "vorrel");
+    CLI::App app("Records from a USB recorder to WAV and DSF files.", "vorrel");
     app.set_version_flag("--version", std::string("vorrel ") + VORREL_CLI_VERSION);
     app.require_subcommand(1);
 
@@ -88,22 +168,21 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
     }
 
     std::string type = "pcm";
+    std::string rate;
+    std::string bits;
     std::string duration;
+    std::string gain;
     std::vector<std::string> ranges;
-    record->add_option("OUT", options.record.out, "The file for the whole recording (WAV)");
-    record->add_option("--type", type, "pcm or dsd (default: pcm)")
-        ->type_name("TYPE")
-        ->check(CLI::IsMember({"pcm", "dsd"}));
-    record->add_option("--rate", options.record.rateHz, "Sampling rate in Hz (default: 48000)")
-        ->type_name("HZ")
-        ->check(CLI::PositiveNumber);
-    record->add_option("--bits", options.record.bits, "Sample width: 16, 24 or 32 (default: 24)")
-        ->type_name("BITS")
-        ->check(CLI::IsMember({16U, 24U, 32U}));
+    record->add_option("OUT", options.record.out,
+                       "The file for the whole recording: WAV, with --type dsd DSF");
+    record->add_option("--type", type, "pcm or dsd (default: pcm)")->type_name("TYPE");
+    record->add_option("--rate", rate, "Sampling rate in Hz (default: 48000; with dsd 2822400)")
+        ->type_name("HZ");
+    record->add_option("--bits", bits, "Sample width: 16, 24 or 32 (default: 24); pcm only")
+        ->type_name("BITS");
     record->add_option("--duration", duration, "Stop by itself after so much recording")
         ->type_name("SECONDS");
-    record->add_option("--gain", options.record.gain, "Gain of the saved files in decibels")
-        ->type_name("DB");
+    record->add_option("--gain", gain, "Gain of the saved files in decibels")->type_name("DB");
     std::map<std::string, std::string> tagTexts;
     for (const auto& [option, key] : kTagOptions) {
         record->add_option(option, tagTexts[key], "Tag of the saved files")->type_name("TEXT");
@@ -114,24 +193,48 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
                      "no END = to the end; may be repeated")
         ->type_name("START-END=FILE")
         ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->allow_extra_args(false);
     record
         ->add_option("--temp-dir", options.record.tempDirectory,
                      "Where the recording is kept until it is saved")
         ->type_name("DIR");
-    record->add_flag("--force", options.record.force, "Replace existing files");
-    record->add_flag("--quiet", options.common.quiet, "Say nothing but warnings and errors");
+    record->add_flag("--force", options.record.force, "Replace existing files")
+        ->disable_flag_override();
+    record->add_flag("--quiet", options.common.quiet, "Say nothing but warnings and errors")
+        ->disable_flag_override();
+
+    if (arguments.empty()) {
+        throw Failure(ExitCode::Usage, "say what to do: devices, info or record (or --help)");
+    }
+    for (const std::string& argument : arguments) {
+        for (const char* flag : {"--json", "--force", "--quiet"}) {
+            if (argument.rfind(std::string(flag) + "=", 0) == 0) {
+                throw Failure(ExitCode::Usage, std::string(flag) + " takes no value");
+            }
+        }
+    }
+    if (const std::string bogus = UnknownCommand(arguments); !bogus.empty()) {
+        throw Failure(ExitCode::Usage,
+                      "there is no command \"" + bogus + "\"; there are devices, info and record");
+    }
 
     try {
         // CLI11 takes its vector from the back.
         app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     } catch (const CLI::CallForHelp&) {
         const std::vector<CLI::App*> chosen = app.get_subcommands();
-        options.text = (chosen.empty() ? &app : chosen.front())->help();
+        options.text = chosen.empty() ? app.help() : chosen.front()->help("vorrel");
         return options;
     } catch (const CLI::CallForVersion& version) {
         options.text = std::string(version.what()) + "\n";
         return options;
+    } catch (const CLI::ExtrasError&) {
+        std::string texts;
+        for (const std::string& text : app.remaining(true)) {
+            texts += (texts.empty() ? "" : " ") + text;
+        }
+        throw Failure(ExitCode::Usage, "not expected: " + texts);
     } catch (const CLI::ParseError& error) {
         throw Failure(ExitCode::Usage, OneLine(error.what()));
     }
@@ -149,18 +252,33 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
             options.common.simulated.clear();
         }
     }
+    if (options.command == Command::Info) {
+        RefuseEmpty(*info, "--device", options.common.device);
+    }
     if (options.command != Command::Record) {
         return options;
     }
 
-    if (type == "dsd") {
-        throw Failure(ExitCode::Usage, "--type dsd is not yet possible; --type pcm is");
+    RefuseEmpty(*record, "--device", options.common.device);
+    RefuseEmpty(*record, "--temp-dir", options.record.tempDirectory);
+    if (type != "pcm" && type != "dsd") {
+        throw Failure(ExitCode::Usage, "--type \"" + type + "\" is neither pcm nor dsd");
+    }
+    options.record.dsd = type == "dsd";
+    if (record->get_option("--rate")->count() > 0) {
+        options.record.rateHz = RequireRate(rate);
+    }
+    if (record->get_option("--bits")->count() > 0) {
+        if (options.record.dsd) {
+            throw Failure(ExitCode::Usage, "--bits is for --type pcm: a DSD sample is one bit");
+        }
+        options.record.bits = RequireBits(bits);
     }
     if (record->get_option("--duration")->count() > 0) {
         options.record.duration = RequireDuration(duration);
     }
-    if (!std::isfinite(options.record.gain) || std::abs(options.record.gain) > kMostGain) {
-        throw Failure(ExitCode::Usage, "--gain is to be between -200 and 200 decibels");
+    if (record->get_option("--gain")->count() > 0) {
+        options.record.gain = RequireGain(gain);
     }
     if (record->get_option("OUT")->count() > 0 && options.record.out.empty()) {
         throw Failure(ExitCode::Usage, "the name of the file to be written is empty");
@@ -174,6 +292,10 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
         options.record.ranges.push_back(ParseRange(range));
     }
     CheckRanges(options.record);
+    CheckEnding(options.record.out, options.record.dsd);
+    for (const Range& range : options.record.ranges) {
+        CheckEnding(range.file, options.record.dsd);
+    }
     return options;
 }
 

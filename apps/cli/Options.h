@@ -22,8 +22,9 @@ struct CommonOptions {
 struct RecordOptions {
     std::string out;  ///< "" = ranges only.
     std::vector<Range> ranges;
-    std::optional<std::uint64_t> rateHz;  ///< None = 48,000 if offered, else the lowest.
-    std::uint32_t bits = 24;
+    bool dsd = false;
+    std::optional<std::uint64_t> rateHz;      ///< None = the usual one if offered, else the lowest.
+    std::uint32_t bits = 24;                  ///< PCM only.
     std::optional<double> duration;           ///< Seconds of recording, pauses cut out.
     double gain = 0.0;                        ///< Decibels.
     std::map<std::string, std::string> tags;  ///< With the engine's keys.

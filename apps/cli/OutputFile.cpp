@@ -5,13 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "ExitCode.h"
 #include "SavePlan.h"
@@ -43,6 +43,36 @@ bool Synchronize(const std::string& path, int flags) {
     }
     const bool done = ::fsync(descriptor) == 0;
     return ::close(descriptor) == 0 && done;
+}
+
+/// The first `count` bytes of a file, empty when it has not so many; `bytes` receives its length.
+std::vector<unsigned char> ReadStart(const std::string& path, std::size_t count,
+                                     std::uint64_t& bytes) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        return {};
+    }
+    bytes = static_cast<std::uint64_t>(status.st_size);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
+                                                               &std::fclose);
+    std::vector<unsigned char> start(count);
+    if (file == nullptr || std::fread(start.data(), start.size(), 1, file.get()) != 1) {
+        return {};
+    }
+    return start;
+}
+
+std::uint64_t Number(const std::vector<unsigned char>& bytes, std::size_t offset,
+                     std::size_t width) {
+    std::uint64_t value = 0;
+    for (std::size_t index = 0; index < width; ++index) {
+        value |= std::uint64_t{bytes[offset + index]} << (8 * index);
+    }
+    return value;
+}
+
+bool Holds(const std::vector<unsigned char>& bytes, std::size_t offset, const char* id) {
+    return std::memcmp(bytes.data() + offset, id, 4) == 0;
 }
 
 /// Renames without ever replacing a file. @return 0 or an errno, EEXIST among them.
@@ -78,7 +108,11 @@ std::string ResolveTarget(const std::string& path) {
     std::string absolute = path;
     if (absolute.front() != '/') {
         std::error_code error;
-        absolute = std::filesystem::current_path(error).string() + "/" + path;
+        const std::filesystem::path current = std::filesystem::current_path(error);
+        if (error) {
+            throw Failure(ExitCode::Usage, path + ": the current directory no longer exists");
+        }
+        absolute = current.string() + "/" + path;
     }
     // An existing file by its real name: a link is written through, not replaced.
     const std::unique_ptr<char, void (*)(void*)> real(::realpath(absolute.c_str(), nullptr),
@@ -86,15 +120,23 @@ std::string ResolveTarget(const std::string& path) {
     if (real != nullptr) {
         return real.get();
     }
+    const int reason = errno;
     const auto [directory, name] = SplitPath(absolute);
     if (name.empty() || name == "." || name == "..") {
         throw Failure(ExitCode::Usage, path + ": there is no such directory");
     }
+    if (reason == ELOOP) {
+        throw Failure(ExitCode::Usage, path + ": " + SystemReason(reason));
+    }
     const std::unique_ptr<char, void (*)(void*)> realDirectory(
         ::realpath(directory.c_str(), nullptr), &std::free);
     if (realDirectory == nullptr) {
-        throw Failure(ExitCode::Usage,
-                      path + ": the directory " + directory + ": " + SystemReason(errno));
+        const std::string given = SplitPath(path).first;
+        const std::string shown = given.size() > 1 ? given.substr(0, given.size() - 1) : given;
+        throw Failure(ExitCode::Usage, errno == ENOENT
+                                           ? path + ": there is no directory " + shown
+                                           : path + ": the directory " + shown +
+                                                 " cannot be used: " + SystemReason(errno));
     }
     std::string resolved = realDirectory.get();
     if (resolved.back() != '/') {
@@ -139,6 +181,12 @@ void OutputFile::Check() const {
         if (!force) {
             throw Failure(ExitCode::Usage, target + " exists; --force replaces it");
         }
+        struct stat parent {};
+        if (::stat(SplitPath(target).first.c_str(), &parent) == 0 &&
+            !MayReplace(parent.st_mode, parent.st_uid, status.st_uid, ::geteuid())) {
+            throw Failure(ExitCode::Usage,
+                          target + " is somebody else's and cannot be replaced in its directory");
+        }
     } else if (Exists(target)) {
         throw Failure(ExitCode::Usage, target + " is a link to a file that does not exist");
     }
@@ -150,33 +198,40 @@ void OutputFile::Check() const {
     // Only the attempt tells: permissions, read-only volumes, places that take no files.
     const int descriptor = ::open(staging.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (descriptor < 0) {
-        throw Failure(ExitCode::Usage, target + " cannot be written: " + SystemReason(errno));
+        // Nothing that another command line would mend.
+        const bool exhausted =
+            errno == ENOSPC || errno == EDQUOT || errno == EMFILE || errno == ENFILE;
+        throw Failure(exhausted ? ExitCode::Storage : ExitCode::Usage,
+                      target + " cannot be written: " + SystemReason(errno));
     }
     ::close(descriptor);
     ::unlink(staging.c_str());
 }
 
 std::string OutputFile::Commit() {
-    const auto fail = [this](const std::string& what, int error) {
-        keepStaged = true;
-        return Failure(ExitCode::Storage, target + ": " + what + ": " + SystemReason(error) +
-                                              "; the recording is in " + staging);
-    };
     if (!Synchronize(staging, O_RDONLY)) {
-        throw fail("the file could not be brought to the disk", errno);
+        throw Failure(ExitCode::Storage, target + ": the file could not be brought to the disk: " +
+                                             SystemReason(errno));
     }
     std::string name = target;
     int error = EEXIST;
+    int attempt = 0;
     if (force) {
         error = ::rename(staging.c_str(), name.c_str()) == 0 ? 0 : errno;
-    } else {
-        for (int attempt = 0; attempt < kMostFreeNames && error == EEXIST; ++attempt) {
-            name = PartPath(target, static_cast<std::size_t>(attempt));
-            error = RenameToFreeName(staging, name);
-        }
+        attempt = 1;
+    }
+    // After a refused replacement, too, a name beside it is better than a hidden one.
+    const int refused = force ? error : EEXIST;
+    for (; attempt < kMostFreeNames && (error == EEXIST || (error != 0 && error == refused));
+         ++attempt) {
+        name = PartPath(target, static_cast<std::size_t>(attempt));
+        error = RenameToFreeName(staging, name);
     }
     if (error != 0) {
-        throw fail("the file could not be given its name", error);
+        keepStaged = true;
+        throw Failure(ExitCode::Storage,
+                      target + ": the file could not be given its name: " + SystemReason(error) +
+                          "; the recording is in " + staging);
     }
     staging.clear();
     // The name, too, is to survive a power cut; a file system that cannot promise it is no error.
@@ -184,36 +239,64 @@ std::string OutputFile::Commit() {
     return name;
 }
 
-WavSummary SummarizeWav(const std::string& path) {
+bool MayReplace(unsigned directoryMode, unsigned directoryOwner, unsigned fileOwner,
+                unsigned user) {
+    return (directoryMode & S_ISVTX) == 0 || user == 0 || user == directoryOwner ||
+           user == fileOwner;
+}
+
+std::string FreeName(const std::string& path) {
+    std::string name = path;
+    for (std::size_t part = 1; Exists(name); ++part) {
+        name = PartPath(path, part);
+    }
+    return name;
+}
+
+FileSummary SummarizeWav(const std::string& path) {
     constexpr std::size_t kHeaderBytes = 44;
     constexpr std::size_t kRiffSize = 4;
     constexpr std::size_t kBlockAlign = 32;
     constexpr std::size_t kDataSize = 40;
-    WavSummary summary;
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) {
+    FileSummary summary;
+    const std::vector<unsigned char> header = ReadStart(path, kHeaderBytes, summary.bytes);
+    if (header.empty() || !Holds(header, 0, "RIFF") || !Holds(header, 8, "WAVE")) {
         return summary;
     }
-    summary.bytes = static_cast<std::uint64_t>(status.st_size);
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
-                                                               &std::fclose);
-    std::array<unsigned char, kHeaderBytes> header{};
-    if (file == nullptr || std::fread(header.data(), header.size(), 1, file.get()) != 1 ||
-        std::memcmp(header.data(), "RIFF", 4) != 0 ||
-        std::memcmp(header.data() + 8, "WAVE", 4) != 0) {
+    if (const std::uint64_t frameBytes = Number(header, kBlockAlign, 2); frameBytes > 0) {
+        summary.frames = Number(header, kDataSize, 4) / frameBytes;
+        summary.complete = Number(header, kRiffSize, 4) + 8 == summary.bytes;
+    }
+    return summary;
+}
+
+FileSummary SummarizeDsf(const std::string& path) {
+    constexpr std::size_t kHeaderBytes = 92;
+    constexpr std::size_t kTotalSize = 12;
+    constexpr std::size_t kTagPosition = 20;
+    constexpr std::size_t kFormat = 28;
+    constexpr std::size_t kChannels = 52;
+    constexpr std::size_t kSamples = 64;
+    constexpr std::size_t kBlockSize = 72;
+    constexpr std::size_t kData = 80;
+    constexpr std::size_t kDataSize = 84;
+    constexpr std::uint64_t kDataChunkHead = 12;
+    FileSummary summary;
+    const std::vector<unsigned char> header = ReadStart(path, kHeaderBytes, summary.bytes);
+    if (header.empty() || !Holds(header, 0, "DSD ") || !Holds(header, kFormat, "fmt ") ||
+        !Holds(header, kData, "data")) {
         return summary;
     }
-    const auto number = [&header](std::size_t offset, std::size_t width) {
-        std::uint64_t value = 0;
-        for (std::size_t index = 0; index < width; ++index) {
-            value |= std::uint64_t{header[offset + index]} << (8 * index);
-        }
-        return value;
-    };
-    if (const std::uint64_t frameBytes = number(kBlockAlign, 2); frameBytes > 0) {
-        summary.frames = number(kDataSize, 4) / frameBytes;
-        summary.complete = number(kRiffSize, 4) + 8 == summary.bytes;
-    }
+    summary.frames = Number(header, kSamples, 8);
+    TakeFormat format;
+    format.dsd = true;
+    format.channels = static_cast<std::uint32_t>(Number(header, kChannels, 4));
+    const std::uint64_t end = kHeaderBytes + format.PayloadBytes(summary.frames);
+    const std::uint64_t tag = Number(header, kTagPosition, 8);
+    summary.complete = Number(header, kTotalSize, 8) == summary.bytes &&
+                       Number(header, kBlockSize, 4) == TakeFormat::kDsfBlockBytes &&
+                       Number(header, kDataSize, 8) == end - kHeaderBytes + kDataChunkHead &&
+                       (tag == 0 ? summary.bytes == end : tag == end && summary.bytes > end);
     return summary;
 }
 

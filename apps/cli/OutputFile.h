@@ -7,7 +7,8 @@ namespace vorrel::cli {
 
 /// The absolute path of a file to be written, links in it followed, so that two spellings of one
 /// file are equal.
-/// @throws Failure (usage): empty, a directory's name, a directory on the way that is missing.
+/// @throws Failure (usage): empty, a directory's name, a directory on the way that is missing, a
+///         relative name where the current directory has been deleted.
 std::string ResolveTarget(const std::string& path);
 
 /// A file on its way: the engine writes it under a name of its own beside the target, and only a
@@ -25,7 +26,7 @@ public:
 
     /// Finds out now what would fail after the recording: a target that exists (without `force`)
     /// or is no regular file, a directory that takes no file. Leaves nothing behind.
-    /// @throws Failure (usage), naming the path and the reason.
+    /// @throws Failure (usage; storage when the volume is full), naming the path and the reason.
     void Check() const;
 
     const std::string& Target() const { return target; }
@@ -34,11 +35,14 @@ public:
     const std::string& StagingPath() const { return staging; }
 
     /// Brings the staged file safely to the disk and gives it the target's name. When somebody has
-    /// made a file of that name meanwhile (and without `force`), it takes the next free one, so
-    /// that a recording is never lost to a name.
+    /// made a file of that name meanwhile (and without `force`), or the old one cannot be replaced,
+    /// it takes the next free name, so that a recording is never lost to a name.
     /// @return The name that it has now.
-    /// @throws Failure (storage); the staged file then still exists under its own name.
+    /// @throws Failure (storage): it could not be brought to the disk; or it has no name but its
+    ///         own, which it then keeps (`IsKept`).
     std::string Commit();
+    /// Whether a complete file stays under the staging name.
+    bool IsKept() const { return keepStaged; }
 
 private:
     std::string target;
@@ -47,14 +51,25 @@ private:
     bool keepStaged = false;  // a complete file that could not be renamed
 };
 
-/// What stands in the header of a WAV file, as far as it tells whether the file is complete.
-struct WavSummary {
-    bool complete = false;  ///< A WAV header, and as many bytes as it announces.
+/// Whether a file that belongs to `fileOwner`, in a directory of this mode and owner, can be
+/// replaced by `user` (0 = anybody's).
+bool MayReplace(unsigned directoryMode, unsigned directoryOwner, unsigned fileOwner, unsigned user);
+
+/// `path`, or the first of its `PartPath`s at which there is nothing.
+std::string FreeName(const std::string& path);
+
+/// What stands in the header of a file, as far as it tells whether the file is complete.
+struct FileSummary {
+    bool complete = false;  ///< A header of its kind, and as many bytes as it announces.
     std::uint64_t bytes = 0;
     std::uint64_t frames = 0;
 };
 
 /// A missing or foreign file gives an incomplete summary.
-WavSummary SummarizeWav(const std::string& path);
+FileSummary SummarizeWav(const std::string& path);
+
+/// The same of a DSF file: all its sizes must agree, the samples be padded to whole blocks of every
+/// channel, and a tag stand where it is announced.
+FileSummary SummarizeDsf(const std::string& path);
 
 }  // namespace vorrel::cli

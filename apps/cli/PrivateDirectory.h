@@ -1,15 +1,29 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace vorrel::cli {
 
+/// A directory of an earlier run that was killed.
+struct Leftover {
+    std::string path;
+    std::uint64_t bytes = 0;  ///< Of the files in it.
+};
+
+/// Where temporary directories are made: `named`, absolute; "" = $TMPDIR where that is a directory,
+/// else /tmp.
+/// @throws Failure (usage): no directory.
+std::string TemporaryBase(const std::string& named);
+
 /// A fresh directory that only this process uses, removed with all that is in it. The engine clears
-/// its directory of other people's leftovers, so it must never be given a shared one.
+/// its directory of other people's leftovers, so it must never be given a shared one. It is locked
+/// for the life of the process, so that another run can tell it from one left behind.
 class PrivateDirectory {
 public:
-    /// @param base  An existing directory; "" = $TMPDIR where that is a directory, else /tmp.
-    /// @throws Failure: usage (`base` is no directory), storage (it takes no directory).
+    /// @param base  As `TemporaryBase` gave it.
+    /// @throws Failure: usage (it takes no directory), storage (it is full, or descriptors are).
     explicit PrivateDirectory(const std::string& base);
     ~PrivateDirectory() { Remove(); }
     PrivateDirectory(const PrivateDirectory&) = delete;
@@ -17,9 +31,17 @@ public:
 
     const std::string& Path() const { return path; }
     void Remove() noexcept;
+    /// Leaves it, with what is in it, to the user. `Path` stays.
+    void Keep() noexcept { kept = true; }
+
+    /// Directories in `base`, of this user and with something in them, whose process is gone. By
+    /// path. Nothing is changed.
+    static std::vector<Leftover> FindLeftovers(const std::string& base);
 
 private:
     std::string path;
+    int lock = -1;
+    bool kept = false;
 };
 
 }  // namespace vorrel::cli

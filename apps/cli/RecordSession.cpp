@@ -2,16 +2,18 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <filesystem>
 #include <limits>
 #include <utility>
 
+#include "Volumes.h"
 #include "vorrel/Vorrel.h"
 
 namespace vorrel::cli {
@@ -22,28 +24,19 @@ using namespace std::chrono_literals;
 constexpr auto kTickPeriod = 100ms;  // ten redraws a second
 constexpr auto kDiskPeriod = 500ms;
 constexpr auto kWithoutDescriptor = 20ms;  // when the engine's queue cannot be polled
-// How long a failed save's message may come after the save's end.
-constexpr auto kJudgePeriod = 2s;
 constexpr std::uint64_t kMeterShare = 10;  // a meter looks at the newest tenth of a second
 // The first may have been on its way when the pause ended.
 constexpr int kMovesAfterResume = 2;
-constexpr int kSignalExit = 128;
 
-/// Free bytes for this user on the volume of `path`; none when it cannot be told.
-std::optional<double> FreeBytes(const std::string& path) {
-    struct statvfs volume {};
-    if (::statvfs(path.c_str(), &volume) != 0) {
-        return std::nullopt;
-    }
-    return static_cast<double>(volume.f_bavail) * static_cast<double>(volume.f_frsize);
-}
-
-bool SameVolume(const std::string& one, const std::string& other) {
-    struct stat first {};
-    struct stat second {};
-    return ::stat(one.c_str(), &first) == 0 && ::stat(other.c_str(), &second) == 0 &&
-           first.st_dev == second.st_dev;
-}
+// The engine's memory holds five seconds of every channel before it spills them at once.
+constexpr double kSpillStepSeconds = 6.0;
+// What a target may still have to take after the look that found it full.
+constexpr double kTargetReserveSeconds = 2.0;
+constexpr double kReserveLooks = 4.0;
+constexpr double kTargetReserveBytes = 64.0 * 1024.0;  // a few blocks of the file system
+// To write one file: itself, what names its volume, tables of text encodings, its directory.
+constexpr std::size_t kDescriptorsToSave = 8;
+constexpr double kNoLimit = std::numeric_limits<double>::max();
 
 }  // namespace
 
@@ -52,7 +45,7 @@ RecordSession::RecordSession(const Options& options, Reporter& teller)
 
 int RecordSession::Run() {
     CheckTargets();
-    spillDirectory.emplace(record.tempDirectory);
+    OpenTemporary();
     OpenDevice();
     CheckSpace();
     WarnOfLimits();
@@ -97,6 +90,17 @@ void RecordSession::CheckTargets() {
     }
 }
 
+void RecordSession::OpenTemporary() {
+    std::error_code error;
+    startDirectory = std::filesystem::current_path(error).string();
+    temporaryBase = TemporaryBase(record.tempDirectory);
+    for (const Leftover& leftover : PrivateDirectory::FindLeftovers(temporaryBase)) {
+        reporter.Warning("a recording that was killed has left " + SizeText(leftover.bytes) +
+                         " in " + leftover.path + "; delete it when it is not needed");
+    }
+    spillDirectory.emplace(temporaryBase);
+}
+
 void RecordSession::OpenDevice() {
     notifications = OpenEngine(common);
     Require(Vorrel_SetTempDirectory(spillDirectory->Path().c_str()), ExitCode::Storage,
@@ -104,35 +108,39 @@ void RecordSession::OpenDevice() {
     const std::shared_ptr<VrAudioDeviceInfo> info = SelectDevice(common.device);
 
     VrRecordSetting setting;
-    setting.rec_type = 0;
-    setting.freq = ChooseRate(info->PCM_supported_freq, record.rateHz);
-    setting.bits = static_cast<std::uint16_t>(record.bits);
+    setting.rec_type = record.dsd ? 1 : 0;
+    setting.freq = ChooseRate(record.dsd ? info->DSD_supported_freq : info->PCM_supported_freq,
+                              record.rateHz, record.dsd);
+    setting.bits = static_cast<std::uint16_t>(record.dsd ? 1 : record.bits);
     Require(Vorrel_SetRecordSetting(&setting), ExitCode::Device,
             info->device_name + " does not take the setting");
     format.rateHz = setting.freq;
+    format.dsd = record.dsd;
     format.bits = record.bits;
     format.channels = info->i_ch;
     if (format.channels == 0) {
         throw Failure(ExitCode::Device, info->device_name + " has no inputs");
     }
+    // As many as the spill files will take are tried, too.
+    spares.Reserve(kDescriptorsToSave + format.channels + 1);
+    spares.Release(kDescriptorsToSave);
 
     // Times become frames as soon as the rate is known.
-    std::optional<std::uint64_t> wholeEnd;
     if (record.duration) {
-        wholeEnd = FrameAt(*record.duration, format.rateHz);
-        if (*wholeEnd == 0) {
+        stopAfter = FrameAt(*record.duration, format);
+        if (*stopAfter == 0) {
             throw Failure(ExitCode::Usage, "--duration is shorter than one sample");
         }
     }
     const std::size_t firstRange = wanted.size() - record.ranges.size();
     for (std::size_t index = 0; index < wanted.size(); ++index) {
         WantedFile& wish = wanted[index];
-        wish.end = wholeEnd;
+        wish.end = stopAfter;
         if (index >= firstRange) {
             const Range& range = record.ranges[index - firstRange];
-            wish.start = FrameAt(range.start, format.rateHz);
+            wish.start = FrameAt(range.start, format);
             if (range.end) {
-                wish.end = FrameAt(*range.end, format.rateHz);
+                wish.end = FrameAt(*range.end, format);
             }
             if (wish.end && *wish.end <= wish.start) {
                 throw Failure(ExitCode::Usage,
@@ -140,21 +148,28 @@ void RecordSession::OpenDevice() {
             }
         }
     }
-    reporter.Start(info->device_name, format);
+    if (IsSimulated() && !common.simulate) {
+        reporter.Warning(kSimulatedWarning);
+    }
+    reporter.Start(info->device_name, IsSimulated(), format);
 }
 
 void RecordSession::CheckSpace() {
-    const double left = SecondsLeft(MeasureDisk());
+    std::string fullest;
+    const double left = MeasureSecondsLeft(fullest);
     if (left <= 0.0) {
-        throw Failure(ExitCode::Storage, "there is no space left for a recording in " +
-                                             spillDirectory->Path() + " and " + TargetDirectory());
+        throw Failure(ExitCode::Storage, "there is no space left for a recording in " + fullest);
     }
     if (record.duration && left < *record.duration) {
-        reporter.Warning("the space left is enough for " + ClockText(left) + " only");
+        reporter.Warning("the space left in " + fullest + " is enough for " + ClockText(left) +
+                         " only");
     }
 }
 
 void RecordSession::WarnOfLimits() {
+    if (format.dsd) {
+        return;  // the sizes in a DSF file have 64 bits
+    }
     const std::string longest =
         ClockText(SecondsOfFrame(MostFrames(format, 0), format.rateHz)) + " at this format";
     for (const WantedFile& wish : wanted) {
@@ -196,7 +211,7 @@ void RecordSession::WaitForEvents() {
     }
     HandleNotifications();
     if (state == State::Judging && Clock::now() >= judgeUntil) {
-        FileFailed();
+        FileFailed("");
     }
     if (Clock::now() >= nextTick && state != State::Done) {
         Tick();
@@ -246,9 +261,9 @@ void RecordSession::HandlePosition(double seconds) {
     if (state != State::Starting && state != State::Recording) {
         return;
     }
-    if (record.duration) {
+    if (stopAfter) {
         const auto tenths = static_cast<std::uint64_t>(std::llround(seconds * 10.0));
-        if (tenths * format.rateHz >= FrameAt(*record.duration, format.rateHz) * 10) {
+        if (tenths * format.rateHz >= *stopAfter * 10) {
             RequestStop();
             return;
         }
@@ -291,7 +306,7 @@ void RecordSession::HandleMessage(const MessageCame& message) {
         case VrMessageTempDirectoryMissing:
             if (saving) {
                 if (state == State::Judging) {
-                    FileFailed();
+                    FileFailed("");
                 }
                 break;
             }
@@ -299,8 +314,8 @@ void RecordSession::HandleMessage(const MessageCame& message) {
                 storageFailed = true;
                 Fail(Failure(ExitCode::Storage,
                              message.kind == VrMessageRecordWriteFailed
-                                 ? "the recording cannot be stored any longer (" +
-                                       spillDirectory->Path() + "); it ends here"
+                                 ? "the recording cannot be stored any longer in " +
+                                       spillDirectory->Path() + WhyNotStored() + "; it ends here"
                                  : "the temporary directory " + spillDirectory->Path() +
                                        " is gone; the recording ends here"));
                 RequestStop();
@@ -308,7 +323,7 @@ void RecordSession::HandleMessage(const MessageCame& message) {
             break;
         case VrMessageSaveFailed:
             if (state == State::Judging && message.text == current->StagingPath()) {
-                FileFailed();
+                FileFailed("");
             }
             break;
         case VrMessageFileSkipped:
@@ -336,7 +351,7 @@ void RecordSession::HandleSignal(int number) {
         LeaveAtOnce(number);
     }
     ++stopSignals;
-    if (stopSignals > 1 || number == SIGQUIT) {
+    if (stopSignals > 1) {
         Abandon(number);
         return;
     }
@@ -360,11 +375,15 @@ void RecordSession::Tick() {
     const bool running = state == State::Recording || state == State::Paused;
     if (running && now >= nextDiskLook) {
         nextDiskLook = now + kDiskPeriod;
-        status.diskSecondsLeft = SecondsLeft(MeasureDisk());
+        growthPerLook = position - positionAtLook;
+        positionAtLook = position;
+        std::string fullest;
+        status.diskSecondsLeft = MeasureSecondsLeft(fullest);
         if (*status.diskSecondsLeft <= 0.0 && !storageFailed) {
             // Now, while the files still find room.
             storageFailed = true;
-            Fail(Failure(ExitCode::Storage, "the disk is full; the recording ends here"));
+            Fail(Failure(ExitCode::Storage,
+                         "the disk is full (" + fullest + "); the recording ends here"));
             RequestStop();
         }
     }
@@ -398,6 +417,7 @@ void RecordSession::TogglePause() {
     if (state == State::Paused) {
         HandleNotifications();  // positions from before the pause say nothing of what follows it
         if (state == State::Paused && Vorrel_Resume() == VrSuccess) {
+            ++stretches;
             movesUntilPause = kMovesAfterResume;
             Enter(State::Recording);
         }
@@ -454,6 +474,7 @@ void RecordSession::LeaveAtOnce(int number) {
     if (current) {
         ::unlink(current->StagingPath().c_str());
     }
+    spares.Release(0);
     spillDirectory->Remove();
     ::_exit(kSignalExit + number);
 }
@@ -462,177 +483,66 @@ void RecordSession::Fail(const Failure& failure) {
     reporter.Error(failure);
 }
 
-void RecordSession::BeginSave() {
-    if (abandonedBy != 0) {
-        Enter(State::Done);
-        return;
-    }
-    SavePlan plan = MakeSavePlan(wanted, format, RecordedFrames(), TagBytesBound(record.tags));
-    const bool nothing = RecordedFrames() == 0;
-    for (const WantedFile& wish : plan.missed) {
-        filesSkipped = true;
-        reporter.Skipped(wish.path,
-                         nothing ? "nothing was recorded" : "the recording ended before it begins");
-    }
-    for (const PlannedFile& file : plan.files) {
-        framesToSave += file.end - file.start;
-        if (file.shortened && !wanted[file.wanted].whole) {
-            reporter.Warning(file.path + " is shorter than wanted: the recording ended at " +
-                             ClockText(SecondsOfFrame(file.end, format.rateHz)));
-        }
-        if (file.tooLarge) {
-            reporter.Warning(file.path + " would pass the 4 GiB that a WAV file can hold");
-        } else if (file.part == 1) {
-            reporter.Info(wanted[file.wanted].path +
-                          " would pass the 4 GiB that a WAV file can hold; saving it in parts");
-        }
-    }
-    queue.assign(plan.files.begin(), plan.files.end());
-    Enter(State::Saving);
-    status.state = "saving";
-    status.levels.clear();
-    status.diskSecondsLeft.reset();
-    SaveNext();
-}
-
-void RecordSession::SaveNext() {
-    current.reset();
-    if (queue.empty() || abandonedBy != 0) {
-        Enter(State::Done);
-        return;
-    }
-    // One request a file, so that a file that fails takes no other with it.
-    const PlannedFile& file = queue.front();
-    current.emplace(file.path, record.force);
-    currentSkipped = false;
-    VrSaveSetting setting;
-    setting.path = current->StagingPath();
-    setting.start = SecondsOfFrame(file.start, format.rateHz);
-    // A bit past the end where all is wanted: the engine knows the exact length.
-    setting.end = SecondsOfFrame(file.end + (file.toEnd ? format.rateHz : 0), format.rateHz);
-    setting.gain = record.gain;
-    setting.tags = record.tags;
-    const std::vector<VrSaveSetting> request = {setting};
-    Enter(State::Saving);
-    if (Vorrel_SaveFile(&request) != VrSuccess) {
-        FileFailed();
-    }
-}
-
-void RecordSession::JudgeFile() {
-    if (abandonedBy != 0) {
-        current.reset();
-        Enter(State::Done);
-        return;
-    }
-    const PlannedFile file = queue.front();
-    if (currentSkipped) {
-        filesSkipped = true;
-        reporter.Skipped(file.path, file.tooLarge
-                                        ? "it would pass the 4 GiB that a WAV file can hold"
-                                        : "it could not be made, or is too large for its volume");
-        framesSaved += file.end - file.start;
-        queue.pop_front();
-        SaveNext();
-        return;
-    }
-    const WavSummary summary = SummarizeWav(current->StagingPath());
-    if (!summary.complete) {
-        Enter(State::Judging);  // the failure's message follows the end of the save
-        judgeUntil = Clock::now() + kJudgePeriod;
-        return;
-    }
-    try {
-        const std::string name = current->Commit();
-        if (name != file.path) {
-            storageFailed = true;
-            Fail(Failure(ExitCode::Storage,
-                         file.path + " has come into being meanwhile; saved as " + name));
-        }
-        framesSaved += file.end - file.start;
-        reporter.Progress(name, 100.0);
-        reporter.Saved(name, summary.bytes, summary.frames,
-                       static_cast<double>(summary.frames) / static_cast<double>(format.rateHz));
-    } catch (const Failure& failure) {
-        storageFailed = true;
-        Fail(failure);
-    }
-    queue.pop_front();
-    SaveNext();
-}
-
-void RecordSession::FileFailed() {
-    const PlannedFile file = queue.front();
-    storageFailed = true;
-    const std::optional<double> room = FreeBytes(TargetDirectory());
-    const double needed = static_cast<double>((file.end - file.start) * format.FrameBytes());
-    Fail(Failure(ExitCode::Storage,
-                 file.path + " could not be saved" +
-                     (room && *room < needed ? ": there is not enough space" : "")));
-    queue.pop_front();
-    SaveNext();
-}
-
-int RecordSession::Finish() {
-    current.reset();
-    // Gives the spill files back, so that the directory can go.
-    std::ignore = Vorrel_New();
-    spillDirectory->Remove();
-    keyboard->Suspend();
-    if (abandonedBy != 0) {
-        return kSignalExit + abandonedBy;
-    }
-    ExitCode code = ExitCode::Done;
-    if (storageFailed) {
-        code = ExitCode::Storage;
-    } else if (deviceFailed) {
-        code = ExitCode::Device;
-    } else if (filesSkipped) {
-        code = ExitCode::Skipped;
-    } else if (buffersLost) {
-        code = ExitCode::Dropouts;
-    }
-    return static_cast<int>(code);
-}
-
 // ---- What is looked at
 
-std::uint64_t RecordSession::RecordedFrames() const {
-    // The preview has one frame a sample, and all of it once the engine has stopped.
-    std::uint64_t frames = 0;
-    if (Vorrel_GetPreviewDataLength(&frames) != VrSuccess) {
-        frames = 0;
-    }
-    const auto told =
-        static_cast<std::uint64_t>(std::llround(position * 10.0)) * format.rateHz / 10;
-    return std::max(frames, told);
-}
+std::vector<RecordSession::Volume> RecordSession::MeasureVolumes() const {
+    std::vector<Volume> volumes;
+    std::vector<std::optional<dev_t>> known;
+    const auto volumeOf = [&](const std::string& directory) -> VolumeState& {
+        const std::optional<dev_t> number = VolumeOf(directory);
+        const auto found = std::find(known.begin(), known.end(), number);
+        if (found != known.end()) {
+            return volumes[static_cast<std::size_t>(found - known.begin())].state;
+        }
+        known.push_back(number);
+        Volume volume;
+        volume.directory = directory;
+        volume.state.free = FreeBytes(directory).value_or(kNoLimit);
+        return volumes.emplace_back(std::move(volume)).state;
+    };
+    const double ahead = kReserveLooks * growthPerLook;
 
-std::string RecordSession::TargetDirectory() const {
-    const std::string& path = wanted.front().path;
-    return path.substr(0, path.rfind('/') + 1);
-}
-
-DiskState RecordSession::MeasureDisk() const {
-    constexpr double kNoLimit = std::numeric_limits<double>::max();
-    const double rate = static_cast<double>(format.rateHz);
-    const double frameBytes = static_cast<double>(format.FrameBytes());
-    const double recorded = position * rate;
-    DiskState disk;
-    disk.spillFree = FreeBytes(spillDirectory->Path()).value_or(kNoLimit);
-    disk.targetFree = FreeBytes(TargetDirectory()).value_or(kNoLimit);
-    disk.sameVolume = SameVolume(spillDirectory->Path(), TargetDirectory());
-    // Four bytes a sample as captured and two of preview.
-    disk.spillRate = rate * format.channels * 6.0;
+    VolumeState& spill = volumeOf(spillDirectory->Path());
+    spill.rate = format.SpillRate();
+    spill.reserve = std::max(kSpillStepSeconds, ahead) * format.SpillRate();
+    const auto recorded =
+        static_cast<std::uint64_t>(std::llround(position * static_cast<double>(format.rateHz)));
+    const double extra =
+        static_cast<double>(FileBytes(format, 0, TagBytesBound(record.tags))) + kTargetReserveBytes;
     for (const WantedFile& wish : wanted) {
-        const double start = static_cast<double>(wish.start);
-        const double end = wish.end ? static_cast<double>(*wish.end) : kNoLimit;
-        disk.targetBytes += std::clamp(recorded - start, 0.0, end - start) * frameBytes;
-        if (recorded >= start && recorded < end) {
-            disk.targetRate += rate * frameBytes;
+        VolumeState& target = volumeOf(DirectoryOf(wish.path));
+        target.reserve += extra;
+        const std::uint64_t end = std::min(recorded, wish.end.value_or(recorded));
+        if (end > wish.start) {
+            target.needed += static_cast<double>(format.PayloadBytes(end - wish.start));
+        }
+        if (recorded >= wish.start && (!wish.end || recorded < *wish.end)) {
+            target.rate += format.FileRate();
+            target.reserve += std::max(kTargetReserveSeconds, ahead) * format.FileRate();
         }
     }
-    return disk;
+    return volumes;
+}
+
+double RecordSession::MeasureSecondsLeft(std::string& fullest) const {
+    double least = std::numeric_limits<double>::infinity();
+    for (const Volume& volume : MeasureVolumes()) {
+        const double left = SecondsLeft({volume.state});
+        if (left < least || fullest.empty()) {
+            least = left;
+            fullest = volume.directory;
+        }
+    }
+    return least;
+}
+
+std::string RecordSession::WhyNotStored() const {
+    const double block = format.SpillRate() * kSpillStepSeconds;
+    std::string reason = WhyNotWritten(spillDirectory->Path() + "/", block);
+    if (reason.empty() && LargestFile(spillDirectory->Path()) < kNoLimit) {
+        reason = std::strerror(EFBIG);
+    }
+    return reason.empty() ? "" : ": " + reason;
 }
 
 void RecordSession::MeasureLevels() {
@@ -641,7 +551,7 @@ void RecordSession::MeasureLevels() {
         return;
     }
     previewSeen = length;
-    const std::uint64_t frames = std::min(length, format.rateHz / kMeterShare);
+    const std::uint64_t frames = std::min(length, format.PreviewRateHz() / kMeterShare);
     std::vector<std::int16_t> samples(static_cast<std::size_t>(frames * format.channels));
     if (frames > 0 &&
         Vorrel_GetRecordingPreviewData(length - frames, length, samples.data()) == VrSuccess) {

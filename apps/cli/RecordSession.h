@@ -16,6 +16,7 @@
 #include "Reporter.h"
 #include "SavePlan.h"
 #include "Signals.h"
+#include "SpareDescriptors.h"
 
 namespace vorrel::cli {
 
@@ -29,12 +30,17 @@ public:
     /// @throws Failure before a recording runs; nothing is left behind then.
     int Run();
 
+    /// Whether what the engine has stored is all there is of a part of the recording, and has been
+    /// left to the user: the engine must not come to its own end, at which it deletes it.
+    bool KeepsStore() const { return keepStore; }
+
 private:
     enum class State { Starting, Recording, Paused, Stopping, Saving, Judging, Done };
     using Clock = std::chrono::steady_clock;
 
     // Before the recording.
     void CheckTargets();
+    void OpenTemporary();
     void OpenDevice();
     void CheckSpace();
     void WarnOfLimits();
@@ -60,21 +66,31 @@ private:
     void BeginSave();
     void SaveNext();
     void JudgeFile();
-    void FileFailed();
+    void FileFailed(std::string reason);
+    void Rescue(const PlannedFile& file);
+    void LeaveStore();
     int Finish();
 
+    struct Volume {
+        std::string directory;  // one on it
+        VolumeState state;
+    };
     std::uint64_t RecordedFrames() const;
-    DiskState MeasureDisk() const;
+    std::vector<Volume> MeasureVolumes() const;
+    double MeasureSecondsLeft(std::string& fullest) const;
+    std::string WhyNotStored() const;
     void MeasureLevels();
     void ShowStatus();
-    std::string TargetDirectory() const;
 
     const CommonOptions& common;
     const RecordOptions& record;
     Reporter& reporter;
 
     Signals signals;
+    std::string temporaryBase;
+    std::string startDirectory;  // "" = deleted
     std::optional<PrivateDirectory> spillDirectory;
+    SpareDescriptors spares;
     std::shared_ptr<Notifications> notifications;
     std::optional<Keyboard> keyboard;  // after all else, so that the terminal is put back first
     TakeFormat format;
@@ -87,8 +103,11 @@ private:
     Clock::time_point judgeUntil;
 
     State state = State::Starting;
+    std::optional<std::uint64_t> stopAfter;  // frames
     double position = 0.0;
-    int movesUntilPause = 1;  // positions still to come before the recording has surely grown
+    double positionAtLook = 0.0, growthPerLook = 0.0;
+    std::uint64_t stretches = 1;  // of recording, with pauses between them
+    int movesUntilPause = 1;      // positions still to come before the recording has surely grown
     bool pausePending = false;
     bool deviceStarted = false;
     int stopSignals = 0;
@@ -99,6 +118,7 @@ private:
     Clock::time_point nextTick, nextDiskLook;
 
     bool storageFailed = false, deviceFailed = false, filesSkipped = false, buffersLost = false;
+    bool storeNeeded = false, keepStore = false;
 };
 
 }  // namespace vorrel::cli

@@ -2,16 +2,55 @@
 
 #include <unistd.h>
 
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
+#include <tuple>
 
 #include "TimeRange.h"
 
 namespace vorrel::cli {
+namespace {
 
-Reporter::Reporter(bool wantsJson, bool wantsQuiet) : screen(STDERR_FILENO), quiet(wantsQuiet) {
+using namespace std::chrono_literals;
+
+constexpr auto kLastWait = 1s;      // for a reader that does not read, at the end
+constexpr auto kShortWait = 200ms;  // ... before the process stops
+
+}  // namespace
+
+Reporter::Reporter(bool wantsJson, bool wantsQuiet, bool stdoutClosed)
+    : error(STDERR_FILENO),
+      out(STDOUT_FILENO, stdoutClosed ? EBADF : 0),
+      screen(STDERR_FILENO, error),
+      quiet(wantsQuiet) {
     if (wantsJson) {
-        json.emplace();
+        json.emplace(out);
     }
+}
+
+void Reporter::Device(const std::string& name, bool simulated) {
+    if (json) {
+        json->Device(name, simulated);
+    }
+}
+
+void Reporter::DeviceInfo(const VrAudioDeviceInfo& info, bool simulated) {
+    if (json) {
+        json->Info(info, simulated);
+    }
+}
+
+void Reporter::RequireWritten() {
+    if (!out.Flush(std::nullopt)) {
+        throw Failure(ExitCode::Storage, std::string("the output could not be written: ") +
+                                             std::strerror(out.Error()));
+    }
+}
+
+void Reporter::ClearScreen() {
+    screen.Clear();
+    std::ignore = error.Flush(kShortWait);
+    std::ignore = out.Flush(kShortWait);
 }
 
 void Reporter::Info(const std::string& text) {
@@ -34,12 +73,13 @@ void Reporter::Error(const Failure& failure) {
     }
 }
 
-void Reporter::Start(const std::string& device, const TakeFormat& format) {
-    Info("recording from " + device + ": " + std::to_string(format.channels) +
-         (format.channels == 1 ? " channel, " : " channels, ") + std::to_string(format.rateHz) +
-         " Hz, " + std::to_string(format.bits) + " bits");
+void Reporter::Start(const std::string& device, bool simulated, const TakeFormat& format) {
+    Info("recording from " + std::string(simulated ? "the simulated " : "") + device + ": " +
+         std::to_string(format.channels) + (format.channels == 1 ? " channel, " : " channels, ") +
+         std::to_string(format.rateHz) + " Hz, " +
+         (format.dsd ? std::string("DSD") : std::to_string(format.bits) + " bits"));
     if (json) {
-        json->Start(device, format);
+        json->Start(device, simulated, format);
     }
 }
 
@@ -78,6 +118,19 @@ void Reporter::Saved(const std::string& file, std::uint64_t bytes, std::uint64_t
     }
 }
 
+void Reporter::Rescued(const std::string& wanted, const std::string& file) {
+    Warning("what was to become " + wanted + " is in " + file);
+    if (json) {
+        json->Rescued(wanted, file);
+    }
+}
+
+void Reporter::Kept(const std::string& directory) {
+    if (json) {
+        json->Kept(directory);
+    }
+}
+
 void Reporter::Skipped(const std::string& file, const std::string& reason) {
     screen.Print("vorrel: skipped " + file + ": " + reason);
     if (json) {
@@ -89,7 +142,14 @@ void Reporter::Finish(int exitCode) {
     screen.Clear();
     if (json) {
         json->Finish(exitCode);
+        std::ignore = out.Flush(kLastWait);
+        // A reader that has gone has its reasons; a place that takes nothing is worth a word.
+        if (const int reason = out.Error(); reason != 0 && reason != EPIPE) {
+            screen.Print(std::string("vorrel: warning: the JSON output could not be written: ") +
+                         std::strerror(reason));
+        }
     }
+    std::ignore = error.Flush(kLastWait);
 }
 
 }  // namespace vorrel::cli

@@ -7,14 +7,17 @@
 
 #include "ExitCode.h"
 #include "JsonOutput.h"
+#include "Output.h"
 #include "Screen.h"
 
 namespace vorrel::cli {
 
-/// Tells people (stderr) and programs (stdout, with --json) the same things.
+/// Tells people (stderr) and programs (stdout, with --json) the same things. Never waits for a
+/// reader, but for a short time at the end.
 class Reporter {
 public:
-    Reporter(bool json, bool quiet);
+    /// @param stdoutClosed  Whether the parent has given the process no stdout.
+    Reporter(bool json, bool quiet, bool stdoutClosed);
 
     /// Whether anybody would see levels and progress between two messages.
     bool HasLiveAudience() const { return json || (screen.IsTerminal() && !quiet); }
@@ -22,19 +25,33 @@ public:
     void Info(const std::string& text);  ///< For people, unless --quiet.
     void Warning(const std::string& text);
     void Error(const Failure& failure);
-    void Start(const std::string& device, const TakeFormat& format);
+    /// A line of an answer, on stdout.
+    void Answer(const std::string& line) { out.Write(line + "\n", Output::Kind::Lasting); }
+    /// The answers as objects; only with --json.
+    void Device(const std::string& name, bool simulated);
+    void DeviceInfo(const VrAudioDeviceInfo& info, bool simulated);
+    /// Waits until stdout has taken everything.
+    /// @throws Failure (storage) when it has not.
+    void RequireWritten();
+
+    void Start(const std::string& device, bool simulated, const TakeFormat& format);
     void State(const std::string& state);
     void Position(double seconds);
     /// The moving line and its counterpart for programs.
     void Status(const StatusLine& status);
     void Progress(const std::string& file, double percent);
     void Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames, double seconds);
+    /// A file that could not be had where it was wanted has become `file`.
+    void Rescued(const std::string& wanted, const std::string& file);
+    /// Nothing could be saved; what the engine has stored stays in `directory`.
+    void Kept(const std::string& directory);
     void Skipped(const std::string& file, const std::string& reason);
     void Finish(int exitCode);
     /// Before the process stops or ends without this object's end.
-    void ClearScreen() { screen.Clear(); }
+    void ClearScreen();
 
 private:
+    Output error, out;
     Screen screen;
     std::optional<JsonOutput> json;
     bool quiet;

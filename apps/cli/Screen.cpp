@@ -3,7 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -16,21 +16,19 @@ constexpr std::size_t kUsualColumns = 80;
 constexpr std::size_t kWidestBar = 24;
 constexpr std::size_t kNarrowestBar = 4;
 
-std::string Compose(const StatusLine& status, std::size_t barWidth) {
+/// All but the meters, the most important first.
+std::string Head(const StatusLine& status) {
     std::string text = ClockText(status.position) + " " + status.state;
     if (status.savePercent) {
         char percent[32];
         std::snprintf(percent, sizeof percent, " %3.0f %%", std::floor(*status.savePercent));
         text += percent;
     }
-    if (!status.levels.empty()) {
-        text += "  " + MeterText(status.levels, barWidth);
+    if (status.lostBuffers) {
+        text += "  BUFFERS LOST";
     }
     if (status.diskSecondsLeft) {
         text += "  disk " + DiskTimeText(*status.diskSecondsLeft);
-    }
-    if (status.lostBuffers) {
-        text += "  BUFFERS LOST";
     }
     return text;
 }
@@ -54,52 +52,46 @@ std::string DiskTimeText(double seconds) {
 }
 
 std::string StatusText(const StatusLine& status, std::size_t columns) {
-    std::string text;
-    for (std::size_t bar = kWidestBar; bar >= kNarrowestBar; --bar) {
-        text = Compose(status, bar);
-        if (text.size() <= columns) {
-            return text;
+    const std::string head = Head(status);
+    std::string text = head;
+    if (!status.levels.empty()) {
+        for (std::size_t bar = kWidestBar; bar >= kNarrowestBar; --bar) {
+            text = head + "  " + MeterText(status.levels, bar);
+            if (text.size() <= columns) {
+                return text;
+            }
         }
+        text = head + "  " + CompactMeterText(status.levels);
     }
-    text.resize(columns);
+    text.resize(std::min(text.size(), columns));
     return text;
 }
 
-Screen::Screen(int output) : descriptor(output), terminal(::isatty(output) != 0) {}
-
-void Screen::Write(const std::string& text) const {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t count = ::write(descriptor, text.data() + done, text.size() - done);
-        if (count < 0 && errno != EINTR) {
-            return;  // nobody reads any more: no reason to end a recording
-        }
-        done += count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
-}
+Screen::Screen(int target, Output& texts)
+    : output(texts), descriptor(target), terminal(::isatty(target) != 0) {}
 
 void Screen::Draw(const StatusLine& status) {
-    if (!terminal) {
+    if (!terminal || !output.Idle()) {
         return;
     }
     winsize size{};
     const bool known = ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
     // One column stays free: a full line would wrap on some terminals.
     const std::size_t columns = (known ? size.ws_col : kUsualColumns) - 1;
-    Write("\r" + StatusText(status, columns) + "\x1b[K");
+    output.Write("\r" + StatusText(status, columns) + "\x1b[K", Output::Kind::Passing);
     drawn = true;
 }
 
 void Screen::Clear() {
     if (drawn) {
-        Write("\r\x1b[K");
+        output.Write("\r\x1b[K", Output::Kind::Lasting);
         drawn = false;
     }
 }
 
 void Screen::Print(const std::string& text) {
     Clear();
-    Write(text + "\n");
+    output.Write(text + "\n", Output::Kind::Lasting);
 }
 
 }  // namespace vorrel::cli

@@ -7,6 +7,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
+#include <string>
 #include <tuple>
 
 #include "ExitCode.h"
@@ -16,10 +18,18 @@ namespace {
 
 constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT};
 
-/// The program's one global: a handler is given nothing else to hold on to.
+/// The program's only globals: a handler is given nothing else to hold on to.
 std::atomic<int> writeEnd{-1};
+std::atomic<int> decidedExit{-1};  // -1 = a recording still runs
+std::atomic<int> lateSignals{0};
 
 extern "C" void VorrelCliOnSignal(int number) {
+    if (const int exitCode = decidedExit.load(); exitCode >= 0) {
+        if (number != SIGCONT && number != SIGTSTP && ++lateSignals > 1) {
+            ::_exit(exitCode);
+        }
+        return;
+    }
     const int saved = errno;
     const auto byte = static_cast<unsigned char>(number);
     // A full pipe holds enough signals already.
@@ -32,7 +42,8 @@ extern "C" void VorrelCliOnSignal(int number) {
 Signals::Signals() {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-        throw Failure(ExitCode::Storage, "no pipe can be opened for signals");
+        throw Failure(ExitCode::Storage,
+                      "no pipe can be opened for signals: " + std::string(std::strerror(errno)));
     }
     readEnd = ends[0];
     writeEnd = ends[1];
@@ -47,11 +58,13 @@ Signals::Signals() {
         }
         ::sigaction(number, &action, nullptr);
     }
-    ::signal(SIGPIPE, SIG_IGN);
 }
 
 Signals::~Signals() {
     for (const int number : kSignals) {
+        if (decidedExit.load() >= 0) {
+            break;
+        }
         struct sigaction old {};
         if (::sigaction(number, nullptr, &old) == 0 && old.sa_handler == &VorrelCliOnSignal) {
             ::signal(number, SIG_DFL);
@@ -59,6 +72,10 @@ Signals::~Signals() {
     }
     ::close(writeEnd.exchange(-1));
     ::close(readEnd);
+}
+
+void Signals::EndWith(int exitCode) {
+    decidedExit = exitCode;
 }
 
 std::vector<int> Signals::Take() {

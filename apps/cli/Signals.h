@@ -6,8 +6,7 @@ namespace vorrel::cli {
 
 /// Turns signals into bytes of a pipe, so that the event loop meets them between two events.
 /// SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP and SIGCONT; a hang-up or stop key that the parent
-/// ignores (nohup) stays ignored. SIGPIPE is ignored: a reader that goes away ends no recording.
-/// One at a time.
+/// ignores (nohup) stays ignored. One at a time.
 ///
 /// A handler and not a blocked mask: the engine's threads exist before `main`, and a mask set
 /// there would not reach them.
@@ -23,6 +22,10 @@ public:
     int Descriptor() const { return readEnd; }
     /// The signals that came since the last call, in order.
     std::vector<int> Take();
+
+    /// Everything is decided: to the end of the process a signal changes neither what is left
+    /// behind nor the exit code, which is `exitCode`. The second one ends a process that hangs.
+    static void EndWith(int exitCode);
 
 private:
     int readEnd = -1;

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 
 #include "ExitCode.h"
 
@@ -26,17 +27,17 @@ std::optional<double> ParseDigits(std::string_view text, bool pointAllowed) {
             return std::nullopt;
         }
     }
-    double value = 0.0;
-    if (!digit ||
-        std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{}) {
+    if (!digit) {
         return std::nullopt;
     }
-    return value;
+    double value = 0.0;
+    // Digits alone are always a number, one past every limit perhaps.
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+    return result.ec == std::errc::result_out_of_range ? std::numeric_limits<double>::max() : value;
 }
 
-}  // namespace
-
-std::optional<double> ParseTime(std::string_view text) {
+/// Any time, however long.
+std::optional<double> ParseAnyTime(std::string_view text) {
     double seconds = 0.0;
     for (int field = 0;; ++field) {
         const std::size_t colon = text.find(':');
@@ -52,10 +53,19 @@ std::optional<double> ParseTime(std::string_view text) {
         }
         text.remove_prefix(colon + 1);
     }
-    if (seconds > kLongestSeconds) {
-        return std::nullopt;
-    }
     return seconds;
+}
+
+}  // namespace
+
+std::optional<double> ParseTime(std::string_view text) {
+    const std::optional<double> seconds = ParseAnyTime(text);
+    return seconds && *seconds > kLongestSeconds ? std::nullopt : seconds;
+}
+
+std::string TimeRefusal(std::string_view text) {
+    return ParseAnyTime(text) ? "is too long: no more than 2777 hours"
+                              : "is no time (seconds, or 1:30.5)";
 }
 
 Range ParseRange(std::string_view text) {
@@ -76,16 +86,19 @@ Range ParseRange(std::string_view text) {
 
     const std::optional<double> start = ParseTime(startText);
     if (!start) {
-        throw refuse("\"" + std::string(startText) + "\" is no time (seconds, or 1:30.5)");
+        throw refuse("\"" + std::string(startText) + "\" " + TimeRefusal(startText));
     }
     Range range;
     range.start = *start;
     if (!endText.empty()) {
         range.end = ParseTime(endText);
         if (!range.end) {
-            throw refuse("\"" + std::string(endText) + "\" is no time (seconds, or 1:30.5)");
+            throw refuse("\"" + std::string(endText) + "\" " + TimeRefusal(endText));
         }
-        if (*range.end <= range.start) {
+        if (*range.end == range.start) {
+            throw refuse("it is empty, it ends where it begins");
+        }
+        if (*range.end < range.start) {
             throw refuse("it ends before it has begun");
         }
     }
@@ -94,10 +107,6 @@ Range ParseRange(std::string_view text) {
         throw refuse("the file's name is missing");
     }
     return range;
-}
-
-std::uint64_t FrameAt(double seconds, std::uint64_t rateHz) {
-    return static_cast<std::uint64_t>(std::llround(seconds * static_cast<double>(rateHz)));
 }
 
 double SecondsOfFrame(std::uint64_t frame, std::uint64_t rateHz) {

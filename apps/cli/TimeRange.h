@@ -18,13 +18,13 @@ struct Range {
 /// @return Seconds; none for anything else, negative times and times above 10,000,000 s included.
 std::optional<double> ParseTime(std::string_view text);
 
+/// Why `ParseTime` refuses a text: "is no time (seconds, or 1:30.5)", "is too long".
+std::string TimeRefusal(std::string_view text);
+
 /// Reads START-END=FILE; an empty END means the end of the recording. The file's name may contain
 /// further "=" and "-".
 /// @throws Failure (usage) that quotes the text and says what is wrong with it.
 Range ParseRange(std::string_view text);
-
-/// The frame nearest to a time that came from `ParseTime`.
-std::uint64_t FrameAt(double seconds, std::uint64_t rateHz);
 
 /// Seconds that the engine, which multiplies by the rate and cuts off, turns into exactly `frame`:
 /// the middle of the frame, so that no rounding can reach a neighbour.

@@ -32,19 +32,18 @@ namespace {
 //
 // It has no feedback, so the lanes of a vector work on different outputs: lane j of a block on the
 // bits of its j-th `kLaneBytes` bytes. Input vector i of a block holds, in lane j, the input i bits
-// after the first bit of lane j; with i counted over the whole stream, a vector serves every block
-// that looks back on it, and all loads are aligned. Each output has four sums of its own, tap k
-// going to sum k mod 4 in the order of k: the bits are those of the filter taken one output at a
-// time. Inputs are +0.5 and -0.5 and taps carry twice the gain: a pair's sum is 1, 0 or -1, and its
-// product exact.
+// after the first bit of lane j: all loads are aligned, and one vector serves many outputs. Each
+// output has four sums of its own, tap k going to sum k mod 4 in the order of k: the bits are those
+// of the filter taken one output at a time. Inputs are +0.5 and -0.5 and taps carry twice the gain:
+// a pair's sum is 1, 0 or -1, and its product exact.
 
 constexpr std::size_t kTaps = DsdGainState::kTaps;
 constexpr std::size_t kHistoryBytes = DsdGainState::kHistoryBytes;
 constexpr std::size_t kHistoryBits = 8 * kHistoryBytes;
 constexpr std::size_t kLaneBits = 8 * kLaneBytes;
 constexpr std::size_t kBlockBytes = kLanes * kLaneBytes;
-/// Bytes before and in a window of blocks whose input vectors it holds, eight each.
-constexpr std::size_t kWindowBytes = kHistoryBytes + kLaneBytes + (kWindowBlocks - 1) * kBlockBytes;
+/// Bytes whose eight input vectors a block needs: the history, and where lane 0 is at work.
+constexpr std::size_t kWindowBytes = kHistoryBytes + kLaneBytes;
 
 /// Outputs of a block, as [bit of its lane][lane].
 struct Outputs {
@@ -67,8 +66,8 @@ struct Tile {
 };
 
 /// The number of a tap only tells which registers it takes; this many taps bring them round.
-constexpr std::size_t kRound = 12;
-static_assert(kRound % 4 == 0 && kRound % kTileBits == 0);
+constexpr std::size_t kRound = 4;
+static_assert(kRound % kTileBits == 0);
 
 /// Takes the next tap; `k` is its number modulo `kRound`.
 template <std::size_t k, bool first = false>
@@ -132,14 +131,13 @@ VORREL_INLINE void EndTile(const Tile& tile, Outputs& out, std::size_t firstBit)
 
 /// Filters the block whose input vector 0 stands at `block`.
 void Filter(const float* block, const float* taps, Outputs& out) {
-    constexpr std::size_t kLastTaps = (kTaps - kFirstTaps) % kRound;
+    static_assert((kTaps - kFirstTaps) % kRound == 0);
     for (std::size_t bit = 0; bit < kLaneBits; bit += kTileBits) {
         Tile tile;
         BeginTile(tile, block, bit, taps);
-        for (std::size_t k = kFirstTaps; k + kRound <= kTaps; k += kRound) {
+        for (std::size_t k = kFirstTaps; k < kTaps; k += kRound) {
             TakeTaps<kFirstTaps>(tile, std::make_index_sequence<kRound>{});
         }
-        TakeTaps<kFirstTaps>(tile, std::make_index_sequence<kLastTaps>{});
         EndTile(tile, out, bit);
     }
 }
@@ -148,8 +146,8 @@ void Filter(const float* block, const float* taps, Outputs& out) {
 //
 // Each integrator follows the literal step exactly, but for the limits. Of the value that is
 // quantised only the sign counts, so it is summed in another order, from the integrators one step
-// before: the step's result is then needed for one subtraction only. A byte in which a value was
-// near zero, or an integrator passed its limit, is done again literally.
+// before: the bit is then waited for by one subtraction and one product only. A byte in which a
+// value was near zero, or an integrator passed its limit, is done again literally.
 
 constexpr double kWeights[5] = {0.791882, 0.304545, 0.06993, 0.009496, 0.000607};
 constexpr double kResonators[2] = {0.000496, 0.001789};
@@ -158,11 +156,14 @@ constexpr double kLimits[5] = {4.0, 9.0, 25.0, 92.0, 700.0};
 constexpr double kDoubt = 1e-9;
 
 constexpr Pair kResonatorPair = {kResonators[0], kResonators[1]};
+constexpr Pair kWeights00 = {kWeights[0], kWeights[0]};
+constexpr Pair kWeights13 = {kWeights[1], kWeights[3]};
+constexpr Pair kWeights24 = {kWeights[2], kWeights[4]};
+constexpr Pair kLimits00 = {kLimits[0], kLimits[0]};
 constexpr Pair kLimits13 = {kLimits[1], kLimits[3]};
 constexpr Pair kLimits24 = {kLimits[2], kLimits[4]};
-// Weights of the input and of the integrators in the value that the next step quantises.
-constexpr Pair kInputPair = {kWeights[0], 0.0};
-constexpr double kNext0 = kWeights[0] + kWeights[1];
+// Weights of the integrators in the value that the next step quantises, s0's own share apart.
+constexpr Pair kNext0 = {kWeights[1], 0.0};
 constexpr Pair kNext13 = {kWeights[1] * (1 - kResonators[0]) + kWeights[2],
                           kWeights[3] * (1 - kResonators[1]) + kWeights[4]};
 constexpr Pair kNext24 = {kWeights[2] + kWeights[3] - kWeights[1] * kResonators[0],
@@ -183,10 +184,25 @@ struct Steps {
     alignas(64) double s24[16];
 };
 
+VORREL_INLINE Pair First(Pair value) {
+    return __builtin_shufflevector(value, value, 0, 0);
+}
+
+VORREL_INLINE Pair Second(Pair value) {
+    return __builtin_shufflevector(value, value, 1, 1);
+}
+
+/// The weighted sum of the integrators in its prescribed order, for two values of s0.
+VORREL_INLINE Pair Weighted(Pair s0, Pair s13, Pair s24) {
+    const Pair w13 = kWeights13 * s13;
+    const Pair w24 = kWeights24 * s24;
+    return (((kWeights00 * s0 + First(w13)) + First(w24)) + Second(w13)) + Second(w24);
+}
+
 VORREL_INLINE Modulator LoadModulator(const double* s) {
-    const double y = kWeights[0] * s[0] + kWeights[1] * s[1] + kWeights[2] * s[2] +
-                     kWeights[3] * s[3] + kWeights[4] * s[4];
-    return {Pair{s[0], s[0]}, Pair{s[1], s[3]}, Pair{s[2], s[4]}, Pair{y, y}};
+    Modulator modulator = {Pair{s[0], s[0]}, Pair{s[1], s[3]}, Pair{s[2], s[4]}, Pair{}};
+    modulator.y = Weighted(modulator.s0, modulator.s13, modulator.s24);
+    return modulator;
 }
 
 VORREL_INLINE void StoreModulator(const Modulator& modulator, double* s) {
@@ -197,96 +213,104 @@ VORREL_INLINE void StoreModulator(const Modulator& modulator, double* s) {
     s[4] = modulator.s24[1];
 }
 
-/// `magnitude` with the sign of `value`.
-VORREL_INLINE Pair WithSign(double magnitude, Pair value) {
-    using Bits = std::int64_t __attribute__((vector_size(16)));
-    Bits bits;
-    Bits result;
-    const Pair magnitudes = {magnitude, magnitude};
-    __builtin_memcpy(&bits, &value, sizeof bits);
-    __builtin_memcpy(&result, &magnitudes, sizeof result);
-    result |= bits & INT64_MIN;
-    Pair pair;
-    __builtin_memcpy(&pair, &result, sizeof pair);
-    return pair;
-}
-
-/// One step. `x` is the filter's output.
+/// One step; `x` is the filter's output.
 VORREL_INLINE void Step(Modulator& m, double x, Steps& steps, unsigned place) {
-    const Pair input = {x, x};
     // What has been known for longest comes first, so that the least is left to wait for.
-    Pair ahead = input * kInputPair;
-    ahead = Approximately(ahead, m.s24, kNext24);
+    Pair ahead = m.s24 * kNext24;
+    ahead = Approximately(ahead, m.s0, kNext0);
     ahead = Approximately(ahead, m.s13, kNext13);
     ahead += __builtin_shufflevector(ahead, ahead, 1, 0);
-    ahead = Approximately(ahead, m.s0, Pair{kNext0, kNext0});
 
     const Pair s24 = m.s13 + m.s24;
     const Pair s02 = __builtin_shufflevector(m.s0, m.s24, 0, 2);
     const Pair s13 = (s02 + m.s13) - kResonatorPair * s24;
-    const Pair s0 = (m.s0 + input) - WithSign(1.0, m.y);
+    const Pair s0 = (m.s0 + Pair{x, x}) - SignedOne(m.y);
     steps.y[place] = m.y[0];
     steps.s0[place] = s0[0];
     __builtin_memcpy(steps.s13 + 2 * place, &s13, sizeof s13);
     __builtin_memcpy(steps.s24 + 2 * place, &s24, sizeof s24);
-    m.y = ahead - WithSign(kWeights[0], m.y);
-    m.s0 = s0;
-    m.s13 = s13;
-    m.s24 = s24;
+    m = {s0, s13, s24, Approximately(ahead, s0, kWeights00)};
 }
 
-/// The eight steps of a byte as they are defined.
-__attribute__((noinline)) unsigned StepLiterally(Modulator& modulator, const double* x) {
-    double s[5];
-    StoreModulator(modulator, s);
-    unsigned byte = 0;
-    for (std::size_t bit = 0; bit < 8; ++bit) {
-        const double y = kWeights[0] * s[0] + kWeights[1] * s[1] + kWeights[2] * s[2] +
-                         kWeights[3] * s[3] + kWeights[4] * s[4];
-        const double q = y >= 0 ? 1.0 : -1.0;
-        double next[5];
-        next[0] = s[0] + x[bit * kLanes] - q;
-        next[2] = s[1] + s[2];
-        next[1] = s[0] + s[1] - kResonators[0] * next[2];
-        next[4] = s[3] + s[4];
-        next[3] = s[2] + s[3] - kResonators[1] * next[4];
-#pragma GCC unroll 5
-        for (std::size_t i = 0; i < 5; ++i) {
-            const double low = next[i] < -kLimits[i] ? -kLimits[i] : next[i];
-            s[i] = low > kLimits[i] ? kLimits[i] : low;
-        }
-        byte = byte << 1 | (y >= 0 ? 1U : 0U);
-    }
-    modulator = LoadModulator(s);
-    return byte;
+VORREL_INLINE bool Doubtful(const Steps& steps) {
+    return AnyBelow(steps.y, kDoubt) || AnyAbove(steps.s0, kLimits[0]) ||
+           AnyPairAbove(steps.s13, kLimits13) || AnyPairAbove(steps.s24, kLimits24);
 }
 
-/// Ends a byte that began at `before`.
-VORREL_INLINE std::uint8_t EndByte(Modulator& modulator, const Modulator& before,
-                                   const Steps& steps, const double* x) {
-    const bool doubtful = AnyBelow(steps.y, kDoubt) || AnyAbove(steps.s0, kLimits[0]) ||
-                          AnyPairAbove(steps.s13, kLimits13) || AnyPairAbove(steps.s24, kLimits24);
-    if (__builtin_expect(doubtful, 0)) {
-        modulator = before;
-        return static_cast<std::uint8_t>(StepLiterally(modulator, x));
+/// The eight steps of a byte as they are defined. Whatever the bit may be, what it leads to is
+/// worked out beforehand for both: the wait from step to step is then half as long.
+/// @param steps  Receives values that give the same byte and no doubt.
+void StepLiterally(Modulator& m, const double* x, Steps& steps) {
+    using Bits = std::int64_t __attribute__((vector_size(16)));
+    Pair s0 = m.s0;
+    Pair s13 = m.s13;
+    Pair s24 = m.s24;
+    Pair y = Weighted(s0, s13, s24);
+    const Pair ones = {1.0, -1.0};
+    for (unsigned bit = 0; bit < 8; ++bit) {
+        const Bits positive = y >= Pair{};
+        const double input = x[bit * kLanes];
+        const Pair both = Clamp((s0 + Pair{input, input}) - ones, kLimits00);
+        const Pair next24 = s13 + s24;
+        const Pair s02 = __builtin_shufflevector(s0, s24, 0, 2);
+        s13 = Clamp((s02 + s13) - kResonatorPair * next24, kLimits13);
+        s24 = Clamp(next24, kLimits24);
+        const Pair nextY = Weighted(both, s13, s24);
+        steps.y[7 - bit] = positive[0] != 0 ? 1.0 : -1.0;
+        s0 = positive ? First(both) : Second(both);
+        y = positive ? First(nextY) : Second(nextY);
     }
-    return static_cast<std::uint8_t>(~Signs(steps.y));
+    __builtin_memset(steps.s0, 0, sizeof steps.s0);
+    __builtin_memset(steps.s13, 0, sizeof steps.s13);
+    __builtin_memset(steps.s24, 0, sizeof steps.s24);
+    m = {s0, s13, s24, y};
+}
+
+/// The modulator on its way through a block. A byte is settled only after the next has been
+/// stepped through: what was stored is then at hand, and nothing waits for it.
+struct Run {
+    Modulator modulator;
+    Modulator start[2];  // where the even and the odd bytes began
+    Steps steps[2];
+};
+
+/// Steps through byte `byte` and `further` bytes after it again, literally.
+__attribute__((noinline, cold)) void Redo(Run& run, const Outputs& in, std::size_t byte,
+                                          std::size_t further) {
+    run.modulator = run.start[byte % 2];
+    for (std::size_t i = 0; i <= further; ++i) {
+        run.start[(byte + i) % 2] = run.modulator;
+        StepLiterally(run.modulator, OutputsOfByte(in, byte + i), run.steps[(byte + i) % 2]);
+    }
+}
+
+/// Writes byte `byte`, which has been stepped through, and `further` bytes after it too.
+VORREL_INLINE void Settle(Run& run, Modulator& modulator, const Outputs& in, std::size_t byte,
+                          std::size_t further, std::uint8_t* out) {
+    if (__builtin_expect(Doubtful(run.steps[byte % 2]), 0)) {
+        Redo(run, in, byte, further);
+        modulator = run.modulator;
+    }
+    out[byte] = static_cast<std::uint8_t>(~Signs(run.steps[byte % 2].y));
 }
 
 /// Modulates the first `count` bytes of a block.
-void Modulate(Modulator& state, const Outputs& in, std::size_t count, std::uint8_t* out) {
-    Modulator modulator = state;
-    Steps steps;
+void Modulate(Run& run, const Outputs& in, std::size_t count, std::uint8_t* out) {
+    Modulator modulator = run.modulator;
     for (std::size_t byte = 0; byte < count; ++byte) {
-        const Modulator before = modulator;
+        run.start[byte % 2] = modulator;
         const double* x = OutputsOfByte(in, byte);
+        Steps& steps = run.steps[byte % 2];
 #pragma GCC unroll 8
         for (unsigned bit = 0; bit < 8; ++bit) {
             Step(modulator, x[bit * kLanes], steps, 7 - bit);
         }
-        out[byte] = EndByte(modulator, before, steps, x);
+        if (byte > 0) {
+            Settle(run, modulator, in, byte - 1, 1, out);
+        }
     }
-    state = modulator;
+    Settle(run, modulator, in, count - 1, 0, out);
+    run.modulator = modulator;
 }
 
 // ---- Both ----------------------------------------------------------------------------------
@@ -299,129 +323,93 @@ constexpr std::size_t kBytesPerTile = kBlockBytes / kTiles;
 constexpr std::size_t kTapsPerStep = (kTaps - kFirstTaps) / (8 * kBytesPerTile);
 constexpr std::size_t kTapsPerByte = 8 * kTapsPerStep;
 
-/// The steps of one byte, each with the taps that follow it; the first tap is number `k`.
-template <std::size_t k, unsigned... bit>
+/// The steps of one byte, each with the taps that follow it.
+template <unsigned... bit>
 VORREL_INLINE void ByteWithTaps(Tile& tile, Modulator& modulator, const double* x, Steps& steps,
                                 std::integer_sequence<unsigned, bit...>) {
     ((Step(modulator, x[bit * kLanes], steps, 7 - bit),
-      TakeTaps<k + bit * kTapsPerStep>(tile, std::make_index_sequence<kTapsPerStep>{})),
+      TakeTaps<kFirstTaps + bit * kTapsPerStep>(tile, std::make_index_sequence<kTapsPerStep>{})),
      ...);
 }
 
-template <std::size_t... i>
-VORREL_INLINE void BytesWithTaps(Tile& tile, Modulator& modulator, const Outputs& before,
-                                 std::size_t byte, std::uint8_t* out, Steps& steps,
-                                 std::index_sequence<i...>) {
-    const auto one = [&]<std::size_t number>(std::index_sequence<number>)
-        __attribute__((always_inline)) {
-        const Modulator start = modulator;
-        const double* x = OutputsOfByte(before, byte + number);
-        ByteWithTaps<kFirstTaps + number * kTapsPerByte>(tile, modulator, x, steps,
-                                                         std::make_integer_sequence<unsigned, 8>{});
-        out[byte + number] = EndByte(modulator, start, steps, x);
-    };
-    (one(std::index_sequence<i>{}), ...);
-}
-
 /// Filters the block at `block` and modulates the one before it.
-void FilterAndModulate(const float* block, const float* taps, Outputs& filtered, Modulator& state,
-                       const Outputs& before, std::uint8_t* out) {
-    // As many bytes as bring the registers round.
-    constexpr std::size_t kBytes = kTapsPerByte % kRound == 0 ? 1 : 3;
+[[maybe_unused]] void FilterAndModulate(const float* block, const float* taps, Outputs& filtered,
+                                        Run& run, const Outputs& before, std::uint8_t* out) {
     constexpr std::size_t kLastTaps = kTaps - kFirstTaps - kBytesPerTile * kTapsPerByte;
-    static_assert(kTapsPerByte * kBytes % kRound == 0 && kBytesPerTile % kBytes == 0);
-    Modulator modulator = state;
-    Steps steps;
+    static_assert(kTapsPerByte % kRound == 0);
+    Modulator modulator = run.modulator;
     std::size_t byte = 0;
     for (std::size_t bit = 0; bit < kLaneBits; bit += kTileBits) {
         Tile tile;
         BeginTile(tile, block, bit, taps);
-        for (std::size_t i = 0; i < kBytesPerTile; i += kBytes) {
-            BytesWithTaps(tile, modulator, before, byte, out, steps,
-                          std::make_index_sequence<kBytes>{});
-            byte += kBytes;
+        for (std::size_t i = 0; i < kBytesPerTile; ++i, ++byte) {
+            run.start[byte % 2] = modulator;
+            ByteWithTaps(tile, modulator, OutputsOfByte(before, byte), run.steps[byte % 2],
+                         std::make_integer_sequence<unsigned, 8>{});
+            if (byte > 0) {
+                Settle(run, modulator, before, byte - 1, 1, out);
+            }
         }
         TakeTaps<kFirstTaps>(tile, std::make_index_sequence<kLastTaps>{});
         EndTile(tile, filtered, bit);
     }
-    state = modulator;
+    Settle(run, modulator, before, kBlockBytes - 1, 0, out);
+    run.modulator = modulator;
 }
 
-/// The bytes of a window and the history before them, dealt out to the lanes: byte m stands in
-/// plane m mod `kLaneBytes`.
+/// The history and a block, dealt out so that what the lanes hold at one time stands together: byte
+/// m in plane m mod `kLaneBytes`.
 struct Planes {
-    static constexpr std::size_t kBytes = kHistoryBytes + kWindowBlocks * kBlockBytes;
-    std::uint8_t bytes[kLaneBytes][kBytes / kLaneBytes + 64];
+    std::uint8_t bytes[kLaneBytes][kHistoryBytes / kLaneBytes + 1 + kLanes];
 };
 
-void FillPlanes(Planes& planes, const std::uint8_t* line) {
-    for (std::size_t m = 0; m < Planes::kBytes; ++m) {
+/// Writes the input vectors of a block whose bytes stand behind the history in `line`.
+void FillWindow(float* window, const std::uint8_t (&line)[kHistoryBytes + kBlockBytes]) {
+    Planes planes;
+    for (std::size_t m = 0; m < sizeof line; ++m) {
         planes.bytes[m % kLaneBytes][m / kLaneBytes] = line[m];
+    }
+    for (std::size_t m = 0; m < kWindowBytes; ++m) {
+        StoreInputs(window + m * 8 * kLanes, &planes.bytes[m % kLaneBytes][m / kLaneBytes]);
     }
 }
 
 void Gain(DsdGainState* state, std::uint8_t* bytes, std::size_t length) {
-    if (length == 0) {
-        return;
-    }
     alignas(64) float window[kWindowBytes * 8 * kLanes];
-    std::uint8_t line[Planes::kBytes];
-    Planes planes;
+    const float* const block = window + kHistoryBits * kLanes;
+    std::uint8_t line[kHistoryBytes + kBlockBytes] = {};
     Outputs outputs[2];
-    Modulator modulator = LoadModulator(state->integrators);
+    Run run;
+    run.modulator = LoadModulator(state->integrators);
     __builtin_memcpy(line, state->history, kHistoryBytes);
 
     std::size_t current = 0;          // of `outputs`, where the next block's go
     std::uint8_t* waiting = nullptr;  // a block that is filtered and not yet modulated
     std::size_t waitingBytes = 0;
-    // How many bytes of `line`, from its start, have their eight vectors in the window.
-    std::size_t vectorBytes = 0;
-    for (std::size_t done = 0; done < length;) {
-        std::size_t count = length - done;
-        if (count >= kWindowBlocks * kBlockBytes) {
-            count = kWindowBlocks * kBlockBytes;
-        } else {
-            // The last block is filled up; what comes of it beyond the end is not used.
-            __builtin_memset(line + kHistoryBytes, 0, sizeof line - kHistoryBytes);
-        }
+    for (std::size_t done = 0; done < length; done += waitingBytes) {
+        // What is behind the end of the last block is filtered too, and goes no further.
+        const std::size_t left = length - done;
+        const std::size_t count = left < kBlockBytes ? left : kBlockBytes;
         __builtin_memcpy(line + kHistoryBytes, bytes + done, count);
-        FillPlanes(planes, line);
-        const std::size_t blocks = (count + kBlockBytes - 1) / kBlockBytes;
-        for (; vectorBytes < kHistoryBytes + kLaneBytes + (blocks - 1) * kBlockBytes;
-             ++vectorBytes) {
-            StoreInputs(window + vectorBytes * 8 * kLanes,
-                        &planes.bytes[vectorBytes % kLaneBytes][vectorBytes / kLaneBytes]);
-        }
-        for (std::size_t block = 0; block < blocks; ++block) {
-            const float* first = window + (kHistoryBits + block * kBlockBytes * 8) * kLanes;
-            Outputs& filtered = outputs[current];
-            current = 1 - current;
-            if (waiting == nullptr) {
-                Filter(first, state->taps, filtered);
-            } else if constexpr (kFused) {
-                FilterAndModulate(first, state->taps, filtered, modulator, outputs[current],
-                                  waiting);
-            } else {
-                Modulate(modulator, outputs[current], kBlockBytes, waiting);
-                Filter(first, state->taps, filtered);
-            }
-            waiting = bytes + done;
-            waitingBytes = count - block * kBlockBytes;
-            if (waitingBytes > kBlockBytes) {
-                waitingBytes = kBlockBytes;
-            }
-            done += waitingBytes;
-        }
+        FillWindow(window, line);
         __builtin_memmove(line, line + count, kHistoryBytes);
-        if (done < length) {
-            // The next window looks back on the end of this one.
-            __builtin_memmove(window, window + count * 8 * kLanes,
-                              (vectorBytes - count) * 8 * kLanes * sizeof(float));
-            vectorBytes -= count;
+        Outputs& filtered = outputs[current];
+        current = 1 - current;
+        if (waiting == nullptr) {
+            Filter(block, state->taps, filtered);
+        } else if constexpr (kFused) {
+            FilterAndModulate(block, state->taps, filtered, run, outputs[current], waiting);
+        } else {
+            Modulate(run, outputs[current], kBlockBytes, waiting);
+            Filter(block, state->taps, filtered);
         }
+        waiting = bytes + done;
+        waitingBytes = count;
     }
-    Modulate(modulator, outputs[1 - current], waitingBytes, waiting);
-    StoreModulator(modulator, state->integrators);
+    if (waiting != nullptr) {
+        Modulate(run, outputs[1 - current], waitingBytes, waiting);
+    }
+    StoreModulator(run.modulator, state->integrators);
     __builtin_memcpy(state->history, line, kHistoryBytes);
 }
 

@@ -11,9 +11,8 @@ namespace vorrel {
 namespace {
 
 inline constexpr std::size_t kLanes = 8;
-inline constexpr std::size_t kLaneBytes = 1;
+inline constexpr std::size_t kLaneBytes = 8;
 inline constexpr std::size_t kTileBits = 2;
-inline constexpr std::size_t kWindowBlocks = 16;
 inline constexpr bool kFused = false;
 
 using Floats = __m256;
@@ -49,6 +48,14 @@ inline void StoreInputs(float* out, const std::uint8_t* bytes) {
 inline void StoreDoubles(double* out, Floats values) {
     _mm256_store_pd(out, _mm256_cvtps_pd(_mm256_castps256_ps128(values)));
     _mm256_store_pd(out + 4, _mm256_cvtps_pd(_mm256_extractf128_ps(values, 1)));
+}
+
+inline Pair Clamp(Pair value, Pair limits) {
+    return _mm_max_pd(_mm_min_pd(value, limits), -limits);
+}
+
+inline Pair SignedOne(Pair value) {
+    return _mm_or_pd(_mm_and_pd(value, _mm_set1_pd(-0.0)), _mm_set1_pd(1.0));
 }
 
 inline Pair Approximately(Pair sum, Pair factor, Pair value) {

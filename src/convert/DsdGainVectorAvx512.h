@@ -11,9 +11,8 @@ namespace vorrel {
 namespace {
 
 inline constexpr std::size_t kLanes = 16;
-inline constexpr std::size_t kLaneBytes = 3;
-inline constexpr std::size_t kTileBits = 3;
-inline constexpr std::size_t kWindowBlocks = 1;
+inline constexpr std::size_t kLaneBytes = 8;
+inline constexpr std::size_t kTileBits = 4;
 inline constexpr bool kFused = true;
 
 using Floats = __m512;
@@ -56,6 +55,17 @@ inline void StoreInputs(float* out, const std::uint8_t* bytes) {
 inline void StoreDoubles(double* out, Floats values) {
     _mm512_store_pd(out, _mm512_cvtps_pd(_mm512_castps512_ps256(values)));
     _mm512_store_pd(out + 8, _mm512_cvtps_pd(_mm512_extractf32x8_ps(values, 1)));
+}
+
+inline Pair Clamp(Pair value, Pair limits) {
+    return _mm_max_pd(_mm_min_pd(value, limits), -limits);
+}
+
+inline Pair SignedOne(Pair value) {
+    const __m128i one = _mm_castpd_si128(_mm_set1_pd(1.0));
+    constexpr int kOrAnd = 0xF0 | (0xCC & 0xAA);
+    return _mm_castsi128_pd(
+        _mm_ternarylogic_epi64(one, _mm_castpd_si128(value), _mm_set1_epi64x(INT64_MIN), kOrAnd));
 }
 
 inline Pair Approximately(Pair sum, Pair factor, Pair value) {

@@ -12,11 +12,9 @@ namespace {
 
 inline constexpr std::size_t kLanes = 4;
 /// Bytes of a block that one lane works on.
-inline constexpr std::size_t kLaneBytes = 1;
+inline constexpr std::size_t kLaneBytes = 16;
 /// Bits of each lane that one pass over the taps filters.
 inline constexpr std::size_t kTileBits = 2;
-/// Blocks between two moves of the inputs; the more, the less is moved.
-inline constexpr std::size_t kWindowBlocks = 16;
 /// Whether a block is filtered and the one before it modulated in one go.
 inline constexpr bool kFused = false;
 
@@ -59,6 +57,26 @@ inline void StoreDoubles(double* out, Floats values) {
     for (std::size_t lane = 0; lane < kLanes; ++lane) {
         out[lane] = static_cast<double>(values[lane]);
     }
+}
+
+/// `value`, but no further from zero than `limits`.
+inline Pair Clamp(Pair value, Pair limits) {
+    const Pair cut = value > limits ? limits : value;
+    return cut < -limits ? -limits : cut;
+}
+
+/// 1 with the sign of `value`.
+inline Pair SignedOne(Pair value) {
+    using Bits = std::int64_t __attribute__((vector_size(16)));
+    const Pair one = {1.0, 1.0};
+    Bits sign;
+    Bits result;
+    __builtin_memcpy(&sign, &value, sizeof sign);
+    __builtin_memcpy(&result, &one, sizeof result);
+    result |= sign & INT64_MIN;
+    Pair pair;
+    __builtin_memcpy(&pair, &result, sizeof pair);
+    return pair;
 }
 
 /// sum + factor x value, rounded once or twice.

@@ -19,8 +19,9 @@ namespace {
 
 // Channels that are taken from a buffer in one pass.
 constexpr std::size_t kMaxLanes = 32;
-// Values gathered at a time on the callback's stack.
-constexpr std::size_t kScratchFrames = 1024;
+// Values of all lanes gathered at a time on the callback's stack: 16 KiB, near the processor.
+constexpr std::size_t kScratchFloats = 4096;
+constexpr std::size_t kVectorFloats = kBufferAlignment / sizeof(float);
 constexpr std::size_t kDsdWordBytes = 2;
 // What a buffer without samples stands for: DSD has no zero, this pattern is its silence.
 constexpr int kDsdSilenceByte = 0x69;
@@ -115,22 +116,34 @@ VORREL_REALTIME void VorrelManager::IOProc_PCM(const AudioBufferList* input, Aud
 
 VORREL_REALTIME void VorrelManager::IOProc_DSD16(const AudioBufferList* input, AudioBufferList*) {
     QueueBlocks(input, kDsdWordBytes, [](std::span<Block> blocks, const Lanes& lanes) {
+        if (lanes.samples == nullptr) {
+            for (Block& block : blocks) {
+                std::ranges::fill(block, std::uint8_t{kDsdSilenceByte});
+            }
+            return;
+        }
         // Overwritten before it is read.
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
-        alignas(kBufferAlignment) std::array<float, kScratchFrames> gathered;
+        alignas(kBufferAlignment) std::array<float, kScratchFloats> gathered;
+        // A whole number of vectors for every lane, so that each begins aligned.
+        const std::size_t piece = kScratchFloats / blocks.size() / kVectorFloats * kVectorFloats;
+        std::array<std::uint8_t*, kMaxLanes> targets{};
         for (std::size_t lane = 0; lane < blocks.size(); ++lane) {
-            Block& block = blocks[lane];
-            if (lanes.samples == nullptr) {
-                std::ranges::fill(block, std::uint8_t{kDsdSilenceByte});
-                continue;
+            targets[lane] = reinterpret_cast<std::uint8_t*>(gathered.data() + lane * piece);
+        }
+        for (std::size_t frame = 0; frame < lanes.frames; frame += piece) {
+            const std::size_t count = std::min(piece, lanes.frames - frame);
+            const float* const samples = lanes.samples + frame * lanes.channels;
+            if (blocks.size() == lanes.channels) {
+                SplitLanes(std::span(targets.data(), blocks.size()), samples, count);
+            } else {
+                for (std::size_t lane = 0; lane < blocks.size(); ++lane) {
+                    CopyLane(targets[lane], samples, count, lanes.channels, lanes.first + lane);
+                }
             }
-            auto* words = reinterpret_cast<std::int16_t*>(block.data());
-            for (std::size_t frame = 0; frame < lanes.frames; frame += kScratchFrames) {
-                const std::size_t count = std::min(kScratchFrames, lanes.frames - frame);
-                CopyLane(reinterpret_cast<std::uint8_t*>(gathered.data()),
-                         lanes.samples + frame * lanes.channels, count, lanes.channels,
-                         lanes.first + lane);
-                Float_To_DSD16(words + frame, gathered.data(), count);
+            for (std::size_t lane = 0; lane < blocks.size(); ++lane) {
+                auto* const words = reinterpret_cast<std::int16_t*>(blocks[lane].data());
+                Float_To_DSD16(words + frame, gathered.data() + lane * piece, count);
             }
         }
     });

@@ -1,11 +1,18 @@
 #pragma once
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/Process.h"
@@ -34,6 +41,18 @@ public:
         return setup;
     }
 
+    /// Names of what was rescued to the temporary place; throws when there is anything else.
+    std::set<std::string> Rescued() const {
+        const std::set<std::string> names = Names(temp.Path());
+        for (const std::string& name : names) {
+            if (name.find("-rescued") == std::string::npos) {
+                throw std::runtime_error("left in the temporary place: " + name);
+            }
+        }
+        return names;
+    }
+    std::string TempFile(const std::string& name) const { return temp.File(name); }
+
 private:
     static std::set<std::string> Names(const std::string& path) {
         std::set<std::string> names;
@@ -45,6 +64,34 @@ private:
 
     TempDirectory files;
     TempDirectory temp;
+};
+
+/// The same started by a shell that runs `preparation` first: limits, closed streams, directories.
+inline Process::Setup After(const std::string& preparation, Process::Setup setup) {
+    std::vector<std::string> arguments = {"/bin/sh", "-c", preparation + "\nexec \"$@\"", "sh"};
+    arguments.insert(arguments.end(), setup.arguments.begin(), setup.arguments.end());
+    setup.arguments = std::move(arguments);
+    return setup;
+}
+
+/// A pipe with a name that is full and that nobody reads.
+class FullPipe {
+public:
+    explicit FullPipe(const std::string& path) {
+        if (::mkfifo(path.c_str(), 0600) != 0 ||
+            (descriptor = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) < 0) {
+            std::abort();
+        }
+        const std::string block(4096, 'x');
+        while (::write(descriptor, block.data(), block.size()) > 0) {
+        }
+    }
+    ~FullPipe() { ::close(descriptor); }
+    FullPipe(const FullPipe&) = delete;
+    FullPipe& operator=(const FullPipe&) = delete;
+
+private:
+    int descriptor = -1;
 };
 
 /// The objects of a --json output, in order; a line that is none fails with an exception.

@@ -5,12 +5,18 @@
 //   start=fail           the start fails        stop=hang       a stop never completes
 //   lose=SECONDS         the recorder is lost   overflow=SECONDS  a buffer is lost
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
-//   save=fail:TEXT       a save fails for paths with TEXT in them, half-way
+//   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
 //   save=skip:TEXT       ... is skipped         save=hang:TEXT  ... goes on until it is cancelled
 //   appear=1             the target comes into being while it is saved
+//   channels=N           how many it has
 //
-// It records two channels of 24-bit counter samples at 48 kHz, 0.1 s of it every 5 ms.
+// It records two channels of 24-bit counter samples at 48 kHz, or of counter bytes at the DSD rate
+// of 2.8224 MHz, 0.1 s of it every 5 ms. As the engine does, it looks for room before it writes,
+// skips what cannot be opened, and fails a DSD range that passes the end or a byte's bounds. Its
+// DSD preview grows by a frame too many with every stretch of recording, the most that the engine's
+// can.
 #include <sys/eventfd.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,9 +36,8 @@
 
 namespace {
 
-constexpr std::uint64_t kRate = 48'000;
-constexpr std::uint32_t kChannels = 2;
-constexpr std::uint64_t kStepFrames = kRate / 10;
+constexpr std::uint64_t kPcmRate = 48'000;
+constexpr std::uint64_t kDsdRate = 2'822'400;
 constexpr auto kStepTime = std::chrono::milliseconds(5);
 constexpr int kMisused = 99;  // exit code when a call comes that the program should not make
 
@@ -48,6 +53,7 @@ public:
     }
     ~FakeEngine() {
         EndDevice();
+        DropStore();
         std::ignore = Vorrel_SaveFileCancel(false);
         if (saver.joinable()) {
             saver.join();
@@ -81,40 +87,72 @@ public:
         return tasks.size();
     }
 
+    // A unit is what the store counts: a PCM frame, eight one-bit samples.
+    std::uint64_t UnitFrames() const { return dsd ? 8 : 1; }
+    std::uint64_t Rate() const { return dsd ? kDsdRate : kPcmRate; }
+    std::uint64_t StepUnits() const { return Rate() / UnitFrames() / 10; }
+    std::uint32_t Channels() const {
+        const std::string text = Text("channels");
+        return text.empty() ? 2 : static_cast<std::uint32_t>(std::stoul(text));
+    }
+    std::string StorePath() const { return tempDirectory + "/tmpSTORE1"; }
+    void MakeStore() const {
+        if (std::FILE* file = std::fopen(StorePath().c_str(), "wb"); file != nullptr) {
+            std::fputs("samples", file);
+            std::fclose(file);
+        }
+    }
+    void DropStore() const {
+        if (!tempDirectory.empty()) {
+            ::unlink(StorePath().c_str());
+        }
+    }
+
     std::string Text(const std::string& key) const {
         const auto found = setup.find(key);
         return found == setup.end() ? "" : found->second;
     }
-    /// Frames after which something is to happen, far away when it is not.
+    /// Units after which something is to happen, far away when it is not.
     std::uint64_t Due(const std::string& key) const {
         const std::string text = Text(key);
         return text.empty() ? ~std::uint64_t{0}
-                            : static_cast<std::uint64_t>(std::stod(text) * double{kRate});
+                            : static_cast<std::uint64_t>(std::stod(text) *
+                                                         static_cast<double>(StepUnits() * 10));
     }
     bool Applies(const std::string& mode, const std::string& path) const {
         const std::string text = Text("save");
-        return text.rfind(mode + ":", 0) == 0 &&
-               path.find(text.substr(mode.size() + 1)) != std::string::npos;
+        if (text.rfind(mode + ":", 0) != 0) {
+            return false;
+        }
+        std::istringstream parts(text.substr(mode.size() + 1));
+        std::string part;
+        bool any = false;
+        for (; std::getline(parts, part, '+'); any = true) {
+            if (path.find(part) != std::string::npos) {
+                return true;
+            }
+        }
+        return !any;  // no text at all stands in every path
     }
 
     void Run() {
         std::unique_lock lock(mutex);
         while (!wake.wait_for(lock, kStepTime, [this] { return ending; })) {
-            raw += kStepFrames;
+            raw += StepUnits();
             if (paused || stalled) {
                 continue;
             }
-            for (std::uint64_t frame = raw - kStepFrames; frame < raw; ++frame) {
+            for (std::uint64_t frame = raw - StepUnits(); frame < raw; ++frame) {
                 recorded.push_back(static_cast<std::uint32_t>(frame));
             }
             grown = true;
             const std::uint64_t length = recorded.size();
             lock.unlock();
-            const double seconds = static_cast<double>(length / kStepFrames) * 0.1;
+            const double seconds = static_cast<double>(length / StepUnits()) * 0.1;
             Post([seconds](IVorrelDelegate& host) { host.Vorrel_NotifyStreamPosProc(seconds); });
             const auto reached = [&](const char* key) {
                 const std::uint64_t due = Due(key);
-                return length >= due && length - kStepFrames < due;
+                return length >= due && length - StepUnits() < due;
             };
             if (reached("lose")) {
                 Message(VrMessageDeviceError, "");
@@ -145,62 +183,137 @@ public:
     }
 
     void Save(const VrSaveSetting& setting) {
-        const auto frame = [](double seconds) {
-            return static_cast<std::uint64_t>(seconds * double{kRate});
+        const auto frame = [this](double seconds) {
+            return static_cast<std::uint64_t>(seconds * static_cast<double>(Rate()));
         };
         const std::uint64_t start = frame(setting.start);
-        const std::uint64_t end = std::min<std::uint64_t>(frame(setting.end), recorded.size());
-        if (Applies("skip", setting.path)) {
-            Message(VrMessageFileSkipped, setting.path);
-            return Operation(VrRecOperationSaveFinished);
+        std::uint64_t end = frame(setting.end);
+        const std::uint64_t available = recorded.size() * UnitFrames();
+        bool fails = Applies("fail", setting.path);
+        if (dsd) {
+            fails = fails || end > available || start % 8 != 0 || end % 8 != 0;
+        } else {
+            end = std::min(end, available);
         }
-        std::FILE* file = std::fopen(setting.path.c_str(), "wb");
-        const auto number = [file](std::uint64_t value, int width) {
-            for (int index = 0; index < width; ++index) {
-                std::fputc(static_cast<int>(value >> (8 * index) & 0xFF), file);
-            }
-        };
-        const std::uint64_t dataSize = (end - start) * kChannels * 3;
-        std::fputs("RIFF", file);
-        number(dataSize + 36, 4);
-        std::fputs("WAVEfmt ", file);
-        number(16, 4);
-        number(1, 2);
-        number(kChannels, 2);
-        number(kRate, 4);
-        number(kRate * kChannels * 3, 4);
-        number(kChannels * 3, 2);
-        number(24, 2);
-        std::fputs("data", file);
-        number(dataSize, 4);
+        const std::vector<std::uint8_t> bytes = dsd ? DsfFile(start, end) : WavFile(start, end);
+        const std::string directory = setting.path.substr(0, setting.path.rfind('/') + 1);
+        struct statvfs volume {};
+        if (::statvfs(directory.c_str(), &volume) != 0 ||
+            volume.f_bavail * volume.f_frsize < bytes.size()) {
+            return Finish(setting, true);
+        }
+        std::FILE* file =
+            Applies("skip", setting.path) ? nullptr : std::fopen(setting.path.c_str(), "wb");
+        if (file == nullptr) {
+            Message(VrMessageFileSkipped, setting.path);
+            return Finish(setting, false);
+        }
+        std::fwrite(bytes.data(), dsd ? 92 : 44, 1, file);
         std::fflush(file);
-        const bool fails = Applies("fail", setting.path);
         if (Applies("hang", setting.path)) {
             progress = 250;
             std::unique_lock lock(mutex);
             wake.wait(lock, [this] { return cancelled.load(); });
         }
-        for (std::uint64_t index = start; index < end && !fails && !cancelled; ++index) {
-            for (std::uint32_t channel = 0; channel < kChannels; ++channel) {
-                number(std::uint64_t{recorded[index]} * kChannels + channel, 3);
-            }
+        if (!fails && !cancelled) {
+            const std::size_t head = dsd ? 92 : 44;
+            fails = std::fwrite(bytes.data() + head, 1, bytes.size() - head, file) !=
+                    bytes.size() - head;
         }
-        std::fclose(file);
+        fails = std::fclose(file) != 0 || fails;
         if (Text("appear") == "1") {
             std::string target = setting.path;
             target.erase(target.find("/.") + 1, 1);
             target.erase(target.find(".partial-"));
             std::fclose(std::fopen(target.c_str(), "wb"));
         }
+        Finish(setting, fails);
+    }
+
+    void Finish(const VrSaveSetting& setting, bool failed) {
         progress = 1000;
         Operation(VrRecOperationSaveFinished);
-        if (fails) {
+        if (failed) {
             // The message comes after the end, and no sooner than the host has met the end.
             std::unique_lock lock(mutex);
             delivered.wait(lock, [this] { return queue.empty(); });
             lock.unlock();
             Message(VrMessageSaveFailed, setting.path);
         }
+    }
+
+    static void Put(std::vector<std::uint8_t>& bytes, std::uint64_t value, int width) {
+        for (int index = 0; index < width; ++index) {
+            bytes.push_back(static_cast<std::uint8_t>(value >> (8 * index)));
+        }
+    }
+    static void Put(std::vector<std::uint8_t>& bytes, const char* id) {
+        for (; *id != '\0'; ++id) {
+            bytes.push_back(static_cast<std::uint8_t>(*id));
+        }
+    }
+
+    std::vector<std::uint8_t> WavFile(std::uint64_t start, std::uint64_t end) const {
+        const std::uint32_t channels = Channels();
+        const std::uint64_t dataSize = (end - start) * channels * 3;
+        std::vector<std::uint8_t> bytes;
+        bytes.reserve(static_cast<std::size_t>(dataSize + 44));
+        Put(bytes, "RIFF");
+        Put(bytes, dataSize + 36, 4);
+        Put(bytes, "WAVE");
+        Put(bytes, "fmt ");
+        Put(bytes, 16, 4);
+        Put(bytes, 1, 2);
+        Put(bytes, channels, 2);
+        Put(bytes, kPcmRate, 4);
+        Put(bytes, kPcmRate * channels * 3, 4);
+        Put(bytes, std::uint64_t{channels} * 3, 2);
+        Put(bytes, 24, 2);
+        Put(bytes, "data");
+        Put(bytes, dataSize, 4);
+        for (std::uint64_t index = start; index < end; ++index) {
+            for (std::uint32_t channel = 0; channel < channels; ++channel) {
+                Put(bytes, std::uint64_t{recorded[index]} * channels + channel, 3);
+            }
+        }
+        return bytes;
+    }
+
+    /// Byte u of channel c holds u + 100 x c.
+    std::vector<std::uint8_t> DsfFile(std::uint64_t start, std::uint64_t end) const {
+        constexpr std::uint64_t kBlock = 4096;
+        const std::uint32_t channels = Channels();
+        const std::uint64_t blocks = ((end - start) / 8 + kBlock - 1) / kBlock;
+        const std::uint64_t payload = blocks * kBlock * channels;
+        std::vector<std::uint8_t> bytes;
+        bytes.reserve(static_cast<std::size_t>(payload + 92));
+        Put(bytes, "DSD ");
+        Put(bytes, 28, 8);
+        Put(bytes, payload + 92, 8);
+        Put(bytes, 0, 8);
+        Put(bytes, "fmt ");
+        Put(bytes, 52, 8);
+        Put(bytes, 1, 4);
+        Put(bytes, 0, 4);
+        Put(bytes, channels, 4);
+        Put(bytes, channels, 4);
+        Put(bytes, kDsdRate, 4);
+        Put(bytes, 1, 4);
+        Put(bytes, end - start, 8);
+        Put(bytes, kBlock, 4);
+        Put(bytes, 0, 4);
+        Put(bytes, "data");
+        Put(bytes, payload + 12, 8);
+        for (std::uint64_t block = 0; block < blocks; ++block) {
+            for (std::uint32_t channel = 0; channel < channels; ++channel) {
+                for (std::uint64_t unit = start / 8 + block * kBlock;
+                     unit < start / 8 + (block + 1) * kBlock; ++unit) {
+                    const bool inside = unit < end / 8 && unit < recorded.size();
+                    Put(bytes, inside ? recorded[unit] + 100 * channel : 0, 1);
+                }
+            }
+        }
+        return bytes;
     }
 
     const int descriptor;
@@ -210,11 +323,13 @@ public:
     std::condition_variable wake, delivered;
     std::deque<std::function<void(IVorrelDelegate&)>> queue;
     std::thread device, saver;
-    std::vector<std::uint32_t> recorded;  // the device's frame of each recorded one
+    std::vector<std::uint32_t> recorded;  // the device's unit of each recorded one
     std::uint64_t raw = 0;
     std::atomic<int> progress{0};
     std::atomic<bool> paused{false}, stalled{false}, grown{false}, cancelled{false};
-    bool ending = false, selected = false, running = false;
+    std::string tempDirectory;
+    std::uint64_t resumes = 0;
+    bool ending = false, selected = false, running = false, dsd = false;
 };
 
 FakeEngine& Engine() {
@@ -241,6 +356,7 @@ VrError Vorrel_Init(std::shared_ptr<IVorrelDelegate> delegate) noexcept {
 }
 
 VrError Vorrel_New() noexcept {
+    Engine().DropStore();
     return Engine().running ? VrErrorInvalidState : VrSuccess;
 }
 
@@ -266,12 +382,17 @@ VrError Vorrel_GetAudioDeviceInfo(std::shared_ptr<VrAudioDeviceInfo>* info) noex
     }
     *info = std::make_shared<VrAudioDeviceInfo>();
     (*info)->device_name = "KD-WV770";
-    (*info)->i_ch = kChannels;
-    (*info)->PCM_supported_freq = {kRate};
+    (*info)->i_ch = static_cast<std::uint16_t>(Engine().Channels());
+    (*info)->PCM_supported_freq = {kPcmRate};
+    (*info)->DSD_supported_freq = {kDsdRate};
     return VrSuccess;
 }
 
-VrError Vorrel_SetRecordSetting(const VrRecordSetting*) noexcept {
+VrError Vorrel_SetRecordSetting(const VrRecordSetting* setting) noexcept {
+    Engine().dsd = setting->rec_type == 1;
+    if (setting->freq != Engine().Rate()) {
+        return VrErrorInvalidParameter;
+    }
     return VrSuccess;
 }
 
@@ -282,6 +403,7 @@ VrError Vorrel_Start() noexcept {
         return VrSuccess;
     }
     engine.running = true;
+    engine.MakeStore();
     engine.Operation(VrRecOperationDeviceStarted);
     engine.device = std::thread([&engine] { engine.Run(); });
     return VrSuccess;
@@ -311,25 +433,27 @@ VrError Vorrel_Pause() noexcept {
 
 VrError Vorrel_Resume() noexcept {
     Engine().grown = false;
+    ++Engine().resumes;
     Engine().paused = false;
     return VrSuccess;
 }
 
 VrError Vorrel_GetRecordingPreviewData(std::uint64_t start, std::uint64_t end,
                                        std::int16_t* samples) noexcept {
-    std::fill_n(samples, (end - start) * kChannels, std::int16_t{16384});
+    std::fill_n(samples, (end - start) * Engine().Channels(), std::int16_t{16384});
     return VrSuccess;
 }
 
 VrError Vorrel_GetPreviewDataLength(std::uint64_t* length) noexcept {
     const std::lock_guard lock(Engine().mutex);
-    *length = Engine().recorded.size();
+    const FakeEngine& engine = Engine();
+    *length = engine.dsd ? engine.recorded.size() / 8 + engine.resumes + 1 : engine.recorded.size();
     return VrSuccess;
 }
 
 VrError Vorrel_GetRecordingPreviewDataLength(std::uint64_t* length) noexcept {
     const std::lock_guard lock(Engine().mutex);
-    *length = Engine().raw;
+    *length = Engine().dsd ? Engine().raw / 8 : Engine().raw;
     return VrSuccess;
 }
 
@@ -361,6 +485,7 @@ VrError Vorrel_SaveFileCancel(bool deleteFile) noexcept {
     return VrSuccess;
 }
 
-VrError Vorrel_SetTempDirectory(const char*) noexcept {
+VrError Vorrel_SetTempDirectory(const char* path) noexcept {
+    Engine().tempDirectory = path;
     return VrSuccess;
 }

@@ -49,6 +49,20 @@ TEST(LevelMeterTest, TheBarShowsTheTopSixtyDecibels) {
     EXPECT_EQ(MeterBar({0.0, true}, 0), "");
 }
 
+TEST(LevelMeterTest, OneCharacterAChannelShowsStepsOfTenDecibels) {
+    EXPECT_EQ(CompactMeterText({{kSilence, false},
+                                {-60.1, false},
+                                {-60.0, false},
+                                {-45.0, false},
+                                {-35.0, false},
+                                {-25.0, false},
+                                {-15.0, false},
+                                {-5.0, false},
+                                {0.0, false},
+                                {0.0, true}}),
+              "[..:-=+*##!]");
+}
+
 TEST(LevelMeterTest, NamesTwoChannelsByTheirSideAndMoreByNumber) {
     const Level half{-30.0, false};
 
@@ -68,8 +82,20 @@ TEST(StatusTextTest, ShowsPositionStateLevelsDiskAndLosses) {
     const std::string text = StatusText(status, 200);
 
     EXPECT_EQ(text,
-              "01:02.5 recording  L [############------------] -30.0  R [############------------] "
-              "-30.0  disk 7 h 05 min  BUFFERS LOST");
+              "01:02.5 recording  BUFFERS LOST  disk 7 h 05 min  "
+              "L [############------------] -30.0  R [############------------] -30.0");
+}
+
+TEST(StatusTextTest, EightChannelsOnEightyColumnsLoseNeitherDiskTimeNorLosses) {
+    StatusLine status;
+    status.state = "recording";
+    status.levels.assign(8, {-30.0, false});
+    status.levels[2] = {0.0, true};
+    status.levels[7] = {kSilence, false};
+    status.diskSecondsLeft = 90.0;
+    status.lostBuffers = true;
+
+    EXPECT_EQ(StatusText(status, 79), "00:00.0 recording  BUFFERS LOST  disk 1 min  [++!++++.]");
 }
 
 TEST(StatusTextTest, ShrinksTheMetersBeforeItCutsTheLine) {

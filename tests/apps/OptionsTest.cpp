@@ -81,23 +81,88 @@ TEST(OptionsTest, AFileThatBeginsAndEndsWithTheRangesNeedsNoOut) {
 }
 
 TEST(OptionsTest, WhatIsWrongIsRefusedInOneLine) {
-    EXPECT_THAT(Refusal({}), HasSubstr("subcommand"));
-    EXPECT_THAT(Refusal({"rekord"}), Not(""));
+    EXPECT_THAT(Refusal({}), HasSubstr("devices, info or record"));
+    EXPECT_THAT(Refusal({"rekord"}), HasSubstr("\"rekord\""));
+    EXPECT_THAT(Refusal({"--json", "rekord"}), HasSubstr("\"rekord\""));
     EXPECT_THAT(Refusal({"record", "a.wav", "--bogus"}), HasSubstr("--bogus"));
     EXPECT_THAT(Refusal({"record", "a.wav", "b.wav"}), HasSubstr("b.wav"));
     EXPECT_THAT(Refusal({"record", "a.wav", "--bits", "20"}), HasSubstr("--bits"));
-    EXPECT_THAT(Refusal({"record", "a.wav", "--rate", "many"}), HasSubstr("--rate"));
-    EXPECT_THAT(Refusal({"record", "a.wav", "--rate", "-1"}), HasSubstr("--rate"));
     EXPECT_THAT(Refusal({"record", "a.wav", "--duration", "0"}), HasSubstr("--duration"));
     EXPECT_THAT(Refusal({"record", "a.wav", "--duration", "soon"}), HasSubstr("--duration"));
     EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "nan"}), HasSubstr("--gain"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "loud"}), HasSubstr("\"loud\""));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "6dB"}), HasSubstr("\"6dB\""));
     EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "1000"}), HasSubstr("--gain"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "inf"}), HasSubstr("--gain"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--type", "mp3"}), HasSubstr("\"mp3\""));
     EXPECT_THAT(Refusal({"record", ""}), HasSubstr("empty"));
     EXPECT_THAT(Refusal({"record", "a.wav", "--range", "2-1=b.wav"}), HasSubstr("2-1=b.wav"));
 }
 
-TEST(OptionsTest, DsdIsNotYetPossible) {
-    EXPECT_THAT(Refusal({"record", "a.dsf", "--type", "dsd"}), HasSubstr("not yet possible"));
+TEST(OptionsTest, ARangeTakesExactlyOneValue) {
+    EXPECT_THAT(Refusal({"record", "--range", "0-1=a.wav", "--range", "1-2=b.wav"}), "");
+    const Options options = ParseOptions({"record", "--range", "0-1=a.wav", "b.wav"});
+
+    EXPECT_EQ(options.record.ranges.size(), 1U);
+    EXPECT_EQ(options.record.out, "b.wav");
+}
+
+TEST(OptionsTest, AFlagTakesNoValue) {
+    for (const char* flag : {"--json=1", "--json=false", "--force=1", "--quiet=1"}) {
+        EXPECT_THAT(Refusal({"record", "a.wav", flag}), testing::EndsWith(" takes no value"))
+            << flag;
+    }
+}
+
+TEST(OptionsTest, AnEmptyValueIsNotTheDefault) {
+    for (const char* option : {"--bits", "--gain", "--device", "--temp-dir", "--rate", "--duration",
+                               "--type", "--range"}) {
+        EXPECT_THAT(Refusal({"record", "a.wav", option, ""}), HasSubstr(option));
+    }
+    EXPECT_THAT(Refusal({"info", "--device", ""}), HasSubstr("--device is empty"));
+}
+
+TEST(OptionsTest, AWrongNumberIsQuotedAndNothingElse) {
+    EXPECT_EQ(Refusal({"record", "a.wav", "--rate", "abc"}),
+              "--rate \"abc\" is no sampling rate in Hz");
+    EXPECT_EQ(Refusal({"record", "a.wav", "--rate", "0"}),
+              "--rate \"0\" is no sampling rate in Hz");
+    EXPECT_EQ(Refusal({"record", "a.wav", "--rate", "-1"}),
+              "--rate \"-1\" is no sampling rate in Hz");
+    EXPECT_EQ(Refusal({"record", "a.wav", "--rate", "99999999999999999999999"}),
+              "--rate 99999999999999999999999 is higher than any recorder's");
+    EXPECT_EQ(Refusal({"record", "a.wav", "--bits", "abc"}),
+              "--bits \"abc\" is no sample width: 16, 24 or 32");
+    EXPECT_EQ(Refusal({"record", "a.wav", "--duration", "99999999999"}),
+              "--duration \"99999999999\" is too long: no more than 2777 hours");
+    EXPECT_EQ(ParseOptions({"record", "a.wav", "--gain", "+3.5"}).record.gain, 3.5);
+}
+
+TEST(OptionsTest, UnexpectedArgumentsComeInTheirOrder) {
+    EXPECT_EQ(Refusal({"record", "a.wav", "b.wav", "c.wav", "d.wav"}),
+              "not expected: b.wav c.wav d.wav");
+}
+
+TEST(OptionsTest, ADsdRecordingIsPossible) {
+    const Options options = ParseOptions({"record", "a.dsf", "--type", "dsd", "--rate", "5644800"});
+
+    EXPECT_TRUE(options.record.dsd);
+    EXPECT_EQ(options.record.rateHz, 5'644'800U);
+    EXPECT_FALSE(ParseOptions({"record", "a.wav"}).record.dsd);
+}
+
+TEST(OptionsTest, ADsdSampleHasNoWidthToChoose) {
+    EXPECT_THAT(Refusal({"record", "a.dsf", "--type", "dsd", "--bits", "24"}),
+                HasSubstr("one bit"));
+}
+
+TEST(OptionsTest, AFilesEndingMustNotContradictItsType) {
+    EXPECT_THAT(Refusal({"record", "a.wav", "--type", "dsd"}), HasSubstr("*.dsf"));
+    EXPECT_THAT(Refusal({"record", "a.dsf"}), HasSubstr("*.wav"));
+    EXPECT_THAT(Refusal({"record", "a.DSF"}), HasSubstr("*.wav"));
+    EXPECT_THAT(Refusal({"record", "a.dsf", "--type", "dsd", "--range", "0-1=b.Wav"}),
+                HasSubstr("b.Wav"));
+    EXPECT_EQ(Refusal({"record", "a", "--type", "dsd", "--range", "0-1=b.flac"}), "");
 }
 
 TEST(OptionsTest, ARangeBeyondTheDurationIsRefused) {
@@ -109,18 +174,24 @@ TEST(OptionsTest, ARangeBeyondTheDurationIsRefused) {
 TEST(OptionsTest, HelpAndVersionAreAnswers) {
     EXPECT_THAT(ParseOptions({"--help"}).text, HasSubstr("record"));
     EXPECT_THAT(ParseOptions({"record", "--help"}).text, HasSubstr("--duration"));
+    EXPECT_THAT(ParseOptions({"record", "--help"}).text, HasSubstr("Usage: vorrel record"));
     EXPECT_THAT(ParseOptions({"--version"}).text, testing::StartsWith("vorrel "));
 }
 
 TEST(ChooseRateTest, PrefersTheUsualRateThenTheLowest) {
-    EXPECT_EQ(ChooseRate({44'100, 48'000, 96'000}, {}), 48'000U);
-    EXPECT_EQ(ChooseRate({88'200, 96'000}, {}), 88'200U);
-    EXPECT_EQ(ChooseRate({44'100, 48'000, 96'000}, 96'000), 96'000U);
+    EXPECT_EQ(ChooseRate({44'100, 48'000, 96'000}, {}, false), 48'000U);
+    EXPECT_EQ(ChooseRate({88'200, 96'000}, {}, false), 88'200U);
+    EXPECT_EQ(ChooseRate({44'100, 48'000, 96'000}, 96'000, false), 96'000U);
+}
+
+TEST(ChooseRateTest, OfDsdTheLowestOfTheUsualOnes) {
+    EXPECT_EQ(ChooseRate({2'822'400, 5'644'800, 11'289'600}, {}, true), 2'822'400U);
+    EXPECT_EQ(ChooseRate({5'644'800, 11'289'600}, {}, true), 5'644'800U);
 }
 
 TEST(ChooseRateTest, AnImpossibleRateIsAnsweredWithThePossibleOnes) {
     try {
-        ChooseRate({44'100, 48'000}, 47'999);
+        ChooseRate({44'100, 48'000}, 47'999, false);
         ADD_FAILURE();
     } catch (const Failure& failure) {
         EXPECT_EQ(failure.exit, ExitCode::Usage);

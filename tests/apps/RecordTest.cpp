@@ -236,11 +236,32 @@ TEST_F(RecordTest, ATargetVolumeTooSmallForTheRecordingEndsItWhileItStillFits) {
 
     EXPECT_EQ(program.Wait(), 3);
 
-    // Depending on when the disk was looked at, the file just fits or is given up as a whole.
     EXPECT_THAT(program.Error(), HasSubstr("disk is full"));
-    for (const auto& entry : std::filesystem::directory_iterator(volume.File(""))) {
-        EXPECT_EQ(entry.path().filename(), "a.wav");
+    const Wav wav = ReadWav(volume.File("a.wav"));
+    EXPECT_GT(wav.Frames(), 48'000U * 5);
+    EXPECT_EQ(FirstGap(wav, CounterStart(wav)), wav.Frames());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, ALimitOfFileSizeEndsTheRecordingAndSavesIt) {
+    // 512 KiB, in blocks of 512 bytes: less than what the engine spills at once, 960,000 bytes of
+    // each channel.
+    Process program(After("ulimit -f 1024", Record({places.File("a.wav"), kCounter})));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(program.Error(), HasSubstr("File too large"));
+    std::uint64_t next = 0;
+    std::uint64_t frames = 0;
+    for (std::size_t part = 0; part < places.Files().size(); ++part) {
+        const Wav wav = ReadWav(places.File(
+            part == 0 ? "a-rescued.wav" : "a-rescued-" + std::to_string(part + 1) + ".wav"));
+        next = part == 0 ? CounterStart(wav) : next;
+        EXPECT_EQ(FirstGap(wav, next), wav.Frames());
+        next += wav.Frames();
+        frames += wav.Frames();
     }
+    EXPECT_GE(frames, 48'000U * 5 - 4'800);
     EXPECT_TRUE(places.TempIsEmpty());
 }
 
@@ -249,11 +270,16 @@ TEST_F(RecordTest, WhatCannotBeDoneIsSaidBeforeTheRecording) {
     const std::string file = places.File("a.wav");
 
     ExpectRefused({places.File("old.wav"), kCounter}, 1, "--force");
-    ExpectRefused({places.File("none/a.wav"), kCounter}, 1, "none");
+    ExpectRefused({places.File("none/a.wav"), kCounter}, 1,
+                  "there is no directory " + places.File("none"));
     ExpectRefused({"/proc/a.wav", kCounter}, 1, "cannot be written");
     ExpectRefused({file, kCounter, "--rate", "47999"}, 1, "44100, 48000, 96000, 192000, 384000");
     ExpectRefused({file, kCounter, "--bits", "20"}, 1, "--bits");
-    ExpectRefused({file, kCounter, "--type", "dsd"}, 1, "not yet possible");
+    ExpectRefused({file, kCounter, "--type", "dsd"}, 1, "*.dsf");
+    ExpectRefused({places.File("a.dsf"), kCounter}, 1, "*.wav");
+    ExpectRefused({places.File("a.dsf"), kCounter, "--type", "dsd", "--rate", "48000"}, 1,
+                  "2822400, 5644800, 11289600");
+    ExpectRefused({places.File("a.dsf"), "--simulate=dsd=0", "--type", "dsd"}, 2, "no DSD rate");
     ExpectRefused({file, kCounter, "--device", "kd-wv770"}, 2, "KD-WV770");
     ExpectRefused({file, kCounter, "--range", "0-1=" + file}, 1, "twice");
     ExpectRefused({kCounter, "--range", "0-1=" + file, "--range", "1-2=" + places.File("./a.wav")},
@@ -280,8 +306,35 @@ TEST_F(RecordTest, AnImpossibleSimulationIsAUsageError) {
 
     EXPECT_EQ(program.Wait(), 1);
 
-    EXPECT_THAT(program.Error(), HasSubstr("vorrel: --simulate=source=bogus is not possible"));
+    EXPECT_THAT(program.Error(), HasSubstr("vorrel: --simulate=source=bogus is not possible: "));
+    EXPECT_THAT(program.Error(), HasSubstr("bogus"));
+    EXPECT_EQ(program.Error().find('\n'), program.Error().size() - 1) << program.Error();
+    EXPECT_THAT(Events(program.Out(), "error").at(0).at("message").get<std::string>().size(),
+                testing::Gt(std::string("--simulate=source=bogus is not possible: ").size()));
     EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, ABackendThatIsNamedAndMissingIsADeviceErrorWithItsReason) {
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"devices"}, {"info"}, {"record", places.File("a.wav")}}) {
+        Process::Setup setup;
+        setup.arguments = {VORREL_CLI};
+        setup.arguments.insert(setup.arguments.end(), command.begin(), command.end());
+        setup.environment["VORREL_BACKEND"] = "bogus";
+        Process unknown(setup);
+        setup.environment["VORREL_BACKEND"] = "";
+        setup.environment["VORREL_SIMULATED"] = "nonsense";
+        Process unset(setup);
+
+        EXPECT_EQ(unknown.Wait(), 2) << command[0];
+        EXPECT_EQ(unset.Wait(), 2) << command[0];
+
+        EXPECT_THAT(unknown.Error(),
+                    HasSubstr("there is no recorder: no device back end is called \"bogus\""));
+        EXPECT_THAT(unset.Error(), HasSubstr("nonsense"));
+        EXPECT_THAT(unknown.Error(), testing::StartsWith("vorrel: "));  // and no trace line
+    }
+    EXPECT_THAT(places.Files(), IsEmpty());
 }
 
 TEST_F(RecordTest, WithoutATempDirTheOneOfTheEnvironmentIsUsed) {
@@ -306,6 +359,109 @@ TEST_F(RecordTest, ForceReplacesTheFile) {
 
     EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 24'000U);
     EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+}
+
+/// Expects a whole DSF file. @return Its payload, channels in blocks.
+Bytes ReadDsf(const std::string& path, std::uint64_t rate, std::uint64_t frames) {
+    Bytes bytes = ReadBytes(path);
+    if (bytes.size() < 92) {
+        ADD_FAILURE() << path << " is no DSF file";
+        return {};
+    }
+    EXPECT_EQ(LittleEndian(bytes, 0, 4), Id("DSD ")) << path;
+    EXPECT_EQ(LittleEndian(bytes, 12, 8), bytes.size()) << path;
+    EXPECT_EQ(LittleEndian(bytes, 56, 4), rate) << path;
+    EXPECT_EQ(LittleEndian(bytes, 64, 8), frames) << path;
+    const std::uint64_t payload = LittleEndian(bytes, 84, 8) - 12;
+    EXPECT_EQ(payload, 2 * ((frames / 8 + 4'095) / 4'096 * 4'096)) << path;
+    return Bytes(bytes.begin() + 92, bytes.begin() + 92 + static_cast<std::ptrdiff_t>(payload));
+}
+
+TEST_F(RecordTest, EveryDsdRateIsSavedBitForBit) {
+    for (const std::uint64_t rate : {2'822'400U, 5'644'800U, 11'289'600U}) {
+        const std::string file = places.File(std::to_string(rate) + ".dsf");
+        Process program(Record({file, "--type", "dsd", "--rate", std::to_string(rate),
+                                "--simulate=source=silence,speed=20", "--duration", "0.5"}));
+
+        ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+        const Bytes payload = ReadDsf(file, rate, rate / 2);
+        // 0x69 with its bits in reverse order, the earliest lowest, and zeros up to the last block.
+        const std::uint64_t bytes = rate / 2 / 8;
+        for (std::uint64_t at = 0; at < payload.size(); ++at) {
+            const std::uint64_t unit = at / 8'192 * 4'096 + at % 4'096;
+            ASSERT_EQ(payload[at], unit < bytes ? 0x96 : 0x00) << at;
+        }
+        EXPECT_TRUE(places.TempIsEmpty());
+    }
+}
+
+TEST_F(RecordTest, DsdRangesAreStretchesOfTheRecordingAndCarryTags) {
+    Process program(Record({places.File("all.dsf"), "--type", "dsd",
+                            "--simulate=source=noise,speed=10", "--duration", "1", "--title",
+                            "Dawn", "--range", "0.25-0.75=" + places.File("b.dsf"), "--range",
+                            "0.333333-=" + places.File("c.dsf")}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    const Bytes all = ReadDsf(places.File("all.dsf"), 2'822'400, 2'822'400);
+    const Bytes b = ReadDsf(places.File("b.dsf"), 2'822'400, 1'411'200);
+    // 0.333333 x 352,800 = 117,599.9 bytes
+    const Bytes c = ReadDsf(places.File("c.dsf"), 2'822'400, 2'822'400 - 117'600 * 8);
+    const auto byteOf = [](const Bytes& payload, std::uint64_t channel, std::uint64_t unit) {
+        return payload.at(unit / 4'096 * 8'192 + channel * 4'096 + unit % 4'096);
+    };
+    for (std::uint64_t channel = 0; channel < 2; ++channel) {
+        for (std::uint64_t unit = 0; unit < 176'400; ++unit) {
+            ASSERT_EQ(byteOf(b, channel, unit), byteOf(all, channel, 88'200 + unit)) << unit;
+            ASSERT_EQ(byteOf(c, channel, unit), byteOf(all, channel, 117'600 + unit)) << unit;
+        }
+    }
+    const Bytes whole = ReadBytes(places.File("b.dsf"));
+    const std::uint64_t tag = LittleEndian(whole, 20, 8);
+    ASSERT_EQ(tag, 92 + b.size());
+    EXPECT_EQ(LittleEndian(whole, tag, 3), Id("ID3"));
+}
+
+TEST_F(RecordTest, ADsdRecordingWithPausesIsSavedToItsEnd) {
+    Process::Setup setup =
+        Record({places.File("a.dsf"), "--type", "dsd", "--simulate=source=noise,speed=4"});
+    setup.terminal = true;
+    Process program(setup);
+    for (int pause = 0; pause < 3; ++pause) {
+        ASSERT_TRUE(program.AwaitOut("\"position\""));
+        ASSERT_TRUE(program.AwaitOut("\"position\""));
+        ASSERT_TRUE(program.AwaitOut("\"position\""));
+        ASSERT_TRUE(program.Type(" "));
+        ASSERT_TRUE(program.AwaitOut("\"paused\""));
+        ASSERT_TRUE(program.AwaitOut("\"level\""));
+        ASSERT_TRUE(program.Type(" "));
+        ASSERT_TRUE(program.AwaitOut("\"recording\""));
+    }
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.Type("q"));
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+    double last = 0.0;
+    for (const nlohmann::json& position : Events(program.Out(), "position")) {
+        last = position.at("seconds");
+    }
+    const nlohmann::json saved = Events(program.Out(), "saved").at(0);
+    EXPECT_GE(saved.at("seconds").get<double>(), last - 1e-9);
+    EXPECT_LT(saved.at("seconds").get<double>(), last + 0.1);
+    ReadDsf(places.File("a.dsf"), 2'822'400, saved.at("frames").get<std::uint64_t>());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, ALongDsdRecordingSurvivesItsSpillFiles) {
+    Process program(Record({places.File("a.dsf"), "--type", "dsd",
+                            "--simulate=source=silence,speed=20", "--duration", "12"}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    ReadDsf(places.File("a.dsf"), 2'822'400, 12 * 2'822'400);
+    EXPECT_TRUE(places.TempIsEmpty());
 }
 
 Process::Setup Ask(const std::vector<std::string>& arguments) {

@@ -25,6 +25,21 @@ TEST(ParseTimeTest, RefusesWhatIsNoTime) {
     }
 }
 
+TEST(ParseTimeTest, ARefusalTellsAWrongTextFromATimeThatIsTooLong) {
+    EXPECT_EQ(TimeRefusal("soon"), "is no time (seconds, or 1:30.5)");
+    EXPECT_EQ(TimeRefusal("10000001"), "is too long: no more than 2777 hours");
+    EXPECT_EQ(TimeRefusal(std::string(400, '9')), "is too long: no more than 2777 hours");
+}
+
+TEST(ParseRangeTest, AnEmptyRangeIsSaidToBeEmpty) {
+    try {
+        ParseRange("1-1=a.wav");
+        ADD_FAILURE();
+    } catch (const Failure& failure) {
+        EXPECT_NE(std::string(failure.what()).find("it is empty"), std::string::npos);
+    }
+}
+
 TEST(ParseRangeTest, TakesStartEndAndFile) {
     const Range range = ParseRange("1:30-2:45.5=side a.wav");
 
@@ -61,20 +76,15 @@ TEST(ParseRangeTest, RefusesWhatIsNoRangeAndQuotesIt) {
 }
 
 TEST(FramesTest, SecondsOfAFrameAreCutOffToThatFrameAtEveryRate) {
-    for (const std::uint64_t rate : {44'100ULL, 48'000ULL, 88'200ULL, 96'000ULL, 176'400ULL,
-                                     192'000ULL, 352'800ULL, 384'000ULL}) {
+    for (const std::uint64_t rate :
+         {44'100ULL, 48'000ULL, 88'200ULL, 96'000ULL, 176'400ULL, 192'000ULL, 352'800ULL,
+          384'000ULL, 2'822'400ULL, 5'644'800ULL, 11'289'600ULL}) {
         for (const std::uint64_t frame : {0ULL, 1ULL, 2ULL, 3ULL, 44'099ULL, 44'101ULL, 132'300ULL,
                                           1'234'567ULL, 4'294'967'295ULL, 3'840'000'000'000ULL}) {
             const double product = static_cast<double>(rate) * SecondsOfFrame(frame, rate);
             EXPECT_EQ(static_cast<std::uint64_t>(product), frame) << rate;
         }
     }
-}
-
-TEST(FramesTest, ATimeIsItsNearestFrame) {
-    EXPECT_EQ(FrameAt(1.1, 44'100), 48'510U);  // in binary 1.1 x 44,100 lies just below or above
-    EXPECT_EQ(FrameAt(0.00001, 48'000), 0U);
-    EXPECT_EQ(FrameAt(2.5, 48'000), 120'000U);
 }
 
 TEST(ClockTextTest, ShowsTenthsAndHoursFromOneHourOn) {

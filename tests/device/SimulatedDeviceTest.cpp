@@ -16,6 +16,7 @@
 #include "device/BackendTable.h"
 #include "device/CoreAudioManager.h"
 #include "device/simulated/SimulatedBackends.h"
+#include "support/DsfBytes.h"
 #include "support/FakeDeviceNotify.h"
 #include "support/TempDirectory.h"
 
@@ -293,6 +294,49 @@ TEST(SimulatedFileTest, AFileArrivesThroughTheDeviceCodeBitForBit) {
     ASSERT_EQ(read.size(), 512U * 2);
     EXPECT_EQ(std::memcmp(read.data(), written.data(), written.size() * sizeof(float)), 0);
     EXPECT_THAT(std::vector<float>(read.begin() + 6, read.end()), testing::Each(0.0F));
+    EXPECT_EQ(manager.Stop(), VrSuccess);
+}
+
+TEST(SimulatedFileTest, ADsfFileArrivesThroughTheDeviceCodeAtItsRateAlone) {
+    const test::TempDirectory directory;
+    const std::string path = directory.File("take.dsf");
+    test::WriteBytes(
+        path,
+        test::DsfBytes{.rateHz = 11'289'600, .channels = {{0x2C, 0x48}, {0xFF, 0xFF}}}.Make());
+    SimulatedRecorderConfig config;
+    config.source = SimulatedSource::File;
+    config.filePath = path;
+    config.manual = true;
+    SimulatedBackends backends({config});
+    ASSERT_EQ(backends.RecorderCount(), 1U);
+    CoreAudioManager manager([&backends] { return backends.Backends(); });
+    test::FakeDeviceNotify notify;
+    std::vector<float> read;
+    notify.onCycle = [&] {
+        const AudioBuffer& buffer = notify.lastInput.load()->mBuffers[0];
+        const auto* samples = static_cast<const float*>(buffer.mData);
+        read.assign(samples, samples + buffer.mDataByteSize / sizeof(float));
+    };
+    const std::vector<FoundDeviceInfo> list = SupportedDevices(manager);
+    ASSERT_EQ(list.size(), 1U);
+    ASSERT_EQ(manager.SetAudioDevice(list[0], &notify), VrSuccess);
+    for (const double rateHz : {44'100.0, 176'400.0, 352'800.0, 384'000.0}) {
+        EXPECT_EQ(manager.CanSampleRate(rateHz), VrErrorNotSupported) << rateHz;
+    }
+    EXPECT_EQ(manager.Start(), VrErrorNotSupported);  // it has no PCM to give
+    ASSERT_EQ(manager.SetSampleType(1), VrSuccess);
+    EXPECT_EQ(manager.CanSampleRate(2'822'400), VrErrorNotSupported);
+    EXPECT_EQ(manager.CanSampleRate(5'644'800), VrErrorNotSupported);
+    ASSERT_EQ(manager.SetSampleRate(11'289'600), VrSuccess);
+    ASSERT_EQ(manager.Start(), VrSuccess);
+
+    ASSERT_TRUE(backends.Recorder().DeliverBuffer());
+
+    ASSERT_EQ(read.size(), 512U * 2);
+    EXPECT_EQ(read[0], 0x1234 / 32'768.0F);
+    EXPECT_EQ(read[1], -1 / 32'768.0F);
+    EXPECT_THAT(std::vector<float>(read.begin() + 2, read.end()),
+                testing::Each(0x6969 / 32'768.0F));
     EXPECT_EQ(manager.Stop(), VrSuccess);
 }
 

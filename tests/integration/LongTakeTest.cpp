@@ -52,5 +52,36 @@ TEST(LongTakeTest, MemoryStaysBoundedInATakeOfTwoHours) {
     EXPECT_EQ(last[1], static_cast<std::int16_t>(std::nearbyint(sample * 32768.0)));
 }
 
+TEST(LongTakeTest, MemoryStaysBoundedInADsdTakeOfAnHour) {
+    SimulatedRecorderConfig config;
+    config.source = SimulatedSource::Counter;
+    config.channels = 2;
+    Take take(config, 2'822'400, Take::Dsd);
+    take.Select();
+    take.Start();
+    constexpr std::uint64_t kBuffersPerMinute = 323;  // of 32,768 words: 185.8 ms
+    ASSERT_EQ(take.BufferFrames(), 32'768U);
+    take.Deliver(kBuffersPerMinute);
+    const std::uint64_t afterAMinute = ResidentBytes();
+    ASSERT_GT(afterAMinute, 0U);
+
+    take.Deliver(59 * kBuffersPerMinute);
+
+    EXPECT_LT(ResidentBytes(), afterAMinute + (16U << 20));
+    constexpr std::uint64_t kWords = 60 * kBuffersPerMinute * 32'768;
+    EXPECT_EQ(take.Record().GetLength(true), kWords * 16);
+    EXPECT_EQ(take.Length(true), kWords / 4);
+    EXPECT_TRUE(take.delegate->messages.empty());
+    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    // Out of the middle, long spilled, and the very end.
+    for (const std::uint64_t word : {kWords / 2, kWords - 1}) {
+        Bytes bytes;
+        ASSERT_EQ(take.Record().GetData(1, word * 16, word * 16 + 16, bytes, true), VrSuccess);
+        const std::uint16_t expected = CounterWord(word, 1, 2);
+        EXPECT_EQ(bytes, (Bytes{static_cast<std::uint8_t>(expected & 0xFF),
+                                static_cast<std::uint8_t>(expected >> 8)}));
+    }
+}
+
 }  // namespace
 }  // namespace vorrel::test

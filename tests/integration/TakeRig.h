@@ -11,16 +11,24 @@
 #include "device/simulated/SampleSource.h"
 #include "device/simulated/SimulatedBackends.h"
 #include "manager/VorrelManager.h"
+#include "support/FileBytes.h"
 #include "support/RecordingDelegate.h"
 #include "support/TempDirectory.h"
+#include "support/VorrelManagerParts.h"
 
 namespace vorrel::test {
 
 /// A whole engine over a simulated recorder that delivers when the test says so.
 class Take {
 public:
-    Take(SimulatedRecorderConfig configuration, std::uint64_t takeRateHz)
-        : config(Manual(std::move(configuration))), rateHz(takeRateHz), backends({config}) {}
+    enum Type : std::int32_t { Pcm = 0, Dsd = 1 };
+
+    /// @param takeRateHz  Samples of one channel a second: at DSD, single bits.
+    Take(SimulatedRecorderConfig configuration, std::uint64_t takeRateHz, Type takeType = Pcm)
+        : config(Manual(std::move(configuration))),
+          rateHz(takeRateHz),
+          type(takeType),
+          backends({config}) {}
 
     void Select() {
         ASSERT_EQ(manager.Init(delegate), VrSuccess);
@@ -29,7 +37,7 @@ public:
         SetBits(16);
     }
     void SetBits(std::uint16_t bits) {
-        const VrRecordSetting setting{.rec_type = 0, .freq = rateHz, .bits = bits};
+        const VrRecordSetting setting{.rec_type = type, .freq = rateHz, .bits = bits};
         ASSERT_EQ(manager.SetRecordSetting(&setting), VrSuccess);
     }
     void Start() {
@@ -44,12 +52,16 @@ public:
     void Deliver(std::uint64_t buffers) {
         // A device does not wait; the test does, so that nothing is lost however slow it runs. Two
         // seconds are well inside what queue and memory buffers hold.
-        constexpr std::uint64_t kBuffersAhead = 40;
+        const std::uint64_t buffersAhead =
+            std::max<std::uint64_t>(2 * rateHz / (BufferFrames() * SamplesPerFrame()), 1);
         while (buffers > 0) {
-            const std::uint64_t count = std::min(buffers, kBuffersAhead);
+            const std::uint64_t count = std::min(buffers, buffersAhead);
             ASSERT_EQ(Recorder().DeliverBuffers(count), count);
-            ASSERT_TRUE(
-                DispatchUntil([&] { return Length(false) == Recorder().DeliveredFrames(); }));
+            ASSERT_TRUE(DispatchUntil([&] {
+                const std::uint64_t samples = Recorder().DeliveredFrames() * SamplesPerFrame();
+                return Record().GetLength(false) == samples &&
+                       Length(false) == samples / SamplesPerPreviewFrame();
+            }));
             buffers -= count;
         }
     }
@@ -65,6 +77,10 @@ public:
         EXPECT_EQ(manager.GetPreviewDataLength(&length, available), VrSuccess);
         return length;
     }
+    RecordData& Record() { return VorrelManagerParts::Record(manager); }
+    /// Samples of one channel in a frame of the device: at DSD, the single bits of a word.
+    std::uint64_t SamplesPerFrame() const { return type == Dsd ? 16 : 1; }
+    std::uint64_t SamplesPerPreviewFrame() const { return type == Dsd ? 64 : 1; }
     SimulatedRecorder& Recorder() { return backends.Recorder(); }
     std::uint64_t BufferFrames() { return Recorder().BufferFrames(); }
     /// What the recorder delivers from its first frame on, interleaved.
@@ -76,8 +92,31 @@ public:
         return samples;
     }
 
+    /// The same in DSD, of each channel as bytes, the earlier one of a word first.
+    std::vector<Bytes> CapturedBits(std::uint64_t words) {
+        const std::uint32_t channels = Recorder().Config().channels;
+        std::vector<float> samples(words * channels);
+        MakeSampleSource(Recorder().Config(),
+                         {static_cast<double>(rateHz) / 16, 16, channels, true})
+            ->Read(samples.data(), words);
+        std::vector<Bytes> bits(channels);
+        for (std::size_t i = 0; i < samples.size(); ++i) {
+            const auto word = static_cast<unsigned>(static_cast<int>(samples[i] * 32'768.0F));
+            bits[i % channels].push_back(static_cast<std::uint8_t>(word));
+            bits[i % channels].push_back(static_cast<std::uint8_t>(word >> 8));
+        }
+        return bits;
+    }
+    /// All that the record store holds of a channel as recorded.
+    Bytes Recorded(std::uint16_t channel) {
+        Bytes bytes;
+        EXPECT_EQ(Record().GetData(channel, 0, Record().GetLength(true), bytes, true), VrSuccess);
+        return bytes;
+    }
+
     SimulatedRecorderConfig config;
     std::uint64_t rateHz;
+    Type type;
     TempDirectory directory;
     TempDirectory spillDirectory;
     SimulatedBackends backends;

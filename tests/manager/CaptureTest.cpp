@@ -35,6 +35,13 @@ protected:
     void SetChannels(const std::vector<UInt32>& buffers) {
         recorder.audio->SetBuffers(FakeRecorder::kDevice, kAudioObjectPropertyScopeInput, buffers);
     }
+    /// All that is stored of a channel, byte for byte.
+    std::vector<std::uint8_t> StoredDsd(std::uint16_t channel) {
+        RecordData& record = VorrelManagerParts::Record(manager);
+        std::vector<std::uint8_t> stored;
+        EXPECT_EQ(record.GetData(channel, 0, record.GetLength(false), stored, false), VrSuccess);
+        return stored;
+    }
     std::vector<std::int16_t> Preview(std::uint64_t frames, std::size_t channels) {
         std::vector<std::int16_t> samples(frames * channels);
         EXPECT_EQ(manager.GetPreviewData(0, frames, samples.data(), true), VrSuccess);
@@ -251,6 +258,97 @@ TEST_F(CaptureTest, ADsdBuffersWordsReachTheStoreOfTheirChannel) {
             ASSERT_EQ(stored[static_cast<std::size_t>(2 * frame + 1)], (word >> 8) & 0xFF) << frame;
         }
     }
+}
+
+TEST_F(CaptureTest, EveryCountOfDsdWordsIsConvertedAndNoWordBesideThem) {
+    std::vector<float> source;
+    for (int word = -20; word < 21; ++word) {
+        source.push_back(static_cast<float>(word) / 32768.0F);
+    }
+    for (std::size_t first = 0; first < 5; ++first) {
+        for (std::size_t count = 0; count <= 36; ++count) {
+            std::vector<std::int16_t> words(40, 7'777);
+
+            VorrelManager::Float_To_DSD16(words.data() + first, source.data() + first, count);
+
+            for (std::size_t i = 0; i < words.size(); ++i) {
+                const bool converted = i >= first && i < first + count;
+                ASSERT_EQ(words[i], converted ? static_cast<int>(i) - 20 : 7'777)
+                    << count << " words from " << first << ", word " << i;
+            }
+        }
+    }
+}
+
+TEST_F(CaptureTest, DsdChannelsAreNumberedAcrossTheBuffersOfAList) {
+    SetChannels({2, 1, 2});
+    Select();
+    Set(1, 5'644'800, 0);
+    StartRecording();
+    std::vector<float> front = {1 / 32768.0F, 2 / 32768.0F, 11 / 32768.0F, 12 / 32768.0F};
+    std::vector<float> middle = {3 / 32768.0F, 13 / 32768.0F};
+    std::vector<float> rear = {4 / 32768.0F, 5 / 32768.0F, 14 / 32768.0F, 15 / 32768.0F};
+    BufferList list;
+    list.Add(2, front);
+    list.Add(1, middle);
+    list.Add(2, rear);
+
+    ASSERT_TRUE(recorder.Deliver(list.Get()));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    for (std::uint16_t channel = 0; channel < 5; ++channel) {
+        const auto number = static_cast<std::uint8_t>(channel + 1);
+        EXPECT_EQ(StoredDsd(channel), (std::vector<std::uint8_t>{
+                                          number, 0, static_cast<std::uint8_t>(10 + number), 0}));
+    }
+}
+
+TEST_F(CaptureTest, MoreDsdChannelsThanASplitTakesAtOnceArriveWhole) {
+    constexpr std::uint16_t kChannels = 40;
+    SetChannels({kChannels});
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    std::vector<float> samples;
+    for (int word = 0; word < 3 * kChannels; ++word) {
+        samples.push_back(static_cast<float>(word) / 32768.0F);
+    }
+
+    ASSERT_TRUE(recorder.Deliver(kChannels, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    for (std::uint16_t channel = 0; channel < kChannels; ++channel) {
+        EXPECT_EQ(StoredDsd(channel), (std::vector<std::uint8_t>{
+                                          static_cast<std::uint8_t>(channel), 0,
+                                          static_cast<std::uint8_t>(kChannels + channel), 0,
+                                          static_cast<std::uint8_t>(2 * kChannels + channel), 0}));
+    }
+}
+
+TEST_F(CaptureTest, ADsdBufferWithoutSamplesIsDsdSilence) {
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    const AudioBufferList list{1, {{2, 3 * 2 * sizeof(float), nullptr}}};
+
+    ASSERT_TRUE(recorder.Deliver(&list));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    for (std::uint16_t channel = 0; channel < 2; ++channel) {
+        EXPECT_EQ(StoredDsd(channel), std::vector<std::uint8_t>(6, 0x69));
+    }
+}
+
+TEST_F(CaptureTest, AnEmptyBufferListQueuesNothingAtDsd) {
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    const AudioBufferList none{0, {}};
+
+    ASSERT_TRUE(recorder.Deliver(&none));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(VorrelManagerParts::Record(manager).GetLength(false), 0U);
 }
 
 TEST_F(CaptureTest, ChannelsStayInStepWhenTheQueueIsFull) {

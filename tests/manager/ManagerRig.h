@@ -12,16 +12,7 @@
 #include "support/FakeRecorder.h"
 #include "support/RecordingDelegate.h"
 #include "support/TempDirectory.h"
-
-namespace vorrel {
-
-struct VorrelManagerParts {
-    static Mutex& TurnLock(VorrelManager& manager) { return manager.recordData.TurnLock(); }
-    static AsioDataQueue& Queue(VorrelManager& manager) { return manager.dataQueue; }
-    static RecordData& Record(VorrelManager& manager) { return manager.recordData; }
-};
-
-}  // namespace vorrel
+#include "support/VorrelManagerParts.h"
 
 namespace vorrel::test {
 

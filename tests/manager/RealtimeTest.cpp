@@ -76,6 +76,18 @@ TEST_F(RealtimeTest, ADsdCallbackIsQuiet) {
     ExpectQuiet();
 }
 
+TEST_F(RealtimeTest, EightDsdChannelsAtTheHighestRateAreQuiet) {
+    recorder.audio->SetBuffers(FakeRecorder::kDevice, kAudioObjectPropertyScopeInput, {8});
+    Select();
+    Set(1, 11'289'600, 0);
+    StartRecording();
+    std::vector<float> samples(8 * 4'096, 0.25F);
+
+    DeliverStored(8, samples, 30, 1'024);
+
+    ExpectQuiet();
+}
+
 TEST_F(RealtimeTest, TheRecordStartedMessageIsQuiet) {
     SelectPcm();
     StartPreRecording();

@@ -60,7 +60,8 @@ struct Sound {
 Sound Measure(const Bytes& bytes) {
     std::vector<std::complex<double>> values(kPoints);
     for (std::size_t i = 0; i < kPoints; ++i) {
-        const unsigned bit = (bytes[kLeadBytes + i / 8] >> (7 - i % 8)) & 1U;
+        const unsigned byte = bytes[kLeadBytes + i / 8];
+        const unsigned bit = (byte >> (7 - i % 8)) & 1U;
         // A Blackman-Harris window: what leaks from beyond 20 kHz, where the noise of one bit is,
         // stays more than 90 dB down.
         const double turn =

@@ -4,12 +4,13 @@
 #include <array>
 #include <functional>
 
+#include "device/simulated/SampleSource.h"
+
 namespace vorrel {
 namespace {
 
 /// A sixteenth of 2.8224, 5.6448 and 11.2896 MHz.
 constexpr std::array kDsdWordRatesHz = {176'400.0, 352'800.0, 705'600.0};
-constexpr std::uint32_t kDsdWordBits = 16;
 
 bool IsDsdFormat(const AudioStreamBasicDescription& format) {
     return format.mBitsPerChannel == kDsdWordBits &&
@@ -69,9 +70,9 @@ std::vector<AudioStreamRangedDescription> MakeFormats(const SimulatedRecorderCon
             formats.push_back(MakeFormat(rateHz, config.channels, bits, bits / 8));
         }
     }
-    for (const double rateHz : kDsdWordRatesHz) {
+    for (const double rateHz : config.dsdRatesHz) {
         const AudioStreamRangedDescription words =
-            MakeFormat(rateHz, config.channels, kDsdWordBits, kDsdWordBits / 8);
+            MakeFormat(rateHz / kDsdWordBits, config.channels, kDsdWordBits, kDsdWordBits / 8);
         if (config.dsd && !IsPcmFormat(config, words.mFormat)) {
             formats.push_back(words);
         }

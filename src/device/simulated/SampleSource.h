@@ -29,8 +29,8 @@ public:
 };
 
 /// The source of a completed configuration, at its first frame. Null when its file cannot be
-/// opened, which is traced. Tone, sweep and noise are rounded to `bits`, as a converter would
-/// deliver them; counter and file pass as they are.
+/// opened or is none of the mode and its rate, which is traced. Tone, sweep and noise are rounded
+/// to `bits`, as a converter would deliver them; counter and file pass as they are.
 std::unique_ptr<SampleSource> MakeSampleSource(const SimulatedRecorderConfig& config,
                                                const SourceFormat& format);
 
@@ -44,6 +44,15 @@ std::uint16_t CounterWord(std::uint64_t frame, std::uint32_t channel, std::uint3
 /// A word of 16 one-bit samples as the device carries it: its value as a signed number over 32768.
 /// The earlier byte is the low one, in each byte the earliest sample is bit 7.
 float DsdWordToFloat(std::uint16_t word);
+
+/// One-bit samples of a word.
+inline constexpr unsigned kDsdWordBits = 16;
+
+/// The word of 16 samples of which the earliest is bit 15: its two halves change places.
+constexpr std::uint16_t DsdWordOfBits(unsigned earliestFirst) {
+    return static_cast<std::uint16_t>(earliestFirst << 8 | (earliestFirst >> 8 & 0xFF));
+}
+static_assert(DsdWordOfBits(0x3412) == 0x1234);
 
 /// Digital silence: both bytes 0x69, as many ones as zeros.
 inline constexpr std::uint16_t kDsdSilenceWord = 0x6969;

@@ -18,7 +18,8 @@ void TraceUnusableRate(const SimulatedRecorderConfig& config, std::uint32_t numb
     const bool supported = config.name == kSupportedDeviceName &&
                            config.vendorId == kSupportedVendorId &&
                            config.productId == kSupportedProductId;
-    if (config.source == SimulatedSource::File && supported &&
+    // Over a DSF file no PCM rate is expected.
+    if (config.source == SimulatedSource::File && supported && !config.pcmRatesHz.empty() &&
         std::find(kRatesNotOfferedHz.begin(), kRatesNotOfferedHz.end(), config.pcmRatesHz[0]) !=
             kRatesNotOfferedHz.end()) {
         Trace(__FILE__, __LINE__,

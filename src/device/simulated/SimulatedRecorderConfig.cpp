@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "device/simulated/AudioFileSource.h"
+#include "device/simulated/DsfFileSource.h"
 
 namespace vorrel {
 namespace {
@@ -35,16 +36,6 @@ bool ParseNumber(std::string_view text, T& number) {
 bool ParseFlag(std::string_view text, bool& flag) {
     flag = text == "1";
     return text == "1" || text == "0";
-}
-
-bool EndsInDsf(std::string_view path) {
-    constexpr std::string_view extension = ".dsf";
-    return path.size() >= extension.size() &&
-           std::equal(extension.begin(), extension.end(), path.end() - extension.size(),
-                      [](char wanted, char found) {
-                          return wanted ==
-                                 (found >= 'A' && found <= 'Z' ? found - 'A' + 'a' : found);
-                      });
 }
 
 bool ParseSource(std::string_view text, SimulatedRecorderConfig& config) {
@@ -96,33 +87,55 @@ bool ParsePair(std::string_view key, std::string_view value, SimulatedRecorderCo
     return reader != readers.end() && reader->second(value);
 }
 
-/// Takes from the file what it decides: the channels, and the one rate.
+/// Takes the file's channels, unless others are wanted.
+bool CompleteChannels(SimulatedRecorderConfig& config, std::uint32_t channels,
+                      std::string& problem) {
+    if (config.channels == 0) {
+        config.channels = channels;
+    }
+    if (config.channels != channels) {
+        problem = config.filePath + ": has " + std::to_string(channels) + " channels, not " +
+                  std::to_string(config.channels);
+    }
+    return config.channels == channels;
+}
+
+/// Leaves the file's rate of those in `offeredHz`.
+bool CompleteRate(const SimulatedRecorderConfig& config, double rateHz,
+                  std::vector<double>& offeredHz, std::string& problem) {
+    const bool offered = std::find(offeredHz.begin(), offeredHz.end(), rateHz) != offeredHz.end();
+    if (!offered) {
+        problem = config.filePath + ": its rate, " +
+                  std::to_string(static_cast<std::uint64_t>(rateHz)) +
+                  " Hz, is none of the recorder's";
+    }
+    // Its samples arrive bit for bit, so they are not resampled.
+    offeredHz = {rateHz};
+    return offered;
+}
+
+/// Takes from the file what it decides: the channels, the mode, and the one rate.
 bool CompleteFromFile(SimulatedRecorderConfig& config, std::string& problem) {
-    if (EndsInDsf(config.filePath)) {
-        problem = config.filePath + ": DSF files are not supported as a source";
-        return false;
+    if (IsDsfPath(config.filePath)) {
+        DsfFacts facts;
+        if (!InspectDsfFile(config.filePath, facts, problem)) {
+            return false;
+        }
+        if (!config.dsd) {
+            problem = config.filePath + ": its samples need the DSD mode";
+            return false;
+        }
+        config.pcmRatesHz.clear();
+        return CompleteChannels(config, facts.channels, problem) &&
+               CompleteRate(config, facts.rateHz, config.dsdRatesHz, problem);
     }
     AudioFileFacts facts;
     if (!InspectAudioFile(config.filePath, facts, problem)) {
         return false;
     }
-    if (config.channels == 0) {
-        config.channels = facts.channels;
-    }
-    if (config.channels != facts.channels) {
-        problem = config.filePath + ": has " + std::to_string(facts.channels) + " channels, not " +
-                  std::to_string(config.channels);
-        return false;
-    }
-    if (std::find(config.pcmRatesHz.begin(), config.pcmRatesHz.end(), facts.rateHz) ==
-        config.pcmRatesHz.end()) {
-        problem = config.filePath + ": its rate is none of the recorder's";
-        return false;
-    }
-    // Its samples arrive bit for bit, so they are neither resampled nor modulated.
-    config.pcmRatesHz = {facts.rateHz};
     config.dsd = false;
-    return true;
+    return CompleteChannels(config, facts.channels, problem) &&
+           CompleteRate(config, facts.rateHz, config.pcmRatesHz, problem);
 }
 
 }  // namespace

@@ -17,8 +17,10 @@ enum class SimulatedSource { Tone, Sweep, Noise, Counter, Silence, File };
 /// One simulated recorder. The defaults are the supported model over a 1 kHz tone.
 struct SimulatedRecorderConfig {
     SimulatedSource source = SimulatedSource::Tone;
-    std::string filePath;  ///< `File` only: as `InspectAudioFile` accepts it.
-    bool loop = false;     ///< `File` only: begins again at its end instead of falling silent.
+    /// `File` only: as `InspectDsfFile` accepts it when it ends in ".dsf", else as
+    /// `InspectAudioFile` does.
+    std::string filePath;
+    bool loop = false;  ///< `File` only: begins again at its end instead of falling silent.
     double frequencyHz = 1000.0;  ///< `Tone` only; above 0 and below 22,050.
     /// `Tone`, `Sweep` and PCM `Noise`: peak level in dB below full scale, -200 to 0. A 1-bit
     /// modulation goes no higher than half of full scale.
@@ -31,10 +33,12 @@ struct SimulatedRecorderConfig {
         false;  ///< No capture thread: the test delivers (`SimulatedRecorder::Deliver...`).
 
     std::vector<std::uint32_t> pcmBits = {16, 24, 32};  ///< Widths offered.
-    /// Rates offered in PCM mode; over a file, only the file's own of these.
+    /// Rates offered in PCM mode; over a file, only the file's own of these, over a DSF file none.
     std::vector<double> pcmRatesHz = {44'100,  48'000,  88'200,  96'000,
                                       176'400, 192'000, 352'800, 384'000};
-    bool dsd = true;  ///< Has the DSD mode. Over a file it has not.
+    bool dsd = true;  ///< Has the DSD mode. Over a file of PCM it has not.
+    /// Rates of single bits offered in DSD mode; over a DSF file, only the file's own of these.
+    std::vector<double> dsdRatesHz = {2'822'400, 5'644'800, 11'289'600};
 
     std::uint32_t bufferFrames = 512;  ///< Buffer size after plugging in.
     std::uint32_t bufferFramesMinimum = 14;
@@ -62,7 +66,7 @@ bool CompleteConfig(SimulatedRecorderConfig& config, std::string& problem);
 
 /// Reads the text form: `key=value` pairs with a comma between them, each key at most once:
 ///
-///     source=tone|sweep|noise|counter|silence|file:PATH   frequency=HZ   level=DB   seed=N
+///     source=tone|sweep|noise|counter|silence|file:PATH[.dsf]   frequency=HZ   level=DB   seed=N
 ///     channels=1..8   speed=FACTOR   recorders=1..16   manual=0|1   loop=0|1   dsd=0|1
 ///     bits=16|24|32 (the only width offered)   unplug=BUFFERS
 ///

@@ -122,12 +122,6 @@ TEST_F(ConfigurationTest, RefusesAFileThatIsNotThereByItsName) {
     EXPECT_THAT(problem, HasSubstr("/nowhere/at=all:x.wav"));
 }
 
-TEST_F(ConfigurationTest, RefusesADsfFileInSoManyWords) {
-    ASSERT_FALSE(Parse("source=file:/music/take.DSF"));
-
-    EXPECT_THAT(problem, HasSubstr("/music/take.DSF: DSF files are not supported"));
-}
-
 TEST_F(ConfigurationTest, RefusesBuffersThatDoNotShareOutTheChannels) {
     SimulatedRecorderConfig config;
     config.channels = 4;

@@ -1,0 +1,26 @@
+#include "ProcessSetup.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <initializer_list>
+#include <tuple>
+
+namespace vorrel::cli {
+
+bool PrepareProcess() {
+    bool stdoutClosed = false;
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(descriptor, F_GETFD) < 0) {
+            stdoutClosed = stdoutClosed || descriptor == STDOUT_FILENO;
+            // The lowest free number, and that is this one.
+            std::ignore = ::open("/dev/null", O_RDWR);
+        }
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
+    return stdoutClosed;
+}
+
+}  // namespace vorrel::cli

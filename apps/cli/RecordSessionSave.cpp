@@ -1,0 +1,247 @@
+// From the end of the recording to the last file.
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <utility>
+
+#include "RecordSession.h"
+#include "Volumes.h"
+#include "vorrel/Vorrel.h"
+
+namespace vorrel::cli {
+namespace {
+
+using namespace std::chrono_literals;
+
+// How long a failed save's message may come after the save's end.
+constexpr auto kJudgePeriod = 2s;
+
+}  // namespace
+
+void RecordSession::BeginSave() {
+    if (abandonedBy != 0) {
+        Enter(State::Done);
+        return;
+    }
+    spares.Release(0);
+    SavePlan plan = MakeSavePlan(wanted, format, RecordedFrames(), TagBytesBound(record.tags));
+    const bool nothing = RecordedFrames() == 0;
+    for (const WantedFile& wish : plan.missed) {
+        filesSkipped = true;
+        reporter.Skipped(wish.path,
+                         nothing ? "nothing was recorded" : "the recording ended before it begins");
+    }
+    for (const PlannedFile& file : plan.files) {
+        framesToSave += file.end - file.start;
+        if (file.shortened && !wanted[file.wanted].whole) {
+            reporter.Warning(file.path + " is shorter than wanted: the recording ended at " +
+                             ClockText(SecondsOfFrame(file.end, format.rateHz)));
+        }
+        if (file.tooLarge) {
+            reporter.Warning(file.path + " would pass the 4 GiB that a WAV file can hold");
+        } else if (file.part == 1) {
+            reporter.Info(wanted[file.wanted].path +
+                          " would pass the 4 GiB that a WAV file can hold; saving it in parts");
+        }
+    }
+    queue.assign(plan.files.begin(), plan.files.end());
+    Enter(State::Saving);
+    status.state = "saving";
+    status.levels.clear();
+    status.diskSecondsLeft.reset();
+    SaveNext();
+}
+
+void RecordSession::SaveNext() {
+    current.reset();
+    if (queue.empty() || abandonedBy != 0) {
+        Enter(State::Done);
+        return;
+    }
+    // One request a file, so that a file that fails takes no other with it.
+    const PlannedFile& file = queue.front();
+    const bool rescued = file.place > 0;
+    current.emplace(rescued ? FreeName(file.path) : file.path, record.force && !rescued);
+    currentSkipped = false;
+    VrSaveSetting setting;
+    setting.path = current->StagingPath();
+    setting.start = SecondsOfFrame(file.start, format.rateHz);
+    // A bit past the end of a PCM recording where all is wanted: the engine knows its exact length
+    // and cuts there. A DSD file must not pass it.
+    const std::uint64_t past = file.toEnd && !format.dsd ? format.rateHz : 0;
+    setting.end = SecondsOfFrame(file.end + past, format.rateHz);
+    setting.gain = record.gain;
+    setting.tags = record.tags;
+    const std::vector<VrSaveSetting> request = {setting};
+    Enter(State::Saving);
+    if (const VrError error = Vorrel_SaveFile(&request); error != VrSuccess) {
+        FileFailed(ErrorText(error));
+    }
+}
+
+void RecordSession::JudgeFile() {
+    if (abandonedBy != 0) {
+        current.reset();
+        Enter(State::Done);
+        return;
+    }
+    const PlannedFile file = queue.front();
+    if (currentSkipped) {
+        if (!file.tooLarge) {
+            FileFailed("");
+            return;
+        }
+        current.reset();
+        filesSkipped = true;
+        reporter.Skipped(file.path, "it would pass the 4 GiB that a WAV file can hold");
+        queue.pop_front();
+        if (wanted.front().whole) {
+            framesSaved += file.end - file.start;
+        } else {
+            Rescue(file);  // nothing else has it
+        }
+        SaveNext();
+        return;
+    }
+    const FileSummary summary =
+        format.dsd ? SummarizeDsf(current->StagingPath()) : SummarizeWav(current->StagingPath());
+    if (!summary.complete) {
+        Enter(State::Judging);  // the failure's message follows the end of the save
+        judgeUntil = Clock::now() + kJudgePeriod;
+        return;
+    }
+    std::string name;
+    try {
+        name = current->Commit();
+    } catch (const Failure& failure) {
+        if (!current->IsKept()) {
+            FileFailed(failure.what());
+            return;
+        }
+        storageFailed = true;
+        Fail(failure);
+    }
+    if (!name.empty()) {
+        if (name != current->Target()) {
+            storageFailed = true;
+            Fail(Failure(ExitCode::Storage, current->Target() +
+                                                (record.force ? " cannot be replaced"
+                                                              : " has come into being meanwhile") +
+                                                "; saved as " + name));
+        }
+        reporter.Progress(name, 100.0);
+        reporter.Saved(name, summary.bytes, summary.frames,
+                       static_cast<double>(summary.frames) / static_cast<double>(format.rateHz));
+        if (file.place > 0) {
+            reporter.Rescued(file.origin, name);
+        }
+    }
+    framesSaved += file.end - file.start;
+    queue.pop_front();
+    SaveNext();
+}
+
+void RecordSession::FileFailed(std::string reason) {
+    const PlannedFile file = queue.front();
+    queue.pop_front();
+    current.reset();  // half a file takes the room of a whole one
+    storageFailed = true;
+    if (reason.empty()) {
+        reason = WhyNotWritten(file.path,
+                               static_cast<double>(FileBytes(format, file.end - file.start, 0)));
+    }
+    Fail(Failure(ExitCode::Storage,
+                 file.path + " could not be saved" + (reason.empty() ? "" : ": " + reason)));
+    Rescue(file);
+    SaveNext();
+}
+
+/// The only copy of the recording goes with the end of the process: any other place is better.
+void RecordSession::Rescue(const PlannedFile& file) {
+    const std::uint64_t tagBytes = TagBytesBound(record.tags);
+    const std::string own = DirectoryOf(file.path);
+    const bool inParts =
+        file.tooLarge ||
+        LargestFile(own) < static_cast<double>(FileBytes(format, file.end - file.start, tagBytes));
+    const char* home = std::getenv("HOME");
+    std::vector<std::string> directories = {inParts ? own : "", temporaryBase, startDirectory,
+                                            home == nullptr ? "" : home};
+    // A place that has failed is not tried again.
+    const std::size_t tried = std::min(file.place, directories.size());
+    directories.erase(directories.begin(),
+                      directories.begin() + static_cast<std::ptrdiff_t>(tried));
+    const RescuePlan plan =
+        MakeRescuePlan(file, format, tagBytes, FindRescuePlaces(directories, tried + 1));
+    queue.insert(queue.begin(), plan.files.begin(), plan.files.end());
+    if (plan.lostFrom < file.end) {
+        storeNeeded = storageFailed = true;
+        framesSaved += file.end - plan.lostFrom;
+        Fail(Failure(
+            ExitCode::Storage,
+            "no place was found for " + file.path +
+                (plan.lostFrom > file.start
+                     ? " from " + ClockText(SecondsOfFrame(plan.lostFrom, format.rateHz)) + " on"
+                     : "")));
+    }
+}
+
+/// Leaves the user what the engine has stored, where there is something.
+void RecordSession::LeaveStore() {
+    std::error_code error;
+    std::uintmax_t bytes = 0;
+    for (std::filesystem::directory_iterator entry(spillDirectory->Path(), error), end;
+         !error && entry != end; entry.increment(error)) {
+        std::error_code unknown;
+        const std::uintmax_t size = entry->file_size(unknown);
+        bytes += unknown ? 0 : size;
+    }
+    if (bytes == 0) {
+        return;
+    }
+    keepStore = true;
+    spillDirectory->Keep();
+    reporter.Warning("what the engine has stored of the recording stays in " +
+                     spillDirectory->Path() + ": " + SizeText(bytes) +
+                     ", a file a channel of raw samples (and one of the preview)");
+    reporter.Kept(spillDirectory->Path());
+}
+
+int RecordSession::Finish() {
+    current.reset();
+    if (storeNeeded && abandonedBy == 0) {
+        LeaveStore();
+    }
+    if (!keepStore) {
+        // Gives the spill files back, so that the directory can go.
+        std::ignore = Vorrel_New();
+        spares.Release(0);
+        spillDirectory->Remove();
+    }
+    keyboard->Suspend();
+    if (abandonedBy != 0) {
+        Signals::EndWith(kSignalExit + abandonedBy);
+        return kSignalExit + abandonedBy;
+    }
+    ExitCode code = ExitCode::Done;
+    if (storageFailed) {
+        code = ExitCode::Storage;
+    } else if (deviceFailed) {
+        code = ExitCode::Device;
+    } else if (filesSkipped) {
+        code = ExitCode::Skipped;
+    } else if (buffersLost) {
+        code = ExitCode::Dropouts;
+    }
+    Signals::EndWith(static_cast<int>(code));
+    return static_cast<int>(code);
+}
+
+std::uint64_t RecordSession::RecordedFrames() const {
+    std::uint64_t previewFrames = 0;
+    if (Vorrel_GetPreviewDataLength(&previewFrames) != VrSuccess) {
+        previewFrames = 0;
+    }
+    return SavableFrames(format, previewFrames, position, stretches);
+}
+
+}  // namespace vorrel::cli

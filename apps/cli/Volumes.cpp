@@ -1,0 +1,107 @@
+#include "Volumes.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+namespace vorrel::cli {
+namespace {
+
+constexpr double kNoLimit = std::numeric_limits<double>::max();
+// FAT16's; a FAT32 volume could take twice as much.
+constexpr double kLargestOnFat = 2147483647.0;
+
+/// Makes a file in `directory` and takes it away again. @return 0 or an errno.
+int TryFile(const std::string& directory) {
+    // Writable and searchable is not enough: volumes can be read-only, quotas full.
+    std::string name = directory + "/.vorrel-probe-" + std::to_string(::getpid());
+    const int descriptor = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (descriptor < 0) {
+        return errno;
+    }
+    ::close(descriptor);
+    ::unlink(name.c_str());
+    return 0;
+}
+
+}  // namespace
+
+std::optional<double> FreeBytes(const std::string& path) {
+    struct statvfs volume {};
+    if (::statvfs(path.c_str(), &volume) != 0) {
+        return std::nullopt;
+    }
+    return static_cast<double>(volume.f_bavail) * static_cast<double>(volume.f_frsize);
+}
+
+std::string SizeText(std::uint64_t bytes) {
+    constexpr std::uint64_t kMebibyte = 1 << 20;
+    return bytes < kMebibyte ? std::to_string(bytes) + " bytes"
+                             : std::to_string(bytes / kMebibyte) + " MiB";
+}
+
+std::optional<dev_t> VolumeOf(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return status.st_dev;
+}
+
+double LargestFile(const std::string& directory) {
+    double largest = kNoLimit;
+    if (rlimit limit{}; ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+        largest = static_cast<double>(limit.rlim_cur);
+    }
+    struct statfs volume {};
+    if (::statfs(directory.c_str(), &volume) == 0 && volume.f_type == MSDOS_SUPER_MAGIC) {
+        largest = std::min(largest, kLargestOnFat);
+    }
+    return largest;
+}
+
+std::string WhyNotWritten(const std::string& path, double bytes) {
+    const std::string directory = DirectoryOf(path);
+    if (const int error = TryFile(directory); error != 0) {
+        return std::strerror(error);
+    }
+    if (LargestFile(directory) < bytes) {
+        return std::strerror(EFBIG);
+    }
+    if (FreeBytes(directory).value_or(kNoLimit) < bytes) {
+        return std::strerror(ENOSPC);
+    }
+    return "";
+}
+
+std::vector<RescuePlace> FindRescuePlaces(const std::vector<std::string>& directories,
+                                          std::size_t firstNumber) {
+    std::vector<RescuePlace> places;
+    std::vector<dev_t> volumes;
+    for (std::size_t index = 0; index < directories.size(); ++index) {
+        std::string directory = directories[index];
+        const std::optional<dev_t> volume = directory.empty() ? std::nullopt : VolumeOf(directory);
+        if (!volume || std::find(volumes.begin(), volumes.end(), *volume) != volumes.end() ||
+            TryFile(directory) != 0) {
+            continue;
+        }
+        volumes.push_back(*volume);
+        if (directory.back() != '/') {
+            directory += '/';
+        }
+        places.push_back({firstNumber + index, directory, FreeBytes(directory).value_or(kNoLimit),
+                          LargestFile(directory)});
+    }
+    return places;
+}
+
+}  // namespace vorrel::cli
