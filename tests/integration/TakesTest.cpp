@@ -99,10 +99,17 @@ TEST_P(TakesTest, PausesAndPreRecordingAreCutOutToTheBlockAtEveryWidth) {
               Expected(recorded, 1.0F, 16));
 }
 
+std::string TakeName(const testing::TestParamInfo<Parameters>& take) {
+    const auto& [source, rateHz, channels] = take.param;
+    return (source == SimulatedSource::Counter ? "Counter" : "Noise") + std::to_string(rateHz) +
+           "Hz" + std::to_string(channels) + "Channels";
+}
+
 INSTANTIATE_TEST_SUITE_P(
     CounterAndNoise, TakesTest,
     testing::Combine(testing::Values(SimulatedSource::Counter, SimulatedSource::Noise),
-                     testing::Values(44'100, 96'000, 192'000, 384'000), testing::Values(1, 2, 8)));
+                     testing::Values(44'100, 96'000, 192'000, 384'000), testing::Values(1, 2, 8)),
+    TakeName);
 
 TEST(LongerTakesTest, WhatWasSpilledComesBackWhole) {
     SimulatedRecorderConfig config;

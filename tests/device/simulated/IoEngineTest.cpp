@@ -7,6 +7,7 @@
 
 #include "device/simulated/ManualClock.h"
 #include "device/simulated/SimulatedFixture.h"
+#include "support/NoNewThreads.h"
 #include "support/TraceCapture.h"
 
 namespace vorrel {
