@@ -165,6 +165,10 @@ void AsioDataQueue::TakeBlocks(std::size_t sizeBytes, std::span<Block> blocks) {
     {
         const MutexLock lock(mutex);
         for (Block& block : blocks) {
+            // What a refused buffer may have left in hand: back to the pool, not freed here.
+            if (block.capacity() > 0 && HasRoomInPool()) {
+                PushPooled(std::move(block));
+            }
             block = PopPooled();
         }
     }

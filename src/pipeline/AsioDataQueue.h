@@ -32,7 +32,7 @@ public:
     /// A block of `sizeBytes`, contents undefined, from the pool: the one given back last.
     /// Allocates only when the pool is empty or its block is too small.
     VORREL_REALTIME Block TakeBlock(std::size_t sizeBytes) VORREL_EXCLUDES(mutex);
-    /// `TakeBlock` for all of `blocks` under one lock; what they held is freed.
+    /// `TakeBlock` for all of `blocks` under one lock; what they held goes back to the pool.
     VORREL_REALTIME void TakeBlocks(std::size_t sizeBytes, std::span<Block> blocks)
         VORREL_EXCLUDES(mutex);
     /// Appends a block. `VrErrorInvalidParameter` (no such channel); `VrErrorFailed` (the channel

@@ -69,7 +69,12 @@ int DSDStreamProcessing::Process(std::uint8_t* bytes, std::size_t length) {
         ProcessLiterally(bytes, literally);
     }
     if (literally != length) {
-        ProcessWithKernels(bytes + literally, length - literally);
+        // A gain that was no number may have left a state that is none; the kernels go by signs.
+        if (ModulatorIsFinite()) {
+            ProcessWithKernels(bytes + literally, length - literally);
+        } else {
+            ProcessLiterally(bytes + literally, length - literally);
+        }
     }
     if (lsbFirst == 1) {
         kernels->reverseBits(bytes, length);
@@ -80,6 +85,12 @@ int DSDStreamProcessing::Process(std::uint8_t* bytes, std::size_t length) {
 /// Whether products of gain and taps are normal numbers: only then are they exact in the kernels.
 bool DSDStreamProcessing::GainSuitsKernels() const {
     return gain > 1e-30F && gain < 1e30F;
+}
+
+bool DSDStreamProcessing::ModulatorIsFinite() const {
+    return std::isfinite(modulator.s0) && std::isfinite(modulator.s1) &&
+           std::isfinite(modulator.s2) && std::isfinite(modulator.s3) &&
+           std::isfinite(modulator.s4);
 }
 
 void DSDStreamProcessing::ProcessLiterally(std::uint8_t* bytes, std::size_t length) {

@@ -43,6 +43,7 @@ public:
 private:
     friend struct DSDStreamProcessingParts;  // for tests
     bool GainSuitsKernels() const;
+    bool ModulatorIsFinite() const;
     void ProcessLiterally(std::uint8_t* bytes, std::size_t length);
     void ProcessWithKernels(std::uint8_t* bytes, std::size_t length);
     void RefillFilter();

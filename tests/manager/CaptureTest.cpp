@@ -309,19 +309,23 @@ TEST_F(CaptureTest, MoreDsdChannelsThanASplitTakesAtOnceArriveWhole) {
     Select();
     Set(1, 2'822'400, 0);
     StartRecording();
+    constexpr int kFrames = 1'001;  // more than are gathered at a time
     std::vector<float> samples;
-    for (int word = 0; word < 3 * kChannels; ++word) {
-        samples.push_back(static_cast<float>(word) / 32768.0F);
+    for (int word = 0; word < kFrames * kChannels; ++word) {
+        samples.push_back(static_cast<float>(word % 32'749) / 32768.0F);
     }
 
     ASSERT_TRUE(recorder.Deliver(kChannels, samples));
     ASSERT_EQ(manager.Stop(true), VrSuccess);
 
     for (std::uint16_t channel = 0; channel < kChannels; ++channel) {
-        EXPECT_EQ(StoredDsd(channel), (std::vector<std::uint8_t>{
-                                          static_cast<std::uint8_t>(channel), 0,
-                                          static_cast<std::uint8_t>(kChannels + channel), 0,
-                                          static_cast<std::uint8_t>(2 * kChannels + channel), 0}));
+        std::vector<std::uint8_t> expected;
+        for (int frame = 0; frame < kFrames; ++frame) {
+            const int word = (frame * kChannels + channel) % 32'749;
+            expected.push_back(static_cast<std::uint8_t>(word & 0xFF));
+            expected.push_back(static_cast<std::uint8_t>(word >> 8));
+        }
+        EXPECT_EQ(StoredDsd(channel), expected) << channel;
     }
 }
 

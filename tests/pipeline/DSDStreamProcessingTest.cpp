@@ -5,6 +5,7 @@
 #include <array>
 #include <cfenv>
 #include <cmath>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -292,6 +293,14 @@ TEST_P(DSDStreamProcessingSetsTest, TheSameGainSetAgainChangesNothing) {
 
 TEST_P(DSDStreamProcessingSetsTest, GainsBeyondTheKernelsReachMixWithOthers) {
     ExpectSameAsPlain({{-6.0F, 200}, {700.0F, 200}, {-6.0F, 200}, {-800.0F, 200}, {1.0F, 200}});
+}
+
+TEST_P(DSDStreamProcessingSetsTest, AGainThatWasNoNumberIsFollowedLiterally) {
+    for (const float none :
+         {std::numeric_limits<float>::quiet_NaN(), -std::numeric_limits<float>::quiet_NaN(),
+          std::numeric_limits<float>::infinity()}) {
+        ExpectSameAsPlain({{none, 100}, {-6.0F, 400}});
+    }
 }
 
 TEST_P(DSDStreamProcessingSetsTest, InitForgetsWhatTheKernelsKept) {
