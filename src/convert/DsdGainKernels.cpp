@@ -133,6 +133,7 @@ VORREL_INLINE void EndTile(const Tile& tile, Outputs& out, std::size_t firstBit)
 void Filter(const float* block, const float* taps, Outputs& out) {
     static_assert((kTaps - kFirstTaps) % kRound == 0);
     for (std::size_t bit = 0; bit < kLaneBits; bit += kTileBits) {
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): overwritten before it is read
         Tile tile;
         BeginTile(tile, block, bit, taps);
         for (std::size_t k = kFirstTaps; k < kTaps; k += kRound) {
@@ -227,8 +228,8 @@ VORREL_INLINE void Step(Modulator& m, double x, Steps& steps, unsigned place) {
     const Pair s0 = (m.s0 + Pair{x, x}) - SignedOne(m.y);
     steps.y[place] = m.y[0];
     steps.s0[place] = s0[0];
-    __builtin_memcpy(steps.s13 + 2 * place, &s13, sizeof s13);
-    __builtin_memcpy(steps.s24 + 2 * place, &s24, sizeof s24);
+    __builtin_memcpy(steps.s13 + std::size_t{2} * place, &s13, sizeof s13);
+    __builtin_memcpy(steps.s24 + std::size_t{2} * place, &s24, sizeof s24);
     m = {s0, s13, s24, Approximately(ahead, s0, kWeights00)};
 }
 
@@ -340,6 +341,7 @@ VORREL_INLINE void ByteWithTaps(Tile& tile, Modulator& modulator, const double* 
     Modulator modulator = run.modulator;
     std::size_t byte = 0;
     for (std::size_t bit = 0; bit < kLaneBits; bit += kTileBits) {
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): overwritten before it is read
         Tile tile;
         BeginTile(tile, block, bit, taps);
         for (std::size_t i = 0; i < kBytesPerTile; ++i, ++byte) {
@@ -365,6 +367,7 @@ struct Planes {
 
 /// Writes the input vectors of a block whose bytes stand behind the history in `line`.
 void FillWindow(float* window, const std::uint8_t (&line)[kHistoryBytes + kBlockBytes]) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): overwritten before it is read
     Planes planes;
     for (std::size_t m = 0; m < sizeof line; ++m) {
         planes.bytes[m % kLaneBytes][m / kLaneBytes] = line[m];
@@ -379,6 +382,7 @@ void Gain(DsdGainState* state, std::uint8_t* bytes, std::size_t length) {
     const float* const block = window + kHistoryBits * kLanes;
     std::uint8_t line[kHistoryBytes + kBlockBytes] = {};
     Outputs outputs[2];
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): overwritten before it is read
     Run run;
     run.modulator = LoadModulator(state->integrators);
     __builtin_memcpy(line, state->history, kHistoryBytes);

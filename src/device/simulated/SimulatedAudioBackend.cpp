@@ -149,7 +149,11 @@ OSStatus SimulatedAudioBackend::GetPropertyString(AudioObjectID object,
         return kAudioHardwareBadPropertySizeError;
     }
     const std::string* otherText = std::get_if<std::string>(&other);
-    *text = otherText != nullptr ? *otherText : std::move(own);
+    if (otherText != nullptr) {
+        *text = *otherText;
+    } else {
+        *text = std::move(own);
+    }
     return kAudioHardwareNoError;
 }
 
