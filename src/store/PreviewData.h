@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "store/ReadWriteMutex.h"
 #include "store/RecordRangeManager.h"
-#include "store/SharedMutex.h"
 #include "store/TemporaryData.h"
 
 namespace vorrel {
@@ -39,7 +39,7 @@ public:
     std::uint64_t GetSampleRate() const VORREL_EXCLUDES(layout);
 
 private:
-    mutable SharedMutex layout;
+    mutable ReadWriteMutex layout;
     std::uint16_t channels VORREL_GUARDED_BY(layout) = 0;
     std::uint64_t sampleRate VORREL_GUARDED_BY(layout) = 0;
     std::uint32_t bytesPerFrame VORREL_GUARDED_BY(layout) = 0;

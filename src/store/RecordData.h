@@ -5,8 +5,8 @@
 
 #include "convert/SampleTypeInfo.h"
 #include "platform/AlignedBytes.h"
+#include "store/ReadWriteMutex.h"
 #include "store/RecordRangeManager.h"
-#include "store/SharedMutex.h"
 #include "store/TemporaryData.h"
 
 namespace vorrel {
@@ -79,7 +79,7 @@ private:
 
     IVorrelManager& manager;
     Mutex turn;
-    mutable SharedMutex layout;  // shared: the stores' own mutexes do the rest
+    mutable ReadWriteMutex layout;  // shared: the stores' own mutexes do the rest
     std::vector<TemporaryData> stores VORREL_GUARDED_BY(layout);
     std::uint64_t generation VORREL_GUARDED_BY(layout) = 0;
     std::uint16_t bitsPerSample VORREL_GUARDED_BY(layout) = 0;

@@ -7,7 +7,7 @@
 namespace vorrel {
 
 /// A mutex with many readers or one writer that clang's thread-safety analysis knows.
-class VORREL_THREAD_ANNOTATION(capability("shared_mutex")) SharedMutex {
+class VORREL_THREAD_ANNOTATION(capability("shared_mutex")) ReadWriteMutex {
 public:
     void lock() VORREL_THREAD_ANNOTATION(acquire_capability()) { impl.lock(); }
     void unlock() VORREL_THREAD_ANNOTATION(release_capability()) { impl.unlock(); }
@@ -20,10 +20,10 @@ private:
     std::shared_mutex impl;
 };
 
-/// Holds a `SharedMutex` alone for the life of a scope.
+/// Holds a `ReadWriteMutex` alone for the life of a scope.
 class VORREL_THREAD_ANNOTATION(scoped_lockable) ExclusiveLock {
 public:
-    explicit ExclusiveLock(SharedMutex& lockable)
+    explicit ExclusiveLock(ReadWriteMutex& lockable)
         VORREL_THREAD_ANNOTATION(acquire_capability(lockable))
         : mutex(lockable) {
         mutex.lock();
@@ -33,13 +33,13 @@ public:
     ExclusiveLock& operator=(const ExclusiveLock&) = delete;
 
 private:
-    SharedMutex& mutex;
+    ReadWriteMutex& mutex;
 };
 
-/// Holds a `SharedMutex` beside other readers for the life of a scope.
+/// Holds a `ReadWriteMutex` beside other readers for the life of a scope.
 class VORREL_THREAD_ANNOTATION(scoped_lockable) SharedLock {
 public:
-    explicit SharedLock(SharedMutex& lockable)
+    explicit SharedLock(ReadWriteMutex& lockable)
         VORREL_THREAD_ANNOTATION(acquire_shared_capability(lockable))
         : mutex(lockable) {
         mutex.lock_shared();
@@ -49,7 +49,7 @@ public:
     SharedLock& operator=(const SharedLock&) = delete;
 
 private:
-    SharedMutex& mutex;
+    ReadWriteMutex& mutex;
 };
 
 }  // namespace vorrel
