@@ -26,7 +26,6 @@ namespace {
 
 using test::Bytes;
 using test::FakeManager;
-using test::HasTool;
 using test::Quoted;
 using test::ReadBytes;
 using test::Recording;
@@ -34,11 +33,6 @@ using test::RunTool;
 using test::TempDirectory;
 using test::ToBytes;
 using test::ToolResult;
-
-#define VORREL_NEEDS_TOOL(name)                                 \
-    if (!HasTool(name)) {                                       \
-        GTEST_SKIP() << "the tool " << (name) << " is missing"; \
-    }
 
 /// Two blocks of 4,096 bytes and 1,808 bytes of a third.
 constexpr std::size_t kBytes = 10'000;

@@ -20,7 +20,6 @@ namespace {
 
 using test::Bytes;
 using test::FakeManager;
-using test::HasTool;
 using test::Quoted;
 using test::ReadBytes;
 using test::Recording;
@@ -28,11 +27,6 @@ using test::RunTool;
 using test::TempDirectory;
 using test::ToBytes;
 using test::ToolResult;
-
-#define VORREL_NEEDS_TOOL(name)                                 \
-    if (!HasTool(name)) {                                       \
-        GTEST_SKIP() << "the tool " << (name) << " is missing"; \
-    }
 
 constexpr std::uint64_t kRateHz = 48'000;
 constexpr std::size_t kFrames = 4'801;  // one block of a tenth of a second and one frame

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <sys/wait.h>
 
 #include <array>
@@ -46,3 +48,9 @@ inline std::string Quoted(const std::string& text) {
 }
 
 }  // namespace vorrel::test
+
+/// Skips the test where somebody else's program is not installed.
+#define VORREL_NEEDS_TOOL(name)                                 \
+    if (!::vorrel::test::HasTool(name)) {                       \
+        GTEST_SKIP() << "the tool " << (name) << " is missing"; \
+    }
