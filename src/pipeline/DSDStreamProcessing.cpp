@@ -56,7 +56,7 @@ int DSDStreamProcessing::Process(std::uint8_t* bytes, std::size_t length) {
     if (!initialised) {
         return kNotInitialised;
     }
-    if (gain == 1.0F) {
+    if (PassesThrough()) {
         return kDone;
     }
     const NearestRounding nearest;

@@ -39,6 +39,8 @@ public:
     /// stream that passes does not enter the filter.
     /// @return `kDone`; `kNotInitialised`, the data untouched.
     int Process(std::uint8_t* bytes, std::size_t length);
+    /// Whether `Process` leaves every byte as it is.
+    bool PassesThrough() const { return !initialised || gain == 1.0F; }
 
 private:
     friend struct DSDStreamProcessingParts;  // for tests

@@ -30,7 +30,7 @@ VrError DSDStreamProcessingThread::Start(std::int32_t rate, std::int32_t bitOrde
 }
 
 void DSDStreamProcessingThread::RunProcess(std::uint8_t* bytes, std::uint32_t length) {
-    if (!Joinable() || busy) {
+    if (!Joinable() || busy || processing.PassesThrough()) {
         return;
     }
     pending = bytes;

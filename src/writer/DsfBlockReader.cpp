@@ -53,9 +53,7 @@ void DsfBlockReader::ThreadImpl() {
         }
         try {
             Read(*batch);
-        } catch (...) {  // out of memory: a failed read like any other
-            batch->blocks = 0;
-            batch->sampleBytes = 0;
+        } catch (...) {  // out of memory: a failed read like any other, behind those that were good
             batch->nextFailed = true;
             batch->isLast = true;
         }
@@ -87,12 +85,6 @@ void DsfBlockReader::Read(DsfBatch& batch) {
         }
     }
     batch.isLast = batch.nextFailed || position >= end;
-    for (AlignedBytes& channel : batch.channels) {
-        channel.resize(batch.blocks * kDsfBlockBytes);
-        if (run.recording.sampleType->msbFirst != 0) {
-            ReverseBits(channel.data(), channel.size());
-        }
-    }
 }
 
 /// Reads what is there of full blocks, each channel in one go.
@@ -105,9 +97,11 @@ bool DsfBlockReader::ReadWholeBlocks(DsfBatch& batch) {
         return false;
     }
     for (std::size_t channel = 0; channel < format.channels; ++channel) {
-        if (ReadChannel(channel, frames, batch.channels[channel]) != VrSuccess) {
+        AlignedBytes& out = batch.channels[channel];
+        if (ReadChannel(channel, frames, out) != VrSuccess) {
             return false;
         }
+        ToFileBitOrder(out);
     }
     batch.blocks = static_cast<std::size_t>(blocks);
     batch.sampleBytes = batch.blocks * kDsfBlockBytes;
@@ -130,11 +124,19 @@ bool DsfBlockReader::ReadBlock(DsfBatch& batch) {
         const std::size_t bytes = std::min(sampleBytes, single.size());
         std::memcpy(block, single.data(), bytes);
         std::memset(block + bytes, 0, kDsfBlockBytes - bytes);
+        ToFileBitOrder({block, kDsfBlockBytes});
     }
     batch.sampleBytes += sampleBytes;
     ++batch.blocks;
     position += frames;
     return true;
+}
+
+/// A file has the earliest of eight samples in the lowest bit.
+void DsfBlockReader::ToFileBitOrder(std::span<std::uint8_t> bytes) const {
+    if (run.recording.sampleType->msbFirst != 0) {
+        ReverseBits(bytes.data(), bytes.size());
+    }
 }
 
 VrError DsfBlockReader::ReadChannel(std::size_t channel, std::uint64_t frames, AlignedBytes& out) {

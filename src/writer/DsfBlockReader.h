@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "pipeline/ThreadBase.h"
@@ -19,12 +20,13 @@ inline constexpr std::size_t kDsfBatchBlocks = 64;
 
 /// Blocks that follow each other, of every channel.
 struct DsfBatch {
-    std::uint64_t position = 0;          // first frame
-    std::size_t blocks = 0;              // of each channel, at most `kDsfBatchBlocks`
-    std::size_t sampleBytes = 0;         // of each channel, but for the zeros that fill it up
-    bool nextFailed = false;             // the block behind these cannot be had
-    bool isLast = false;                 // no batch is behind this one
-    std::vector<AlignedBytes> channels;  // `blocks` x `kDsfBlockBytes`, bits as in the file
+    std::uint64_t position = 0;   // first frame
+    std::size_t blocks = 0;       // of each channel, at most `kDsfBatchBlocks`
+    std::size_t sampleBytes = 0;  // of each channel, but for the zeros that fill it up
+    bool nextFailed = false;      // the block behind these cannot be had
+    bool isLast = false;          // no batch is behind this one
+    // `blocks` x `kDsfBlockBytes` each, bits as in the file; behind a failure perhaps more.
+    std::vector<AlignedBytes> channels;
 };
 
 /// Reads the blocks of frames [startFrame, endFrame) of a run's recording, batch by batch, ahead of
@@ -56,6 +58,7 @@ private:
     void Read(DsfBatch& batch);
     bool ReadWholeBlocks(DsfBatch& batch);
     bool ReadBlock(DsfBatch& batch);
+    void ToFileBitOrder(std::span<std::uint8_t> bytes) const;
     VrError ReadChannel(std::size_t channel, std::uint64_t frames, AlignedBytes& out);
 
     SaveRun& run;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <span>
 #include <vector>
 
@@ -35,6 +36,7 @@ public:
 private:
     VrError StartWorkers(float gainDecibels);
     VrError WriteBatch(OutputFile& file, const DsfBatch& batch);
+    void GiveBackWritten(const OutputFile& file, const DsfBatch& batch);
     VrError BeginBlock(std::uint64_t position);
 
     SaveRun& run;
@@ -44,6 +46,9 @@ private:
     // Owns the batches: goes behind the processors, which may still be at work on one.
     DsfBlockReader reader;
     std::vector<DSDStreamProcessingThread> processors;
+    // The batches handed to the file and not yet given back; it may look at them still.
+    std::size_t handedBatches = 0;
+    std::size_t handedBytes = 0;
 };
 
 VrError BlockWriter::StartWorkers(float gainDecibels) {
@@ -85,7 +90,18 @@ VrError BlockWriter::Write(OutputFile& file, float gainDecibels) {
         if (const VrError error = WriteBatch(file, batch); error != VrSuccess || batch.isLast) {
             return error;
         }
+        GiveBackWritten(file, batch);
+    }
+}
+
+/// Gives back what the file does not look at any more. All batches but the last are full.
+void BlockWriter::GiveBackWritten(const OutputFile& file, const DsfBatch& batch) {
+    const std::size_t batchBytes = batch.blocks * batch.channels.size() * kDsfBlockBytes;
+    handedBytes += batchBytes;
+    ++handedBatches;
+    for (; handedBatches != 0 && handedBytes - batchBytes >= file.KeptBytes(); --handedBatches) {
         reader.GiveBack();
+        handedBytes -= batchBytes;
     }
 }
 
@@ -97,7 +113,7 @@ VrError BlockWriter::WriteBatch(OutputFile& file, const DsfBatch& batch) {
         }
         for (const AlignedBytes& channel : batch.channels) {
             const std::span<const std::uint8_t> bytes(channel);
-            if (!file.Write(bytes.subspan(block * kDsfBlockBytes, kDsfBlockBytes))) {
+            if (!file.WriteKept(bytes.subspan(block * kDsfBlockBytes, kDsfBlockBytes))) {
                 return VrErrorFailed;
             }
         }
@@ -167,9 +183,10 @@ VrError SaveDsfFile(const VrSaveSettingInternal* setting, SaveRun& run) {
     VrError result = VrErrorFailed;
     if (file.Write(BuildDsfHeader(format, sizes))) {
         BlockWriter blocks(run, format, startFrame, endFrame);
-        result = blocks.Write(file, static_cast<float>(setting->gain));
+        result = blocks.Write(file, SinglePrecisionGain(setting->gain));
+        std::FILE* const stream = file.Stream();  // while the blocks are still there
         if (result == VrSuccess || result == VrErrorCanceled) {
-            result = SaveID3Tags(setting->tags, file.Stream());
+            result = SaveID3Tags(setting->tags, stream);
         }
     }
     if (!file.Close() && result == VrSuccess) {

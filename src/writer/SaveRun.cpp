@@ -1,5 +1,6 @@
 #include "writer/SaveRun.h"
 
+#include <cmath>
 #include <limits>
 
 namespace vorrel {
@@ -42,6 +43,13 @@ std::uint64_t FramesFromSeconds(std::uint64_t rateHz, double seconds) {
         return std::numeric_limits<std::uint64_t>::max();
     }
     return static_cast<std::uint64_t>(frames);
+}
+
+float SinglePrecisionGain(double decibels) {
+    if (std::abs(decibels) > static_cast<double>(std::numeric_limits<float>::max())) {
+        return static_cast<float>(std::copysign(HUGE_VAL, decibels));
+    }
+    return static_cast<float>(decibels);
 }
 
 }  // namespace vorrel

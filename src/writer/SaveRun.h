@@ -60,4 +60,8 @@ struct SaveRun {
 /// 2^64 - 1 counts as 2^64 - 1.
 std::uint64_t FramesFromSeconds(std::uint64_t rateHz, double seconds);
 
+/// A gain in decibels as the file writers take it. What single precision cannot hold counts as
+/// infinite.
+float SinglePrecisionGain(double decibels);
+
 }  // namespace vorrel

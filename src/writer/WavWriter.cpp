@@ -47,7 +47,7 @@ VrError WriteFrames(SaveRun& run, FrameEncoder& encoder, OutputFile& file, std::
 }  // namespace
 
 float GainFactor(double decibels) {
-    return std::pow(10.0f, static_cast<float>(decibels) / 20.0f);
+    return std::pow(10.0f, SinglePrecisionGain(decibels) / 20.0f);
 }
 
 VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {

@@ -329,6 +329,66 @@ TEST_F(CaptureTest, MoreDsdChannelsThanASplitTakesAtOnceArriveWhole) {
     }
 }
 
+TEST_F(CaptureTest, DsdChannelsBeyondThoseOfTheRecordingAreDropped) {
+    SetChannels({2});
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    std::vector<float> samples;  // of three channels
+    for (int word = 0; word < 3 * 1'500; ++word) {
+        samples.push_back(static_cast<float>(word) / 32768.0F);
+    }
+
+    ASSERT_TRUE(recorder.Deliver(3, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    for (std::uint16_t channel = 0; channel < 2; ++channel) {
+        std::vector<std::uint8_t> expected;
+        for (int frame = 0; frame < 1'500; ++frame) {
+            const int word = 3 * frame + channel;
+            expected.push_back(static_cast<std::uint8_t>(word & 0xFF));
+            expected.push_back(static_cast<std::uint8_t>(word >> 8));
+        }
+        EXPECT_EQ(StoredDsd(channel), expected) << channel;
+    }
+}
+
+TEST_F(CaptureTest, DsdBytesPastTheLastWholeFrameAreLeftOut) {
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    std::vector<float> samples = {1 / 32768.0F, 2 / 32768.0F, 3 / 32768.0F};
+    const AudioBufferList list{
+        1, {{2, static_cast<UInt32>(samples.size() * sizeof(float)), samples.data()}}};
+
+    ASSERT_TRUE(recorder.Deliver(&list));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    EXPECT_EQ(StoredDsd(0), (std::vector<std::uint8_t>{1, 0}));
+    EXPECT_EQ(StoredDsd(1), (std::vector<std::uint8_t>{2, 0}));
+}
+
+TEST_F(CaptureTest, EachDsdBufferOfAListHasItsOwnFrames) {
+    SetChannels({1, 1});
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    std::vector<float> one = {1 / 32768.0F};
+    std::vector<float> two = {2 / 32768.0F, 3 / 32768.0F};
+    BufferList list;
+    list.Add(1, one);
+    list.Add(1, two);
+
+    ASSERT_TRUE(recorder.Deliver(list.Get()));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    // The recording is as long as its shortest channel.
+    EXPECT_EQ(VorrelManagerParts::Record(manager).GetLength(false), 16U);
+    std::vector<std::uint8_t> stored;
+    ASSERT_EQ(VorrelManagerParts::Record(manager).GetData(1, 0, 32, stored, false), VrSuccess);
+    EXPECT_EQ(stored, (std::vector<std::uint8_t>{2, 0, 3, 0}));
+}
+
 TEST_F(CaptureTest, ADsdBufferWithoutSamplesIsDsdSilence) {
     Select();
     Set(1, 2'822'400, 0);

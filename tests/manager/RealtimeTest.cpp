@@ -88,6 +88,29 @@ TEST_F(RealtimeTest, EightDsdChannelsAtTheHighestRateAreQuiet) {
     ExpectQuiet();
 }
 
+TEST_F(RealtimeTest, MoreChannelsThanASplitTakesAtOnceAreQuiet) {
+    recorder.audio->SetBuffers(FakeRecorder::kDevice, kAudioObjectPropertyScopeInput, {40});
+    SelectPcm(48'000);
+    StartRecording();
+    std::vector<float> samples(40 * 1'024, 0.25F);
+
+    DeliverStored(40, samples, 20, 1'024);
+
+    ExpectQuiet();
+}
+
+TEST_F(RealtimeTest, MoreDsdChannelsThanASplitTakesAtOnceAreQuiet) {
+    recorder.audio->SetBuffers(FakeRecorder::kDevice, kAudioObjectPropertyScopeInput, {40});
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    std::vector<float> samples(40 * 1'024, 0.25F);
+
+    DeliverStored(40, samples, 20, 256);
+
+    ExpectQuiet();
+}
+
 TEST_F(RealtimeTest, TheRecordStartedMessageIsQuiet) {
     SelectPcm();
     StartPreRecording();

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -538,6 +539,14 @@ TEST_F(WavWriterTest, BothWaysOfEncodingGiveTheSameFile) {
         }
         EXPECT_EQ(files[0], files[1]) << width;
     }
+}
+
+TEST(SinglePrecisionGainTest, WhatSinglePrecisionCannotHoldIsInfinite) {
+    EXPECT_EQ(SinglePrecisionGain(-6.02), -6.02F);
+    EXPECT_EQ(SinglePrecisionGain(3e38), 3e38F);
+    EXPECT_EQ(SinglePrecisionGain(1e300), std::numeric_limits<float>::infinity());
+    EXPECT_EQ(SinglePrecisionGain(-1e300), -std::numeric_limits<float>::infinity());
+    EXPECT_TRUE(std::isnan(SinglePrecisionGain(std::nan(""))));
 }
 
 TEST(FramesFromSecondsTest, CutsToWholeFrames) {
