@@ -13,10 +13,12 @@
 #include <string_view>
 #include <vector>
 
-#include "convert/DsdModulator.h"
+#include "convert/DsdToPcm.h"
+#include "convert/PlainGain.h"
 #include "support/FakeManager.h"
 #include "support/FileBytes.h"
 #include "support/Recording.h"
+#include "support/Spectrum.h"
 #include "support/TempDirectory.h"
 #include "support/Tool.h"
 #include "writer/SaveThread.h"
@@ -30,6 +32,7 @@ using test::Quoted;
 using test::ReadBytes;
 using test::Recording;
 using test::RunTool;
+using test::Sound;
 using test::TempDirectory;
 using test::ToBytes;
 using test::ToolResult;
@@ -233,49 +236,93 @@ std::complex<double> Tone(const std::vector<float>& samples, std::size_t from, s
 
 class DsfToneTest : public DsfInterop, public testing::TestWithParam<std::uint64_t> {
 protected:
-    /// A tone of a quarter of a second and a bit.
-    void Make(Recording& recording) const {
-        const double rateHz = static_cast<double>(GetParam());
+    /// What ffmpeg's decoder makes of `bits`, most significant first, saved with a gain: samples at
+    /// an eighth of the rate.
+    std::vector<float> Decoded(const Bytes& bits, double gain) {
+        Recording recording(manager);
         recording.Begin(1, GetParam(), GetSampleTypeInfo(kSampleTypeDsd));
-        Bytes bytes(GetParam() / 8 * 27 / 100);
-        _dsm<double> modulator;
-        double time = 0;
-        for (std::uint8_t& byte : bytes) {
-            unsigned bits = 0;
-            for (int bit = 0; bit < 8; ++bit, ++time) {
-                const double sine = std::sin(2 * std::numbers::pi * kToneHz * time / rateHz);
-                bits = bits << 1U | (dsm(modulator, kToneLevel * sine) > 0 ? 1U : 0U);
-            }
-            byte = static_cast<std::uint8_t>(bits);
-        }
-        recording.Add(0, bytes);
-    }
-};
-
-TEST_P(DsfToneTest, FfmpegDecodesATonesLevelAndFrequency) {
-    VORREL_NEEDS_TOOL("ffmpeg");
-    Recording recording(manager);
-    Make(recording);
-    const double rateHz = static_cast<double>(GetParam()) / 8;
-    for (const double gain : {0.0, -6.02, -20.0, 3.0}) {
+        recording.Add(0, bits);
         const ToolResult decoded =
             RunTool("ffmpeg -v error -i " + SaveRecording(recording, gain, kJapaneseTags) +
                     " -c:a pcm_f32le -f f32le -");
         std::vector<float> samples(decoded.output.size() / sizeof(float));
         std::memcpy(samples.data(), decoded.output.data(), samples.size() * sizeof(float));
+        return samples;
+    }
+    /// The sound of those samples, behind the start of all filters.
+    Sound DecodedSound(const Bytes& bits, double gain) {
+        const std::vector<float> samples = Decoded(bits, gain);
+        EXPECT_GE(samples.size(), kLead + kPoints);
+        std::vector<double> measured(kPoints);
+        for (std::size_t i = 0; i < kPoints && kLead + i < samples.size(); ++i) {
+            measured[i] = static_cast<double>(samples[kLead + i]);
+        }
+        return test::MeasureSound(measured, ToneHz(), rateHz / 8);
+    }
+    double ToneHz() const { return test::WholePeriods(kToneHz, kPoints, rateHz / 8); }
+
+    static constexpr std::size_t kLead = 4'096;
+    static constexpr std::size_t kPoints = 131'072;
+    const double rateHz = static_cast<double>(GetParam());
+};
+
+TEST_P(DsfToneTest, FfmpegDecodesATonesLevelAndFrequency) {
+    VORREL_NEEDS_TOOL("ffmpeg");
+    // A quarter of a second and a bit.
+    const Bytes bits = test::ToneBits(GetParam() / 8 * 27 / 100, kToneLevel, kToneHz, rateHz);
+    for (const double gain : {0.0, -6.02, -20.0, 3.0}) {
+        const std::vector<float> samples = Decoded(bits, gain);
         // Behind the start of all filters: two tenths of a second, 200 periods, in halves.
-        const auto tenth = static_cast<std::size_t>(rateHz / 10);
-        const std::size_t from = static_cast<std::size_t>(rateHz / 50);
+        const auto tenth = static_cast<std::size_t>(rateHz / 80);
+        const std::size_t from = static_cast<std::size_t>(rateHz / 400);
         ASSERT_GE(samples.size(), from + 2 * tenth);
 
-        const std::complex<double> first = Tone(samples, from, from + tenth, rateHz);
-        const std::complex<double> second = Tone(samples, from + tenth, from + 2 * tenth, rateHz);
+        const std::complex<double> first = Tone(samples, from, from + tenth, rateHz / 8);
+        const std::complex<double> second =
+            Tone(samples, from + tenth, from + 2 * tenth, rateHz / 8);
 
         const double decibels = 20 * std::log10(std::abs(first + second) / 2 / kToneLevel);
         EXPECT_NEAR(decibels, gain, 0.02);
         // A tone that is off by 0.01 Hz turns by 0.006 in the tenth of a second between them.
         EXPECT_NEAR(std::arg(second / first), 0.0, 0.006);
     }
+}
+
+TEST_P(DsfToneTest, InFfmpegsEarsAToneFallsByTheGainAndItsNoiseIsTheExactModels) {
+    VORREL_NEEDS_TOOL("ffmpeg");
+    const Bytes bits = test::ToneBits(kLead + kPoints, kToneLevel, ToneHz(), rateHz);
+    constexpr double kGainDecibels = -6.02;
+
+    const Sound before = DecodedSound(bits, 0.0);
+    const Sound after = DecodedSound(bits, kGainDecibels);
+    const Sound exact = DecodedSound(
+        test::DoublePrecisionGain(std::pow(10.0, kGainDecibels / 20)).Processed(bits), 0.0);
+
+    EXPECT_NEAR(after.toneDecibels - before.toneDecibels, kGainDecibels, 0.01);
+    EXPECT_NEAR(after.signalToNoiseDecibels, exact.signalToNoiseDecibels, 1.0);
+    EXPECT_GT(after.signalToNoiseDecibels, 112.0);
+    RecordProperty("tone", std::to_string(after.toneDecibels - before.toneDecibels));
+    RecordProperty("signal_to_noise", std::to_string(after.signalToNoiseDecibels));
+    RecordProperty("exact", std::to_string(exact.signalToNoiseDecibels));
+}
+
+TEST_P(DsfToneTest, ThePreviewsToneHasTheLevelThatFfmpegFinds) {
+    VORREL_NEEDS_TOOL("ffmpeg");
+    const Bytes bits = test::ToneBits(kLead + kPoints, kToneLevel, ToneHz(), rateHz);
+    DsdToPcmWorkBuffer work{};
+    std::vector<std::int16_t> preview(bits.size() / 8);
+    DSD_To_Int16LSB<true>(reinterpret_cast<std::uint8_t*>(preview.data()), bits.data(),
+                          preview.size(), &work);
+    std::vector<double> samples(kPoints / 8);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        samples[i] = preview[kLead / 8 + i] / 32'767.0;
+    }
+
+    const Sound decoded = DecodedSound(bits, 0.0);
+    const Sound previewed = test::MeasureSound(samples, ToneHz(), rateHz / 64);
+
+    // The transform's sums grow with the number of samples.
+    EXPECT_NEAR(previewed.toneDecibels + 20 * std::log10(8.0), decoded.toneDecibels, 0.01);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, DsfToneTest, testing::Values(2'822'400, 5'644'800, 11'289'600),
