@@ -11,6 +11,10 @@ inline constexpr std::size_t kDsfHeaderBytes = 92;
 /// Bytes of one channel's block: the samples stand in turns of one block a channel.
 inline constexpr std::size_t kDsfBlockBytes = 4096;
 
+/// Blocks of each channel that are read, processed and written at a time, so that no thread is
+/// woken for every single one. Nothing that a save leaves behind shows their number.
+inline constexpr std::size_t kDsfBatchBlocks = 64;
+
 /// The form of a DSF file's samples.
 struct DsfFormat {
     std::uint32_t channels;

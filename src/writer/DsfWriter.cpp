@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "pipeline/DSDStreamProcessingThread.h"
-#include "writer/DsfBlockReader.h"
+#include "writer/BlockReader.h"
 #include "writer/DsfHeader.h"
 #include "writer/OutputFile.h"
 #include "writer/SaveChecks.h"
@@ -27,7 +27,13 @@ public:
           format(dsfFormat),
           start(startFrame),
           end(endFrame),
-          reader(saveRun, dsfFormat, startFrame, endFrame),
+          reader(saveRun,
+                 {.frames = dsfFormat.BlockFrames(),
+                  .bytes = kDsfBlockBytes,
+                  .perBatch = kDsfBatchBlocks,
+                  .fillsUp = true,
+                  .earliestLowest = true},
+                 startFrame, endFrame),
           processors(format.channels) {}
 
     /// @return `VrErrorFailed`; `VrErrorCanceled` (stopped before a block, to be deleted).
@@ -35,8 +41,8 @@ public:
 
 private:
     VrError StartWorkers(float gainDecibels);
-    VrError WriteBatch(OutputFile& file, const DsfBatch& batch);
-    void GiveBackWritten(const OutputFile& file, const DsfBatch& batch);
+    VrError WriteBatch(OutputFile& file, const BlockBatch& batch);
+    void GiveBackWritten(const OutputFile& file, const BlockBatch& batch);
     VrError BeginBlock(std::uint64_t position);
 
     SaveRun& run;
@@ -44,7 +50,7 @@ private:
     const std::uint64_t start;
     const std::uint64_t end;
     // Owns the batches: goes behind the processors, which may still be at work on one.
-    DsfBlockReader reader;
+    BlockReader reader;
     std::vector<DSDStreamProcessingThread> processors;
     // The batches handed to the file and not yet given back; it may look at them still.
     std::size_t handedBatches = 0;
@@ -61,14 +67,15 @@ VrError BlockWriter::StartWorkers(float gainDecibels) {
             return error;
         }
     }
-    return reader.Start();
+    reader.Start();
+    return VrSuccess;
 }
 
 VrError BlockWriter::Write(OutputFile& file, float gainDecibels) {
     if (const VrError error = StartWorkers(gainDecibels); error != VrSuccess) {
         return error;
     }
-    DsfBatch* next = &reader.Take();
+    BlockBatch* next = &reader.Take();
     const auto process = [&](std::size_t channel) {
         processors[channel].RunProcess(next->channels[channel].data(),
                                        static_cast<std::uint32_t>(next->sampleBytes));
@@ -77,7 +84,7 @@ VrError BlockWriter::Write(OutputFile& file, float gainDecibels) {
         process(channel);
     }
     for (;;) {
-        const DsfBatch& batch = *next;
+        const BlockBatch& batch = *next;
         if (!batch.isLast) {
             next = &reader.Take();
         }
@@ -95,7 +102,7 @@ VrError BlockWriter::Write(OutputFile& file, float gainDecibels) {
 }
 
 /// Gives back what the file does not look at any more. All batches but the last are full.
-void BlockWriter::GiveBackWritten(const OutputFile& file, const DsfBatch& batch) {
+void BlockWriter::GiveBackWritten(const OutputFile& file, const BlockBatch& batch) {
     const std::size_t batchBytes = batch.blocks * batch.channels.size() * kDsfBlockBytes;
     handedBytes += batchBytes;
     ++handedBatches;
@@ -105,7 +112,7 @@ void BlockWriter::GiveBackWritten(const OutputFile& file, const DsfBatch& batch)
     }
 }
 
-VrError BlockWriter::WriteBatch(OutputFile& file, const DsfBatch& batch) {
+VrError BlockWriter::WriteBatch(OutputFile& file, const BlockBatch& batch) {
     std::uint64_t position = batch.position;
     for (std::size_t block = 0; block < batch.blocks; ++block) {
         if (const VrError error = BeginBlock(position); error != VrSuccess) {

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <vector>
 
+#include "writer/BlockReader.h"
 #include "writer/FrameEncoder.h"
 #include "writer/OutputFile.h"
 #include "writer/SaveChecks.h"
@@ -14,31 +14,27 @@ namespace vorrel {
 
 namespace {
 
-/// Writes frames [startFrame, endFrame) of the recording, block by block.
+/// Writes frames [startFrame, endFrame) of the recording, block by block, while those behind are
+/// read.
 VrError WriteFrames(SaveRun& run, FrameEncoder& encoder, OutputFile& file, std::uint64_t startFrame,
-                    std::uint64_t endFrame, std::uint64_t blockFrames) {
-    const std::uint16_t channelCount = run.recording.channels;
-    std::vector<AlignedBytes> channels(channelCount);
-    std::uint64_t position = startFrame;
-    while (position < endFrame) {
+                    std::uint64_t endFrame, const BlockForm& form) {
+    BlockReader reader(run, form, startFrame, endFrame);
+    reader.Start();
+    for (std::uint64_t position = startFrame; position < endFrame;) {
         if (run.CancelRequested()) {
             return VrErrorCanceled;
         }
-        const std::uint64_t frames = std::min(blockFrames, endFrame - position);
+        const std::uint64_t frames = std::min(form.frames, endFrame - position);
         run.Advance(frames);  // before the block, so that a failed one counts too
-        for (std::uint16_t channel = 0; channel < channelCount; ++channel) {
-            if (run.recordData.GetData(channel, position, position + frames, channels[channel],
-                                       true) != VrSuccess) {
-                return VrErrorFailed;
-            }
-        }
+        const BlockBatch& block = reader.Take();
         // Before anything is made of it: what a new take has put there may be of another form.
-        if (!run.RecordingHolds()) {
+        if (block.nextFailed || !run.RecordingHolds()) {
             return VrErrorFailed;
         }
-        if (!file.Write(encoder.Encode(channels, static_cast<std::size_t>(frames)))) {
+        if (!file.Write(encoder.Encode(block.channels, static_cast<std::size_t>(frames)))) {
             return VrErrorFailed;
         }
+        reader.GiveBack();
         position += frames;
     }
     return VrSuccess;
@@ -107,7 +103,12 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
     FrameEncoder encoder(*sampleType, format.channels, format.bits,
                          static_cast<std::size_t>(std::min(blockFrames, frames)),
                          GainFactor(setting->gain));
-    VrError result = WriteFrames(run, encoder, file, startFrame, endFrame, blockFrames);
+    const std::size_t sampleBytes =
+        (std::size_t{sampleType->bits} + std::size_t{sampleType->padBits}) / 8;
+    VrError result = WriteFrames(run, encoder, file, startFrame, endFrame,
+                                 {.frames = blockFrames,
+                                  .bytes = static_cast<std::size_t>(blockFrames) * sampleBytes,
+                                  .perBatch = 1});
     if (result == VrSuccess) {
         result = SaveTags(setting->tags, file.Stream());
     }

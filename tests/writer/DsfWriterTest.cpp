@@ -25,7 +25,6 @@
 #include "support/Recording.h"
 #include "support/SmallVolume.h"
 #include "support/TempDirectory.h"
-#include "writer/DsfBlockReader.h"
 #include "writer/DsfHeader.h"
 #include "writer/PlainDsfWriter.h"
 #include "writer/SaveRun.h"

@@ -14,6 +14,7 @@
 #include "support/FakeManager.h"
 #include "support/FileBytes.h"
 #include "support/FileSizeLimit.h"
+#include "support/NoNewThreads.h"
 #include "support/Recording.h"
 #include "support/SmallVolume.h"
 #include "support/TempDirectory.h"
@@ -495,6 +496,27 @@ TEST_F(WavWriterTest, ARecordingThatCannotBeReadFailsTheSave) {
     EXPECT_EQ(Save(0, 30), VrErrorFailed);
 
     EXPECT_GE(Saved().size(), 44U) << "what was written stays";
+}
+
+TEST_F(WavWriterTest, WithoutAThreadToReadAheadTheFileIsTheSame) {
+    recording.Begin(2, 1'000);
+    for (std::uint16_t channel = 0; channel < 2; ++channel) {
+        std::vector<float> samples(2'550);  // 25 blocks and a half
+        for (std::size_t i = 0; i < samples.size(); ++i) {
+            samples[i] = static_cast<float>(i + 10'000 * channel) / 32768.0F;
+        }
+        recording.Add(channel, samples);
+    }
+    ASSERT_EQ(Save(0, 3), VrSuccess);
+    const Bytes ahead = Saved();
+    ASSERT_EQ(ahead.size(), 44U + 2'550 * 4);
+
+    {
+        const test::NoNewThreads none;
+        ASSERT_EQ(Save(0, 3), VrSuccess);
+    }
+
+    EXPECT_EQ(Saved(), ahead);
 }
 
 TEST_F(WavWriterTest, AFileThatItsVolumeCannotHoldIsSkippedAndNotMade) {
