@@ -1,14 +1,20 @@
 #!/bin/sh
 # Installs the Debian packages that building, testing and the demo need. Asks for nothing and does
 # nothing when all of them are there.
+#   scripts/install-deps.sh [e2e]
+# With `e2e` also those of the end-to-end tests, which emulate a machine.
 set -eu
 
 packages="
 cmake ninja-build g++ clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev pkg-config
 libgtest-dev libgmock-dev libbenchmark-dev
 libcli11-dev nlohmann-json3-dev libsndfile1-dev
+libasound2-dev libudev-dev libusb-1.0-0-dev umockdev libumockdev-dev dbus-daemon
 ffmpeg sox libsox-fmt-all mediainfo wavpack python3 python3-mutagen sndfile-programs
 "
+if [ "${1:-}" = e2e ]; then
+    packages="$packages qemu-system-x86 busybox-static cpio kmod"
+fi
 
 missing=""
 for package in $packages; do

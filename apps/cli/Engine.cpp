@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -18,7 +19,9 @@ namespace {
 
 constexpr std::uint64_t kUsualPcmRate = 48'000;
 constexpr std::uint64_t kUsualDsdRate = 2'822'400;
-constexpr const char* kSimulatedBackend = "simulated";
+constexpr std::string_view kSimulatedBackend = "simulated";
+/// What the engine takes when the environment names none; the build knows.
+constexpr std::string_view kDefaultBackend = VORREL_DEFAULT_BACKEND;
 
 std::string Join(const std::vector<std::string>& texts) {
     std::string joined;
@@ -93,13 +96,20 @@ std::vector<std::string> ListNames() {
     return names;
 }
 
+/// The back end that the engine takes.
+std::string Backend() {
+    const std::string name = Variable("VORREL_BACKEND");
+    return name.empty() ? std::string(kDefaultBackend) : name;
+}
+
 /// Where the user has named a back end, or set the simulated one up, and it cannot be had: why.
 /// Only the first look in a process is told.
 std::string BackendRefusal() {
     TraceCatcher trace;
     const bool none = ListNames().empty();
     const std::string said = trace.Take();
-    if (none) {
+    // Of the real one, none only means that nothing is plugged in.
+    if (none && (IsSimulated() || Backend() != kDefaultBackend)) {
         return TraceCatcher::Sentence(said);
     }
     std::ignore = ::write(STDERR_FILENO, said.data(), said.size());  // no reason, but not ours
@@ -181,8 +191,7 @@ std::shared_ptr<Notifications> OpenEngine(const CommonOptions& options) {
 }
 
 bool IsSimulated() {
-    const std::string name = Variable("VORREL_BACKEND");
-    return name.empty() || name == kSimulatedBackend;
+    return Backend() == kSimulatedBackend;
 }
 
 std::vector<std::string> ListDevices() {

@@ -53,8 +53,8 @@ void Require(VrError error, ExitCode exit, const std::string& what);
 /// @throws Failure: usage (--simulate=CONFIG is not understood), device.
 std::shared_ptr<Notifications> OpenEngine(const CommonOptions& options);
 
-/// Whether what the engine records from is simulated: nothing in the environment names another back
-/// end, and the simulated recorder is the engine's default.
+/// Whether what the engine records from is simulated: the environment names that back end, or it
+/// names none and this build has no other.
 bool IsSimulated();
 inline constexpr const char* kSimulatedWarning =
     "this is the SIMULATED recorder, not a real one: it records no microphone";

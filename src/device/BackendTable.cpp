@@ -4,6 +4,9 @@
 #include <cstdlib>
 #include <string_view>
 
+#ifdef VORREL_ALSA
+#include "device/alsa/AlsaBackends.h"
+#endif
 #include "device/simulated/SimulatedBackends.h"
 #include "platform/Trace.h"
 
@@ -23,6 +26,9 @@ const char* Environment(const char* name) {
 
 /// The first is the default.
 constexpr std::array kBackendTable = {
+#ifdef VORREL_ALSA
+    BackendEntry{"alsa", &MakeAlsaBackends},
+#endif
     BackendEntry{"simulated",
                  [] { return MakeSimulatedBackends(Environment("VORREL_SIMULATED")); }},
 };

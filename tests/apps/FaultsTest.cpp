@@ -495,7 +495,7 @@ TEST_F(FaultsTest, ATemporaryPlaceThatTakesNothingIsAUsageErrorHoweverItIsNamed)
 TEST_F(FaultsTest, ASimulatedRecorderThatNobodyAskedForIsSaidLoudly) {
     Process::Setup setup =
         places.Record(VORREL_CLI_FAKE, {places.File("a.wav"), "--duration", "0.2", "--quiet"});
-    setup.environment["VORREL_BACKEND"] = "";
+    setup.environment["VORREL_BACKEND"] = "simulated";
     Process silent(setup);
     Process asked(Record("", {places.File("b.wav"), "--duration", "0.2"}));
     setup.arguments[3] = "--temp-dir";
@@ -519,7 +519,7 @@ TEST_F(FaultsTest, AnAnswerSaysThatARecorderIsSimulated) {
     for (const char* command : {"devices", "info"}) {
         Process::Setup setup;
         setup.arguments = {VORREL_CLI_FAKE, command, "--json"};
-        setup.environment["VORREL_BACKEND"] = "";
+        setup.environment["VORREL_BACKEND"] = "simulated";
         Process silent(setup);
         setup.arguments.push_back("--simulate");
         Process asked(setup);

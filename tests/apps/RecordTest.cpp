@@ -322,16 +322,16 @@ TEST_F(RecordTest, ABackendThatIsNamedAndMissingIsADeviceErrorWithItsReason) {
         setup.arguments.insert(setup.arguments.end(), command.begin(), command.end());
         setup.environment["VORREL_BACKEND"] = "bogus";
         Process unknown(setup);
-        setup.environment["VORREL_BACKEND"] = "";
+        setup.environment["VORREL_BACKEND"] = "simulated";
         setup.environment["VORREL_SIMULATED"] = "nonsense";
-        Process unset(setup);
+        Process impossible(setup);
 
         EXPECT_EQ(unknown.Wait(), 2) << command[0];
-        EXPECT_EQ(unset.Wait(), 2) << command[0];
+        EXPECT_EQ(impossible.Wait(), 2) << command[0];
 
         EXPECT_THAT(unknown.Error(),
                     HasSubstr("there is no recorder: no device back end is called \"bogus\""));
-        EXPECT_THAT(unset.Error(), HasSubstr("nonsense"));
+        EXPECT_THAT(impossible.Error(), HasSubstr("nonsense"));
         EXPECT_THAT(unknown.Error(), testing::StartsWith("vorrel: "));  // and no trace line
     }
     EXPECT_THAT(places.Files(), IsEmpty());

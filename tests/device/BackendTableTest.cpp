@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <string>
 #include <tuple>
 
 #include "support/TraceCapture.h"
@@ -69,6 +70,39 @@ TEST(BackendTableDeathTest, TheEnvironmentNamesTheBackEnd) {
 TEST(BackendTableDeathTest, TheFirstOfTheTableIsTheDefault) {
     EXPECT_EXIT(SelectAndExit(nullptr, Expected::some), testing::ExitedWithCode(0), "");
 }
+
+/// Ends with 0 when the default back ends list a device, as the simulated ones do anywhere.
+[[noreturn]] void ListDefaultDevicesAndExit() {
+    ::unsetenv("VORREL_SIMULATED");
+    ::unsetenv("VORREL_BACKEND");
+    AudioDeviceID id = 0;
+    UInt32 size = sizeof id;
+    const AudioObjectPropertyAddress devices = {kAudioHardwarePropertyDevices,
+                                                kAudioObjectPropertyScopeGlobal,
+                                                kAudioObjectPropertyElementMain};
+    const bool listed = SelectBackends().audio->GetPropertyData(kAudioObjectSystemObject, devices,
+                                                                &size, &id) == 0 &&
+                        size == sizeof id;
+    // A real card may be plugged in here; the simulated recorder is never the default then.
+    const AudioObjectPropertyAddress uid = {kAudioDevicePropertyDeviceUID,
+                                            kAudioObjectPropertyScopeGlobal,
+                                            kAudioObjectPropertyElementMain};
+    std::string text;
+    const bool simulated = listed &&
+                           SelectBackends().audio->GetPropertyString(id, uid, &text) == 0 &&
+                           text.rfind("Simulated:", 0) == 0;
+    std::_Exit(simulated ? 0 : 1);
+}
+
+#ifdef VORREL_ALSA
+TEST(BackendTableDeathTest, TheDefaultIsNotTheSimulatedRecorderWhereRealOnesCanBe) {
+    EXPECT_EXIT(ListDefaultDevicesAndExit(), testing::ExitedWithCode(1), "");
+}
+#else
+TEST(BackendTableDeathTest, TheDefaultIsTheSimulatedRecorderWhereThereIsNoOther) {
+    EXPECT_EXIT(ListDefaultDevicesAndExit(), testing::ExitedWithCode(0), "");
+}
+#endif
 
 TEST(BackendTableDeathTest, AnEmptyNameIsTheDefault) {
     EXPECT_EXIT(SelectAndExit("", Expected::some), testing::ExitedWithCode(0), "");

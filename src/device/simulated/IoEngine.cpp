@@ -65,38 +65,26 @@ void IoEngine::Close() {
     }
 }
 
-std::vector<IoEngine::Client>::iterator IoEngine::Find(AudioDeviceIOProcID id) {
-    return std::find_if(clients.begin(), clients.end(),
-                        [id](const Client& client) { return client.id == id; });
-}
-
 AudioDeviceIOProcID IoEngine::Create(AudioDeviceIOProc proc, void* clientData) {
-    const MutexLock lock(mutex);
-    // A handle that is never called: the same proc can be registered for several clients.
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): it is compared, never followed
-    const auto id = reinterpret_cast<AudioDeviceIOProcID>(++lastId);
-    clients.push_back({id, proc, clientData, nullptr});
-    return id;
+    return procs.Create(proc, clientData);
 }
 
 bool IoEngine::Destroy(AudioDeviceIOProcID id) {
-    const MutexLock lock(mutex);
-    const auto client = Find(id);
-    const bool known = client != clients.end();
-    if (known) {
+    bool known = false;
+    {
+        const MutexLock lock(mutex);
         // Before the wait, so that the proc cannot start itself again meanwhile.
-        clients.erase(client);
+        known = procs.Destroy(id);
         EndIdleRun();
     }
-    WaitForCycle();
+    procs.WaitForCycle();
     return known;
 }
 
 OSStatus IoEngine::Start(AudioDeviceIOProcID id, const RunSetup& setup,
                          const std::function<std::unique_ptr<SampleSource>()>& makeSource) {
     const MutexLock lock(mutex);
-    const auto client = Find(id);
-    if (client == clients.end() || closing) {
+    if (!procs.Has(id) || closing) {
         return kAudioHardwareIllegalOperationError;
     }
     if (run == nullptr) {
@@ -119,65 +107,44 @@ OSStatus IoEngine::Start(AudioDeviceIOProcID id, const RunSetup& setup,
         deliveredFrames = 0;
         threadWake.NotifyAll();
     }
-    client->run = run.get();
+    std::ignore = procs.Start(id, run.get());
     return kAudioHardwareNoError;
 }
 
 bool IoEngine::Stop(AudioDeviceIOProcID id) {
-    const MutexLock lock(mutex);
-    const auto client = Find(id);
-    const bool started = client != clients.end() && client->run != nullptr;
-    if (started) {
-        client->run = nullptr;
+    bool started = false;
+    {
+        const MutexLock lock(mutex);
+        started = procs.Stop(id);
         EndIdleRun();
     }
     // Also when another thread has just stopped it: its last call may still be under way.
-    WaitForCycle();
+    procs.WaitForCycle();
     return started;
 }
 
 void IoEngine::EndIdleRun() {
-    if (run != nullptr && std::all_of(clients.begin(), clients.end(),
-                                      [](const Client& client) { return client.run == nullptr; })) {
+    if (run != nullptr && !procs.AnyStarted()) {
         run.reset();
         threadWake.NotifyAll();
     }
 }
 
-void IoEngine::StopAll() {
-    for (Client& client : clients) {
-        client.run = nullptr;
-    }
-    EndIdleRun();
-}
-
 void IoEngine::Halt() {
-    const MutexLock lock(mutex);
-    StopAll();
-    WaitForCycle();
+    EndRun();
+    procs.WaitForCycle();
 }
 
 void IoEngine::EndRun() {
     const MutexLock lock(mutex);
-    StopAll();
-}
-
-void IoEngine::WaitForCall() {
-    const MutexLock lock(mutex);
-    WaitForCycle();
+    procs.StopAll();
+    EndIdleRun();
 }
 
 void IoEngine::DropProcs() {
     const MutexLock lock(mutex);
-    clients.clear();
+    procs.Drop();
     EndIdleRun();
-}
-
-void IoEngine::WaitForCycle() {
-    const std::uint64_t current = cycle;
-    while (delivering && cycle == current && deliverer != std::this_thread::get_id()) {
-        cycleEnded.Wait(mutex);
-    }
 }
 
 bool IoEngine::Deliver() {
@@ -200,7 +167,7 @@ bool IoEngine::DeliverList(const AudioBufferList* given, const std::shared_ptr<R
     {
         const MutexLock lock(mutex);
         // Since it was due, another run may have begun, whose first buffer has its own time.
-        if (run == nullptr || delivering || stalled || (due != nullptr && run != due)) {
+        if (run == nullptr || stalled || (due != nullptr && run != due) || !procs.BeginCycle()) {
             return false;
         }
         current = run;
@@ -209,8 +176,6 @@ bool IoEngine::DeliverList(const AudioBufferList* given, const std::shared_ptr<R
         // Counted at its beginning: a buffer that is under way is not one of a new countdown.
         last = countdown == 1;
         countdown -= countdown > 0 ? 1 : 0;
-        delivering = true;
-        deliverer = std::this_thread::get_id();
     }
     bool delivered = false;
     UInt32 frames = 0;
@@ -232,8 +197,7 @@ bool IoEngine::DeliverList(const AudioBufferList* given, const std::shared_ptr<R
             ++deliveredBuffers;
             deliveredFrames += frames;
         }
-        delivering = false;
-        ++cycle;
+        procs.EndCycle();
         if (last) {
             ended = countdownEnded;
         }
@@ -246,29 +210,7 @@ bool IoEngine::DeliverList(const AudioBufferList* given, const std::shared_ptr<R
 }
 
 bool IoEngine::CallProcs(const Run& current, const AudioBufferList& list) {
-    AudioBufferList output{};  // the device has no output
-    // By id: a proc may create, destroy, start and stop procs.
-    AudioDeviceIOProcID called = nullptr;
-    for (;;) {
-        Client next{};
-        {
-            const MutexLock lock(mutex);
-            // Ids ascend in the list.
-            const auto client =
-                std::find_if(clients.begin(), clients.end(), [&](const Client& other) {
-                    return reinterpret_cast<std::uintptr_t>(other.id) >
-                               reinterpret_cast<std::uintptr_t>(called) &&
-                           other.run == &current;
-                });
-            if (client == clients.end()) {
-                return called != nullptr;
-            }
-            next = *client;
-        }
-        called = next.id;
-        std::ignore = next.proc(current.setup.device, nullptr, &list, nullptr, &output, nullptr,
-                                next.clientData);
-    }
+    return procs.Call(&current, current.setup.device, list);
 }
 
 std::shared_ptr<IoEngine::Run> IoEngine::WaitUntilDue() {
@@ -284,7 +226,7 @@ std::shared_ptr<IoEngine::Run> IoEngine::WaitUntilDue() {
         const auto due = run->begin + std::chrono::duration_cast<IoClock::Time::duration>(offset);
         if (due > clock->Now()) {
             clock->WaitUntil(threadWake, mutex, due);
-        } else if (delivering) {
+        } else if (procs.IsInCycle()) {
             cycleEnded.Wait(mutex);  // somebody delivers by hand
         } else {
             return run;
@@ -337,11 +279,6 @@ void IoEngine::SetStalled(bool nowStalled) {
         run->begin += clock->Now() - std::max(stalledSince, run->begin);
     }
     threadWake.NotifyAll();
-}
-
-std::size_t IoEngine::ProcCount() {
-    const MutexLock lock(mutex);
-    return clients.size();
 }
 
 std::uint64_t IoEngine::DeliveredBuffers() {

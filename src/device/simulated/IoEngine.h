@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "device/backend/CoreAudioTypes.h"
+#include "device/backend/IoProcs.h"
 #include "device/simulated/IoClock.h"
 #include "device/simulated/SampleSource.h"
 #include "platform/Mutex.h"
@@ -23,10 +24,11 @@ struct RunSetup {
     std::vector<UInt32> bufferChannels;  ///< Empty: one buffer with all channels.
 };
 
-/// The IO procs of a recorder and its capture thread. A run begins with the first proc that is
-/// started and ends with the last that is stopped; buffer k of it is due when k + 1 buffer times
-/// have passed since its beginning, and what is late is caught up buffer by buffer. Any thread may
-/// call, an IO proc too. Always held by a shared pointer: the capture thread holds it as well.
+/// The IO procs of a recorder (`IoProcs`) and its capture thread. A run begins with the first proc
+/// that is started and ends with the last that is stopped; buffer k of it is due when k + 1 buffer
+/// times have passed since its beginning, and what is late is caught up buffer by buffer. Any
+/// thread may call, an IO proc too. Always held by a shared pointer: the capture thread holds it as
+/// well.
 class IoEngine : public std::enable_shared_from_this<IoEngine> {
 public:
     /// @param speed           Factor by which time runs fast.
@@ -56,7 +58,7 @@ public:
     void Halt() VORREL_EXCLUDES(mutex);
     /// Stops all procs without waiting for a call under way; `WaitForCall` does that.
     void EndRun() VORREL_EXCLUDES(mutex);
-    void WaitForCall() VORREL_EXCLUDES(mutex);
+    void WaitForCall() { procs.WaitForCycle(); }
     /// Stops all procs and forgets them, without waiting.
     void DropProcs() VORREL_EXCLUDES(mutex);
 
@@ -81,7 +83,7 @@ public:
     void SetStalled(bool stalled) VORREL_EXCLUDES(mutex);
 
     bool IsRunning() VORREL_EXCLUDES(mutex);
-    std::size_t ProcCount() VORREL_EXCLUDES(mutex);
+    std::size_t ProcCount() { return procs.Count(); }
     /// Of the run under way or, after it, of the last one.
     std::uint64_t DeliveredBuffers() VORREL_EXCLUDES(mutex);
     std::uint64_t DeliveredFrames() VORREL_EXCLUDES(mutex);
@@ -91,17 +93,6 @@ public:
 
 private:
     struct Run;
-    struct Client {
-        AudioDeviceIOProcID id;
-        AudioDeviceIOProc proc;
-        void* clientData;
-        const Run* run;  // the run it was started in, null while stopped
-    };
-
-    std::vector<Client>::iterator Find(AudioDeviceIOProcID id) VORREL_REQUIRES(mutex);
-    /// Waits until no call that began before is under way, unless the caller is in it.
-    void WaitForCycle() VORREL_REQUIRES(mutex);
-    void StopAll() VORREL_REQUIRES(mutex);
     /// Ends the run when no proc is left in it.
     void EndIdleRun() VORREL_REQUIRES(mutex);
     /// @param list  Null for what the source has.
@@ -109,7 +100,7 @@ private:
     bool DeliverList(const AudioBufferList* list, const std::shared_ptr<Run>& due)
         VORREL_EXCLUDES(mutex);
     /// @return false when all procs have been stopped meanwhile and none was called.
-    bool CallProcs(const Run& current, const AudioBufferList& list) VORREL_EXCLUDES(mutex);
+    bool CallProcs(const Run& current, const AudioBufferList& list);
     UInt32 NextFrames() const VORREL_REQUIRES(mutex);
     /// Waits until a buffer can be delivered. @return its run; null when the engine closes.
     std::shared_ptr<Run> WaitUntilDue() VORREL_EXCLUDES(mutex);
@@ -118,21 +109,17 @@ private:
     const double speed;
     const bool manual;
     const std::shared_ptr<IoClock> clock;
+    IoProcs procs;  // a lock of its own, taken under the mutex or without it
     Mutex mutex;
     ConditionVariable threadWake;  // a run begins, ends or is released, or the engine closes
     ConditionVariable cycleEnded;
     std::function<void()> countdownEnded VORREL_GUARDED_BY(mutex);
     std::uint64_t countdown VORREL_GUARDED_BY(mutex) = 0;
-    std::vector<Client> clients VORREL_GUARDED_BY(mutex);
-    std::uintptr_t lastId VORREL_GUARDED_BY(mutex) = 0;
     std::shared_ptr<Run> run VORREL_GUARDED_BY(mutex);  // null while stopped
     UInt32 shortFrames VORREL_GUARDED_BY(mutex) = 0;
     bool emptyLists VORREL_GUARDED_BY(mutex) = false;
     bool stalled VORREL_GUARDED_BY(mutex) = false;
     IoClock::Time stalledSince VORREL_GUARDED_BY(mutex);
-    bool delivering VORREL_GUARDED_BY(mutex) = false;
-    std::thread::id deliverer VORREL_GUARDED_BY(mutex);
-    std::uint64_t cycle VORREL_GUARDED_BY(mutex) = 0;
     std::uint64_t deliveredBuffers VORREL_GUARDED_BY(mutex) = 0;
     std::uint64_t deliveredFrames VORREL_GUARDED_BY(mutex) = 0;
     bool closing VORREL_GUARDED_BY(mutex) = false;

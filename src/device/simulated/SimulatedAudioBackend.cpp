@@ -53,14 +53,13 @@ OSStatus SimulatedAudioBackend::ReadValue(AudioObjectID object, SimulatedRecorde
         if (address.mSelector != kAudioHardwarePropertyDevices) {
             return kAudioHardwareUnknownPropertyError;
         }
-        value.elementSize = sizeof(AudioDeviceID);
+        std::vector<AudioDeviceID> ids;
         for (const auto& listed : recorders) {
             if (listed->IsPlugged()) {
-                const AudioDeviceID id = listed->DeviceId();
-                const auto* bytes = reinterpret_cast<const std::uint8_t*>(&id);
-                value.bytes.insert(value.bytes.end(), bytes, bytes + sizeof id);
+                ids.push_back(listed->DeviceId());
             }
         }
+        value = DeviceListValue(ids);
     } else if (const OSStatus status = recorder->ReadProperty(object, address, value);
                status != kAudioHardwareNoError) {
         return status;
@@ -108,18 +107,7 @@ OSStatus SimulatedAudioBackend::GetPropertyData(AudioObjectID object,
         status != kAudioHardwareNoError) {
         return status;
     }
-    std::size_t written = value.bytes.size();
-    if (written > *size) {
-        if (value.elementSize == 0) {
-            return kAudioHardwareBadPropertySizeError;
-        }
-        written = *size - *size % value.elementSize;
-    }
-    if (written > 0) {
-        std::memcpy(data, value.bytes.data(), written);
-    }
-    *size = static_cast<UInt32>(written);
-    return kAudioHardwareNoError;
+    return value.CopyTo(size, data);
 }
 
 OSStatus SimulatedAudioBackend::GetPropertyString(AudioObjectID object,

@@ -4,9 +4,9 @@
 #include <vector>
 
 #include "device/backend/AudioBackend.h"
+#include "device/backend/PropertyListeners.h"
 #include "device/simulated/CallHook.h"
 #include "device/simulated/PropertyFaults.h"
-#include "device/simulated/PropertyListeners.h"
 #include "device/simulated/SimulatedRecorder.h"
 
 namespace vorrel {

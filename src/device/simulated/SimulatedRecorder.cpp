@@ -2,10 +2,9 @@
 
 #include <unistd.h>
 
-#include <cstring>
+#include <tuple>
 #include <utility>
 
-#include "device/simulated/BufferListBuilder.h"
 #include "device/simulated/RecorderFormats.h"
 #include "device/simulated/SampleSource.h"
 
@@ -19,47 +18,6 @@ constexpr std::uint16_t kPcmMode = 0;
 constexpr std::uint16_t kDsdMode = 1;
 
 constexpr std::int32_t kNoOwner = -1;
-
-template <class T>
-void Append(std::vector<std::uint8_t>& bytes, const T& value) {
-    const auto* from = reinterpret_cast<const std::uint8_t*>(&value);
-    bytes.insert(bytes.end(), from, from + sizeof value);
-}
-
-template <class T>
-PropertyValue Scalar(const T& value) {
-    PropertyValue property;
-    Append(property.bytes, value);
-    return property;
-}
-
-template <class T>
-PropertyValue Array(const std::vector<T>& values) {
-    PropertyValue property{{}, sizeof(T)};
-    for (const T& value : values) {
-        Append(property.bytes, value);
-    }
-    return property;
-}
-
-PropertyValue StreamConfiguration(const std::vector<UInt32>& bufferChannels) {
-    PropertyValue property;
-    property.bytes.resize(BufferListSize(bufferChannels.size()));
-    const auto count = static_cast<UInt32>(bufferChannels.size());
-    std::memcpy(property.bytes.data(), &count, sizeof count);
-    for (std::size_t i = 0; i < bufferChannels.size(); ++i) {
-        const AudioBuffer buffer{bufferChannels[i], 0, nullptr};
-        std::memcpy(property.bytes.data() + BufferListSize(i), &buffer, sizeof buffer);
-    }
-    return property;
-}
-
-bool IsKnownAddress(const AudioObjectPropertyAddress& address) {
-    return address.mElement == kAudioObjectPropertyElementMain &&
-           (address.mScope == kAudioObjectPropertyScopeGlobal ||
-            address.mScope == kAudioObjectPropertyScopeInput ||
-            address.mScope == kAudioObjectPropertyScopeOutput);
-}
 
 }  // namespace
 
@@ -147,68 +105,33 @@ OSStatus SimulatedRecorder::ReadProperty(AudioObjectID object,
     const OSStatus status = ObjectStatus(object);
     if (status == kAudioHardwareBadDeviceError &&
         address.mSelector == kAudioDevicePropertyDeviceIsAlive) {
-        value = Scalar(UInt32{0});
+        value = NotAliveValue();
         return kAudioHardwareNoError;
     }
     if (status != kAudioHardwareNoError) {
         return status;
     }
-    if (!IsKnownAddress(address)) {
-        return kAudioHardwareUnknownPropertyError;
-    }
-    return object == deviceId ? ReadDeviceProperty(address, value)
-                              : ReadStreamProperty(address, value);
+    return Properties().Read(KindOf(object), address, value);
 }
 
-OSStatus SimulatedRecorder::ReadDeviceProperty(const AudioObjectPropertyAddress& address,
-                                               PropertyValue& value) const {
-    const bool input = address.mScope != kAudioObjectPropertyScopeOutput && hasStream;
-    switch (address.mSelector) {
-        case kAudioDevicePropertyDeviceIsAlive:
-            value = Scalar(UInt32{alive ? 1U : 0U});
-            break;
-        case kAudioDevicePropertyHogMode:
-            value = Scalar(SInt32{hogOwner});
-            break;
-        case kAudioDevicePropertyBufferFrameSize:
-            value = Scalar(bufferFrames);
-            break;
-        case kAudioDevicePropertyBufferFrameSizeRange:
-            value = Scalar(AudioValueRange{static_cast<Float64>(config.bufferFramesMinimum),
-                                           static_cast<Float64>(config.bufferFramesMaximum)});
-            break;
-        case kAudioDevicePropertyStreams:
-            value =
-                Array(input ? std::vector<AudioStreamID>{streamId} : std::vector<AudioStreamID>{});
-            break;
-        case kAudioDevicePropertyStreamConfiguration:
-            if (!input) {
-                value = StreamConfiguration({});
-            } else if (config.bufferChannels.empty()) {
-                value = StreamConfiguration({config.channels});
-            } else {
-                value = StreamConfiguration(config.bufferChannels);
-            }
-            break;
-        default:
-            return kAudioHardwareUnknownPropertyError;
-    }
-    return kAudioHardwareNoError;
+DeviceProperties::Object SimulatedRecorder::KindOf(AudioObjectID object) const {
+    return object == deviceId ? DeviceProperties::Object::Device : DeviceProperties::Object::Stream;
 }
 
-OSStatus SimulatedRecorder::ReadStreamProperty(const AudioObjectPropertyAddress& address,
-                                               PropertyValue& value) const {
-    switch (address.mSelector) {
-        case kAudioStreamPropertyPhysicalFormat:
-            value = Scalar(format);
-            break;
-        case kAudioStreamPropertyAvailablePhysicalFormats:
-            value = Array(formats);
-            break;
-        default:
-            return kAudioHardwareUnknownPropertyError;
-    }
-    return kAudioHardwareNoError;
+DeviceProperties SimulatedRecorder::Properties() const {
+    return {name,
+            uid,
+            modelUid,
+            alive,
+            hogOwner,
+            bufferFrames,
+            config.bufferFramesMinimum,
+            config.bufferFramesMaximum,
+            hasStream ? streamId : kAudioObjectUnknown,
+            config.bufferChannels.empty() ? std::vector<UInt32>{config.channels}
+                                          : config.bufferChannels,
+            format,
+            formats};
 }
 
 OSStatus SimulatedRecorder::ReadText(AudioObjectID object,
@@ -217,29 +140,7 @@ OSStatus SimulatedRecorder::ReadText(AudioObjectID object,
     if (const OSStatus status = ObjectStatus(object); status != kAudioHardwareNoError) {
         return status;
     }
-    if (!IsKnownAddress(address)) {
-        return kAudioHardwareUnknownPropertyError;
-    }
-    if (object == deviceId) {
-        switch (address.mSelector) {
-            case kAudioObjectPropertyName:
-                text = name;
-                return kAudioHardwareNoError;
-            case kAudioDevicePropertyDeviceUID:
-                text = uid;
-                return kAudioHardwareNoError;
-            case kAudioDevicePropertyModelUID:
-                text = modelUid;
-                return kAudioHardwareNoError;
-            default:
-                break;
-        }
-    }
-    // A property of another type has another size than a text.
-    PropertyValue other;
-    const OSStatus status = object == deviceId ? ReadDeviceProperty(address, other)
-                                               : ReadStreamProperty(address, other);
-    return status == kAudioHardwareNoError ? kAudioHardwareBadPropertySizeError : status;
+    return Properties().ReadText(KindOf(object), address, text);
 }
 
 OSStatus SimulatedRecorder::WriteProperty(AudioObjectID object,
@@ -247,9 +148,8 @@ OSStatus SimulatedRecorder::WriteProperty(AudioObjectID object,
                                           const void* data) {
     if (address.mSelector == kAudioStreamPropertyPhysicalFormat &&
         size == sizeof(AudioStreamBasicDescription) && data != nullptr) {
-        AudioStreamBasicDescription wanted{};
-        std::memcpy(&wanted, data, sizeof wanted);
-        if (const OSStatus status = AskAboutFormat(object, address, wanted);
+        if (const OSStatus status =
+                AskAboutFormat(object, address, WrittenValue<AudioStreamBasicDescription>(data));
             status != kAudioHardwareNoError) {
             return status;
         }
@@ -260,49 +160,25 @@ OSStatus SimulatedRecorder::WriteProperty(AudioObjectID object,
         if (const OSStatus status = ObjectStatus(object); status != kAudioHardwareNoError) {
             return status;
         }
-        if (!IsKnownAddress(address)) {
-            return kAudioHardwareUnknownPropertyError;
-        }
-        PropertyValue before;
-        OSStatus status = object == deviceId ? ReadDeviceProperty(address, before)
-                                             : ReadStreamProperty(address, before);
-        const bool isText = address.mSelector == kAudioObjectPropertyName ||
-                            address.mSelector == kAudioDevicePropertyDeviceUID ||
-                            address.mSelector == kAudioDevicePropertyModelUID;
-        if (object == deviceId && isText) {
-            return kAudioHardwareUnsupportedOperationError;
-        }
+        const DeviceProperties::Object kind = KindOf(object);
+        OSStatus status = Properties().CheckWrite(kind, address, size, data);
         if (status != kAudioHardwareNoError) {
             return status;
         }
-        const bool isSettable = address.mSelector == kAudioDevicePropertyHogMode ||
-                                address.mSelector == kAudioDevicePropertyBufferFrameSize ||
-                                address.mSelector == kAudioStreamPropertyPhysicalFormat;
-        if (!isSettable) {
-            return kAudioHardwareUnsupportedOperationError;
-        }
-        if (size != before.bytes.size() || data == nullptr) {
-            return kAudioHardwareBadPropertySizeError;
-        }
+        PropertyValue before;
+        std::ignore = Properties().Read(kind, address, before);
         if (address.mSelector == kAudioDevicePropertyHogMode) {
-            std::int32_t processId = 0;
-            std::memcpy(&processId, data, sizeof processId);
-            status = WriteHogMode(processId);
+            status = WriteHogMode(WrittenValue<std::int32_t>(data));
         } else if (address.mSelector == kAudioDevicePropertyBufferFrameSize) {
-            UInt32 frames = 0;
-            std::memcpy(&frames, data, sizeof frames);
-            status = WriteBufferFrames(frames);
+            status = WriteBufferFrames(WrittenValue<UInt32>(data));
         } else {
-            AudioStreamBasicDescription wanted{};
-            std::memcpy(&wanted, data, sizeof wanted);
-            status = WriteFormat(wanted);
+            status = WriteFormat(WrittenValue<AudioStreamBasicDescription>(data));
         }
         if (status != kAudioHardwareNoError) {
             return status;
         }
         PropertyValue after;
-        std::ignore = object == deviceId ? ReadDeviceProperty(address, after)
-                                         : ReadStreamProperty(address, after);
+        std::ignore = Properties().Read(kind, address, after);
         changed = after.bytes != before.bytes;
     }
     if (changed) {

@@ -10,31 +10,15 @@
 #include <vector>
 
 #include "device/backend/CoreAudioTypes.h"
+#include "device/backend/ObjectProperties.h"
+#include "device/backend/PropertyListeners.h"
 #include "device/backend/RegistryBackend.h"
 #include "device/simulated/IoEngine.h"
 #include "device/simulated/PropertyFaults.h"
-#include "device/simulated/PropertyListeners.h"
 #include "device/simulated/SimulatedRecorderConfig.h"
 #include "platform/Mutex.h"
 
 namespace vorrel {
-
-/// A property's value as bytes.
-struct PropertyValue {
-    std::vector<std::uint8_t> bytes;
-    /// Size of one element of an array, of which a reader may take the first few; 0 for a value
-    /// that is read whole or not at all.
-    std::size_t elementSize = 0;
-};
-
-/// Hands out object ids; an id is never used twice.
-class ObjectIds {
-public:
-    AudioObjectID Next() { return next++; }
-
-private:
-    std::atomic<AudioObjectID> next{kAudioObjectSystemObject + 1};
-};
 
 /// One recorder: the device as the audio layer and the USB side see it, and the hand of the test
 /// on it. Any thread may call anything at any time.
@@ -167,10 +151,9 @@ private:
     OSStatus CheckDevice(AudioObjectID device) VORREL_EXCLUDES(mutex);
     OSStatus ObjectStatus(AudioObjectID object) const VORREL_REQUIRES(mutex);
     OSStatus DeviceStatus(AudioObjectID device) const VORREL_REQUIRES(mutex);
-    OSStatus ReadDeviceProperty(const AudioObjectPropertyAddress& address,
-                                PropertyValue& value) const VORREL_REQUIRES(mutex);
-    OSStatus ReadStreamProperty(const AudioObjectPropertyAddress& address,
-                                PropertyValue& value) const VORREL_REQUIRES(mutex);
+    DeviceProperties::Object KindOf(AudioObjectID object) const VORREL_REQUIRES(mutex);
+    /// What the recorder tells of itself now.
+    DeviceProperties Properties() const VORREL_REQUIRES(mutex);
     /// Asks the predicate of `RefuseFormats` about a write that gets so far.
     OSStatus AskAboutFormat(AudioObjectID object, const AudioObjectPropertyAddress& address,
                             const AudioStreamBasicDescription& wanted) VORREL_EXCLUDES(mutex);

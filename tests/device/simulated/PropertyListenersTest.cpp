@@ -1,4 +1,4 @@
-#include "device/simulated/PropertyListeners.h"
+#include "device/backend/PropertyListeners.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -50,6 +50,46 @@ TEST_F(PropertyListenersTest, CallsTheListenersOfThatObjectAndPropertyOnAnotherT
     EXPECT_EQ(first.selector, kAudioDevicePropertyDeviceIsAlive);
     EXPECT_NE(first.thread.load(), std::this_thread::get_id());
     EXPECT_EQ(second.calls, 0);
+}
+
+TEST_F(PropertyListenersTest, EachRaiseOfASignalCallsTheListenersOnce) {
+    Add(first, kOverload);
+    Add(second, kAlive);
+    const std::shared_ptr<PropertySignal> signal =
+        listeners.MakeSignal(kObject, kAudioDeviceProcessorOverload);
+
+    signal->Raise();
+    signal->Raise();
+    signal->Raise();
+    listeners.Flush();
+
+    EXPECT_EQ(first.calls, 3);
+    EXPECT_EQ(second.calls, 0);
+}
+
+TEST_F(PropertyListenersTest, WhatASignalRaisedBeforeItWasGivenUpIsStillTold) {
+    Add(first, kOverload);
+    listeners.MakeSignal(kObject, kAudioDeviceProcessorOverload)->Raise();
+
+    listeners.Flush();
+
+    EXPECT_EQ(first.calls, 1);
+}
+
+TEST(PropertySignalTest, MayOutliveItsListeners) {
+    std::shared_ptr<PropertySignal> signal;
+    {
+        PropertyListeners listeners;
+        signal = listeners.MakeSignal(kObject, kAudioDeviceProcessorOverload);
+    }
+
+    signal->Raise();
+}
+
+TEST_F(PropertyListenersTest, WithoutAThreadThereIsNoSignal) {
+    const test::NoNewThreads none;
+
+    EXPECT_THROW(listeners.MakeSignal(kObject, kAudioDeviceProcessorOverload), std::exception);
 }
 
 TEST_F(PropertyListenersTest, TheSameListenerTwiceCountsOnce) {

@@ -1,11 +1,23 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "device/backend/CoreAudioTypes.h"
+#include "platform/Realtime.h"
 
 namespace vorrel {
+
+/// Reports a change of one property from a thread that may neither wait nor allocate. It may
+/// outlive the listeners it was made by, and then reports to nobody.
+class PropertySignal {
+public:
+    virtual ~PropertySignal() = default;
+    /// Has every listener of the property called once on the notification thread, soon; `n` calls
+    /// of this give `n` calls of each. Any thread, a real-time one too.
+    VORREL_REALTIME virtual void Raise() noexcept = 0;
+};
 
 /// The property listeners of all objects and the thread that calls them. Any thread may call.
 class PropertyListeners {
@@ -30,11 +42,19 @@ public:
     /// device, which have nobody to tell.
     void Notify(AudioObjectID object, AudioObjectPropertySelector selector) noexcept;
 
+    /// A signal for the property, with the notification thread running from here on. It reports
+    /// for as long as it is held.
+    /// @throws std::system_error, std::bad_alloc.
+    std::shared_ptr<PropertySignal> MakeSignal(AudioObjectID object,
+                                               AudioObjectPropertySelector selector);
+
     std::size_t Count();
     /// Returns after all that was notified before has been delivered. Not from a listener.
     void Flush();
 
 private:
+    struct WakeUp;
+    class Signal;
     struct State;
     const std::shared_ptr<State> state;  // the notification thread's as well
 };

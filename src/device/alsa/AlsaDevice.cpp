@@ -1,0 +1,512 @@
+#include "device/alsa/AlsaDevice.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+#include <system_error>
+#include <tuple>
+#include <utility>
+
+#include "device/alsa/AlsaStatus.h"
+#include "device/alsa/DeviceHolder.h"
+#include "platform/Trace.h"
+
+namespace vorrel {
+namespace {
+
+constexpr pid_t kNoOwner = -1;
+
+}  // namespace
+
+AlsaDevice::AlsaDevice(SoundCard soundCard, std::shared_ptr<ObjectIds> objectIds,
+                       std::shared_ptr<PropertyListeners> propertyListeners,
+                       const std::string& procDirectory)
+    : card(std::move(soundCard)),
+      proc(procDirectory),
+      deviceId(objectIds->Next()),
+      streamId(card.captureDevice.has_value() ? objectIds->Next() : kAudioObjectUnknown),
+      listeners(std::move(propertyListeners)),
+      capture(std::make_shared<AlsaCapture>(
+          listeners,
+          [this](AlsaCapture::Ending ending) { GoAway(ending == AlsaCapture::Ending::Failed); })),
+      reservation(card.number) {}
+
+AlsaDevice::~AlsaDevice() {
+    capture->Close();
+}
+
+bool AlsaDevice::IsPlugged() {
+    const MutexLock lock(mutex);
+    return plugged;
+}
+
+bool AlsaDevice::HasFailed() {
+    const MutexLock lock(mutex);
+    return failed;
+}
+
+bool AlsaDevice::IsUnused() {
+    if (capture->ProcCount() > 0 || capture->IsRunning()) {
+        return false;
+    }
+    const MutexLock lock(mutex);
+    return !hogged;
+}
+
+OSStatus AlsaDevice::ObjectStatus(AudioObjectID object) const {
+    if (object == deviceId) {
+        return plugged ? kAudioHardwareNoError : kAudioHardwareBadDeviceError;
+    }
+    return Owns(object) && plugged ? kAudioHardwareNoError : kAudioHardwareBadObjectError;
+}
+
+OSStatus AlsaDevice::CheckObject(AudioObjectID object) {
+    const MutexLock lock(mutex);
+    return ObjectStatus(object);
+}
+
+DeviceProperties::Object AlsaDevice::KindOf(AudioObjectID object) const {
+    return object == deviceId ? DeviceProperties::Object::Device : DeviceProperties::Object::Stream;
+}
+
+DeviceProperties AlsaDevice::Properties() const {
+    DeviceProperties properties;
+    properties.name = card.name;
+    properties.uid = card.uid;
+    properties.modelUid = card.modelUid;
+    properties.alive = plugged;
+    properties.hogOwner = hogged ? ::getpid() : kNoOwner;
+    properties.bufferFrames = bufferFrames;
+    properties.minimumBufferFrames = frameRange.minimum;
+    properties.maximumBufferFrames = frameRange.maximum;
+    properties.inputStream = streamId;
+    properties.bufferChannels = {format.pcm.channels};
+    properties.format = format.description.mFormat;
+    properties.formats.reserve(offered.size());
+    for (const OfferedFormat& entry : offered) {
+        properties.formats.push_back(entry.description);
+    }
+    return properties;
+}
+
+bool AlsaDevice::NeedsFormats(AudioObjectPropertySelector selector) {
+    return selector == kAudioDevicePropertyBufferFrameSize ||
+           selector == kAudioDevicePropertyBufferFrameSizeRange ||
+           selector == kAudioDevicePropertyStreamConfiguration ||
+           selector == kAudioStreamPropertyPhysicalFormat ||
+           selector == kAudioStreamPropertyAvailablePhysicalFormats;
+}
+
+std::int32_t AlsaDevice::HogOwner() {
+    {
+        const MutexLock lock(mutex);
+        if (hogged) {
+            return ::getpid();
+        }
+    }
+    return card.captureDevice.has_value()
+               ? FindDeviceHolder(card.number, *card.captureDevice, proc).processId
+               : kNoOwner;
+}
+
+OSStatus AlsaDevice::ReadProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                  PropertyValue& value) {
+    if (NeedsFormats(address.mSelector)) {
+        LearnFormats();
+    }
+    const std::int32_t owner =
+        address.mSelector == kAudioDevicePropertyHogMode ? HogOwner() : kNoOwner;
+    const MutexLock lock(mutex);
+    const OSStatus status = ObjectStatus(object);
+    if (status == kAudioHardwareBadDeviceError &&
+        address.mSelector == kAudioDevicePropertyDeviceIsAlive) {
+        value = NotAliveValue();
+        return kAudioHardwareNoError;
+    }
+    if (status != kAudioHardwareNoError) {
+        return status;
+    }
+    DeviceProperties properties = Properties();
+    properties.hogOwner = owner;
+    return properties.Read(KindOf(object), address, value);
+}
+
+OSStatus AlsaDevice::ReadText(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                              std::string& text) {
+    const MutexLock lock(mutex);
+    if (const OSStatus status = ObjectStatus(object); status != kAudioHardwareNoError) {
+        return status;
+    }
+    return Properties().ReadText(KindOf(object), address, text);
+}
+
+OSStatus AlsaDevice::WriteProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                   UInt32 size, const void* data) {
+    const DeviceProperties::Object kind = KindOf(object);
+    if (NeedsFormats(address.mSelector)) {
+        LearnFormats();
+    }
+    bool changed = false;
+    {
+        const MutexLock working(operation);
+        PropertyValue before;
+        {
+            const MutexLock lock(mutex);
+            const OSStatus status = ObjectStatus(object);
+            const bool letsGo = object == deviceId && size == sizeof(pid_t) && data != nullptr &&
+                                address.mSelector == kAudioDevicePropertyHogMode &&
+                                WrittenValue<pid_t>(data) == kNoOwner;
+            // A card that is gone is let go all the same.
+            if (status != kAudioHardwareNoError && letsGo) {
+                hogged = false;
+            } else if (status != kAudioHardwareNoError) {
+                return status;
+            } else if (const OSStatus refusal = Properties().CheckWrite(kind, address, size, data);
+                       refusal != kAudioHardwareNoError) {
+                return refusal;
+            }
+            std::ignore = Properties().Read(kind, address, before);
+        }
+        OSStatus status = kAudioHardwareNoError;
+        if (address.mSelector == kAudioDevicePropertyHogMode) {
+            status = WriteHogMode(WrittenValue<pid_t>(data));
+        } else if (address.mSelector == kAudioDevicePropertyBufferFrameSize) {
+            status = WriteBufferFrames(WrittenValue<UInt32>(data));
+        } else {
+            status = WriteFormat(WrittenValue<AudioStreamBasicDescription>(data));
+        }
+        const MutexLock lock(mutex);
+        if (const OSStatus now = ObjectStatus(object); now != kAudioHardwareNoError) {
+            return now;
+        }
+        if (status != kAudioHardwareNoError) {
+            return status;
+        }
+        PropertyValue after;
+        std::ignore = Properties().Read(kind, address, after);
+        changed = after.bytes != before.bytes;
+    }
+    if (changed) {
+        listeners->Notify(object, address.mSelector);
+    }
+    return kAudioHardwareNoError;
+}
+
+OSStatus AlsaDevice::OpenPcm(std::shared_ptr<AlsaPcm>& pcm) {
+    pcm = held != nullptr ? held : latest.lock();
+    if (pcm != nullptr) {
+        return kAudioHardwareNoError;
+    }
+    if (!card.captureDevice.has_value()) {
+        return kAudioHardwareUnsupportedOperationError;
+    }
+    std::unique_ptr<AlsaPcm> opened;
+    const int error = AlsaPcm::Open(card.number, *card.captureDevice, opened);
+    if (error < 0) {
+        TraceRefusal(error);
+        if (IsGone(error)) {
+            GoAway(false);
+        }
+        return StatusOf(error);
+    }
+    pcm = std::move(opened);
+    latest = pcm;
+    return kAudioHardwareNoError;
+}
+
+void AlsaDevice::TraceRefusal(int error) {
+    if (error == -EBUSY || error == -EAGAIN) {
+        const std::string holder =
+            HolderText(FindDeviceHolder(card.number, card.captureDevice.value_or(0), proc));
+        Trace(__FILE__, __LINE__, "card %d (%s) is in use by %s", card.number, card.name.c_str(),
+              holder.c_str());
+        return;
+    }
+    const std::string reason = std::generic_category().message(-error);
+    Trace(__FILE__, __LINE__, "card %d (%s) cannot be opened: %s", card.number, card.name.c_str(),
+          reason.c_str());
+}
+
+void AlsaDevice::LearnFormats() {
+    const MutexLock working(operation);
+    if (formatsKnown || !card.captureDevice.has_value() || !IsPlugged()) {
+        return;
+    }
+    std::shared_ptr<AlsaPcm> pcm = held != nullptr ? held : latest.lock();
+    if (pcm == nullptr) {
+        std::unique_ptr<AlsaPcm> opened;
+        const int error = AlsaPcm::Open(card.number, *card.captureDevice, opened);
+        if (error < 0) {
+            // Asked again at each look until the card answers; said once.
+            if (!refusalTraced) {
+                refusalTraced = true;
+                TraceRefusal(error);
+                Trace(__FILE__, __LINE__, "card %d: its formats are those that it describes",
+                      card.number);
+            }
+            OfferDescribedFormats();
+            return;
+        }
+        pcm = std::move(opened);
+    }
+    TakeFormats(*pcm);
+}
+
+void AlsaDevice::TakeFormats(AlsaPcm& pcm) {
+    std::vector<OfferedFormat> granted = OfferFormats(pcm.Formats(), card.formats);
+    PcmFormat inForce;
+    bool stays = false;
+    {
+        const MutexLock lock(mutex);
+        inForce = format.pcm;
+        stays = std::any_of(granted.begin(), granted.end(),
+                            [&](const OfferedFormat& entry) { return entry.pcm == inForce; });
+    }
+    if (!stays && !granted.empty()) {
+        inForce = granted.front().pcm;
+    }
+    AlsaPcm::FrameRange range{1, kMostBufferFrames};
+    if (!granted.empty()) {
+        std::ignore = FrameRangeOf(pcm, inForce, range);
+    }
+    SetOffered(std::move(granted), range, true);
+    formatsKnown = true;
+    refusalTraced = false;
+}
+
+void AlsaDevice::OfferDescribedFormats() {
+    SetOffered(OfferFormats(DescribedFormats(card.formats), card.formats), {16, kMostBufferFrames},
+               false);
+}
+
+void AlsaDevice::SetOffered(std::vector<OfferedFormat> formats, const AlsaPcm::FrameRange& range,
+                            bool byTheCard) {
+    const MutexLock lock(mutex);
+    if (!byTheCard && !offered.empty()) {
+        return;
+    }
+    offered = std::move(formats);
+    const PcmFormat before = format.pcm;
+    const auto current =
+        std::find_if(offered.begin(), offered.end(),
+                     [&before](const OfferedFormat& entry) { return entry.pcm == before; });
+    if (current != offered.end()) {
+        format = *current;
+    } else {
+        format = offered.empty() ? OfferedFormat{} : offered.front();
+    }
+    frameRange = range;
+    bufferFrames = std::clamp(bufferFrames, frameRange.minimum, frameRange.maximum);
+}
+
+OSStatus AlsaDevice::FrameRangeOf(AlsaPcm& pcm, const PcmFormat& wanted,
+                                  AlsaPcm::FrameRange& range) {
+    AlsaPcm::FrameRange granted;
+    if (const int error = pcm.PeriodRange(wanted, granted); error < 0) {
+        return StatusOf(error);
+    }
+    range.maximum = std::clamp(granted.maximum, 1U, kMostBufferFrames);
+    range.minimum = std::min(granted.minimum, range.maximum);
+    return kAudioHardwareNoError;
+}
+
+OSStatus AlsaDevice::WriteHogMode(pid_t processId) {
+    if (processId == kNoOwner) {
+        if (held == nullptr) {
+            // Only its owner lets it go; a device that nobody holds stays free.
+            const pid_t owner = HogOwner();
+            return owner == kNoOwner || owner == ::getpid() ? kAudioHardwareNoError
+                                                            : kAudioDevicePermissionsError;
+        }
+        held.reset();  // a run that is under way keeps it open until its end
+        reservation.Release();
+        const MutexLock lock(mutex);
+        hogged = false;
+        return kAudioHardwareNoError;
+    }
+    // Refused to the owner as well: two users in one process would not know of each other.
+    if (held != nullptr || processId != ::getpid()) {
+        return kAudioHardwareIllegalOperationError;
+    }
+    if (!card.captureDevice.has_value()) {
+        return kAudioHardwareUnsupportedOperationError;
+    }
+    if (reservation.Acquire() == DeviceReservation::Outcome::Refused) {
+        Trace(__FILE__, __LINE__, "card %d (%s): its reservation is not given up", card.number,
+              card.name.c_str());
+    }
+    std::shared_ptr<AlsaPcm> pcm;
+    if (const OSStatus status = OpenPcm(pcm); status != kAudioHardwareNoError) {
+        reservation.Release();
+        return status;
+    }
+    if (!formatsKnown) {
+        TakeFormats(*pcm);
+    }
+    held = std::move(pcm);
+    const MutexLock lock(mutex);
+    hogged = true;
+    return kAudioHardwareNoError;
+}
+
+OSStatus AlsaDevice::WriteBufferFrames(UInt32 frames) {
+    const bool running = capture->IsRunning();
+    const MutexLock lock(mutex);
+    if (running || frames < frameRange.minimum || frames > frameRange.maximum) {
+        return kAudioHardwareIllegalOperationError;
+    }
+    bufferFrames = frames;
+    return kAudioHardwareNoError;
+}
+
+OSStatus AlsaDevice::WriteFormat(const AudioStreamBasicDescription& wanted) {
+    if (capture->IsRunning()) {
+        return kAudioHardwareIllegalOperationError;
+    }
+    std::optional<PcmFormat> chosen;
+    UInt32 frames = 0;
+    {
+        const MutexLock lock(mutex);
+        chosen = FindFormat(offered, wanted);
+        frames = bufferFrames;
+    }
+    if (!chosen.has_value()) {
+        return kAudioDeviceUnsupportedFormatError;
+    }
+    std::shared_ptr<AlsaPcm> pcm;
+    if (const OSStatus status = OpenPcm(pcm); status != kAudioHardwareNoError) {
+        return status;
+    }
+    AlsaPcm::FrameRange range{1, kMostBufferFrames};
+    if (const OSStatus status = FrameRangeOf(*pcm, *chosen, range);
+        status != kAudioHardwareNoError) {
+        return status;
+    }
+    frames = std::clamp(frames, range.minimum, range.maximum);
+    if (const int error = pcm->Configure(*chosen, frames); error < 0) {
+        const std::string reason = std::generic_category().message(-error);
+        Trace(__FILE__, __LINE__, "card %d (%s): %u Hz in %u bytes are refused: %s", card.number,
+              card.name.c_str(), chosen->rateHz, ContainerBytes(chosen->layout), reason.c_str());
+        if (IsGone(error)) {
+            GoAway(false);
+        }
+        return StatusOf(error);
+    }
+    const MutexLock lock(mutex);
+    format = {*chosen, {wanted, {wanted.mSampleRate, wanted.mSampleRate}}};
+    frameRange = range;
+    bufferFrames = frames;
+    return kAudioHardwareNoError;
+}
+
+OSStatus AlsaDevice::CreateIOProcID(AudioObjectID device, AudioDeviceIOProc ioProc,
+                                    void* clientData, AudioDeviceIOProcID* id) {
+    if (const OSStatus status =
+            device == deviceId ? CheckObject(device) : kAudioHardwareBadObjectError;
+        status != kAudioHardwareNoError) {
+        return status;
+    }
+    if (ioProc == nullptr || id == nullptr) {
+        return kAudioHardwareIllegalOperationError;
+    }
+    *id = capture->Create(ioProc, clientData);
+    return kAudioHardwareNoError;
+}
+
+OSStatus AlsaDevice::DestroyIOProcID(AudioObjectID device, AudioDeviceIOProcID id) {
+    if (device != deviceId) {
+        return kAudioHardwareBadObjectError;
+    }
+    const OSStatus status = CheckObject(device);
+    const bool known = capture->Destroy(id);
+    if (status != kAudioHardwareNoError) {
+        return status;
+    }
+    return known ? kAudioHardwareNoError : kAudioHardwareIllegalOperationError;
+}
+
+OSStatus AlsaDevice::Start(AudioObjectID device, AudioDeviceIOProcID id) {
+    if (device != deviceId) {
+        return kAudioHardwareBadObjectError;
+    }
+    LearnFormats();
+    for (;;) {
+        if (const OSStatus status = CheckObject(device); status != kAudioHardwareNoError) {
+            return status;
+        }
+        // Waits for a run that is ending, which is why no lock is held: its proc may want one.
+        if (const std::optional<OSStatus> joined = capture->Join(id); joined.has_value()) {
+            return *joined;
+        }
+        const MutexLock working(operation);
+        CaptureSetup setup;
+        PcmFormat wanted;
+        {
+            const MutexLock lock(mutex);
+            wanted = format.pcm;
+            setup = {deviceId, nullptr, wanted.channels, bufferFrames};
+        }
+        if (wanted.channels == 0) {
+            return kAudioDeviceUnsupportedFormatError;
+        }
+        if (capture->IsRunning()) {
+            continue;
+        }
+        if (const OSStatus status = OpenPcm(setup.pcm); status != kAudioHardwareNoError) {
+            return status;
+        }
+        if (const int error = setup.pcm->Configure(wanted, setup.frames); error < 0) {
+            if (IsGone(error)) {
+                GoAway(false);
+            }
+            return StatusOf(error);
+        }
+        if (const std::optional<OSStatus> begun = capture->Begin(id, setup); begun.has_value()) {
+            return *begun;
+        }
+    }
+}
+
+OSStatus AlsaDevice::Stop(AudioObjectID device, AudioDeviceIOProcID id) {
+    if (device != deviceId) {
+        return kAudioHardwareBadObjectError;
+    }
+    const OSStatus status = CheckObject(device);
+    const bool started = capture->Stop(id);
+    if (status != kAudioHardwareNoError) {
+        return status;
+    }
+    return started ? kAudioHardwareNoError : kAudioHardwareNotRunningError;
+}
+
+void AlsaDevice::Unplug() {
+    GoAway(false);
+}
+
+void AlsaDevice::GoAway(bool hasFailed) {
+    {
+        const MutexLock lock(mutex);
+        if (!plugged) {
+            return;
+        }
+        plugged = false;
+        failed = hasFailed;
+    }
+    Trace(__FILE__, __LINE__, "card %d (%s) %s", card.number, card.name.c_str(),
+          hasFailed ? "captures no more, though it is there" : "is gone");
+    capture->EndRun();
+    listeners->Notify(deviceId, kAudioDevicePropertyDeviceIsAlive);
+    listeners->Notify(kAudioObjectSystemObject, kAudioHardwarePropertyDevices);
+}
+
+void AlsaDevice::LetGo() {
+    const MutexLock working(operation);
+    held.reset();
+    reservation.Release();
+    const MutexLock lock(mutex);
+    hogged = false;
+}
+
+}  // namespace vorrel

@@ -1,0 +1,303 @@
+#include "device/alsa/AlsaPcm.h"
+
+#include <alsa/asoundlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <tuple>
+
+namespace vorrel {
+namespace {
+
+/// A late IO thread loses nothing for so long, where the card grants it.
+constexpr unsigned kRingSeconds = 1;
+/// Cards with more channels are not recorders.
+constexpr unsigned kMostChannels = 32;
+
+snd_pcm_format_t FormatOf(SampleLayout layout) {
+    switch (layout) {
+        case SampleLayout::Int16:
+            return SND_PCM_FORMAT_S16_LE;
+        case SampleLayout::Int24In4:
+            return SND_PCM_FORMAT_S24_LE;
+        case SampleLayout::Int24In3:
+            return SND_PCM_FORMAT_S24_3LE;
+        case SampleLayout::Int32:
+            break;
+    }
+    return SND_PCM_FORMAT_S32_LE;
+}
+
+/// Hardware parameters; a value.
+class HardwareParameters {
+public:
+    HardwareParameters() : bytes(snd_pcm_hw_params_sizeof()) {}
+    snd_pcm_hw_params_t* Get() { return reinterpret_cast<snd_pcm_hw_params_t*>(bytes.data()); }
+
+    /// All that the card can do: its own rates only, frames interleaved.
+    int Any(snd_pcm_t* pcm, bool& mapped) {
+        if (const int error = snd_pcm_hw_params_any(pcm, Get()); error < 0) {
+            return error;
+        }
+        if (const int error = snd_pcm_hw_params_set_rate_resample(pcm, Get(), 0); error < 0) {
+            return error;
+        }
+        mapped = snd_pcm_hw_params_set_access(pcm, Get(), SND_PCM_ACCESS_MMAP_INTERLEAVED) == 0;
+        return mapped ? 0 : snd_pcm_hw_params_set_access(pcm, Get(), SND_PCM_ACCESS_RW_INTERLEAVED);
+    }
+
+    /// The format exactly.
+    int Set(snd_pcm_t* pcm, const PcmFormat& format) {
+        if (const int error = snd_pcm_hw_params_set_format(pcm, Get(), FormatOf(format.layout));
+            error < 0) {
+            return error;
+        }
+        if (const int error = snd_pcm_hw_params_set_channels(pcm, Get(), format.channels);
+            error < 0) {
+            return error;
+        }
+        return snd_pcm_hw_params_set_rate(pcm, Get(), format.rateHz, 0);
+    }
+
+private:
+    std::vector<std::uint8_t> bytes;
+};
+
+}  // namespace
+
+int AlsaPcm::Open(int card, int device, std::unique_ptr<AlsaPcm>& pcm) {
+    const std::string name = "hw:CARD=" + std::to_string(card) + ",DEV=" + std::to_string(device);
+    snd_pcm_t* handle = nullptr;
+    const int error = snd_pcm_open(&handle, name.c_str(), SND_PCM_STREAM_CAPTURE,
+                                   SND_PCM_NONBLOCK | SND_PCM_NO_AUTO_RESAMPLE |
+                                       SND_PCM_NO_AUTO_CHANNELS | SND_PCM_NO_AUTO_FORMAT);
+    if (error < 0) {
+        return error;
+    }
+    pcm.reset(new AlsaPcm(handle));
+    return 0;
+}
+
+AlsaPcm::~AlsaPcm() {
+    snd_pcm_close(pcm);
+}
+
+std::vector<PcmFormat> AlsaPcm::Formats() {
+    std::vector<PcmFormat> formats;
+    HardwareParameters any;
+    bool ignored = false;
+    if (any.Any(pcm, ignored) < 0) {
+        return formats;
+    }
+    for (const SampleLayout layout : kSampleLayouts) {
+        HardwareParameters ofLayout = any;
+        unsigned fewest = 0;
+        unsigned most = 0;
+        if (snd_pcm_hw_params_set_format(pcm, ofLayout.Get(), FormatOf(layout)) < 0 ||
+            snd_pcm_hw_params_get_channels_min(ofLayout.Get(), &fewest) < 0 ||
+            snd_pcm_hw_params_get_channels_max(ofLayout.Get(), &most) < 0) {
+            continue;
+        }
+        for (unsigned count = std::max(fewest, 1U); count <= std::min(most, kMostChannels);
+             ++count) {
+            HardwareParameters ofChannels = ofLayout;
+            if (snd_pcm_hw_params_set_channels(pcm, ofChannels.Get(), count) < 0) {
+                continue;
+            }
+            for (const std::uint32_t rateHz : kStandardRatesHz) {
+                if (snd_pcm_hw_params_test_rate(pcm, ofChannels.Get(), rateHz, 0) == 0) {
+                    formats.push_back({rateHz, layout, count});
+                }
+            }
+        }
+    }
+    return formats;
+}
+
+int AlsaPcm::PeriodRange(const PcmFormat& format, FrameRange& range) {
+    HardwareParameters parameters;
+    bool ignored = false;
+    if (const int error = parameters.Any(pcm, ignored); error < 0) {
+        return error;
+    }
+    if (const int error = parameters.Set(pcm, format); error < 0) {
+        return error;
+    }
+    snd_pcm_uframes_t least = 0;
+    snd_pcm_uframes_t most = 0;
+    snd_pcm_uframes_t ring = 0;
+    int direction = 0;
+    if (const int error =
+            snd_pcm_hw_params_get_period_size_min(parameters.Get(), &least, &direction);
+        error < 0) {
+        return error;
+    }
+    if (direction > 0) {
+        ++least;  // the bound itself is a little more than that many frames
+    }
+    if (const int error =
+            snd_pcm_hw_params_get_period_size_max(parameters.Get(), &most, &direction);
+        error < 0) {
+        return error;
+    }
+    if (const int error = snd_pcm_hw_params_get_buffer_size_max(parameters.Get(), &ring);
+        error < 0) {
+        return error;
+    }
+    // While one buffer is read the card fills the next.
+    most = std::min(most, ring / 2);
+    constexpr snd_pcm_uframes_t kMost = 1U << 30;
+    range.maximum = static_cast<std::uint32_t>(std::min(most, kMost));
+    range.minimum = static_cast<std::uint32_t>(
+        std::clamp(least, snd_pcm_uframes_t{1}, std::max(most, snd_pcm_uframes_t{1})));
+    return 0;
+}
+
+int AlsaPcm::Configure(const PcmFormat& format, std::uint32_t frames) {
+    Free();
+    HardwareParameters parameters;
+    bool useMap = false;
+    if (const int error = parameters.Any(pcm, useMap); error < 0) {
+        return error;
+    }
+    if (const int error = parameters.Set(pcm, format); error < 0) {
+        return error;
+    }
+    if (snd_pcm_hw_params_set_period_size(pcm, parameters.Get(), frames, 0) < 0) {
+        snd_pcm_uframes_t nearest = frames;
+        std::ignore =
+            snd_pcm_hw_params_set_period_size_near(pcm, parameters.Get(), &nearest, nullptr);
+    }
+    snd_pcm_uframes_t ring = 0;
+    if (const int error = snd_pcm_hw_params_get_buffer_size_max(parameters.Get(), &ring);
+        error < 0) {
+        return error;
+    }
+    ring = std::min(ring, snd_pcm_uframes_t{format.rateHz} * kRingSeconds);
+    ring -= ring % frames;
+    ring = std::max(ring, snd_pcm_uframes_t{frames} * 2);
+    if (const int error = snd_pcm_hw_params_set_buffer_size_near(pcm, parameters.Get(), &ring);
+        error < 0) {
+        return error;
+    }
+    if (ring < frames) {
+        return -EINVAL;
+    }
+    if (const int error = snd_pcm_hw_params(pcm, parameters.Get()); error < 0) {
+        return error;
+    }
+    std::vector<std::uint8_t> storage(snd_pcm_sw_params_sizeof());
+    auto* software = reinterpret_cast<snd_pcm_sw_params_t*>(storage.data());
+    snd_pcm_uframes_t boundary = 0;
+    int error = snd_pcm_sw_params_current(pcm, software);
+    if (error == 0) {
+        error = snd_pcm_sw_params_get_boundary(software, &boundary);
+    }
+    if (error == 0) {
+        error = snd_pcm_sw_params_set_avail_min(pcm, software, frames);
+    }
+    if (error == 0) {
+        // It starts when it is told to, and no read does so by itself.
+        error = snd_pcm_sw_params_set_start_threshold(pcm, software, boundary);
+    }
+    if (error == 0) {
+        error = snd_pcm_sw_params_set_stop_threshold(pcm, software, ring);
+    }
+    if (error == 0) {
+        error = snd_pcm_sw_params(pcm, software);
+    }
+    if (error < 0) {
+        Free();
+        return error;
+    }
+    mapped = useMap;
+    ringFrames = static_cast<std::uint32_t>(ring);
+    channels = format.channels;
+    frameBytes = ContainerBytes(format.layout) * format.channels;
+    convert = ConverterOf(format.layout);
+    raw.assign(mapped ? 0 : std::size_t{frames} * frameBytes, 0);
+    return 0;
+}
+
+void AlsaPcm::Free() {
+    ringFrames = 0;
+    std::ignore = snd_pcm_hw_free(pcm);  // refused where nothing is set
+}
+
+int AlsaPcm::Start() {
+    if (const int error = snd_pcm_prepare(pcm); error < 0) {
+        return error;
+    }
+    return snd_pcm_start(pcm);
+}
+
+void AlsaPcm::Drop() {
+    std::ignore = snd_pcm_drop(pcm);  // refused by a card that is gone
+}
+
+int AlsaPcm::Resume() {
+    return snd_pcm_resume(pcm);
+}
+
+std::vector<pollfd> AlsaPcm::PollDescriptors() {
+    const int count = snd_pcm_poll_descriptors_count(pcm);
+    std::vector<pollfd> descriptors(count > 0 ? static_cast<std::size_t>(count) : 0);
+    const int filled = snd_pcm_poll_descriptors(pcm, descriptors.data(),
+                                                static_cast<unsigned>(descriptors.size()));
+    descriptors.resize(filled > 0 ? static_cast<std::size_t>(filled) : 0);
+    return descriptors;
+}
+
+VORREL_REALTIME unsigned short AlsaPcm::Events(pollfd* descriptors, unsigned count) {
+    unsigned short events = 0;
+    if (snd_pcm_poll_descriptors_revents(pcm, descriptors, count, &events) < 0) {
+        return POLLERR;
+    }
+    return events;
+}
+
+VORREL_REALTIME int AlsaPcm::StateError() {
+    switch (snd_pcm_state(pcm)) {
+        case SND_PCM_STATE_RUNNING:
+            return 0;
+        case SND_PCM_STATE_XRUN:
+            return -EPIPE;
+        case SND_PCM_STATE_SUSPENDED:
+            return -ESTRPIPE;
+        case SND_PCM_STATE_DISCONNECTED:
+            return -ENODEV;
+        default:
+            return -EBADFD;
+    }
+}
+
+VORREL_REALTIME long AlsaPcm::Available() {
+    return snd_pcm_avail_update(pcm);
+}
+
+VORREL_REALTIME long AlsaPcm::Read(float* out, std::uint32_t frames) {
+    auto* floats = reinterpret_cast<std::uint8_t*>(out);
+    if (!mapped) {
+        const std::uint32_t room =
+            std::min(frames, static_cast<std::uint32_t>(raw.size() / frameBytes));
+        const snd_pcm_sframes_t count = snd_pcm_readi(pcm, raw.data(), room);
+        if (count > 0) {
+            convert(floats, raw.data(), static_cast<std::size_t>(count) * channels);
+        }
+        return count;
+    }
+    const snd_pcm_channel_area_t* areas = nullptr;
+    snd_pcm_uframes_t offset = 0;
+    snd_pcm_uframes_t count = frames;
+    if (const int error = snd_pcm_mmap_begin(pcm, &areas, &offset, &count); error < 0) {
+        return error;
+    }
+    constexpr std::size_t kBitsPerByte = 8;
+    const auto* from = static_cast<const std::uint8_t*>(areas->addr) + areas->first / kBitsPerByte +
+                       offset * (areas->step / kBitsPerByte);
+    convert(floats, from, count * channels);
+    return snd_pcm_mmap_commit(pcm, offset, count);
+}
+
+}  // namespace vorrel

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "device/backend/CoreAudioTypes.h"
+
+namespace vorrel {
+
+/// Whether a negative error number of libasound says that the card is not there (any more).
+bool IsGone(int error);
+
+/// The audio layer's status for 0 or such an error number: '!dev' when the card is gone, '!hog'
+/// when somebody else has it or this process may not open it, '!dat' for what it does not grant,
+/// else 'what'.
+OSStatus StatusOf(int error);
+
+}  // namespace vorrel

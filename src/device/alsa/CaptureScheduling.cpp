@@ -1,0 +1,107 @@
+#include "device/alsa/CaptureScheduling.h"
+
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <system_error>
+
+#include "device/alsa/SdBus.h"
+#include "platform/Trace.h"
+
+namespace vorrel {
+namespace {
+
+// One step above the workers that store what this thread captures.
+constexpr int kRoundRobinPriority = 6;
+constexpr int kRaisedNice = -11;
+
+constexpr SdBus::Address kRealtimeKit = {"org.freedesktop.RealtimeKit1",
+                                         "/org/freedesktop/RealtimeKit1",
+                                         "org.freedesktop.RealtimeKit1"};
+constexpr std::chrono::milliseconds kPatience{1'000};
+
+int SetRoundRobin() {
+    sched_param parameters{};
+    parameters.sched_priority = kRoundRobinPriority;
+    // Reset-on-fork: what this thread starts has not asked for it.
+    return ::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0 ? 0 : errno;
+}
+
+int SetNice() {
+    const auto thread = static_cast<id_t>(::syscall(SYS_gettid));
+    return ::setpriority(PRIO_PROCESS, thread, kRaisedNice) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+int AskRealtimeKit() {
+    const auto deadline = SdBus::Clock::now() + kPatience;
+    const std::unique_ptr<SdBus> bus = SdBus::Connect(SdBus::Which::System, deadline);
+    if (bus == nullptr) {
+        return ENOENT;
+    }
+    const std::optional<std::int64_t> mostMicroseconds =
+        bus->Property(kRealtimeKit, "RTTimeUSecMax", 'x', deadline);
+    const std::optional<std::int64_t> mostPriority =
+        bus->Property(kRealtimeKit, "MaxRealtimePriority", 'i', deadline);
+    if (!mostMicroseconds.has_value() || !mostPriority.has_value() || *mostMicroseconds <= 0) {
+        return ENOENT;
+    }
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_RTTIME, &limit) != 0) {
+        return errno;
+    }
+    const auto most = static_cast<rlim_t>(*mostMicroseconds);
+    if (limit.rlim_max > most) {
+        limit.rlim_max = most;
+        limit.rlim_cur = std::min(limit.rlim_cur, most);
+        if (::setrlimit(RLIMIT_RTTIME, &limit) != 0) {
+            return errno;
+        }
+    }
+    // The thread counts as a process's own number on the bus.
+    const SdBus::Arguments thread = {.types = "tu",
+                                     .first = static_cast<std::uint64_t>(::syscall(SYS_gettid)),
+                                     .second = static_cast<std::uint64_t>(std::clamp<std::int64_t>(
+                                         *mostPriority, 1, kRoundRobinPriority))};
+    return bus->Call(kRealtimeKit, "MakeThreadRealtime", thread, '\0', deadline).has_value()
+               ? 0
+               : EPERM;
+}
+
+ThreadScheduling ApplyCaptureScheduling(const CaptureSchedulingCalls& calls,
+                                        std::atomic<bool>& refusalTraced) {
+    const int roundRobinError = calls.setRoundRobin();
+    if (roundRobinError == 0) {
+        return ThreadScheduling::RoundRobin;
+    }
+    const bool granted = calls.askRealtimeKit() == 0;
+    const bool raised = !granted && calls.setNice() == 0;
+    if (!refusalTraced.exchange(true)) {
+        const std::string reason = std::generic_category().message(roundRobinError);
+        Trace(__FILE__, __LINE__,
+              "real-time scheduling of the capture thread refused (%s); it runs %s", reason.c_str(),
+              granted  ? "real-time by RealtimeKit"
+              : raised ? "with a raised nice value"
+                       : "at normal priority: buffers may be lost under load");
+    }
+    if (granted) {
+        return ThreadScheduling::RoundRobin;
+    }
+    return raised ? ThreadScheduling::RaisedNice : ThreadScheduling::Normal;
+}
+
+ThreadScheduling ScheduleCaptureThread() {
+    static std::atomic<bool> refusalTraced{false};
+    return ApplyCaptureScheduling({&SetRoundRobin, &AskRealtimeKit, &SetNice}, refusalTraced);
+}
+
+}  // namespace vorrel

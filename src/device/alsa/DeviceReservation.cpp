@@ -1,0 +1,168 @@
+#include "device/alsa/DeviceReservation.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <optional>
+#include <system_error>
+#include <tuple>
+
+#include "device/alsa/SdBus.h"
+#include "platform/ThreadPriority.h"
+#include "platform/Trace.h"
+
+namespace vorrel {
+namespace {
+
+constexpr char kThreadName[] = "DeviceReserved";
+constexpr char kInterface[] = "org.freedesktop.ReserveDevice1";
+constexpr char kPropertiesInterface[] = "org.freedesktop.DBus.Properties";
+constexpr std::chrono::milliseconds kPatience{1'000};
+
+/// A recording that runs is never given up for somebody's playback.
+constexpr std::int32_t kPriority = std::numeric_limits<std::int32_t>::max();
+
+constexpr SdBus::Address kBusDaemon = {"org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                       "org.freedesktop.DBus"};
+// Flags and answers of the bus's RequestName.
+constexpr std::uint64_t kReplaceExisting = 2;
+constexpr std::uint64_t kDoNotQueue = 4;
+constexpr std::uint32_t kPrimaryOwner = 1;
+constexpr std::uint32_t kAlreadyOwner = 4;
+
+/// @return Whether the name is ours now; nothing when the bus does not answer.
+std::optional<bool> RequestName(SdBus& bus, const std::string& name, std::uint64_t flags,
+                                SdBus::Clock::time_point deadline) {
+    const auto answer =
+        bus.Call(kBusDaemon, "RequestName", {.types = "su", .text = name.c_str(), .first = flags},
+                 'u', deadline);
+    return answer.has_value() ? std::optional(*answer == kPrimaryOwner || *answer == kAlreadyOwner)
+                              : std::nullopt;
+}
+
+}  // namespace
+
+DeviceReservation::DeviceReservation(int card)
+    : name("org.freedesktop.ReserveDevice1.Audio" + std::to_string(card)),
+      path("/org/freedesktop/ReserveDevice1/Audio" + std::to_string(card)) {}
+
+DeviceReservation::~DeviceReservation() {
+    Release();
+}
+
+DeviceReservation::Outcome DeviceReservation::Request(SdBus& connection) {
+    const auto deadline = SdBus::Clock::now() + kPatience;
+    // Answered from the first moment on: who asks right after us must not wait in vain.
+    if (!Answer(connection)) {
+        return Outcome::NoBus;
+    }
+    std::optional<bool> ours = RequestName(connection, name, kDoNotQueue, deadline);
+    if (ours == false) {
+        const auto let = connection.Call(
+            {name.c_str(), path.c_str(), kInterface}, "RequestRelease",
+            {.types = "i", .first = static_cast<std::uint32_t>(kPriority)}, 'b', deadline);
+        if (!let.has_value() || *let == 0) {
+            return Outcome::Refused;
+        }
+        ours = RequestName(connection, name, kDoNotQueue | kReplaceExisting, deadline);
+    }
+    if (!ours.has_value()) {
+        return Outcome::NoBus;
+    }
+    return *ours ? Outcome::Granted : Outcome::Refused;
+}
+
+bool DeviceReservation::Answer(SdBus& connection) {
+    return connection.Serve(path.c_str(), [](sd_bus_message* call) {
+        if (SdBus::IsCall(call, kInterface, "RequestRelease")) {
+            SdBus::AnswerBool(call, false);
+            return true;
+        }
+        if (SdBus::IsCall(call, kPropertiesInterface, "Get")) {
+            std::ignore = SdBus::ReadText(call);  // the interface
+            const std::string property = SdBus::ReadText(call);
+            if (property == "Priority") {
+                SdBus::AnswerNumberVariant(call, kPriority);
+                return true;
+            }
+            if (property == "ApplicationName") {
+                SdBus::AnswerTextVariant(call, "vorrel");
+                return true;
+            }
+            if (property == "ApplicationDeviceName") {
+                SdBus::AnswerTextVariant(call, "");
+                return true;
+            }
+        }
+        return false;
+    });
+}
+
+DeviceReservation::Outcome DeviceReservation::Acquire() {
+    const MutexLock lock(mutex);
+    if (thread.joinable()) {
+        return Outcome::Granted;
+    }
+    std::unique_ptr<SdBus> connection =
+        SdBus::Connect(SdBus::Which::Session, SdBus::Clock::now() + kPatience);
+    if (connection == nullptr) {
+        return Outcome::NoBus;
+    }
+    const Outcome outcome = Request(*connection);
+    if (outcome != Outcome::Granted) {
+        return outcome;
+    }
+    wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    bus = std::move(connection);
+    try {
+        thread = std::thread([this] { Serve(); });
+    } catch (const std::system_error& error) {
+        // Nobody would answer for it.
+        Trace(__FILE__, __LINE__, "no thread for the reservation: %s", error.what());
+        bus.reset();
+        ::close(wake);
+        wake = -1;
+        return Outcome::NoBus;
+    }
+    return Outcome::Granted;
+}
+
+void DeviceReservation::Serve() noexcept {
+    SetCurrentThreadName(kThreadName);
+    try {
+        for (;;) {
+            const bool connected = bus->Process(SdBus::Clock::now() + std::chrono::hours(1), wake);
+            std::uint64_t ended = 0;
+            if (!connected || ::read(wake, &ended, sizeof ended) > 0) {
+                return;
+            }
+        }
+    } catch (const std::exception& error) {
+        Trace(__FILE__, __LINE__, "the reservation is not answered for any more: %s", error.what());
+    }
+}
+
+void DeviceReservation::Release() {
+    const MutexLock lock(mutex);
+    if (!thread.joinable()) {
+        return;
+    }
+    const std::uint64_t end = 1;
+    std::ignore = ::write(wake, &end, sizeof end);
+    thread.join();
+    // With the connection the bus takes the name back.
+    bus.reset();
+    ::close(wake);
+    wake = -1;
+}
+
+bool DeviceReservation::IsHeld() {
+    const MutexLock lock(mutex);
+    return thread.joinable();
+}
+
+}  // namespace vorrel

@@ -1,0 +1,38 @@
+#include "device/alsa/UdevRegistry.h"
+
+#include <utility>
+
+#include "device/alsa/UsbControl.h"
+
+namespace vorrel {
+
+UdevRegistry::UdevRegistry(std::shared_ptr<const SoundCards> soundCards)
+    : cards(std::move(soundCards)) {}
+
+std::vector<RegistryDevice> UdevRegistry::Devices() {
+    std::vector<RegistryDevice> devices;
+    usbSides.clear();
+    for (const SoundCard& card : cards->Find()) {
+        RegistryDevice device;
+        device.key = PluggingKey(card);
+        device.uid = card.uid;
+        device.name = card.name;
+        device.hasInputStream = card.captureDevice.has_value();
+        if (card.usb.has_value()) {
+            device.usb = {card.usb->vendorId, card.usb->productId, card.usb->controlInterface,
+                          card.usb->streamingInterface};
+            usbSides[device.key] = *card.usb;
+        }
+        devices.push_back(std::move(device));
+    }
+    return devices;
+}
+
+std::unique_ptr<UsbInterface> UdevRegistry::OpenUsbInterface(const RegistryDevice& device,
+                                                             std::uint8_t interfaceNumber) {
+    const auto usb = usbSides.find(device.key);
+    return usb == usbSides.end() ? nullptr
+                                 : std::make_unique<UsbControl>(usb->second, interfaceNumber);
+}
+
+}  // namespace vorrel

@@ -1,0 +1,236 @@
+#include "device/alsa/SoundCards.h"
+
+#include <filesystem>
+
+#include "device/alsa/MockedCards.h"
+
+namespace vorrel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class SoundCardsTest : public test::MockedCards {};
+
+CaptureFormat Format(std::uint32_t bits, std::uint32_t containerBytes,
+                     std::vector<std::uint32_t> ratesHz, std::uint32_t minimumRateHz = 0,
+                     std::uint32_t maximumRateHz = 0) {
+    return {2, bits, containerBytes, std::move(ratesHz), minimumRateHz, maximumRateHz};
+}
+
+TEST_F(SoundCardsTest, ASystemWithoutCardsHasNone) {
+    EXPECT_THAT(cards->Find(), IsEmpty());
+}
+
+TEST_F(SoundCardsTest, TellsAllOfAUsbRecorder) {
+    test::MockedUsbCard recorder = Recorder();
+    recorder.streamText = RecorderStreamText();
+    system->Add(recorder);
+
+    const SoundCard card = OnlyCard();
+
+    EXPECT_EQ(card.number, 0);
+    EXPECT_EQ(card.systemPath, test::MockedSystem::CardPath(recorder));
+    EXPECT_EQ(card.name, "KD-WV770");
+    EXPECT_EQ(card.uid, "usb:6666:0770:0001:1-2");
+    EXPECT_EQ(card.modelUid, "KD-WV770:6666:0770");
+    EXPECT_EQ(card.captureDevice, 0);
+    EXPECT_THAT(card.formats,
+                ElementsAre(Format(16, 2, {176'400, 352'800, 705'600}),
+                            Format(24, 3, {44'100, 48'000}), Format(32, 4, {}, 8'000, 384'000)));
+    ASSERT_TRUE(card.usb.has_value());
+    EXPECT_EQ(card.usb->vendorId, 0x6666);
+    EXPECT_EQ(card.usb->productId, 0x0770);
+    EXPECT_EQ(card.usb->serial, "0001");
+    EXPECT_EQ(card.usb->portPath, "1-2");
+    EXPECT_EQ(card.usb->busNumber, 1);
+    EXPECT_EQ(card.usb->deviceAddress, 4);
+    EXPECT_EQ(card.usb->streamingInterface, 2);
+    EXPECT_EQ(card.usb->controlInterface, 0);
+}
+
+TEST_F(SoundCardsTest, WithoutAStreamTextTheDescriptorsStandAlone) {
+    system->Add(Recorder());
+
+    const SoundCard card = OnlyCard();
+
+    EXPECT_THAT(card.formats, ElementsAre(Format(16, 2, {}), Format(24, 3, {}), Format(32, 4, {})));
+    EXPECT_EQ(card.usb->streamingInterface, 2);
+}
+
+TEST_F(SoundCardsTest, WithoutDescriptorsTheStreamTextStandsAlone) {
+    test::MockedUsbCard recorder = Recorder();
+    recorder.descriptors.clear();
+    recorder.streamText = RecorderStreamText();
+    system->Add(recorder);
+
+    const SoundCard card = OnlyCard();
+
+    EXPECT_THAT(card.formats, SizeIs(3));
+    EXPECT_EQ(card.usb->streamingInterface, 2);
+}
+
+TEST_F(SoundCardsTest, WithNeitherNoStreamingInterfaceIsKnown) {
+    test::MockedUsbCard recorder = Recorder();
+    recorder.descriptors.clear();
+    system->Add(recorder);
+
+    const SoundCard card = OnlyCard();
+
+    EXPECT_EQ(card.captureDevice, 0);
+    EXPECT_EQ(card.usb->streamingInterface, std::nullopt);
+    EXPECT_THAT(card.formats, IsEmpty());
+}
+
+TEST_F(SoundCardsTest, TwoRecordersAreListedInOrderWithUniqueIdsOfTheirOwn) {
+    system->Add(SecondRecorder());
+    system->Add(Recorder());
+
+    const std::vector<SoundCard> found = cards->Find();
+
+    ASSERT_THAT(found, SizeIs(2));
+    EXPECT_EQ(found[0].uid, "usb:6666:0770:0001:1-2");
+    EXPECT_EQ(found[1].uid, "usb:6666:0770:0002:1-3");
+    EXPECT_EQ(found[0].modelUid, found[1].modelUid);
+}
+
+TEST_F(SoundCardsTest, RecordersWithoutSerialsAreToldApartByTheirPorts) {
+    test::MockedUsbCard first = Recorder();
+    test::MockedUsbCard second = SecondRecorder();
+    first.serial.reset();
+    second.serial.reset();
+    system->Add(first);
+    system->Add(second);
+
+    const std::vector<SoundCard> found = cards->Find();
+
+    ASSERT_THAT(found, SizeIs(2));
+    EXPECT_EQ(found[0].uid, "usb:6666:0770::1-2");
+    EXPECT_EQ(found[1].uid, "usb:6666:0770::1-3");
+}
+
+TEST_F(SoundCardsTest, TheNameKeepsItsBlanks) {
+    test::MockedUsbCard recorder = Recorder();
+    recorder.product = " KD-WV770 ";
+    system->Add(recorder);
+
+    EXPECT_EQ(OnlyCard().name, " KD-WV770 ");
+}
+
+TEST_F(SoundCardsTest, OnlyTheLineEndOfTheKernelIsTakenOffTheName) {
+    test::MockedUsbCard recorder = Recorder();
+    recorder.product = "KD-WV770\n";
+    system->Add(recorder);
+
+    EXPECT_EQ(OnlyCard().name, "KD-WV770\n");
+}
+
+TEST_F(SoundCardsTest, ACardWithoutAProductTextHasItsLongName) {
+    system->Add(Recorder());
+    std::filesystem::remove(system->RealPath(test::MockedSystem::UsbPath(Recorder()) + "/product"));
+    system->WriteProc("cards",
+                      " 0 [USB0           ]: USB-Audio - USB Device\n"
+                      "                      USB Device 0x6666:0x770 at usb-0000:00:14.0-2\n");
+
+    EXPECT_EQ(OnlyCard().name, "USB Device 0x6666:0x770 at usb-0000:00:14.0-2");
+}
+
+TEST_F(SoundCardsTest, ACardWithoutAnyNameHasItsId) {
+    system->AddPciCard(3, "PCH", true);
+
+    EXPECT_EQ(OnlyCard().name, "PCH");
+}
+
+TEST_F(SoundCardsTest, ACardWithoutAnIdIsNamedByItsNumber) {
+    system->AddPciCard(3, "PCH", true);
+    std::filesystem::remove(
+        system->RealPath("/sys/devices/pci0000:00/0000:00:1f.3/sound/card3/id"));
+
+    EXPECT_EQ(OnlyCard().name, "card3");
+}
+
+TEST_F(SoundCardsTest, ACardThatIsNoUsbDeviceIsNamedByItsPlace) {
+    system->AddPciCard(3, "PCH", true);
+
+    const SoundCard card = OnlyCard();
+
+    EXPECT_EQ(card.uid, "card:/devices/pci0000:00/0000:00:1f.3:PCH");
+    EXPECT_EQ(card.captureDevice, 0);
+    EXPECT_FALSE(card.usb.has_value());
+}
+
+TEST_F(SoundCardsTest, ACardThatOnlyPlaysHasNoCaptureDevice) {
+    test::MockedUsbCard player = Recorder();
+    player.captures = false;
+    system->Add(player);
+
+    const SoundCard card = OnlyCard();
+
+    EXPECT_EQ(card.captureDevice, std::nullopt);
+    EXPECT_EQ(card.usb->streamingInterface, std::nullopt);
+    EXPECT_THAT(card.formats, IsEmpty());
+}
+
+TEST_F(SoundCardsTest, ACardThatIsGoneIsFoundNoMore) {
+    system->Add(Recorder());
+    system->Add(SecondRecorder());
+    ASSERT_THAT(cards->Find(), SizeIs(2));
+
+    system->Remove(Recorder());
+
+    EXPECT_EQ(OnlyCard().number, 1);
+}
+
+TEST_F(SoundCardsTest, ACardWhoseUsbDeviceIsHalfGoneIsLeftOut) {
+    for (const char* attribute : {"idVendor", "idProduct", "busnum", "devnum"}) {
+        SCOPED_TRACE(attribute);
+        const test::MockedUsbCard recorder = Recorder();
+        system->Add(recorder);
+        std::filesystem::remove(
+            system->RealPath(test::MockedSystem::UsbPath(recorder) + "/" + attribute));
+
+        EXPECT_THAT(cards->Find(), IsEmpty());
+        system->Remove(recorder);
+    }
+}
+
+TEST_F(SoundCardsTest, DescriptorsOfAnyBytesDoNoHarm) {
+    test::MockedUsbCard recorder = Recorder();
+    recorder.descriptors.assign(1'000, 0);
+    system->Add(recorder);
+
+    EXPECT_EQ(OnlyCard().usb->streamingInterface, std::nullopt);
+}
+
+TEST_F(SoundCardsTest, CardsAreFoundByNumberPathAndUniqueId) {
+    system->Add(Recorder());
+    system->Add(SecondRecorder());
+    const SoundCard second = cards->Find().at(1);
+
+    EXPECT_EQ(cards->FindByNumber(1)->uid, second.uid);
+    EXPECT_EQ(cards->FindBySystemPath(second.systemPath)->uid, second.uid);
+    EXPECT_EQ(cards->FindByUid(second.uid)->number, 1);
+    EXPECT_EQ(cards->FindByNumber(2), std::nullopt);
+    EXPECT_EQ(cards->FindBySystemPath("/sys"), std::nullopt);
+    EXPECT_EQ(cards->FindByUid(""), std::nullopt);
+}
+
+TEST_F(SoundCardsTest, PluggedInAgainItIsAnotherPluggingWithTheSameUniqueId) {
+    test::MockedUsbCard recorder = Recorder();
+    system->Add(recorder);
+    const SoundCard before = OnlyCard();
+    EXPECT_TRUE(IsSamePlugging(before, OnlyCard()));
+
+    system->Remove(recorder);
+    recorder.address = 6;
+    system->Add(recorder);
+
+    const SoundCard after = OnlyCard();
+    EXPECT_EQ(after.systemPath, before.systemPath);
+    EXPECT_EQ(after.uid, before.uid);
+    EXPECT_FALSE(IsSamePlugging(before, after));
+}
+
+}  // namespace
+}  // namespace vorrel

@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "device/alsa/CycleTimes.h"
+#include "device/alsa/DeviceHolder.h"
+#include "device/alsa/PcmFormat.h"
+#include "support/TempDirectory.h"
+
+namespace vorrel::test {
+namespace {
+
+std::vector<float> Convert(SampleLayout layout, const std::vector<std::uint8_t>& bytes,
+                           std::size_t samples) {
+    std::vector<float> floats(samples);
+    ConverterOf(layout)(reinterpret_cast<std::uint8_t*>(floats.data()), bytes.data(), samples);
+    return floats;
+}
+
+TEST(PcmFormatTest, SixteenBitsBecomeExactMultiples) {
+    // Every word there is.
+    std::vector<std::uint8_t> bytes;
+    for (int value = -32'768; value <= 32'767; ++value) {
+        bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
+        bytes.push_back(static_cast<std::uint8_t>(value >> 8 & 0xFF));
+    }
+
+    const std::vector<float> floats = Convert(SampleLayout::Int16, bytes, 65'536);
+
+    for (int value = -32'768; value <= 32'767; ++value) {
+        ASSERT_EQ(floats[static_cast<std::size_t>(value + 32'768)] * 32'768.0F,
+                  static_cast<float>(value));
+    }
+}
+
+TEST(PcmFormatTest, TwentyFourBitsBecomeExactMultiplesInThreeBytesAndInFour) {
+    const std::vector<std::uint8_t> three = {0x00, 0x00, 0x80, 0xFF, 0xFF, 0x7F,
+                                             0x01, 0x00, 0x00, 0xFF, 0xFF, 0xFF};
+    // What lies in the fourth byte is nothing of the sample's.
+    const std::vector<std::uint8_t> four = {0x00, 0x00, 0x80, 0x00, 0xFF, 0xFF, 0x7F, 0xA5,
+                                            0x01, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0x00};
+    const std::vector<float> expected = {-1.0F, 8'388'607.0F / 8'388'608.0F, 1.0F / 8'388'608.0F,
+                                         -1.0F / 8'388'608.0F};
+
+    EXPECT_EQ(Convert(SampleLayout::Int24In3, three, 4), expected);
+    EXPECT_EQ(Convert(SampleLayout::Int24In4, four, 4), expected);
+}
+
+TEST(PcmFormatTest, ThirtyTwoBitsBecomeTheNearestFloat) {
+    const std::vector<std::uint8_t> bytes = {0x00, 0x00, 0x00, 0x80, 0xFF, 0xFF, 0xFF, 0x7F,
+                                             0x40, 0x00, 0x00, 0x40, 0x41, 0x00, 0x00, 0x40};
+    // 0x40000040 lies half way between two floats, the even of which is 0x40000000.
+    const std::vector<float> expected = {-1.0F, 1.0F, 0.5F, 1'073'741'952.0F / 2'147'483'648.0F};
+
+    EXPECT_EQ(Convert(SampleLayout::Int32, bytes, 4), expected);
+}
+
+TEST(PcmFormatTest, ADescriptionOffersItsStandardRatesOnce) {
+    const std::vector<CaptureFormat> described = {{2, 24, 3, {44'100, 50'000}, 0, 0},
+                                                  {2, 24, 3, {44'100}, 0, 0},
+                                                  {2, 16, 2, {}, 700'000, 800'000},
+                                                  {2, 8, 1, {44'100}, 0, 0}};
+
+    const std::vector<PcmFormat> formats = DescribedFormats(described);
+
+    const std::vector<PcmFormat> expected = {{44'100, SampleLayout::Int24In3, 2},
+                                             {705'600, SampleLayout::Int16, 2},
+                                             {768'000, SampleLayout::Int16, 2}};
+    EXPECT_EQ(formats, expected);
+}
+
+TEST(PcmFormatTest, BitsThatFillLessThanTheirBytesLieHigh) {
+    const AudioStreamBasicDescription format =
+        DescribeFormat({48'000, SampleLayout::Int24In3, 2}, 20).mFormat;
+
+    EXPECT_EQ(format.mFormatFlags, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsAlignedHigh);
+    EXPECT_EQ(format.mBitsPerChannel, 20U);
+    EXPECT_EQ(format.mBytesPerFrame, 6U);
+}
+
+class DeviceHolderTest : public testing::Test {
+protected:
+    void Write(const std::string& path, const std::string& text) {
+        const std::filesystem::path file = directory.File(path);
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << text;
+    }
+    TempDirectory directory;
+};
+
+TEST_F(DeviceHolderTest, TheDriverNamesTheOwner) {
+    Write("asound/card2/pcm0c/sub0/status",
+          "state: RUNNING\nowner_pid   : 4711\ntrigger_time: 1\n");
+    Write("4711/comm", "soundserver\n");
+
+    const DeviceHolder holder = FindDeviceHolder(2, 0, directory.Path());
+
+    EXPECT_EQ(holder.processId, 4'711);
+    EXPECT_EQ(HolderText(holder), "process 4711 (soundserver)");
+}
+
+TEST_F(DeviceHolderTest, ElseTheProcessWithTheFileOpen) {
+    Write("asound/card2/pcm0c/sub0/status", "closed\n");
+    Write("17/comm", "other\n");
+    std::filesystem::create_directories(directory.File("17/fd"));
+    Write("99/comm", "player\n");
+    std::filesystem::create_directories(directory.File("99/fd"));
+    std::filesystem::create_symlink("/dev/snd/pcmC2D1c", directory.File("17/fd/3"));
+    std::filesystem::create_symlink("/dev/snd/pcmC2D0c", directory.File("99/fd/5"));
+
+    EXPECT_EQ(HolderText(FindDeviceHolder(2, 0, directory.Path())), "process 99 (player)");
+}
+
+TEST_F(DeviceHolderTest, NobodyThatIsKnownIsAnotherProcess) {
+    EXPECT_EQ(HolderText(FindDeviceHolder(2, 0, directory.Path())), "another process");
+    EXPECT_EQ(FindDeviceHolder(2, 0, directory.Path() + "/none").processId, -1);
+    EXPECT_EQ(HolderText({5, ""}), "process 5");
+}
+
+TEST(CycleTimesTest, TheSummaryIsOfAllThatWasAdded) {
+    CycleTimes times;
+    EXPECT_EQ(times.Summarise().cycles, 0U);
+    for (int count = 0; count < 998; ++count) {
+        times.Add(std::chrono::microseconds(10));
+    }
+    times.Add(std::chrono::microseconds(400));
+    times.Add(std::chrono::milliseconds(70));
+
+    const CycleTimes::Summary summary = times.Summarise();
+
+    EXPECT_EQ(summary.cycles, 1'000U);
+    EXPECT_EQ(summary.median.count(), 10);
+    EXPECT_EQ(summary.percentile999.count(), 400);
+    EXPECT_EQ(summary.maximum.count(), 70'000);
+}
+
+}  // namespace
+}  // namespace vorrel::test
