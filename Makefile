@@ -1,6 +1,6 @@
 # Everything a newcomer needs; each target installs, configures and builds what it lacks.
 .DEFAULT_GOAL := build
-.PHONY: demo test build bench install clean deps sanitize tidy
+.PHONY: demo test e2e soak build bench install clean deps sanitize tidy
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -21,11 +21,22 @@ test: build/dev/CMakeCache.txt
 	cmake --build --preset dev -j $(JOBS)
 	ctest --preset dev -j $(JOBS)
 
+# Records in an emulated machine from a recorder that is a program; "skipped: ..." where there is none.
+e2e: build/e2e/CMakeCache.txt
+	-@scripts/install-deps.sh e2e
+	cmake --build --preset e2e -j $(JOBS) --target vorrel_cli vorrel_usb_recorder vorrel_take_check
+	tests/e2e/run.sh build/e2e build/e2e/machine
+
 sanitize: build/asan/CMakeCache.txt build/tsan/CMakeCache.txt
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS) -LE 'interop|stress'
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan -j $(JOBS) -LE 'interop|stress'
+
+# Ten minutes of capture through the test card, beside two programs that take the processors.
+soak: build/dev/CMakeCache.txt
+	cmake --build --preset dev -j $(JOBS) --target vorrel_alsa_soak_tests
+	VORREL_SOAK_SECONDS=$${VORREL_SOAK_SECONDS:-600} build/dev/tests/integration/alsa/vorrel_alsa_soak_tests
 
 tidy: build/tidy/CMakeCache.txt
 	cmake --build --preset tidy -j $(JOBS)
