@@ -8,6 +8,7 @@
 
 #include "Engine.h"
 #include "RecordSession.h"
+#include "doctor/Doctor.h"
 
 namespace vorrel::cli {
 namespace {
@@ -82,6 +83,8 @@ int RunCommand(const Options& options, Reporter& reporter) {
             return RunDevices(options, reporter);
         case Command::Info:
             return RunInfo(options, reporter);
+        case Command::Doctor:
+            return RunDoctor(options, reporter);
         case Command::Record: {
             RecordSession session(options, reporter);
             const int code = session.Run();

@@ -55,6 +55,15 @@ void JsonOutput::Info(const VrAudioDeviceInfo& info, bool simulated) {
                    {"dsd_rates_hz", info.DSD_supported_freq}});
 }
 
+void JsonOutput::Checked(const Finding& finding) {
+    constexpr const char* kVerdicts[] = {"good", "note", "problem"};
+    Write(output, {{"event", "check"},
+                   {"topic", finding.topic},
+                   {"verdict", kVerdicts[static_cast<std::size_t>(finding.verdict)]},
+                   {"message", finding.text},
+                   {"advice", finding.advice}});
+}
+
 void JsonOutput::Start(const std::string& device, bool simulated, const TakeFormat& format) {
     Write(output, {{"event", "start"},
                    {"device", device},

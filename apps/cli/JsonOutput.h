@@ -8,6 +8,7 @@
 #include "LevelMeter.h"
 #include "Output.h"
 #include "SavePlan.h"
+#include "doctor/Finding.h"
 #include "vorrel/VrRecords.h"
 
 namespace vorrel::cli {
@@ -20,6 +21,7 @@ public:
 
     void Device(const std::string& name, bool simulated);
     void Info(const VrAudioDeviceInfo& info, bool simulated);
+    void Checked(const Finding& finding);
     void Start(const std::string& device, bool simulated, const TakeFormat& format);
     void State(const std::string& state);
     void Position(double seconds);

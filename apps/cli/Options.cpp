@@ -127,7 +127,8 @@ void CheckRanges(const RecordOptions& record) {
 /// Arguments that are no command's: the first is what somebody took for one.
 std::string UnknownCommand(const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments) {
-        if (argument == "devices" || argument == "info" || argument == "record") {
+        if (argument == "devices" || argument == "info" || argument == "record" ||
+            argument == "doctor") {
             break;
         }
         if (!argument.empty() && argument.front() != '-') {
@@ -157,10 +158,11 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
     CLI::App* devices = app.add_subcommand("devices", "List the recorders");
     CLI::App* info = app.add_subcommand("info", "Show what a recorder can do");
     CLI::App* record = app.add_subcommand("record", "Record, then save");
-    for (CLI::App* command : {devices, info, record}) {
+    CLI::App* doctor = app.add_subcommand("doctor", "Look for what recording may fail at");
+    for (CLI::App* command : {devices, info, record, doctor}) {
         AddCommonOptions(*command, options.common);
     }
-    for (CLI::App* command : {info, record}) {
+    for (CLI::App* command : {info, record, doctor}) {
         command
             ->add_option("--device", options.common.device,
                          "The recorder's name (default: the first)")
@@ -195,17 +197,20 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->allow_extra_args(false);
-    record
-        ->add_option("--temp-dir", options.record.tempDirectory,
-                     "Where the recording is kept until it is saved")
-        ->type_name("DIR");
+    for (CLI::App* command : {record, doctor}) {
+        command
+            ->add_option("--temp-dir", options.record.tempDirectory,
+                         "Where the recording is kept until it is saved")
+            ->type_name("DIR");
+    }
     record->add_flag("--force", options.record.force, "Replace existing files")
         ->disable_flag_override();
     record->add_flag("--quiet", options.common.quiet, "Say nothing but warnings and errors")
         ->disable_flag_override();
 
     if (arguments.empty()) {
-        throw Failure(ExitCode::Usage, "say what to do: devices, info or record (or --help)");
+        throw Failure(ExitCode::Usage,
+                      "say what to do: devices, info, record or doctor (or --help)");
     }
     for (const std::string& argument : arguments) {
         for (const char* flag : {"--json", "--force", "--quiet"}) {
@@ -215,8 +220,8 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
         }
     }
     if (const std::string bogus = UnknownCommand(arguments); !bogus.empty()) {
-        throw Failure(ExitCode::Usage,
-                      "there is no command \"" + bogus + "\"; there are devices, info and record");
+        throw Failure(ExitCode::Usage, "there is no command \"" + bogus +
+                                           "\"; there are devices, info, record and doctor");
     }
 
     try {
@@ -239,8 +244,10 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
         throw Failure(ExitCode::Usage, OneLine(error.what()));
     }
 
-    const std::pair<CLI::App*, Command> commands[] = {
-        {devices, Command::Devices}, {info, Command::Info}, {record, Command::Record}};
+    const std::pair<CLI::App*, Command> commands[] = {{devices, Command::Devices},
+                                                      {info, Command::Info},
+                                                      {record, Command::Record},
+                                                      {doctor, Command::Doctor}};
     for (const auto& [app_, command] : commands) {
         if (!app_->parsed()) {
             continue;
@@ -254,6 +261,10 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
     }
     if (options.command == Command::Info) {
         RefuseEmpty(*info, "--device", options.common.device);
+    }
+    if (options.command == Command::Doctor) {
+        RefuseEmpty(*doctor, "--device", options.common.device);
+        RefuseEmpty(*doctor, "--temp-dir", options.record.tempDirectory);
     }
     if (options.command != Command::Record) {
         return options;

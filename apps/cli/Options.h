@@ -28,11 +28,11 @@ struct RecordOptions {
     std::optional<double> duration;           ///< Seconds of recording, pauses cut out.
     double gain = 0.0;                        ///< Decibels.
     std::map<std::string, std::string> tags;  ///< With the engine's keys.
-    std::string tempDirectory;                ///< "" = $TMPDIR, else /tmp.
+    std::string tempDirectory;                ///< "" = $TMPDIR, else /tmp. The doctor's too.
     bool force = false;
 };
 
-enum class Command { None, Devices, Info, Record };
+enum class Command { None, Devices, Info, Record, Doctor };
 
 struct Options {
     Command command = Command::None;  ///< None: `text` answers (help, version).

@@ -40,6 +40,18 @@ void Reporter::DeviceInfo(const VrAudioDeviceInfo& info, bool simulated) {
     }
 }
 
+void Reporter::Checked(const Finding& finding) {
+    if (json) {
+        json->Checked(finding);
+        return;
+    }
+    constexpr const char* kMarks[] = {"ok      ", "note    ", "PROBLEM "};
+    Answer(kMarks[static_cast<std::size_t>(finding.verdict)] + finding.topic + ": " + finding.text);
+    if (!finding.advice.empty()) {
+        Answer("        -> " + finding.advice);
+    }
+}
+
 void Reporter::RequireWritten() {
     if (!out.Flush(std::nullopt)) {
         throw Failure(ExitCode::Storage, std::string("the output could not be written: ") +

@@ -9,6 +9,7 @@
 #include "JsonOutput.h"
 #include "Output.h"
 #include "Screen.h"
+#include "doctor/Finding.h"
 
 namespace vorrel::cli {
 
@@ -30,6 +31,8 @@ public:
     /// The answers as objects; only with --json.
     void Device(const std::string& name, bool simulated);
     void DeviceInfo(const VrAudioDeviceInfo& info, bool simulated);
+    /// One finding, as an answer or an object.
+    void Checked(const Finding& finding);
     /// Waits until stdout has taken everything.
     /// @throws Failure (storage) when it has not.
     void RequireWritten();

@@ -81,7 +81,7 @@ TEST(OptionsTest, AFileThatBeginsAndEndsWithTheRangesNeedsNoOut) {
 }
 
 TEST(OptionsTest, WhatIsWrongIsRefusedInOneLine) {
-    EXPECT_THAT(Refusal({}), HasSubstr("devices, info or record"));
+    EXPECT_THAT(Refusal({}), HasSubstr("devices, info, record or doctor"));
     EXPECT_THAT(Refusal({"rekord"}), HasSubstr("\"rekord\""));
     EXPECT_THAT(Refusal({"--json", "rekord"}), HasSubstr("\"rekord\""));
     EXPECT_THAT(Refusal({"record", "a.wav", "--bogus"}), HasSubstr("--bogus"));

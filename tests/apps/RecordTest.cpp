@@ -497,6 +497,43 @@ TEST(InfoTest, ARecorderTellsWhatItCanDo) {
     EXPECT_EQ(info.at("dsd_rates_hz"), nlohmann::json({2822400, 5644800, 11289600}));
 }
 
+TEST(DoctorCommandTest, TheSimulatedRecorderIsSound) {
+    const CliPlaces places;
+    Process people(Ask({VORREL_CLI, "doctor", "--simulate", "--temp-dir", places.TempPath()}));
+    Process programs(
+        Ask({VORREL_CLI, "doctor", "--simulate", "--json", "--temp-dir", places.TempPath()}));
+
+    EXPECT_EQ(people.Wait(), 0);
+    EXPECT_EQ(programs.Wait(), 0);
+
+    EXPECT_THAT(people.Out(), HasSubstr("ok      engine: the simulated KD-WV770 can be used"));
+    std::set<std::string> topics;
+    for (const nlohmann::json& check : Events(programs.Out(), "check")) {
+        EXPECT_NE(check.at("verdict"), "problem") << check;
+        topics.insert(check.at("topic"));
+    }
+    EXPECT_THAT(topics,
+                testing::IsSupersetOf({"recorder", "engine", "scheduling", "memory", "storage"}));
+    EXPECT_EQ(Events(programs.Out(), "finish").at(0).at("exit_code"), 0);
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST(DoctorCommandTest, ARecorderThatRefusesIsADeviceProblem) {
+    Process program(Ask({VORREL_CLI, "doctor", "--simulate", "--device", "other"}));
+
+    EXPECT_EQ(program.Wait(), 2);
+
+    EXPECT_THAT(program.Out(), HasSubstr("PROBLEM engine: no recorder is called \"other\""));
+}
+
+TEST(DoctorCommandTest, AMissingPlaceIsAUsageError) {
+    Process program(Ask({VORREL_CLI, "doctor", "--simulate", "--temp-dir", "/no/such/place"}));
+
+    EXPECT_EQ(program.Wait(), 1);
+
+    EXPECT_THAT(program.Error(), HasSubstr("there is no such directory"));
+}
+
 TEST(InfoTest, AnUnknownRecorderIsADeviceError) {
     Process program(Ask({VORREL_CLI, "info", "--simulate", "--device", "other"}));
 

@@ -25,6 +25,7 @@ public:
     SmallVolume& operator=(const SmallVolume&) = delete;
 
     bool Mounted() const { return mounted; }
+    const std::string& Path() const { return directory.Path(); }
     std::string File(const std::string& name) const { return directory.File(name); }
     /// From now on it takes no file. @return Whether that worked; files open for writing hinder it.
     bool MakeReadOnly() const {
