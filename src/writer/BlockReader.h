@@ -15,9 +15,9 @@ namespace vorrel {
 
 /// The blocks in which a file takes each channel's samples.
 struct BlockForm {
-    std::uint64_t frames;         ///< Of a full block; not 0.
-    std::size_t bytes;            ///< Of a full block of one channel.
-    std::size_t perBatch;         ///< How many are handed over at a time.
+    std::uint64_t frames = 1;     ///< Of a full block; not 0.
+    std::size_t bytes = 0;        ///< Of a full block of one channel.
+    std::size_t perBatch = 1;     ///< How many are handed over at a time.
     bool fillsUp = false;         ///< A short last block is filled up with zeros.
     bool earliestLowest = false;  ///< The first bit in time is the lowest of its byte.
 };

@@ -310,6 +310,7 @@ public:
             return status;
         }
         // An id of its own per registration, never called: 1, 2, 3...
+        // NOLINTNEXTLINE(performance-no-int-to-ptr)
         *id = reinterpret_cast<AudioDeviceIOProcID>(++lastIoProcId);
         ioProcs.push_back({device, proc, clientData, *id, false});
         log.emplace_back("create");

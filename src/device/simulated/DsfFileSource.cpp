@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <system_error>
+#include <tuple>
 #include <vector>
 
 #include "convert/BitReversal.h"
@@ -28,7 +30,7 @@ constexpr std::uint64_t kBlockBytes = 4096;
 constexpr std::uint64_t kBlockBits = kBlockBytes * 8;
 
 struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
+    void operator()(std::FILE* file) const { std::ignore = std::fclose(file); }  // only read
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
@@ -106,7 +108,7 @@ File Open(const std::string& path, DsfFacts& facts, std::string& problem) {
     File file(std::fopen(path.c_str(), "rbe"));
     struct stat status {};
     if (file == nullptr || ::fstat(::fileno(file.get()), &status) != 0) {
-        problem = path + ": " + std::strerror(errno);
+        problem = path + ": " + std::generic_category().message(errno);
         return nullptr;
     }
     Header header;

@@ -50,7 +50,7 @@ protected:
 private:
     template <class Writer>
     std::string Write(const char* name, int format, int rateHz, int channels, Writer write) {
-        const std::string path = directory.File(name);
+        std::string path = directory.File(name);
         SF_INFO info{};
         info.format = format;
         info.samplerate = rateHz;
