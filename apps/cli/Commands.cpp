@@ -87,8 +87,11 @@ int RunCommand(const Options& options, Reporter& reporter) {
             return RunDoctor(options, reporter);
         case Command::Record: {
             RecordSession session(options, reporter);
-            const int code = session.Run();
-            reporter.Finish(code);
+            int code = session.Run();
+            if (!reporter.Finish(code) && code == static_cast<int>(ExitCode::Done)) {
+                code =
+                    static_cast<int>(ExitCode::Storage);  // somebody waits for what he was to read
+            }
             if (session.KeepsStore()) {
                 // Without the engine's own end, which would delete what it has stored.
                 std::_Exit(code);

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <utility>
 
 #include "ExitCode.h"
@@ -69,13 +70,18 @@ std::uint32_t RequireBits(const std::string& text) {
 
 double RequireGain(const std::string& text) {
     const char* const end = text.data() + text.size();
+    const bool signedTwice = text.rfind("+-", 0) == 0;
     const char* const start = text.data() + (text.rfind('+', 0) == 0 ? 1 : 0);
     double gain = 0.0;
     const auto result = std::from_chars(start, end, gain);
-    if (result.ec == std::errc::invalid_argument || result.ptr != end || std::isnan(gain)) {
+    if (result.ec == std::errc::invalid_argument || result.ptr != end || std::isnan(gain) ||
+        signedTwice) {
         throw Failure(ExitCode::Usage, "--gain \"" + text + "\" is no number of decibels");
     }
-    if (result.ec != std::errc{} || !(std::abs(gain) <= kMostGain)) {
+    if (result.ec != std::errc{}) {
+        gain = std::strtod(start, nullptr);  // tells too large from too small
+    }
+    if (!(std::abs(gain) <= kMostGain)) {
         throw Failure(ExitCode::Usage, "--gain is to be between -200 and 200 decibels");
     }
     return gain;
@@ -88,22 +94,53 @@ void RefuseEmpty(const CLI::App& command, const std::string& option, const std::
     }
 }
 
+/// Whether a text is UTF-8 throughout: nothing overlong, no half of a surrogate pair.
+bool IsUtf8(const std::string& text) {
+    for (std::size_t i = 0; i < text.size();) {
+        const auto byte = [&text](std::size_t index) {
+            return index < text.size() ? static_cast<unsigned char>(text[index]) : 0U;
+        };
+        const unsigned first = byte(i);
+        const unsigned second = byte(i + 1);
+        const std::size_t length = first < 0x80   ? 1
+                                   : first < 0xC2 ? 0
+                                   : first < 0xE0 ? 2
+                                   : first < 0xF0 ? 3
+                                   : first < 0xF5 ? 4
+                                                  : 0;
+        const bool badSecond = (first == 0xE0 && second < 0xA0) ||
+                               (first == 0xED && second > 0x9F) ||
+                               (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
+        if (length == 0 || badSecond) {
+            return false;
+        }
+        for (std::size_t next = 1; next < length; ++next) {
+            if ((byte(i + next) & 0xC0U) != 0x80) {
+                return false;
+            }
+        }
+        i += length;
+    }
+    return true;
+}
+
 /// A file whose name says another format than the one it will have.
 void CheckEnding(const std::string& file, bool dsd) {
-    std::string ending = file.size() < 4 ? "" : file.substr(file.size() - 4);
+    const std::size_t name = file.rfind('/') + 1;  // 0 without a "/"
+    const std::size_t dot = file.find_last_of('.');
+    std::string ending = dot == std::string::npos || dot < name ? "" : file.substr(dot);
     std::transform(ending.begin(), ending.end(), ending.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    if (dsd && ending == ".wav") {
-        throw Failure(ExitCode::Usage,
-                      file +
-                          ": a DSD recording becomes a DSF file; call it *.dsf, or record "
-                          "with --type pcm");
-    }
-    if (!dsd && ending == ".dsf") {
-        throw Failure(ExitCode::Usage,
-                      file +
-                          ": a PCM recording becomes a WAV file; call it *.wav, or record "
-                          "with --type dsd");
+    for (const char* other : {".wav", ".wave", ".dsf", ".dff", ".wv", ".w64", ".rf64", ".flac",
+                              ".aif", ".aiff", ".caf", ".mp3", ".ogg", ".opus", ".m4a", ".raw"}) {
+        const bool fits = dsd ? ending == ".dsf" : ending == ".wav" || ending == ".wave";
+        if (ending == other && !fits) {
+            throw Failure(ExitCode::Usage,
+                          file + (dsd ? ": a DSD recording becomes a DSF file; call it *.dsf, or "
+                                        "record with --type pcm"
+                                      : ": a PCM recording becomes a WAV file; call it *.wav, or "
+                                        "record with --type dsd"));
+        }
     }
 }
 
@@ -293,6 +330,12 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
     }
     if (record->get_option("OUT")->count() > 0 && options.record.out.empty()) {
         throw Failure(ExitCode::Usage, "the name of the file to be written is empty");
+    }
+    for (const auto& [option, key] : kTagOptions) {
+        // Without characters that can be counted, no file takes it.
+        if (!IsUtf8(tagTexts[key])) {
+            throw Failure(ExitCode::Usage, std::string(option) + " is no UTF-8 text");
+        }
     }
     for (const auto& [key, text] : tagTexts) {
         if (!text.empty()) {

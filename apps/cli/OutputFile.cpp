@@ -161,12 +161,38 @@ OutputFile::OutputFile(OutputFile&& other) noexcept
     : target(std::move(other.target)),
       staging(std::exchange(other.staging, {})),
       force(other.force),
-      keepStaged(other.keepStaged) {}
+      keepStaged(other.keepStaged),
+      guard(std::exchange(other.guard, {})) {}
 
 OutputFile::~OutputFile() {
+    Discard();
+}
+
+void OutputFile::Discard() noexcept {
     if (!staging.empty() && !keepStaged) {
         ::unlink(staging.c_str());
     }
+    if (!guard.empty()) {
+        ::unlink(guard.c_str());
+    }
+    staging.clear();
+    guard.clear();
+}
+
+double OutputFile::StagedBytes() const {
+    struct stat status {};
+    return ::lstat(staging.c_str(), &status) == 0 ? static_cast<double>(status.st_size) : 0.0;
+}
+
+bool OutputFile::GuardDirectory() {
+    const std::string path = staging + ".abandoned";
+    const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (descriptor < 0) {
+        return false;
+    }
+    ::close(descriptor);
+    guard = path;
+    return true;
 }
 
 void OutputFile::Check() const {

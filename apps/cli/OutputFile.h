@@ -34,6 +34,14 @@ public:
     /// after that one.
     const std::string& StagingPath() const { return staging; }
 
+    /// Bytes of the staged file; 0 where there is none.
+    double StagedBytes() const;
+    /// Puts an empty file beside the staged one until the end of this object, so that the directory
+    /// does not become empty. @return Whether that worked.
+    bool GuardDirectory();
+    /// Deletes what is not committed, now. Nothing else may be asked of this object any more.
+    void Discard() noexcept;
+
     /// Brings the staged file safely to the disk and gives it the target's name. When somebody has
     /// made a file of that name meanwhile (and without `force`), or the old one cannot be replaced,
     /// it takes the next free name, so that a recording is never lost to a name.
@@ -49,6 +57,7 @@ private:
     std::string staging;
     bool force = false;
     bool keepStaged = false;  // a complete file that could not be renamed
+    std::string guard;        // "" = none
 };
 
 /// Whether a file that belongs to `fileOwner`, in a directory of this mode and owner, can be

@@ -37,6 +37,11 @@ constexpr double kTargetReserveBytes = 64.0 * 1024.0;  // a few blocks of the fi
 // To write one file: itself, what names its volume, tables of text encodings, its directory.
 constexpr std::size_t kDescriptorsToSave = 8;
 constexpr double kNoLimit = std::numeric_limits<double>::max();
+constexpr auto kStallPeriod = 5s;  // the text of the warning names it
+
+std::string ShortestText(const TakeFormat& format) {
+    return format.dsd ? "eight one-bit samples, which are a byte" : "one sample";
+}
 
 }  // namespace
 
@@ -129,7 +134,7 @@ void RecordSession::OpenDevice() {
     if (record.duration) {
         stopAfter = FrameAt(*record.duration, format);
         if (*stopAfter == 0) {
-            throw Failure(ExitCode::Usage, "--duration is shorter than one sample");
+            throw Failure(ExitCode::Usage, "--duration is shorter than " + ShortestText(format));
         }
     }
     const std::size_t firstRange = wanted.size() - record.ranges.size();
@@ -144,7 +149,7 @@ void RecordSession::OpenDevice() {
             }
             if (wish.end && *wish.end <= wish.start) {
                 throw Failure(ExitCode::Usage,
-                              range.file + ": the range is shorter than one sample");
+                              range.file + ": the range is shorter than " + ShortestText(format));
             }
         }
     }
@@ -256,6 +261,8 @@ void RecordSession::HandleOperation(VrRecOperation operation) {
 
 void RecordSession::HandlePosition(double seconds) {
     position = seconds;
+    lastMove = Clock::now();
+    stallSaid = false;
     reporter.Position(seconds);
     movesUntilPause = std::max(movesUntilPause - 1, 0);
     if (state != State::Starting && state != State::Recording) {
@@ -387,6 +394,10 @@ void RecordSession::Tick() {
             RequestStop();
         }
     }
+    if (state == State::Recording && !stallSaid && now - lastMove >= kStallPeriod) {
+        stallSaid = true;
+        reporter.Warning("the recorder has delivered nothing for five seconds");
+    }
     if (!reporter.HasLiveAudience()) {
         return;
     }
@@ -408,6 +419,7 @@ void RecordSession::Enter(State next) {
     if (name != before && next != State::Done) {
         reporter.State(name);
     }
+    lastMove = Clock::now();
     if (next == State::Recording || next == State::Paused) {
         status.state = name;
     }
@@ -458,9 +470,12 @@ void RecordSession::Abandon(int number) {
     abandonedBy = number;
     reporter.Warning("abandoned; a further signal ends at once");
     if (state == State::Saving) {
-        // Keeping the file: the engine's deletion would also remove a directory that is empty
-        // after it, and that is the user's. The staged file goes with its owner.
-        std::ignore = Vorrel_SaveFileCancel(false);
+        // The engine's deletion would also remove a directory that is empty after it, and that is
+        // the user's. Where a guard cannot be put there, a file that is to be kept is also
+        // given up in the middle at PCM; at DSD it is completed first. The staged file goes with
+        // its owner.
+        const bool guarded = current && current->GuardDirectory();
+        std::ignore = Vorrel_SaveFileCancel(guarded);
     } else if (state == State::Judging) {
         Enter(State::Done);
     } else {
@@ -470,12 +485,12 @@ void RecordSession::Abandon(int number) {
 
 void RecordSession::LeaveAtOnce(int number) {
     keyboard->Suspend();
-    reporter.ClearScreen();
     if (current) {
-        ::unlink(current->StagingPath().c_str());
+        current->Discard();
     }
     spares.Release(0);
     spillDirectory->Remove();
+    std::ignore = reporter.Finish(kSignalExit + number);
     ::_exit(kSignalExit + number);
 }
 

@@ -116,6 +116,8 @@ private:
     StatusLine status;
     std::uint64_t previewSeen = 0;
     Clock::time_point nextTick, nextDiskLook;
+    Clock::time_point lastMove;  // of the position, or into another state
+    bool stallSaid = false;
 
     bool storageFailed = false, deviceFailed = false, filesSkipped = false, buffersLost = false;
     bool storeNeeded = false, keepStore = false;

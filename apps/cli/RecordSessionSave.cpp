@@ -16,6 +16,11 @@ using namespace std::chrono_literals;
 // How long a failed save's message may come after the save's end.
 constexpr auto kJudgePeriod = 2s;
 
+/// Where it was to be, before it was rescued to another place.
+const std::string& WantedPath(const PlannedFile& file) {
+    return file.place > 0 ? file.origin : file.path;
+}
+
 }  // namespace
 
 void RecordSession::BeginSave() {
@@ -70,8 +75,10 @@ void RecordSession::SaveNext() {
     // and cuts there. A DSD file must not pass it.
     const std::uint64_t past = file.toEnd && !format.dsd ? format.rateHz : 0;
     setting.end = SecondsOfFrame(file.end + past, format.rateHz);
-    setting.gain = record.gain;
-    setting.tags = record.tags;
+    if (!file.plain) {
+        setting.gain = record.gain;
+        setting.tags = record.tags;
+    }
     const std::vector<VrSaveSetting> request = {setting};
     Enter(State::Saving);
     if (const VrError error = Vorrel_SaveFile(&request); error != VrSuccess) {
@@ -144,12 +151,13 @@ void RecordSession::JudgeFile() {
 void RecordSession::FileFailed(std::string reason) {
     const PlannedFile file = queue.front();
     queue.pop_front();
-    current.reset();  // half a file takes the room of a whole one
     storageFailed = true;
     if (reason.empty()) {
-        reason = WhyNotWritten(file.path,
-                               static_cast<double>(FileBytes(format, file.end - file.start, 0)));
+        // While half of it is there: only what is missing is tried.
+        const auto bytes = static_cast<double>(FileBytes(format, file.end - file.start, 0));
+        reason = WhyNotWritten(file.path, bytes - (current ? current->StagedBytes() : 0.0));
     }
+    current.reset();  // half a file takes the room of a whole one
     Fail(Failure(ExitCode::Storage,
                  file.path + " could not be saved" + (reason.empty() ? "" : ": " + reason)));
     Rescue(file);
@@ -164,8 +172,8 @@ void RecordSession::Rescue(const PlannedFile& file) {
         file.tooLarge ||
         LargestFile(own) < static_cast<double>(FileBytes(format, file.end - file.start, tagBytes));
     const char* home = std::getenv("HOME");
-    std::vector<std::string> directories = {inParts ? own : "", temporaryBase, startDirectory,
-                                            home == nullptr ? "" : home};
+    std::vector<std::string> directories = {inParts || file.plain ? own : "", temporaryBase,
+                                            startDirectory, home == nullptr ? "" : home};
     // A place that has failed is not tried again.
     const std::size_t tried = std::min(file.place, directories.size());
     directories.erase(directories.begin(),
@@ -173,12 +181,22 @@ void RecordSession::Rescue(const PlannedFile& file) {
     const RescuePlan plan =
         MakeRescuePlan(file, format, tagBytes, FindRescuePlaces(directories, tried + 1));
     queue.insert(queue.begin(), plan.files.begin(), plan.files.end());
+    if (plan.files.empty() && !file.plain && (record.gain != 0.0 || !record.tags.empty())) {
+        // It may be these that make every save fail.
+        PlannedFile plain = file;
+        plain.plain = true;
+        plain.place = 0;
+        plain.path = WantedPath(file);
+        reporter.Warning(plain.path + ": tried again without gain and tags");
+        Rescue(plain);
+        return;
+    }
     if (plan.lostFrom < file.end) {
         storeNeeded = storageFailed = true;
         framesSaved += file.end - plan.lostFrom;
         Fail(Failure(
             ExitCode::Storage,
-            "no place was found for " + file.path +
+            "no place was found for " + WantedPath(file) +
                 (plan.lostFrom > file.start
                      ? " from " + ClockText(SecondsOfFrame(plan.lostFrom, format.rateHz)) + " on"
                      : "")));

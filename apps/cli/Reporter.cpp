@@ -150,18 +150,22 @@ void Reporter::Skipped(const std::string& file, const std::string& reason) {
     }
 }
 
-void Reporter::Finish(int exitCode) {
+bool Reporter::Finish(int exitCode) {
     screen.Clear();
+    bool written = true;
     if (json) {
         json->Finish(exitCode);
         std::ignore = out.Flush(kLastWait);
-        // A reader that has gone has its reasons; a place that takes nothing is worth a word.
+        // A reader that has gone, or was never there, has its reasons; a place that takes nothing is
+        // worth a word.
         if (const int reason = out.Error(); reason != 0 && reason != EPIPE) {
+            written = reason == EBADF;
             screen.Print(std::string("vorrel: warning: the JSON output could not be written: ") +
                          std::strerror(reason));
         }
     }
     std::ignore = error.Flush(kLastWait);
+    return written;
 }
 
 }  // namespace vorrel::cli

@@ -49,7 +49,10 @@ public:
     /// Nothing could be saved; what the engine has stored stays in `directory`.
     void Kept(const std::string& directory);
     void Skipped(const std::string& file, const std::string& reason);
-    void Finish(int exitCode);
+    /// The last object, then a short time for all that is queued.
+    /// @return false when stdout has refused an object; a reader that has gone, or
+    ///         was never there, refuses nothing.
+    bool Finish(int exitCode);
     /// Before the process stops or ends without this object's end.
     void ClearScreen();
 

@@ -73,6 +73,7 @@ struct PlannedFile {
     std::size_t part = 0;    ///< 0 = the file itself, 1 and up = its continuations.
     std::size_t place = 0;   ///< 0 = where it was wanted, 1 and up = a place it is rescued to.
     std::string origin;      ///< Rescued: the path at which it was wanted.
+    bool plain = false;      ///< Without gain and tags, with which no place took it.
 };
 
 struct SavePlan {

@@ -52,7 +52,8 @@ Signals::Signals() {
     action.sa_flags = SA_RESTART;
     for (const int number : kSignals) {
         struct sigaction old {};
-        if ((number == SIGHUP || number == SIGTSTP) && ::sigaction(number, nullptr, &old) == 0 &&
+        // What the parent lets be ignored stays so: nohup, background jobs of a script.
+        if (number != SIGTERM && ::sigaction(number, nullptr, &old) == 0 &&
             old.sa_handler == SIG_IGN) {
             continue;
         }

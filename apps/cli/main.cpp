@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <exception>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Commands.h"
@@ -29,6 +30,6 @@ int main(int argumentCount, char** argumentValues) {
         reporter.Error(failure);
         code = failure.exit;
     }
-    reporter.Finish(static_cast<int>(code));
+    std::ignore = reporter.Finish(static_cast<int>(code));
     return static_cast<int>(code);
 }

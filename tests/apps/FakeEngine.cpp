@@ -7,6 +7,7 @@
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
 //   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
 //   save=skip:TEXT       ... is skipped         save=hang:TEXT  ... goes on until it is cancelled
+//   save=worked:TEXT     ... fails with gain or tags
 //   appear=1             the target comes into being while it is saved
 //   channels=N           how many it has
 //
@@ -54,7 +55,7 @@ public:
     ~FakeEngine() {
         EndDevice();
         DropStore();
-        std::ignore = Vorrel_SaveFileCancel(false);
+        std::ignore = Vorrel_SaveFileCancel(true);
         if (saver.joinable()) {
             saver.join();
         }
@@ -189,7 +190,9 @@ public:
         const std::uint64_t start = frame(setting.start);
         std::uint64_t end = frame(setting.end);
         const std::uint64_t available = recorded.size() * UnitFrames();
-        bool fails = Applies("fail", setting.path);
+        bool fails =
+            Applies("fail", setting.path) ||
+            (Applies("worked", setting.path) && (setting.gain != 0.0 || !setting.tags.empty()));
         if (dsd) {
             fails = fails || end > available || start % 8 != 0 || end % 8 != 0;
         } else {
@@ -213,7 +216,8 @@ public:
         if (Applies("hang", setting.path)) {
             progress = 250;
             std::unique_lock lock(mutex);
-            wake.wait(lock, [this] { return cancelled.load(); });
+            // A DSD file that is to be kept is completed, and here that takes for ever.
+            wake.wait(lock, [this] { return dsd ? deletes.load() : cancelled.load(); });
         }
         if (!fails && !cancelled) {
             const std::size_t head = dsd ? 92 : 44;
@@ -221,6 +225,10 @@ public:
                     bytes.size() - head;
         }
         fails = std::fclose(file) != 0 || fails;
+        if (cancelled && deletes) {
+            ::unlink(setting.path.c_str());
+            ::rmdir(directory.c_str());  // where nothing else is in it
+        }
         if (Text("appear") == "1") {
             std::string target = setting.path;
             target.erase(target.find("/.") + 1, 1);
@@ -326,7 +334,7 @@ public:
     std::vector<std::uint32_t> recorded;  // the device's unit of each recorded one
     std::uint64_t raw = 0;
     std::atomic<int> progress{0};
-    std::atomic<bool> paused{false}, stalled{false}, grown{false}, cancelled{false};
+    std::atomic<bool> paused{false}, stalled{false}, grown{false}, cancelled{false}, deletes{false};
     std::string tempDirectory;
     std::uint64_t resumes = 0;
     bool ending = false, selected = false, running = false, dsd = false;
@@ -473,12 +481,9 @@ VrError Vorrel_SaveFileProgress(std::int32_t* file, std::int32_t* total) noexcep
 }
 
 VrError Vorrel_SaveFileCancel(bool deleteFile) noexcept {
-    if (deleteFile) {
-        std::_Exit(
-            kMisused);  // the engine would delete the user's directory, too, once it is empty
-    }
     {
         const std::lock_guard lock(Engine().mutex);
+        Engine().deletes = Engine().deletes || deleteFile;
         Engine().cancelled = true;
     }
     Engine().wake.notify_all();

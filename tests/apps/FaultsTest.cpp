@@ -360,11 +360,11 @@ TEST_F(FaultsTest, ASignalAfterTheLastFileLeavesTheExitCodeAsItWasTold) {
     EXPECT_EQ(program.Wait(), 0);
 }
 
-TEST_F(FaultsTest, AJsonOutputThatCannotBeWrittenIsAWarningAndTheRecordingIsSaved) {
+TEST_F(FaultsTest, AJsonOutputThatCannotBeWrittenIsAStorageErrorAndTheRecordingIsSaved) {
     Process program(
         After("exec >/dev/full", Record("", {places.File("a.wav"), "--duration", "0.5"})));
 
-    EXPECT_EQ(program.Wait(), 0);
+    EXPECT_EQ(program.Wait(), 3);
 
     EXPECT_THAT(program.Error(), HasSubstr("warning: the JSON output could not be written"));
     EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 24'000U);
@@ -594,6 +594,59 @@ TEST_F(FaultsTest, TheSecondSignalAbandonsARunningSave) {
     EXPECT_TRUE(places.TempIsEmpty());
 }
 
+TEST_F(FaultsTest, AnAbandonedSaveLeavesTheDirectoryAndWhatElseIsInIt) {
+    for (const char* other : {"", "other.txt"}) {
+        const TempDirectory directory;
+        if (*other != '\0') {
+            std::ofstream(directory.File(other)) << "mine";
+        }
+        Process program(Record("save=hang:", {directory.File("a.wav")}));
+        ASSERT_TRUE(program.AwaitOut("\"position\""));
+        program.Send(SIGINT);
+        ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+
+        program.Send(SIGINT);
+
+        EXPECT_EQ(program.Wait(), 128 + SIGINT);
+        ASSERT_TRUE(std::filesystem::exists(directory.Path()));
+        EXPECT_EQ(std::filesystem::is_empty(directory.Path()), *other == '\0');
+    }
+}
+
+TEST_F(FaultsTest, AThirdSignalStillEndsTheJsonOutput) {
+    Process program(Record("stop=hang", {places.File("a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    for (const char* answer : {"stopping and saving", "abandoned"}) {
+        program.Send(SIGINT);
+        ASSERT_TRUE(program.AwaitError(answer));
+    }
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGINT);
+    EXPECT_EQ(JsonLines(program.Out()).back(),
+              nlohmann::json({{"event", "finish"}, {"exit_code", 128 + SIGINT}}));
+}
+
+TEST_F(FaultsTest, ASaveThatFailsForItsGainOrTagsIsMadeWithoutThem) {
+    for (const std::vector<std::string>& wish :
+         std::vector<std::vector<std::string>>{{"--gain", "-3"}, {"--title", "T"}}) {
+        CliPlaces own;
+        Process::Setup setup =
+            own.Record(VORREL_CLI_FAKE, {own.File("a.wav"), "--duration", "0.5", "--simulate"});
+        setup.arguments.insert(setup.arguments.end(), wish.begin(), wish.end());
+        setup.environment["FAKE_ENGINE"] = "save=worked:";
+        setup.environment["HOME"] = "";
+        Process program(setup);
+
+        EXPECT_EQ(program.Wait(), 3);
+
+        EXPECT_THAT(program.Error(), HasSubstr("tried again without gain and tags"));
+        EXPECT_THAT(own.Files(), ElementsAre("a-rescued.wav"));
+        EXPECT_EQ(ReadWav(own.File("a-rescued.wav")).Frames(), 24'000U);
+        EXPECT_TRUE(own.TempIsEmpty());
+    }
+}
+
 TEST_F(FaultsTest, WhatWasSavedBeforeTheSecondSignalStays) {
     Process program(Record("save=hang:b.wav", {places.File("a.wav"), "--duration", "0.5", "--range",
                                                "0-0.5=" + places.File("b.wav")}));
@@ -708,6 +761,32 @@ TEST_F(DsdFaultsTest, ADsdFileThatCannotBeSavedIsRescued) {
 
     EXPECT_THAT(places.Rescued(), ElementsAre("a-rescued.dsf"));
     ExpectCounter(places.TempFile("a-rescued.dsf"), 0, 176'400 * 8);
+}
+
+TEST_F(DsdFaultsTest, TheSecondSignalAbandonsARunningDsdSaveAtOnce) {
+    Process program(RecordDsd("save=hang:", {places.File("a.dsf")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    program.Send(SIGINT);
+    ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGINT);
+    EXPECT_THAT(places.Files(), IsEmpty());
+    EXPECT_TRUE(std::filesystem::exists(places.FilesPath()));
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(DsdFaultsTest, LessThanAByteOfBitsIsSaidAsSuch) {
+    for (const std::vector<std::string>& wish : std::vector<std::vector<std::string>>{
+             {places.File("a.dsf"), "--duration", "0.000001"},
+             {"--range", "0.0000017-0.0000020=" + places.File("a.dsf")}}) {
+        Process program(RecordDsd("", wish));
+
+        EXPECT_EQ(program.Wait(), 1);
+
+        EXPECT_THAT(program.Error(), HasSubstr("shorter than eight one-bit samples"));
+    }
 }
 
 TEST_F(DsdFaultsTest, ALongRangeIsNoReasonForAWarning) {

@@ -80,6 +80,31 @@ TEST(OptionsTest, AFileThatBeginsAndEndsWithTheRangesNeedsNoOut) {
     EXPECT_THAT(Refusal({"record"}), HasSubstr("--range"));
 }
 
+TEST(OptionsTest, ATagThatIsNoUtf8IsRefusedBeforeTheRecording) {
+    for (const char* text :
+         {"\xBF", "\xB1\xB2\xB3", "a\x80", "\xC0\xAF", "\xE3\x81", "\xED\xA0\x80",
+          "\xF4\x90\x80\x80", "\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF", "\xFF"}) {
+        EXPECT_THAT(Refusal({"record", "a.wav", "--artist", text}),
+                    HasSubstr("--artist is no UTF-8 text"));
+    }
+    for (const char* text : {"A", "\u00DF", "\u65E5\u672C", "\U0001F3BB", "\uD7FF\uE000\uFFFD"}) {
+        EXPECT_EQ(ParseOptions({"record", "a.wav", "--artist", text}).record.tags.at("Artist"),
+                  text);
+    }
+}
+
+TEST(OptionsTest, ANameOfAnotherFormatIsRefused) {
+    for (const char* name : {"a.dff", "a.wave", "A.W64", "a.b.flac", "dir/a.WAV"}) {
+        EXPECT_THAT(Refusal({"record", name, "--type", "dsd"}), HasSubstr("becomes a DSF file"));
+    }
+    for (const char* name : {"a.dff", "a.dsf", "a.mp3"}) {
+        EXPECT_THAT(Refusal({"record", name}), HasSubstr("becomes a WAV file"));
+    }
+    for (const char* name : {"a", "a.wave", "a.take1", "d.dsf/a"}) {
+        EXPECT_EQ(ParseOptions({"record", name}).record.out, name);
+    }
+}
+
 TEST(OptionsTest, WhatIsWrongIsRefusedInOneLine) {
     EXPECT_THAT(Refusal({}), HasSubstr("devices, info, record or doctor"));
     EXPECT_THAT(Refusal({"rekord"}), HasSubstr("\"rekord\""));
@@ -94,6 +119,8 @@ TEST(OptionsTest, WhatIsWrongIsRefusedInOneLine) {
     EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "6dB"}), HasSubstr("\"6dB\""));
     EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "1000"}), HasSubstr("--gain"));
     EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "inf"}), HasSubstr("--gain"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "+-3"}), HasSubstr("no number"));
+    EXPECT_THAT(Refusal({"record", "a.wav", "--gain", "1e400"}), HasSubstr("between"));
     EXPECT_THAT(Refusal({"record", "a.wav", "--type", "mp3"}), HasSubstr("\"mp3\""));
     EXPECT_THAT(Refusal({"record", ""}), HasSubstr("empty"));
     EXPECT_THAT(Refusal({"record", "a.wav", "--range", "2-1=b.wav"}), HasSubstr("2-1=b.wav"));
@@ -136,6 +163,7 @@ TEST(OptionsTest, AWrongNumberIsQuotedAndNothingElse) {
     EXPECT_EQ(Refusal({"record", "a.wav", "--duration", "99999999999"}),
               "--duration \"99999999999\" is too long: no more than 2777 hours");
     EXPECT_EQ(ParseOptions({"record", "a.wav", "--gain", "+3.5"}).record.gain, 3.5);
+    EXPECT_EQ(ParseOptions({"record", "a.wav", "--gain", "1e-400"}).record.gain, 0.0);
 }
 
 TEST(OptionsTest, UnexpectedArgumentsComeInTheirOrder) {
@@ -162,7 +190,7 @@ TEST(OptionsTest, AFilesEndingMustNotContradictItsType) {
     EXPECT_THAT(Refusal({"record", "a.DSF"}), HasSubstr("*.wav"));
     EXPECT_THAT(Refusal({"record", "a.dsf", "--type", "dsd", "--range", "0-1=b.Wav"}),
                 HasSubstr("b.Wav"));
-    EXPECT_EQ(Refusal({"record", "a", "--type", "dsd", "--range", "0-1=b.flac"}), "");
+    EXPECT_EQ(Refusal({"record", "a", "--type", "dsd", "--range", "0-1=b"}), "");
 }
 
 TEST(OptionsTest, ARangeBeyondTheDurationIsRefused) {

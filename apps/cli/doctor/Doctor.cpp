@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <iterator>
 #include <memory>
+#include <tuple>
 
 #include "Engine.h"
 #include "PrivateDirectory.h"
@@ -102,7 +103,7 @@ int RunDoctor(const Options& options, Reporter& reporter) {
     }
     reporter.RequireWritten();
     const auto code = static_cast<int>(Judge(findings));
-    reporter.Finish(code);
+    std::ignore = reporter.Finish(code);
     return code;
 }
 

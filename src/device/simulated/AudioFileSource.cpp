@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "device/simulated/RegularFile.h"
 #include "platform/Trace.h"
 
 namespace vorrel {
@@ -84,6 +85,9 @@ private:
 }  // namespace
 
 bool InspectAudioFile(const std::string& path, AudioFileFacts& facts, std::string& problem) {
+    if (!IsRegular(path, problem)) {
+        return false;
+    }
     SF_INFO info{};
     if (Open(path, info, problem) == nullptr) {
         return false;

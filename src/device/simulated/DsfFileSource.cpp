@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "convert/BitReversal.h"
+#include "device/simulated/RegularFile.h"
 #include "platform/Trace.h"
 
 namespace vorrel {
@@ -105,8 +106,8 @@ std::string Obstacle(const Header& header, std::uint64_t actualBytes) {
 /// Null, with the path and the reason in `problem`, for a file that is no source. At the first
 /// sample.
 File Open(const std::string& path, DsfFacts& facts, std::string& problem) {
-    File file(std::fopen(path.c_str(), "rbe"));
     struct stat status {};
+    File file(std::fopen(path.c_str(), "rbe"));
     if (file == nullptr || ::fstat(::fileno(file.get()), &status) != 0) {
         problem = path + ": " + std::generic_category().message(errno);
         return nullptr;
@@ -233,6 +234,9 @@ bool IsDsfPath(const std::string& path) {
 }
 
 bool InspectDsfFile(const std::string& path, DsfFacts& facts, std::string& problem) {
+    if (!IsRegular(path, problem)) {
+        return false;
+    }
     return Open(path, facts, problem) != nullptr;
 }
 

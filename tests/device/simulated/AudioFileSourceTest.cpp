@@ -265,6 +265,16 @@ TEST_F(AudioFileSourceTest, ALoopOverAnEmptyFileIsSilence) {
     EXPECT_THAT(Read(*source, 1, 2), ElementsAre(0.0F, 0.0F));
 }
 
+TEST_F(AudioFileSourceTest, APipeIsRefusedInsteadOfWaitedFor) {
+    ASSERT_EQ(::mkfifo(directory.File("pipe.wav").c_str(), 0600), 0);
+    AudioFileFacts facts;
+    std::string problem;
+
+    EXPECT_FALSE(InspectAudioFile(directory.File("pipe.wav"), facts, problem));
+
+    EXPECT_THAT(problem, HasSubstr("pipe.wav: no regular file"));
+}
+
 TEST_F(AudioFileSourceTest, AFileThatIsGoneOrHasOtherChannelsIsTracedAndNoSource) {
     test::TraceCapture trace;
     const std::string path = WriteFloats("mono.wav", 48'000, 1, {0.5F});

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -267,12 +268,16 @@ TEST_F(DsfFileSourceTest, RefusesAFileCutOffAnywhere) {
     }
 }
 
-TEST_F(DsfFileSourceTest, AFileThatIsMissingOrADirectoryIsRefused) {
+TEST_F(DsfFileSourceTest, AFileThatIsMissingOrNoRegularOneIsRefused) {
     DsfFacts facts;
     std::string problem;
 
     EXPECT_FALSE(InspectDsfFile(directory.File("gone.dsf"), facts, problem));
     EXPECT_THAT(problem, HasSubstr("gone.dsf: No such file"));
+    ASSERT_EQ(::mkfifo(directory.File("pipe.dsf").c_str(), 0600), 0);
+    EXPECT_FALSE(InspectDsfFile(directory.File("pipe.dsf"), facts, problem));
+    EXPECT_THAT(problem, testing::HasSubstr("no regular file"));
+
     std::filesystem::create_directory(directory.File("folder.dsf"));
     EXPECT_FALSE(InspectDsfFile(directory.File("folder.dsf"), facts, problem));
     EXPECT_THAT(problem, HasSubstr("folder.dsf"));
