@@ -203,7 +203,8 @@ is_permitted() {
     su -m -s /bin/sh -c 'vorrel record /tmp/user.dsf --quiet --type dsd --duration 1' user < /dev/null
     both=$?
     echo "no node: exit $none, card: exit $card, card and USB device: exit $both"
-    grep -q 'no permission to write to /dev/bus/usb/' /tmp/said && [ "$none" -eq 2 ] && [ "$card" -eq 2 ] &&
+    grep -q 'this user may not open its nodes in /dev/snd' /tmp/said &&
+        grep -q 'no permission to write to /dev/bus/usb/' /tmp/said && [ "$none" -eq 2 ] && [ "$card" -eq 2 ] &&
         [ "$both" -eq 0 ] && take-check /tmp/user.dsf 2822400 0.99
 }
 

@@ -224,6 +224,11 @@ void AlsaDevice::TraceRefusal(int error) {
               holder.c_str());
         return;
     }
+    if (error == -EACCES || error == -EPERM) {
+        Trace(__FILE__, __LINE__, "card %d (%s): this user may not open its nodes in /dev/snd",
+              card.number, card.name.c_str());
+        return;
+    }
     const std::string reason = std::generic_category().message(-error);
     Trace(__FILE__, __LINE__, "card %d (%s) cannot be opened: %s", card.number, card.name.c_str(),
           reason.c_str());

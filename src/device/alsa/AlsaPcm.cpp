@@ -1,9 +1,11 @@
 #include "device/alsa/AlsaPcm.h"
 
 #include <alsa/asoundlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <string>
 #include <tuple>
 
@@ -64,6 +66,17 @@ private:
     std::vector<std::uint8_t> bytes;
 };
 
+/// The library says "no such card" of one whose nodes this user may not open.
+int TrueReason(int error, int card, int device) {
+    const std::string number = std::to_string(card);
+    const std::string nodes[] = {"/dev/snd/controlC" + number,
+                                 "/dev/snd/pcmC" + number + "D" + std::to_string(device) + "c"};
+    const bool refused = std::any_of(std::begin(nodes), std::end(nodes), [](const auto& node) {
+        return ::access(node.c_str(), R_OK | W_OK) != 0 && errno == EACCES;
+    });
+    return error == -ENOENT && refused ? -EACCES : error;
+}
+
 }  // namespace
 
 int AlsaPcm::Open(int card, int device, std::unique_ptr<AlsaPcm>& pcm) {
@@ -73,7 +86,7 @@ int AlsaPcm::Open(int card, int device, std::unique_ptr<AlsaPcm>& pcm) {
                                    SND_PCM_NONBLOCK | SND_PCM_NO_AUTO_RESAMPLE |
                                        SND_PCM_NO_AUTO_CHANNELS | SND_PCM_NO_AUTO_FORMAT);
     if (error < 0) {
-        return error;
+        return TrueReason(error, card, device);
     }
     pcm.reset(new AlsaPcm(handle));
     return 0;
