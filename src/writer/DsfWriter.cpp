@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <span>
 #include <vector>
 
@@ -52,8 +53,9 @@ private:
     // Owns the batches: goes behind the processors, which may still be at work on one.
     BlockReader reader;
     std::vector<DSDStreamProcessingThread> processors;
-    // The batches handed to the file and not yet given back; it may look at them still.
-    std::size_t handedBatches = 0;
+    // Sizes in bytes of the batches handed to the file and not yet given back, oldest first; it may
+    // look at them still.
+    std::deque<std::size_t> handed;
     std::size_t handedBytes = 0;
 };
 
@@ -101,14 +103,14 @@ VrError BlockWriter::Write(OutputFile& file, float gainDecibels) {
     }
 }
 
-/// Gives back what the file does not look at any more. All batches but the last are full.
+/// Gives back what the file does not look at any more.
 void BlockWriter::GiveBackWritten(const OutputFile& file, const BlockBatch& batch) {
-    const std::size_t batchBytes = batch.blocks * batch.channels.size() * kDsfBlockBytes;
-    handedBytes += batchBytes;
-    ++handedBatches;
-    for (; handedBatches != 0 && handedBytes - batchBytes >= file.KeptBytes(); --handedBatches) {
+    handed.push_back(batch.blocks * batch.channels.size() * kDsfBlockBytes);
+    handedBytes += handed.back();
+    while (!handed.empty() && handedBytes - handed.front() >= file.KeptBytes()) {
+        handedBytes -= handed.front();
+        handed.pop_front();
         reader.GiveBack();
-        handedBytes -= batchBytes;
     }
 }
 

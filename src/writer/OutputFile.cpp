@@ -115,6 +115,9 @@ bool OutputFile::Close() {
 
 void OutputFile::Release() {
     if (file != nullptr) {
+        // Whose they are may have gone on the way here.
+        kept.clear();
+        keptBytes = 0;
         std::ignore = Close();
     }
 }

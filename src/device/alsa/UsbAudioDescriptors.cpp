@@ -66,6 +66,8 @@ void ReadClass1(Bytes descriptor, Setting& setting) {
         setting.format.containerBytes = descriptor[5];
         setting.format.bits = descriptor[6];
         setting.format.ratesHz.clear();
+        setting.format.minimumRateHz = 0;
+        setting.format.maximumRateHz = 0;
         const std::size_t rates = descriptor[7];
         constexpr std::size_t kFirst = 8;
         if (rates == 0 && length >= kFirst + 2 * kRateBytes) {
