@@ -1,8 +1,10 @@
 #include "doctor/RecorderCheck.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <string_view>
 
@@ -27,23 +29,38 @@ std::optional<unsigned> Number(const std::optional<std::string>& text, int base)
     return result.ec == std::errc{} ? std::optional(value) : std::nullopt;
 }
 
-bool RuleIsInstalled(const SystemTexts& system) {
+/// Whether the rule that the device manager reads, the first of its name, is for this model.
+bool RuleIsInstalled(const SystemTexts& system, const SupportedModel& model) {
     for (const char* directory :
          {"/etc/udev/rules.d/", "/run/udev/rules.d/", "/usr/local/lib/udev/rules.d/",
           "/usr/lib/udev/rules.d/", "/lib/udev/rules.d/"}) {
-        if (system.Exists(directory + std::string(kRuleName))) {
-            return true;
+        const std::string path = directory + std::string(kRuleName);
+        if (!system.Exists(path)) {
+            continue;
         }
+        const std::string ids = IdsText(model.vendorId, model.productId);
+        const std::string rule = system.Text(path);
+        return rule.find('"' + ids.substr(0, 4) + '"') != std::string::npos &&
+               rule.find('"' + ids.substr(5) + '"') != std::string::npos;
     }
     return false;
 }
 
-std::string PermissionAdvice(const SystemTexts& system) {
-    return RuleIsInstalled(system)
-               ? "unplug it and plug it in again, at the seat that you are logged in to"
+std::string RuleAdvice(const SystemTexts& system, const SupportedModel& model) {
+    return RuleIsInstalled(system, model)
+               ? "log in at the seat that it is plugged in to, or join the group audio; then "
+                 "unplug "
+                 "it and plug it in again"
                : "install " + std::string(kRuleName) +
-                     " (make install puts it in place), run 'udevadm control --reload' as root, "
-                     "then unplug the recorder and plug it in again";
+                     " (make install PREFIX=/usr/local puts it in place), run 'udevadm control "
+                     "--reload' as root, then unplug the recorder and plug it in again";
+}
+
+/// What to do about a node that cannot be used for `reason`.
+std::string NodeAdvice(int reason, const std::string& permissionAdvice) {
+    return reason == EACCES || reason == EPERM
+               ? permissionAdvice
+               : "see that the node is there: in a container it has to be passed on";
 }
 
 /// One USB device that carries the model's ids.
@@ -52,17 +69,18 @@ public:
     Recorder(const SystemTexts& systemTexts, std::string directoryPath, Findings& allFindings)
         : system(systemTexts), directory(std::move(directoryPath)), findings(allFindings) {}
 
-    void Check(const SupportedModel& model) {
+    /// @return Whether it is one that the engine takes.
+    bool Check(const SupportedModel& model) {
         const std::string name = system.Line(directory + "/product").value_or("");
         if (name != model.name) {
-            Say(Verdict::Problem,
+            Say(Verdict::Note,
                 "the device with the ids of a recorder calls itself \"" + name + "\", not \"" +
                     model.name + "\": it is not used",
                 "");
-            return;
+            return false;
         }
         Say(Verdict::Good, model.name + " is plugged in at " + Port(), "");
-        CheckNode();
+        CheckNode(model);
         const std::vector<std::string> cards = Cards();
         if (cards.empty()) {
             Say(Verdict::Problem, "the kernel's USB audio driver has made no sound card of it",
@@ -71,6 +89,7 @@ public:
         for (const std::string& card : cards) {
             CheckCard(card);
         }
+        return true;
     }
 
 private:
@@ -80,7 +99,7 @@ private:
     std::string Port() const { return directory.substr(directory.rfind('/') + 1); }
 
     /// The node that the request for PCM or DSD goes through.
-    void CheckNode() {
+    void CheckNode(const SupportedModel& model) {
         const std::optional<unsigned> bus = Number(system.Line(directory + "/busnum"), 10);
         const std::optional<unsigned> device = Number(system.Line(directory + "/devnum"), 10);
         if (!bus || !device) {
@@ -89,11 +108,11 @@ private:
         }
         char node[40];
         std::snprintf(node, sizeof node, "/dev/bus/usb/%03u/%03u", *bus, *device);
-        if (const std::string why = system.WhyNoAccess(node, true); !why.empty()) {
+        if (const int why = system.WhyNoAccess(node); why != 0) {
             Say(Verdict::Problem,
                 std::string("its mode cannot be switched between PCM and DSD: ") + node + ": " +
-                    why,
-                PermissionAdvice(system));
+                    std::strerror(why),
+                NodeAdvice(why, RuleAdvice(system, model)));
         } else {
             Say(Verdict::Good, std::string("its mode can be switched through ") + node, "");
         }
@@ -133,10 +152,15 @@ private:
     void CheckStream(const std::string& card, const std::string& number,
                      const std::string& stream) {
         const std::string node = "/dev/snd/pcmC" + number + "D" + stream + "c";
-        if (const std::string why = system.WhyNoAccess(node, true); !why.empty()) {
-            Say(Verdict::Problem, "its sound cannot be read: " + node + ": " + why,
-                "log in at the seat that it is plugged in to, or join the group audio");
-            return;
+        for (const std::string& needed : {"/dev/snd/controlC" + number, node}) {
+            if (const int why = system.WhyNoAccess(needed); why != 0) {
+                Say(Verdict::Problem,
+                    "its sound cannot be read: " + needed + ": " + std::strerror(why),
+                    NodeAdvice(why,
+                               "log in at the seat that it is plugged in to, or join the group "
+                               "audio"));
+                return;
+            }
         }
         const std::string status = "/proc/asound/" + card + "/pcm" + stream + "c/sub0/status";
         const std::optional<std::string> owner = system.Value(status, "owner_pid");
@@ -145,9 +169,13 @@ private:
                 "");
             return;
         }
-        const std::string program =
-            system.Line("/proc/" + *owner + "/comm").value_or("a program that is gone");
-        Say(Verdict::Problem, "it is in use by " + program + " (process " + *owner + ")",
+        // The driver names a thread; its process is the one to know.
+        const std::string process =
+            system.Value("/proc/" + *owner + "/status", "Tgid").value_or(*owner);
+        const std::optional<std::string> program = system.Line("/proc/" + process + "/comm");
+        Say(Verdict::Problem,
+            "it is in use by " +
+                (program ? *program + " (process " + process + ")" : "another process"),
             "end that program, or let it use another device");
     }
 
@@ -170,8 +198,9 @@ Findings CheckRecorders(const SystemTexts& system, const SupportedModel& model) 
         const std::optional<unsigned> vendor = Number(system.Line(directory + "/idVendor"), 16);
         const std::optional<unsigned> product = Number(system.Line(directory + "/idProduct"), 16);
         if (vendor == model.vendorId && product == model.productId) {
-            ++recorders;
-            Recorder(system, directory, findings).Check(model);
+            if (Recorder(system, directory, findings).Check(model)) {
+                ++recorders;
+            }
         } else if (vendor && product &&
                    system.Line(directory + "/product").value_or("") == model.name) {
             findings.push_back({"recorder", Verdict::Note,

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -14,6 +15,8 @@ namespace {
 // The buffers of a capture thread: 4,096 frames of eight channels as floats, and room.
 constexpr std::uint64_t kWantedLockedBytes = 1U << 20;
 
+constexpr int kWantedPriority = 6;  // the capture thread's
+
 constexpr const char* kLimitsAdvice =
     "put '@audio - rtprio 20' and '@audio - memlock unlimited' into a file in "
     "/etc/security/limits.d, join the group audio, and log in again";
@@ -24,11 +27,13 @@ ProcessLimits TryProcessLimits() {
     ProcessLimits limits;
     std::thread([&limits] {
         sched_param parameter{};
-        parameter.sched_priority = ::sched_get_priority_min(SCHED_RR);
+        parameter.sched_priority = kWantedPriority;
         limits.realTime = ::pthread_setschedparam(::pthread_self(), SCHED_RR, &parameter) == 0;
     }).join();
     rlimit locked{};
-    if (::getrlimit(RLIMIT_MEMLOCK, &locked) == 0 && locked.rlim_cur != RLIM_INFINITY) {
+    // No limit holds root.
+    if (::geteuid() != 0 && ::getrlimit(RLIMIT_MEMLOCK, &locked) == 0 &&
+        locked.rlim_cur != RLIM_INFINITY) {
         limits.lockedBytes = locked.rlim_cur;
     }
     return limits;

@@ -24,7 +24,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr double kTrialBytes = 256.0 * (1 << 20);
-constexpr std::size_t kPieceBytes = 1 << 20;
+constexpr std::size_t kPieceBytes = 4 << 20;
 constexpr std::chrono::milliseconds kTrialTime(1'000);
 // Stereo at the highest rate: samples and preview, a second.
 constexpr double kHighestBytes = 2 * 384'000 * (4.0 + 2.0);
@@ -48,7 +48,7 @@ Trial TryWriting(const std::string& directory, double freeBytes) {
     }
     ::unlink(path.c_str());
     const std::vector<char> piece(kPieceBytes, 'v');
-    const double wanted = std::min(kTrialBytes, freeBytes / 10);
+    const double wanted = std::clamp(freeBytes / 10, 0.0, kTrialBytes);
     double written = 0;
     std::string failure;
     const Clock::time_point start = Clock::now();
@@ -62,9 +62,11 @@ Trial TryWriting(const std::string& directory, double freeBytes) {
             break;
         }
         written += static_cast<double>(result);
-    }
-    if (failure.empty() && ::fdatasync(file) != 0) {
-        failure = std::strerror(errno);
+        // Piece by piece, so that a slow disk is waited for no longer than the trial is to last.
+        if (::fdatasync(file) != 0) {
+            failure = std::strerror(errno);
+            break;
+        }
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     ::close(file);
@@ -98,6 +100,9 @@ void CheckSpeed(const std::string& directory, double freeBytes, Findings& findin
                             "nothing can be written to " + directory + ": " + trial.failure,
                             "name another place with --temp-dir, or in TMPDIR"});
         return;
+    }
+    if (trial.bytesPerSecond == 0) {
+        return;  // without room there is no speed
     }
     const std::string speed = std::to_string(std::llround(trial.bytesPerSecond / 1e6)) + " MB/s";
     if (trial.bytesPerSecond >= kSafety * kHighestBytes) {

@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 namespace vorrel::cli {
 namespace {
@@ -45,6 +45,11 @@ std::optional<std::string> SystemTexts::Line(const std::string& path) const {
     return line;
 }
 
+std::string SystemTexts::Text(const std::string& path) const {
+    std::ifstream file(Path(path));
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 std::optional<std::string> SystemTexts::Value(const std::string& path,
                                               const std::string& key) const {
     std::ifstream file(Path(path));
@@ -57,10 +62,8 @@ std::optional<std::string> SystemTexts::Value(const std::string& path,
     return std::nullopt;
 }
 
-std::string SystemTexts::WhyNoAccess(const std::string& path, bool write) const {
-    const int mode = write ? R_OK | W_OK : R_OK;
-    return ::faccessat(AT_FDCWD, Path(path).c_str(), mode, AT_EACCESS) == 0 ? ""
-                                                                            : std::strerror(errno);
+int SystemTexts::WhyNoAccess(const std::string& path) const {
+    return ::faccessat(AT_FDCWD, Path(path).c_str(), R_OK | W_OK, AT_EACCESS) == 0 ? 0 : errno;
 }
 
 }  // namespace vorrel::cli

@@ -19,10 +19,12 @@ public:
     std::vector<std::string> Names(const std::string& directory) const;
     /// The first line of a file, without its end; none where it cannot be read.
     std::optional<std::string> Line(const std::string& path) const;
+    /// All of a file; "" where it cannot be read.
+    std::string Text(const std::string& path) const;
     /// The value of "KEY : VALUE" in a file of such lines.
     std::optional<std::string> Value(const std::string& path, const std::string& key) const;
-    /// Why this user cannot read (and write) the file, in the system's words; "" = he can.
-    std::string WhyNoAccess(const std::string& path, bool write) const;
+    /// Why this user cannot read and write the file: an errno; 0 = he can.
+    int WhyNoAccess(const std::string& path) const;
 
 private:
     std::string root;

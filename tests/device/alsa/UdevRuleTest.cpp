@@ -34,7 +34,7 @@ std::string Digits(std::int32_t id) {
     return text;
 }
 
-TEST(UdevRuleTest, GrantsTheSeatTheNodeOfTheSupportedRecorder) {
+TEST(UdevRuleTest, GrantsSeatAndGroupTheNodeOfTheSupportedRecorder) {
     const std::string rule = Rule();
 
     EXPECT_THAT(rule, HasSubstr("SUBSYSTEM==\"usb\""));
@@ -42,6 +42,7 @@ TEST(UdevRuleTest, GrantsTheSeatTheNodeOfTheSupportedRecorder) {
     EXPECT_THAT(rule, HasSubstr("ATTR{idVendor}==\"" + Digits(kSupportedVendorId) + "\""));
     EXPECT_THAT(rule, HasSubstr("ATTR{idProduct}==\"" + Digits(kSupportedProductId) + "\""));
     EXPECT_THAT(rule, HasSubstr("TAG+=\"uaccess\""));
+    EXPECT_THAT(rule, HasSubstr("GROUP=\"audio\", MODE=\"0664\""));
     EXPECT_THAT(rule, Not(HasSubstr("@")));
 }
 
@@ -49,11 +50,12 @@ TEST(UdevRuleTest, IsOneLineOfMatchesAndAssignments) {
     std::istringstream parts(Rule());
     int count = 0;
     for (std::string part; std::getline(parts, part, ',');) {
-        EXPECT_THAT(part, ::testing::MatchesRegex(" ?[A-Z]+([{][A-Za-z]+[}])?[!=+]=\"[^\"]+\"\n?"));
+        EXPECT_THAT(part,
+                    ::testing::MatchesRegex(" ?[A-Z]+([{][A-Za-z]+[}])?[!=+]?=\"[^\"]+\"\n?"));
         ++count;
     }
 
-    EXPECT_EQ(count, 6);
+    EXPECT_EQ(count, 8);
 }
 
 TEST(UdevRuleTest, TheDeviceManagerUnderstandsIt) {
