@@ -32,7 +32,9 @@ public:
                     ++spins;
                 }
             }
-            hogs.push_back(child);
+            if (child > 0) {  // -1 would mean every process
+                hogs.push_back(child);
+            }
         }
     }
     ~CpuHogs() {

@@ -60,8 +60,10 @@ public:
         ::setenv("DBUS_SYSTEM_BUS_ADDRESS", path.c_str(), 1);
     }
     ~PrivateBus() {
-        ::kill(daemon, SIGTERM);
-        ::waitpid(daemon, nullptr, 0);
+        Send(SIGTERM);
+        if (daemon > 0) {
+            ::waitpid(daemon, nullptr, 0);
+        }
         ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
         ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
     }
@@ -72,10 +74,17 @@ public:
     bool IsThere() const {
         return running && SdBus::Connect(SdBus::Which::Session, Soon()) != nullptr;
     }
-    void Stop() const { ::kill(daemon, SIGSTOP); }
-    void Continue() const { ::kill(daemon, SIGCONT); }
+    void Stop() const { Send(SIGSTOP); }
+    void Continue() const { Send(SIGCONT); }
 
 private:
+    /// A number of -1 would mean every process.
+    void Send(int signal) const {
+        if (daemon > 0) {
+            ::kill(daemon, signal);
+        }
+    }
+
     TempDirectory directory;
     pid_t daemon = -1;
     bool running = false;
