@@ -286,8 +286,9 @@ VORREL_REALTIME AlsaCapture::Outcome AlsaCapture::Loop(Run& current) {
             if (IsGone(error)) {
                 return Outcome::Gone;
             }
-            if (!Recover(current, error)) {
-                return Outcome::Failed;
+            if (const std::optional<Outcome> outcome = Recover(current, error);
+                outcome.has_value()) {
+                return *outcome;
             }
             continue;
         }
@@ -331,12 +332,13 @@ VORREL_REALTIME int AlsaCapture::Deliver(Run& current) {
     return 0;
 }
 
-VORREL_REALTIME bool AlsaCapture::Recover(Run& current, int error) {
+/// @return How the run ends; nothing where it goes on.
+VORREL_REALTIME std::optional<AlsaCapture::Outcome> AlsaCapture::Recover(Run& current, int error) {
     if (error == -EINTR || error == -EAGAIN) {
-        return true;
+        return std::nullopt;
     }
     if (++current.restarts > kMostRestarts) {
-        return false;
+        return Outcome::Failed;
     }
     if (error == -EPIPE || error == -ESTRPIPE) {
         overruns.fetch_add(1, std::memory_order_relaxed);
@@ -347,15 +349,29 @@ VORREL_REALTIME bool AlsaCapture::Recover(Run& current, int error) {
         while ((resumed = current.setup.pcm->Resume()) == -EAGAIN) {
             pollfd stop{current.stopEvent, POLLIN, 0};
             if (::poll(&stop, 1, static_cast<int>(kResumePause.count())) > 0) {
-                return true;  // the loop sees it
+                return std::nullopt;  // the loop sees it
             }
         }
     }
-    if (resumed < 0 || current.setup.pcm->StateError() != 0) {
-        // What fails here shows at the next look at the descriptors.
-        std::ignore = current.setup.pcm->Start();
+    if (resumed >= 0 && current.setup.pcm->StateError() == 0) {
+        return std::nullopt;
     }
-    return true;
+    // Tried again here: a card that is prepared and does not start never wakes the loop.
+    for (int started = current.setup.pcm->Start(); started < 0;
+         started = current.setup.pcm->Start()) {
+        if (IsGone(started)) {
+            return Outcome::Gone;
+        }
+        if (++current.restarts > kMostRestarts) {
+            return Outcome::Failed;
+        }
+        pollfd stop{current.stopEvent, POLLIN, 0};
+        if (::poll(&stop, 1, static_cast<int>(kResumePause.count())) > 0 &&
+            current.stopRequested.load(std::memory_order_acquire)) {
+            return Outcome::Stopped;
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace vorrel

@@ -88,7 +88,7 @@ private:
     /// Delivers every whole buffer that is there. @return 0, or the error that came in between.
     VORREL_REALTIME int Deliver(Run& current);
     /// @return Whether capturing goes on.
-    VORREL_REALTIME bool Recover(Run& current, int error);
+    VORREL_REALTIME std::optional<Outcome> Recover(Run& current, int error);
     void ReportStart(Run& current, int error) VORREL_EXCLUDES(mutex);
     void RequestEnd() VORREL_REQUIRES(mutex);
     void WaitForEnd(const std::shared_ptr<Run>& ending) VORREL_EXCLUDES(mutex);

@@ -506,12 +506,4 @@ void AlsaDevice::GoAway(bool hasFailed) {
     listeners->Notify(kAudioObjectSystemObject, kAudioHardwarePropertyDevices);
 }
 
-void AlsaDevice::LetGo() {
-    const MutexLock working(operation);
-    held.reset();
-    reservation.Release();
-    const MutexLock lock(mutex);
-    hogged = false;
-}
-
 }  // namespace vorrel

@@ -68,8 +68,6 @@ public:
     /// The card is gone: a run ends, the alive listeners and those of the device list are called
     /// once. Nothing happens to one that is gone already.
     void Unplug() VORREL_EXCLUDES(mutex);
-    /// Lets the PCM and the reservation go. Not from the IO thread.
-    void LetGo() VORREL_EXCLUDES(mutex, operation);
 
     const AlsaCapture& Capture() const { return *capture; }
 

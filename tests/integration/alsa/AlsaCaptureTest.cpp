@@ -194,6 +194,33 @@ TEST_F(AlsaCaptureTest, WithoutHogModeTheCardIsOpenForTheRunOnly) {
     EXPECT_EQ(audio->Start(device, id), kAudioDevicePermissionsError);
 }
 
+TEST_F(AlsaCaptureTest, ARestartThatFailsForGoodEndsTheRunAndIsSaid) {
+    CountingListener alive;
+    CountingListener overloads;
+    ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDevicePropertyDeviceIsAlive),
+                                         &CountingListener::Proc, &alive),
+              0);
+    ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDeviceProcessorOverload),
+                                         &CountingListener::Proc, &overloads),
+              0);
+    TraceCapture trace;
+    Collector collector(1);
+    const AudioDeviceIOProcID id = Create(collector);
+    ASSERT_EQ(audio->Start(device, id), 0);
+    AwaitCalls(collector, 1);
+
+    card.State().startError = EIO;
+    card.State().overruns = 1;
+    alive.Await(1);
+
+    audio->FlushNotifications();
+    EXPECT_EQ(alive.calls, 1);
+    EXPECT_EQ(overloads.calls, 1);
+    EXPECT_EQ(Capture().Overruns(), 1U);
+    const std::vector<std::string> lines = trace.Lines();
+    EXPECT_THAT(lines, testing::Contains(testing::HasSubstr("captures no more")));
+}
+
 TEST_F(AlsaCaptureTest, EachOverrunIsCountedAndTold) {
     CountingListener overloads;
     ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDeviceProcessorOverload),
