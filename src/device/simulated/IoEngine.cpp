@@ -5,6 +5,7 @@
 #include <tuple>
 #include <utility>
 
+#include "device/backend/EndThread.h"
 #include "device/simulated/BufferListBuilder.h"
 #include "platform/ThreadPriority.h"
 #include "platform/Trace.h"
@@ -58,11 +59,7 @@ void IoEngine::Close() {
         // It may be waiting for a delivery by hand out of which this is called.
         cycleEnded.NotifyAll();
     }
-    if (ending.get_id() == std::this_thread::get_id()) {
-        ending.detach();  // it ends after this callback, and holds the engine until then
-    } else if (ending.joinable()) {
-        ending.join();
-    }
+    EndThread(std::move(ending));  // which holds the engine
 }
 
 AudioDeviceIOProcID IoEngine::Create(AudioDeviceIOProc proc, void* clientData) {
