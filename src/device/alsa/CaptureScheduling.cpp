@@ -42,7 +42,13 @@ int SetNice() {
 
 }  // namespace
 
-int AskRealtimeKit() {
+RealtimeLimitCalls SystemRealtimeLimit() {
+    return {
+        [](rlimit& limit) { return ::getrlimit(RLIMIT_RTTIME, &limit) == 0 ? 0 : errno; },
+        [](const rlimit& limit) { return ::setrlimit(RLIMIT_RTTIME, &limit) == 0 ? 0 : errno; }};
+}
+
+int AskRealtimeKit(const RealtimeLimitCalls& realtimeLimit) {
     const auto deadline = SdBus::Clock::now() + kPatience;
     const std::unique_ptr<SdBus> bus = SdBus::Connect(SdBus::Which::System, deadline);
     if (bus == nullptr) {
@@ -55,26 +61,39 @@ int AskRealtimeKit() {
     if (!mostMicroseconds.has_value() || !mostPriority.has_value() || *mostMicroseconds <= 0) {
         return ENOENT;
     }
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_RTTIME, &limit) != 0) {
-        return errno;
-    }
-    const auto most = static_cast<rlim_t>(*mostMicroseconds);
-    if (limit.rlim_max > most) {
-        limit.rlim_max = most;
-        limit.rlim_cur = std::min(limit.rlim_cur, most);
-        if (::setrlimit(RLIMIT_RTTIME, &limit) != 0) {
-            return errno;
-        }
+    if (*mostPriority < 1) {
+        return EPERM;
     }
     // The thread counts as a process's own number on the bus.
     const SdBus::Arguments thread = {.types = "tu",
                                      .first = static_cast<std::uint64_t>(::syscall(SYS_gettid)),
-                                     .second = static_cast<std::uint64_t>(std::clamp<std::int64_t>(
-                                         *mostPriority, 1, kRoundRobinPriority))};
-    return bus->Call(kRealtimeKit, "MakeThreadRealtime", thread, '\0', deadline).has_value()
-               ? 0
-               : EPERM;
+                                     .second = static_cast<std::uint64_t>(std::min<std::int64_t>(
+                                         *mostPriority, kRoundRobinPriority))};
+    const auto ask = [&] {
+        return bus->Call(kRealtimeKit, "MakeThreadRealtime", thread, '\0', deadline).has_value();
+    };
+    if (ask()) {
+        return 0;
+    }
+    rlimit before{};
+    if (const int error = realtimeLimit.get(before); error != 0) {
+        return error;
+    }
+    const auto most = static_cast<rlim_t>(*mostMicroseconds);
+    if (before.rlim_max <= most) {
+        return EPERM;
+    }
+    if (const int error = realtimeLimit.set({std::min(before.rlim_cur, most), most}); error != 0) {
+        return error;
+    }
+    if (ask()) {
+        return 0;
+    }
+    if (realtimeLimit.set(before) != 0) {
+        Trace(__FILE__, __LINE__, "RLIMIT_RTTIME stays lowered to %lld us: it may not be set back",
+              static_cast<long long>(most));
+    }
+    return EPERM;
 }
 
 ThreadScheduling ApplyCaptureScheduling(const CaptureSchedulingCalls& calls,
@@ -101,7 +120,8 @@ ThreadScheduling ApplyCaptureScheduling(const CaptureSchedulingCalls& calls,
 
 ThreadScheduling ScheduleCaptureThread() {
     static std::atomic<bool> refusalTraced{false};
-    return ApplyCaptureScheduling({&SetRoundRobin, &AskRealtimeKit, &SetNice}, refusalTraced);
+    return ApplyCaptureScheduling({&SetRoundRobin, [] { return AskRealtimeKit(); }, &SetNice},
+                                  refusalTraced);
 }
 
 }  // namespace vorrel

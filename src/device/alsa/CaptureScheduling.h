@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <functional>
 #include <string>
@@ -9,10 +11,9 @@
 namespace vorrel {
 
 /// Schedules the calling thread as the IO thread of a card: real-time round robin where the limits
-/// allow it; else by RealtimeKit over the system bus where there is one, which sets the process's
-/// limit on real-time computing (RLIMIT_RTTIME) first, as that service demands; else a raised nice
-/// value. What was got in the end is traced once in a process when it is not the first. Waits for
-/// at most a second.
+/// allow it; else by RealtimeKit over the system bus where there is one (`AskRealtimeKit`); else a
+/// raised nice value. What was got in the end is traced once in a process when it is not the first.
+/// Waits for at most a second.
 ThreadScheduling ScheduleCaptureThread();
 
 /// What the rule behind it asks of the system. Each answers 0, or the error number of a refusal.
@@ -24,7 +25,19 @@ struct CaptureSchedulingCalls {
 ThreadScheduling ApplyCaptureScheduling(const CaptureSchedulingCalls& calls,
                                         std::atomic<bool>& refusalTraced);
 
-/// Asks RealtimeKit for real-time scheduling of the calling thread. @return 0 or an error number.
-int AskRealtimeKit();
+/// The process's limit on real-time computing without a wait (RLIMIT_RTTIME). Each answers 0, or an
+/// error number.
+struct RealtimeLimitCalls {
+    std::function<int(rlimit& limit)> get;
+    std::function<int(const rlimit& limit)> set;
+};
+RealtimeLimitCalls SystemRealtimeLimit();
+
+/// Asks RealtimeKit for real-time scheduling of the calling thread, at no more than the priority
+/// that it grants. It is asked as things are first. Only where it refuses that is the limit lowered
+/// to what the service demands, and set back when it refuses all the same: a process without
+/// privileges may not raise it again, which is traced.
+/// @return 0 or an error number.
+int AskRealtimeKit(const RealtimeLimitCalls& realtimeLimit = SystemRealtimeLimit());
 
 }  // namespace vorrel

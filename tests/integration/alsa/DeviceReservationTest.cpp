@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -207,33 +208,156 @@ TEST_F(DeviceReservationTest, ABusThatDoesNotAnswerIsNoBus) {
     bus.Continue();
 }
 
-TEST_F(DeviceReservationTest, RealtimeKitIsAskedForTheCallingThread) {
-    std::atomic<std::uint32_t> asked{0};
-    const FakeService kit(
-        "org.freedesktop.RealtimeKit1", "/org/freedesktop/RealtimeKit1", [&](sd_bus_message* call) {
-            if (SdBus::IsCall(call, "org.freedesktop.RealtimeKit1", "MakeThreadRealtime")) {
-                asked = 1;
-                SdBus::AnswerNothing(call);
-                return true;
-            }
-            if (SdBus::IsCall(call, "org.freedesktop.DBus.Properties", "Get")) {
-                std::ignore = SdBus::ReadText(call);
-                if (SdBus::ReadText(call) == "RTTimeUSecMax") {
-                    SdBus::AnswerLongVariant(call, 200'000);
-                } else {
-                    SdBus::AnswerNumberVariant(call, 20);
+/// Reads a number of a call; the library is loaded at run time only.
+template <class Number>
+Number ReadNumber(sd_bus_message* call, char type) {
+    static void* const library = ::dlopen("libsystemd.so.0", RTLD_NOW);
+    using Read = int (*)(sd_bus_message*, char, void*);
+    static const auto read = reinterpret_cast<Read>(::dlsym(library, "sd_bus_message_read_basic"));
+    Number number{};
+    EXPECT_GT(read(call, type, &number), 0);
+    return number;
+}
+
+/// RealtimeKit as a program, beside a limit that is not the process's own.
+class RealtimeKitTest : public DeviceReservationTest {
+protected:
+    /// Makes threads real-time as `grants` says, at the most at that priority.
+    void Serve(std::int32_t mostPriority, std::function<bool()> grants) {
+        kit = std::make_unique<FakeService>(
+            "org.freedesktop.RealtimeKit1", "/org/freedesktop/RealtimeKit1",
+            [=, this](sd_bus_message* call) {
+                if (SdBus::IsCall(call, "org.freedesktop.RealtimeKit1", "MakeThreadRealtime")) {
+                    ++asked;
+                    thread = ReadNumber<std::uint64_t>(call, 't');
+                    priority = ReadNumber<std::uint32_t>(call, 'u');
+                    if (!grants()) {
+                        return false;
+                    }
+                    SdBus::AnswerNothing(call);
+                    return true;
                 }
-                return true;
-            }
-            return false;
-        });
+                if (SdBus::IsCall(call, "org.freedesktop.DBus.Properties", "Get")) {
+                    std::ignore = SdBus::ReadText(call);
+                    if (SdBus::ReadText(call) == "RTTimeUSecMax") {
+                        SdBus::AnswerLongVariant(call, kMostMicroseconds);
+                    } else {
+                        SdBus::AnswerNumberVariant(call, mostPriority);
+                    }
+                    return true;
+                }
+                return false;
+            });
+    }
+    int Ask() {
+        return AskRealtimeKit({[this](rlimit& now) {
+                                   now = {soft, hard};
+                                   return 0;
+                               },
+                               [this](const rlimit& wanted) {
+                                   if (wanted.rlim_max > hard && !mayRaise) {
+                                       return EPERM;
+                                   }
+                                   ++settings;
+                                   soft = wanted.rlim_cur;
+                                   hard = wanted.rlim_max;
+                                   return 0;
+                               }});
+    }
+    bool IsLowered() const { return hard == kMostMicroseconds; }
 
-    EXPECT_EQ(AskRealtimeKit(), 0);
+    static constexpr std::int64_t kMostMicroseconds = 200'000;
+    std::atomic<rlim_t> soft{RLIM_INFINITY};
+    std::atomic<rlim_t> hard{RLIM_INFINITY};
+    bool mayRaise = true;
+    int settings = 0;
+    std::atomic<int> asked{0};
+    std::atomic<std::uint64_t> thread{0};
+    std::atomic<std::uint32_t> priority{0};
+    std::unique_ptr<FakeService> kit;
+};
 
-    EXPECT_EQ(asked, 1U);
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_RTTIME, &limit), 0);
-    EXPECT_EQ(limit.rlim_max, 200'000U);
+TEST_F(RealtimeKitTest, IsAskedForTheCallingThreadAtTheCapturePriority) {
+    Serve(20, [] { return true; });
+
+    EXPECT_EQ(Ask(), 0);
+
+    EXPECT_EQ(thread, static_cast<std::uint64_t>(::gettid()));
+    EXPECT_EQ(priority, 6U);
+    EXPECT_EQ(asked, 1);
+    EXPECT_EQ(settings, 0);  // nothing was demanded
+}
+
+TEST_F(RealtimeKitTest, IsAskedForNoMoreThanItGrants) {
+    Serve(3, [] { return true; });
+
+    EXPECT_EQ(Ask(), 0);
+
+    EXPECT_EQ(priority, 3U);
+}
+
+TEST_F(RealtimeKitTest, ThatGrantsNoPriorityIsNotAsked) {
+    Serve(0, [] { return true; });
+
+    EXPECT_EQ(Ask(), EPERM);
+
+    EXPECT_EQ(asked, 0);
+}
+
+TEST_F(RealtimeKitTest, GetsTheLimitThatItDemands) {
+    Serve(20, [this] { return IsLowered(); });
+
+    EXPECT_EQ(Ask(), 0);
+
+    EXPECT_EQ(asked, 2);
+    EXPECT_EQ(soft, 200'000U);
+    EXPECT_EQ(hard, 200'000U);
+}
+
+TEST_F(RealtimeKitTest, TheLimitIsAsBeforeWhenItRefusesAllTheSame) {
+    Serve(20, [] { return false; });
+    soft = 5'000'000;
+    hard = 6'000'000;
+
+    EXPECT_EQ(Ask(), EPERM);
+
+    EXPECT_EQ(settings, 2);
+    EXPECT_EQ(soft, 5'000'000U);
+    EXPECT_EQ(hard, 6'000'000U);
+}
+
+TEST_F(RealtimeKitTest, ALimitThatMayNotBeSetBackIsSaid) {
+    Serve(20, [] { return false; });
+    mayRaise = false;
+    TraceCapture trace;
+
+    EXPECT_EQ(Ask(), EPERM);
+
+    ASSERT_EQ(trace.Lines().size(), 1U);
+    EXPECT_NE(trace.Lines()[0].find("RLIMIT_RTTIME stays lowered to 200000 us"), std::string::npos);
+}
+
+TEST_F(RealtimeKitTest, ALowLimitIsLeftAlone) {
+    Serve(20, [] { return false; });
+    soft = 1'000;
+    hard = 2'000;
+
+    EXPECT_EQ(Ask(), EPERM);
+
+    EXPECT_EQ(settings, 0);
+    EXPECT_EQ(asked, 1);
+}
+
+TEST_F(DeviceReservationTest, ItIsGivenBackInTimeAlsoToABusThatDoesNotAnswer) {
+    ASSERT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted);
+    bus.Stop();
+    const auto begin = Clock::now();
+
+    reservation.Release();
+
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_FALSE(reservation.IsHeld());
+    bus.Continue();
 }
 
 TEST(DeviceReservationWithoutABusTest, ThereIsNobodyToAsk) {
