@@ -1,6 +1,7 @@
 #include "device/alsa/LockedBuffer.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -19,9 +20,16 @@ LockedBuffer::LockedBuffer(std::size_t sizeBytes) : size(std::max<std::size_t>(s
         throw std::bad_alloc();
     }
     locked = ::mlock(pages, size) == 0;
+    const int refusal = locked ? 0 : errno;
+    // Each page is there from here on, also where it is not kept: the first write finds it.
+    const auto pageBytes = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    auto* const bytes = static_cast<volatile std::uint8_t*>(pages);
+    for (std::size_t offset = 0; offset < size; offset += pageBytes) {
+        bytes[offset] = 0;
+    }
     static std::atomic<bool> traced{false};
     if (!locked && !traced.exchange(true)) {
-        const std::string reason = std::generic_category().message(errno);
+        const std::string reason = std::generic_category().message(refusal);
         Trace(__FILE__, __LINE__, "capture buffers are not locked in memory: %s", reason.c_str());
     }
 }

@@ -5,8 +5,8 @@
 
 namespace vorrel {
 
-/// Zeroed memory of its own pages, kept in memory where the limits allow it: what the IO thread
-/// writes into is never fetched from a disk first.
+/// Zeroed memory of its own pages, all of them there from the beginning and kept in memory where
+/// the limits allow it: what the IO thread writes into is never fetched from a disk first.
 class LockedBuffer {
 public:
     /// A refusal to keep it in memory is traced once in a process.

@@ -25,6 +25,11 @@ VORREL_REALTIME void Int24In4ToFloat(std::uint8_t* floats, const std::uint8_t* i
     }
 }
 
+/// False where nobody told: the driver, which grants a rate, asks the device for them.
+bool HasRates(const CaptureFormat& described) {
+    return !described.ratesHz.empty() || described.maximumRateHz != 0;
+}
+
 bool HasRate(const CaptureFormat& described, std::uint32_t rateHz) {
     if (described.ratesHz.empty()) {
         return described.minimumRateHz <= rateHz && rateHz <= described.maximumRateHz;
@@ -68,14 +73,22 @@ std::uint32_t LayoutBits(SampleLayout layout) {
 }
 
 std::uint32_t DescribedBits(const PcmFormat& format, const std::vector<CaptureFormat>& described) {
+    // Where several settings fit, the driver chooses; none of the bits that it may bring is lost.
+    std::uint32_t ofTheRate = 0;
+    std::uint32_t ofUnknownRates = 0;
     for (const CaptureFormat& entry : described) {
-        if (entry.channels == format.channels &&
-            entry.containerBytes == ContainerBytes(format.layout) &&
-            HasRate(entry, format.rateHz) && entry.bits > 0) {
-            return std::min(entry.bits, LayoutBits(format.layout));
+        if (entry.channels != format.channels ||
+            entry.containerBytes != ContainerBytes(format.layout)) {
+            continue;
+        }
+        if (!HasRates(entry)) {
+            ofUnknownRates = std::max(ofUnknownRates, entry.bits);
+        } else if (HasRate(entry, format.rateHz)) {
+            ofTheRate = std::max(ofTheRate, entry.bits);
         }
     }
-    return LayoutBits(format.layout);
+    const std::uint32_t bits = ofTheRate > 0 ? ofTheRate : ofUnknownRates;
+    return bits > 0 ? std::min(bits, LayoutBits(format.layout)) : LayoutBits(format.layout);
 }
 
 AudioStreamRangedDescription DescribeFormat(const PcmFormat& format, std::uint32_t bits) {

@@ -41,8 +41,9 @@ struct PcmFormat {
     friend bool operator==(const PcmFormat&, const PcmFormat&) = default;
 };
 
-/// Bits that a sample of that format really has: of the card's description of itself where that
-/// has the format, else all that the layout can carry.
+/// Bits that a sample of that format really has: the most of the card's descriptions of itself that
+/// have the format, those first that name its rate, then those that name none; else all that the
+/// layout can carry.
 std::uint32_t DescribedBits(const PcmFormat& format, const std::vector<CaptureFormat>& described);
 
 /// The same as the device layer describes it. Bits that do not fill their container lie in its
@@ -69,6 +70,9 @@ std::optional<PcmFormat> FindFormat(const std::vector<OfferedFormat>& offered,
 
 /// Converts `samples` samples to 32-bit floats, full scale 1.0: 16 and 24 bits exactly (multiples
 /// of 1/32768 and 1/8388608), 32 bits to the nearest float. No alignment needed.
+/// Kept: of samples that do not fill their container the bits below them come along
+/// (PcmFormatTest.BitsBelowTheSignificantOnesComeAlong). They are zero by the device class, and a
+/// device that describes fewer bits than it sends would lose sound to a mask.
 using SampleConverter = void (*)(std::uint8_t* floats, const std::uint8_t* integers,
                                  std::size_t samples);
 SampleConverter ConverterOf(SampleLayout layout);

@@ -1,14 +1,23 @@
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "device/alsa/CycleTimes.h"
 #include "device/alsa/DeviceHolder.h"
+#include "device/alsa/LockedBuffer.h"
 #include "device/alsa/PcmFormat.h"
 #include "support/TempDirectory.h"
 
@@ -81,6 +90,66 @@ TEST(PcmFormatTest, BitsThatFillLessThanTheirBytesLieHigh) {
     EXPECT_EQ(format.mFormatFlags, kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsAlignedHigh);
     EXPECT_EQ(format.mBitsPerChannel, 20U);
     EXPECT_EQ(format.mBytesPerFrame, 6U);
+}
+
+TEST(PcmFormatTest, BitsBelowTheSignificantOnesComeAlong) {
+    const std::vector<std::uint8_t> bytes = {0x01, 0x01, 0x00, 0x00};
+
+    EXPECT_EQ(Convert(SampleLayout::Int32, bytes, 1), std::vector{257.0F / 2'147'483'648.0F});
+}
+
+TEST(PcmFormatTest, OfSeveralSettingsThatFitTheMostBitsCount) {
+    const PcmFormat format{48'000, SampleLayout::Int32, 2};
+
+    EXPECT_EQ(DescribedBits(format, {{2, 24, 4, {48'000}, 0, 0}, {2, 32, 4, {48'000}, 0, 0}}), 32U);
+    EXPECT_EQ(DescribedBits(format, {{2, 24, 4, {48'000}, 0, 0}, {2, 32, 4, {96'000}, 0, 0}}), 24U);
+    EXPECT_EQ(DescribedBits(format, {{2, 20, 4, {}, 44'100, 96'000}, {2, 24, 4, {48'000}, 0, 0}}),
+              24U);
+}
+
+TEST(PcmFormatTest, BitsOfADescriptionWithoutRatesHoldForEachRateThatIsNotDescribed) {
+    const std::vector<CaptureFormat> unknown = {{2, 24, 4, {}, 0, 0}};
+
+    EXPECT_EQ(DescribedBits({48'000, SampleLayout::Int32, 2}, unknown), 24U);
+    EXPECT_EQ(DescribedBits({48'000, SampleLayout::Int32, 1}, unknown), 32U);
+    EXPECT_EQ(DescribedBits({48'000, SampleLayout::Int32, 2},
+                            {{2, 24, 4, {}, 0, 0}, {2, 20, 4, {48'000}, 0, 0}}),
+              20U);
+    EXPECT_TRUE(DescribedFormats(unknown).empty());  // nobody knows a rate to offer
+}
+
+/// Takes the right to lock memory beyond the limit from the calling thread.
+bool GiveUpLocking() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> rights{};
+    if (::syscall(SYS_capget, &header, rights.data()) != 0) {
+        return false;
+    }
+    rights[0].effective &= ~(1U << CAP_IPC_LOCK);
+    return ::syscall(SYS_capset, &header, rights.data()) == 0;
+}
+
+TEST(LockedBufferTest, EachPageIsThereFromTheBeginningWhetherItIsLockedOrNot) {
+    constexpr std::size_t kBytes = 64 << 10;
+    const std::size_t pageBytes = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_MEMLOCK, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    std::unique_ptr<LockedBuffer> buffer;
+    std::thread([&] {
+        EXPECT_TRUE(GiveUpLocking());
+        EXPECT_EQ(::setrlimit(RLIMIT_MEMLOCK, &none), 0);
+        buffer = std::make_unique<LockedBuffer>(kBytes);
+        EXPECT_EQ(::setrlimit(RLIMIT_MEMLOCK, &limit), 0);
+    }).join();
+
+    EXPECT_FALSE(buffer->IsLocked());
+    EXPECT_EQ(buffer->SizeBytes(), kBytes);
+    std::vector<unsigned char> pages(kBytes / pageBytes);
+    ASSERT_EQ(::mincore(buffer->Data(), kBytes, pages.data()), 0);
+    for (const unsigned char page : pages) {
+        EXPECT_EQ(page & 1, 1);
+    }
 }
 
 class DeviceHolderTest : public testing::Test {
