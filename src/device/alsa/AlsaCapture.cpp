@@ -4,9 +4,11 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <exception>
+#include <string>
+#include <system_error>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -14,6 +16,7 @@
 #include "device/alsa/AlsaStatus.h"
 #include "device/alsa/CaptureScheduling.h"
 #include "device/alsa/LockedBuffer.h"
+#include "device/backend/EndThread.h"
 #include "platform/GuardedTask.h"
 #include "platform/ThreadPriority.h"
 #include "platform/Trace.h"
@@ -26,7 +29,18 @@ constexpr char kThreadName[] = "AlsaCapture";
 /// So often in succession, without a buffer in between, a card is started again before it is given
 /// up: a broken one must not keep the IO thread going round.
 constexpr unsigned kMostRestarts = 16;
-constexpr std::chrono::milliseconds kResumePause{20};
+/// A machine that wakes up answers "not yet" for a while.
+constexpr unsigned kMostResumes = 250;
+constexpr std::chrono::milliseconds kRestartPause{20};
+/// A card that runs and gives no buffer for so long does not run. The longest buffer takes 93 ms.
+constexpr std::chrono::milliseconds kMostSilence{2'000};
+/// After so many looks in succession that found no buffer there is a pause before each. A card
+/// whose periods are shorter than a buffer wakes without one now and then.
+constexpr unsigned kMostVainLooks = 16;
+/// Leaves the processor to others, and is shorter than most buffers.
+constexpr std::chrono::milliseconds kVainPause{5};
+
+using Clock = std::chrono::steady_clock;
 
 }  // namespace
 
@@ -49,29 +63,37 @@ struct AlsaCapture::Run {
     std::optional<OSStatus> startStatus;  // under the capture's mutex
     // The IO thread's.
     std::vector<pollfd> descriptors;  // the event's first
+    UInt32 filled = 0;                // frames in `samples` that wait for the rest of their buffer
+    bool running = false;             // by the card's word; false while a gap is counted already
     unsigned restarts = 0;            // since the last buffer
+    unsigned vainLooks = 0;           // the same
+    Clock::time_point lastBuffer;     // or the last start
+    // For the trace at the end.
     std::uint64_t overrunsBefore = 0;
+    std::uint64_t pauses = 0;
+    int lastPollError = 0;
+    int lastError = 0;
 };
 
 AlsaCapture::AlsaCapture(std::shared_ptr<PropertyListeners> propertyListeners,
                          std::function<void(Ending)> onEnded)
-    : listeners(std::move(propertyListeners)), ended(std::move(onEnded)) {}
+    : listeners(std::move(propertyListeners)),
+      ended(std::make_shared<const std::function<void(Ending)>>(std::move(onEnded))) {}
 
 void AlsaCapture::Close() {
-    EndRun();
     std::thread ending;
     {
         const MutexLock lock(mutex);
+        // All at once: a proc that joined in between would hold up the end.
         closing = true;
+        procs.StopAll();
+        RequestEnd();
         ended = nullptr;
         ending = std::move(thread);
         threadWake.NotifyAll();
+        runChanged.NotifyAll();
     }
-    if (ending.get_id() == std::this_thread::get_id()) {
-        ending.detach();  // it ends after this callback, and holds the capture until then
-    } else if (ending.joinable()) {
-        ending.join();
-    }
+    EndThread(std::move(ending));  // which holds the capture
 }
 
 bool AlsaCapture::Destroy(AudioDeviceIOProcID id) {
@@ -201,12 +223,8 @@ void AlsaCapture::ThreadBody() noexcept {
         }
         // Before the end is told: whoever waits for it may want the card closed, or open it anew.
         current->setup.pcm.reset();
-        if (const std::uint64_t lost = Overruns() - current->overrunsBefore; lost > 0) {
-            Trace(__FILE__, __LINE__,
-                  "%llu overruns of the capture ring: the stream has so many gaps",
-                  static_cast<unsigned long long>(lost));
-        }
-        std::function<void(Ending)> notify;
+        RunGuarded([&] { TraceRun(*current, outcome); }, kThreadName);
+        std::shared_ptr<const std::function<void(Ending)>> notify;
         {
             const MutexLock lock(mutex);
             if (outcome != Outcome::Stopped) {
@@ -225,18 +243,40 @@ void AlsaCapture::ThreadBody() noexcept {
             runChanged.NotifyAll();
         }
         current.reset();
-        if (notify) {
-            RunGuarded([&] { notify(outcome == Outcome::Gone ? Ending::Gone : Ending::Failed); },
-                       kThreadName);
+        if (notify != nullptr) {
+            const Ending ending = outcome == Outcome::Gone ? Ending::Gone : Ending::Failed;
+            RunGuarded([&] { (*notify)(ending); }, kThreadName);
         }
+    }
+}
+
+void AlsaCapture::TraceRun(const Run& current, Outcome outcome) {
+    if (const std::uint64_t lost = Overruns() - current.overrunsBefore; lost > 0) {
+        Trace(__FILE__, __LINE__, "%llu overruns of the capture ring: the stream has so many gaps",
+              static_cast<unsigned long long>(lost));
+    }
+    if (current.pauses > 0) {
+        const std::string reason = current.lastPollError == 0
+                                       ? std::string("they brought no buffer")
+                                       : std::generic_category().message(current.lastPollError);
+        Trace(__FILE__, __LINE__, "%llu wake-ups of the capture were slowed down: %s",
+              static_cast<unsigned long long>(current.pauses), reason.c_str());
+    }
+    if (outcome == Outcome::Failed && current.lastError < 0) {
+        const std::string reason = std::generic_category().message(-current.lastError);
+        Trace(__FILE__, __LINE__, "the capture ends: %s", reason.c_str());
     }
 }
 
 AlsaCapture::Outcome AlsaCapture::Capture(Run& current) {
     current.overrunsBefore = Overruns();
     current.descriptors = current.setup.pcm->PollDescriptors();
+    const bool wakes = !current.descriptors.empty();
     current.descriptors.insert(current.descriptors.begin(), {current.stopEvent, POLLIN, 0});
-    const int error = current.setup.pcm->Start();
+    const int error = wakes ? current.setup.pcm->Start() : -EIO;
+    current.lastError = error;
+    current.running = error >= 0;
+    current.lastBuffer = Clock::now();
     ReportStart(current, error);
     if (error < 0) {
         return IsGone(error) ? Outcome::Gone : Outcome::Failed;
@@ -256,44 +296,63 @@ void AlsaCapture::ReportStart(Run& current, int error) {
 
 VORREL_REALTIME AlsaCapture::Outcome AlsaCapture::Loop(Run& current) {
     for (;;) {
-        const int ready = ::poll(current.descriptors.data(), current.descriptors.size(), -1);
+        const int ready = ::poll(current.descriptors.data(), current.descriptors.size(),
+                                 static_cast<int>(kMostSilence.count()));
+        const int pollError = ready < 0 ? errno : 0;
         if (current.stopRequested.load(std::memory_order_acquire)) {
             return Outcome::Stopped;
         }
-        if (ready <= 0) {
-            continue;  // a signal
+        if (pollError == EINTR) {
+            continue;
         }
-        if (current.descriptors[0].revents != 0) {
+        if (ready > 0 && current.descriptors[0].revents != 0) {
             // A stop that was taken back, or one that came after the look above.
             std::uint64_t count = 0;
             std::ignore = ::read(current.stopEvent, &count, sizeof count);
             if (current.stopRequested.load(std::memory_order_acquire)) {
                 return Outcome::Stopped;
             }
-        }
-        const auto wakeUp = std::chrono::steady_clock::now();
-        const RealtimeScope realtime;
-        const unsigned short events = current.setup.pcm->Events(
-            current.descriptors.data() + 1, static_cast<unsigned>(current.descriptors.size() - 1));
-        int error = 0;
-        if ((events & (POLLERR | POLLNVAL | POLLHUP)) != 0) {
-            error = current.setup.pcm->StateError();
-        }
-        if (error == 0 && events != 0) {
-            error = Deliver(current);
-        }
-        if (error < 0) {
-            if (IsGone(error)) {
-                return Outcome::Gone;
+            if (ready == 1) {
+                continue;
             }
-            if (const std::optional<Outcome> outcome = Recover(current, error);
-                outcome.has_value()) {
-                return *outcome;
-            }
-            continue;
         }
-        times->Add(std::chrono::steady_clock::now() - wakeUp);
+        if (const std::optional<Outcome> outcome = Look(current, pollError); outcome.has_value()) {
+            return *outcome;
+        }
     }
+}
+
+VORREL_REALTIME std::optional<AlsaCapture::Outcome> AlsaCapture::Look(Run& current, int pollError) {
+    const auto wakeUp = Clock::now();
+    const RealtimeScope realtime;
+    AlsaPcm& pcm = *current.setup.pcm;
+    // The descriptors say nothing of themselves after a wait that failed; the card is asked anyway.
+    const unsigned short events =
+        pollError != 0 ? POLLERR
+                       : pcm.Events(current.descriptors.data() + 1,
+                                    static_cast<unsigned>(current.descriptors.size() - 1));
+    const std::uint64_t before = DeliveredBuffers();
+    // What can be read is read before an error is looked at: it is not there any more afterwards.
+    int error = events != 0 ? Deliver(current) : 0;
+    if (error == 0 && (events & (POLLERR | POLLNVAL | POLLHUP)) != 0) {
+        error = pcm.StateError();
+    }
+    const auto now = Clock::now();
+    const bool delivered = DeliveredBuffers() != before;
+    if (delivered) {
+        times->Add(now - wakeUp);
+    } else if (error == 0 && now - current.lastBuffer > kMostSilence) {
+        error = IsGone(pcm.StateError()) ? -ENODEV : -ETIMEDOUT;
+    }
+    if (error < 0) {
+        return Recover(current, error);
+    }
+    if (pollError != 0 || (!delivered && ++current.vainLooks > kMostVainLooks)) {
+        current.lastPollError = pollError != 0 ? pollError : current.lastPollError;
+        ++current.pauses;
+        return Pause(current, kVainPause) ? std::optional(Outcome::Stopped) : std::nullopt;
+    }
+    return std::nullopt;
 }
 
 VORREL_REALTIME int AlsaCapture::Deliver(Run& current) {
@@ -301,77 +360,115 @@ VORREL_REALTIME int AlsaCapture::Deliver(Run& current) {
     auto* const samples = static_cast<float*>(current.samples.Data());
     const UInt32 frames = current.setup.frames;
     while (!current.stopRequested.load(std::memory_order_acquire)) {
-        for (UInt32 filled = 0; filled < frames;) {
+        while (current.filled < frames) {
             // Asked before each piece: some cards hand over what lies before the ring's end only.
             const long available = pcm.Available();
-            if (available < 0) {
+            const UInt32 missing = frames - current.filled;
+            if (available < 0 && available != -EAGAIN) {
                 return static_cast<int>(available);
             }
-            if (available < static_cast<long>(frames - filled)) {
-                return 0;  // between two pieces nothing goes away, so this is between two buffers
+            // Of a stream that has stopped every frame is taken: nothing joins it there any more.
+            if (available <= 0 || (available < static_cast<long>(missing) && !pcm.IsInRest())) {
+                return 0;
             }
             const long read =
-                pcm.Read(samples + std::size_t{filled} * current.setup.channels, frames - filled);
-            if (read == -EAGAIN || read == 0) {
+                pcm.Read(samples + std::size_t{current.filled} * current.setup.channels, missing);
+            if (read == -EAGAIN || read == -EINTR || read == 0) {
                 return 0;
             }
             if (read < 0) {
                 return static_cast<int>(read);
             }
-            filled += static_cast<UInt32>(read);
+            current.filled += static_cast<UInt32>(read);
+            current.running = current.running || !pcm.IsInRest();
         }
         const AudioBufferList list{
             1,
             {{current.setup.channels, static_cast<UInt32>(current.samples.SizeBytes()), samples}}};
-        current.restarts = 0;
+        current.filled = 0;
         std::ignore = procs.BeginCycle();  // this thread alone begins cycles
         procs.Call(&current, current.setup.device, list);
         procs.EndCycle();
         deliveredBuffers.fetch_add(1, std::memory_order_relaxed);
+        current.restarts = 0;
+        current.vainLooks = 0;
+        current.lastBuffer = Clock::now();
     }
     return 0;
 }
 
-/// @return How the run ends; nothing where it goes on.
-VORREL_REALTIME std::optional<AlsaCapture::Outcome> AlsaCapture::Recover(Run& current, int error) {
-    if (error == -EINTR || error == -EAGAIN) {
-        return std::nullopt;
-    }
-    if (++current.restarts > kMostRestarts) {
-        return Outcome::Failed;
-    }
-    if (error == -EPIPE || error == -ESTRPIPE) {
+VORREL_REALTIME void AlsaCapture::CountGap(Run& current) {
+    if (current.running) {
+        current.running = false;
         overruns.fetch_add(1, std::memory_order_relaxed);
         current.overload->Raise();
     }
-    int resumed = -ENOSYS;
-    if (error == -ESTRPIPE) {
-        while ((resumed = current.setup.pcm->Resume()) == -EAGAIN) {
-            pollfd stop{current.stopEvent, POLLIN, 0};
-            if (::poll(&stop, 1, static_cast<int>(kResumePause.count())) > 0) {
-                return std::nullopt;  // the loop sees it
-            }
+}
+
+VORREL_REALTIME bool AlsaCapture::Pause(Run& current, std::chrono::milliseconds time) {
+    pollfd stop{current.stopEvent, POLLIN, 0};
+    if (::poll(&stop, 1, static_cast<int>(time.count())) != 0) {
+        // Readable although nobody wants the end, or not to be waited on: the time itself, then.
+        if (!current.stopRequested.load(std::memory_order_acquire)) {
+            std::this_thread::sleep_for(time);
         }
     }
-    if (resumed >= 0 && current.setup.pcm->StateError() == 0) {
-        return std::nullopt;
+    return current.stopRequested.load(std::memory_order_acquire);
+}
+
+VORREL_REALTIME bool AlsaCapture::Resume(Run& current) {
+    int resumed = current.setup.pcm->Resume();
+    for (unsigned tries = 0; resumed == -EAGAIN && tries < kMostResumes; ++tries) {
+        if (Pause(current, kRestartPause)) {
+            return true;  // the loop sees it
+        }
+        resumed = current.setup.pcm->Resume();
+    }
+    return resumed >= 0 && current.setup.pcm->StateError() == 0;
+}
+
+VORREL_REALTIME std::optional<AlsaCapture::Outcome> AlsaCapture::Recover(Run& current, int error) {
+    AlsaPcm& pcm = *current.setup.pcm;
+    current.lastError = error;
+    if (error == -ESTRPIPE) {
+        CountGap(current);
+        if (++current.restarts <= kMostRestarts && Resume(current)) {
+            return std::nullopt;
+        }
+    } else if (error == -ETIMEDOUT) {
+        pcm.Drop();  // it may run: only what stands still can be read to its end, and prepared
+    }
+    const bool silentAgain = error == -ETIMEDOUT && current.restarts > 0;
+    pcm.KeepRest();
+    std::ignore = Deliver(current);
+    if (IsGone(error)) {
+        return Outcome::Gone;
+    }
+    if (current.stopRequested.load(std::memory_order_acquire)) {
+        return Outcome::Stopped;
+    }
+    if (!silentAgain) {
+        CountGap(current);  // a card that has given nothing since has no further gap
     }
     // Tried again here: a card that is prepared and does not start never wakes the loop.
-    for (int started = current.setup.pcm->Start(); started < 0;
-         started = current.setup.pcm->Start()) {
-        if (IsGone(started)) {
-            return Outcome::Gone;
-        }
+    for (;;) {
         if (++current.restarts > kMostRestarts) {
             return Outcome::Failed;
         }
-        pollfd stop{current.stopEvent, POLLIN, 0};
-        if (::poll(&stop, 1, static_cast<int>(kResumePause.count())) > 0 &&
-            current.stopRequested.load(std::memory_order_acquire)) {
+        const int started = pcm.Start();
+        if (started >= 0) {
+            current.running = true;
+            current.lastBuffer = Clock::now();
+            return std::nullopt;
+        }
+        current.lastError = started;
+        if (IsGone(started)) {
+            return Outcome::Gone;
+        }
+        if (Pause(current, kRestartPause)) {
             return Outcome::Stopped;
         }
     }
-    return std::nullopt;
 }
 
 }  // namespace vorrel

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -28,9 +29,11 @@ struct CaptureSetup {
 
 /// The IO procs of a card and its IO thread ("AlsaCapture"), which lives from the first start to
 /// `Close`. A run begins with the first proc that is started and ends with the last that is
-/// stopped, or with the card. Overruns of the ring and suspensions are recovered, counted and
-/// reported as processor overloads. Any thread may call, an IO proc and a listener too. Always held
-/// by a shared pointer: the IO thread holds it as well.
+/// stopped, or with the card. A stream that stops by itself (the ring has run over, the machine was
+/// suspended, the driver gave up) is started again; each such stop is counted and reported as one
+/// processor overload, and what its ring still holds is delivered first where it is mapped. Buffers
+/// are always whole: one that a gap falls into is filled up from behind it. Any thread may call, an
+/// IO proc and a listener too. Always held by a shared pointer: the IO thread holds it as well.
 class AlsaCapture : public std::enable_shared_from_this<AlsaCapture> {
 public:
     enum class Ending {
@@ -69,7 +72,7 @@ public:
 
     /// Until the IO thread has given the card back.
     bool IsRunning() VORREL_EXCLUDES(mutex);
-    /// Gaps in the captured stream since it was made.
+    /// Gaps in the captured stream since it was made: stops that nobody asked for.
     std::uint64_t Overruns() const { return overruns.load(std::memory_order_relaxed); }
     std::uint64_t DeliveredBuffers() const {
         return deliveredBuffers.load(std::memory_order_relaxed);
@@ -85,10 +88,21 @@ private:
     /// Starts the card, tells whoever waits in `Begin`, captures.
     Outcome Capture(Run& current) VORREL_EXCLUDES(mutex);
     VORREL_REALTIME Outcome Loop(Run& current);
+    /// One look at the card after it woke the thread, or should have.
+    /// @param pollError  Of the wait, else 0. @return How the run ends; nothing where it goes on.
+    VORREL_REALTIME std::optional<Outcome> Look(Run& current, int pollError);
     /// Delivers every whole buffer that is there. @return 0, or the error that came in between.
     VORREL_REALTIME int Deliver(Run& current);
-    /// @return Whether capturing goes on.
+    /// Starts a stream again that does not go on. @return How the run ends; nothing where it goes
+    /// on.
     VORREL_REALTIME std::optional<Outcome> Recover(Run& current, int error);
+    /// @return Whether the card goes on where it was suspended.
+    VORREL_REALTIME bool Resume(Run& current);
+    VORREL_REALTIME void CountGap(Run& current);
+    /// Waits, so that nothing goes round without a pause. @return Whether the run shall end.
+    VORREL_REALTIME bool Pause(Run& current, std::chrono::milliseconds time);
+    /// After the run, when traces may be written.
+    void TraceRun(const Run& current, Outcome outcome);
     void ReportStart(Run& current, int error) VORREL_EXCLUDES(mutex);
     void RequestEnd() VORREL_REQUIRES(mutex);
     void WaitForEnd(const std::shared_ptr<Run>& ending) VORREL_EXCLUDES(mutex);
@@ -102,7 +116,8 @@ private:
     Mutex mutex;                   // never taken by the IO thread within a run
     ConditionVariable threadWake;  // a run begins, or the end
     ConditionVariable runChanged;  // a run has started, failed or ended
-    std::function<void(Ending)> ended VORREL_GUARDED_BY(mutex);
+    // Shared, so that the IO thread takes its own without an allocation.
+    std::shared_ptr<const std::function<void(Ending)>> ended VORREL_GUARDED_BY(mutex);
     std::shared_ptr<Run> run VORREL_GUARDED_BY(mutex);  // until its IO thread is through with it
     bool closing VORREL_GUARDED_BY(mutex) = false;
     std::thread thread VORREL_GUARDED_BY(mutex);

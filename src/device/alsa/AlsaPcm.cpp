@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <new>
 #include <string>
 #include <tuple>
 
@@ -14,6 +15,7 @@ namespace {
 
 /// A late IO thread loses nothing for so long, where the card grants it.
 constexpr unsigned kRingSeconds = 1;
+constexpr std::size_t kBitsPerByte = 8;
 /// Cards with more channels are not recorders.
 constexpr unsigned kMostChannels = 32;
 
@@ -154,6 +156,9 @@ int AlsaPcm::PeriodRange(const PcmFormat& format, FrameRange& range) {
         error < 0) {
         return error;
     }
+    if (direction < 0 && most > 0) {
+        --most;  // and here a little less
+    }
     if (const int error = snd_pcm_hw_params_get_buffer_size_max(parameters.Get(), &ring);
         error < 0) {
         return error;
@@ -200,6 +205,28 @@ int AlsaPcm::Configure(const PcmFormat& format, std::uint32_t frames) {
     if (const int error = snd_pcm_hw_params(pcm, parameters.Get()); error < 0) {
         return error;
     }
+    if (const int error = SetSoftware(frames, ring); error < 0) {
+        Free();
+        return error;
+    }
+    mapped = useMap;
+    ringFrames = static_cast<std::uint32_t>(ring);
+    channels = format.channels;
+    frameBytes = ContainerBytes(format.layout) * format.channels;
+    convert = ConverterOf(format.layout);
+    raw.reset();
+    if (!mapped) {
+        try {
+            raw = std::make_unique<LockedBuffer>(std::size_t{frames} * frameBytes);
+        } catch (const std::bad_alloc&) {
+            Free();
+            return -ENOMEM;
+        }
+    }
+    return 0;
+}
+
+int AlsaPcm::SetSoftware(std::uint32_t frames, unsigned long ring) {
     std::vector<std::uint8_t> storage(snd_pcm_sw_params_sizeof());
     auto* software = reinterpret_cast<snd_pcm_sw_params_t*>(storage.data());
     snd_pcm_uframes_t boundary = 0;
@@ -220,29 +247,43 @@ int AlsaPcm::Configure(const PcmFormat& format, std::uint32_t frames) {
     if (error == 0) {
         error = snd_pcm_sw_params(pcm, software);
     }
-    if (error < 0) {
-        Free();
-        return error;
-    }
-    mapped = useMap;
-    ringFrames = static_cast<std::uint32_t>(ring);
-    channels = format.channels;
-    frameBytes = ContainerBytes(format.layout) * format.channels;
-    convert = ConverterOf(format.layout);
-    raw.assign(mapped ? 0 : std::size_t{frames} * frameBytes, 0);
-    return 0;
+    return error;
 }
 
 void AlsaPcm::Free() {
     ringFrames = 0;
+    ringBytes = nullptr;
     std::ignore = snd_pcm_hw_free(pcm);  // refused where nothing is set
 }
 
 int AlsaPcm::Start() {
+    inRest = false;
     if (const int error = snd_pcm_prepare(pcm); error < 0) {
         return error;
     }
-    return snd_pcm_start(pcm);
+    if (mapped) {
+        if (const int error = FindRing(); error < 0) {
+            return error;
+        }
+    }
+    if (const int error = snd_pcm_start(pcm); error < 0) {
+        return error;
+    }
+    // One that is prepared still would never wake anybody.
+    return StateError() == -EBADFD ? -EIO : 0;
+}
+
+int AlsaPcm::FindRing() {
+    const snd_pcm_channel_area_t* areas = nullptr;
+    snd_pcm_uframes_t offset = 0;
+    snd_pcm_uframes_t none = 0;
+    if (const int error = snd_pcm_mmap_begin(pcm, &areas, &offset, &none); error < 0) {
+        return error;
+    }
+    ringBytes = static_cast<const std::uint8_t*>(areas->addr) + areas->first / kBitsPerByte;
+    stepBytes = areas->step / kBitsPerByte;
+    nextFrame = static_cast<std::uint32_t>(offset);
+    return 0;
 }
 
 void AlsaPcm::Drop() {
@@ -250,12 +291,16 @@ void AlsaPcm::Drop() {
 }
 
 int AlsaPcm::Resume() {
-    return snd_pcm_resume(pcm);
+    const int error = snd_pcm_resume(pcm);
+    return error >= 0 && StateError() == -ESTRPIPE ? -EAGAIN : error;
 }
 
 std::vector<pollfd> AlsaPcm::PollDescriptors() {
     const int count = snd_pcm_poll_descriptors_count(pcm);
-    std::vector<pollfd> descriptors(count > 0 ? static_cast<std::size_t>(count) : 0);
+    if (count <= 0) {
+        return {};
+    }
+    std::vector<pollfd> descriptors(static_cast<std::size_t>(count));
     const int filled = snd_pcm_poll_descriptors(pcm, descriptors.data(),
                                                 static_cast<unsigned>(descriptors.size()));
     descriptors.resize(filled > 0 ? static_cast<std::size_t>(filled) : 0);
@@ -285,18 +330,53 @@ VORREL_REALTIME int AlsaPcm::StateError() {
     }
 }
 
+VORREL_REALTIME void AlsaPcm::KeepRest() {
+    inRest = true;
+    restFrames = 0;
+    // What a read call would fetch lies in the driver, which gives it out no more.
+    if (!mapped || ringBytes == nullptr) {
+        return;
+    }
+    long left = snd_pcm_avail_update(pcm);
+    if (left < 0) {
+        // After an overrun it tells nothing but that; the driver still knows how far it got.
+        snd_pcm_status_t* status = nullptr;
+        snd_pcm_status_alloca(&status);
+        if (snd_pcm_status(pcm, status) < 0) {
+            return;
+        }
+        left = static_cast<long>(snd_pcm_status_get_avail(status));
+    }
+    const auto unread = static_cast<std::uint64_t>(std::max(left, 0L));
+    const std::uint64_t overwritten = unread > ringFrames ? unread - ringFrames : 0;
+    nextFrame = static_cast<std::uint32_t>((nextFrame + overwritten) % ringFrames);
+    restFrames = static_cast<std::uint32_t>(unread - overwritten);
+}
+
 VORREL_REALTIME long AlsaPcm::Available() {
-    return snd_pcm_avail_update(pcm);
+    return inRest ? static_cast<long>(restFrames) : snd_pcm_avail_update(pcm);
+}
+
+VORREL_REALTIME std::uint32_t AlsaPcm::ReadRest(std::uint8_t* floats, std::uint32_t frames) {
+    const std::uint32_t count = std::min({frames, restFrames, ringFrames - nextFrame});
+    convert(floats, ringBytes + nextFrame * stepBytes, std::size_t{count} * channels);
+    nextFrame = (nextFrame + count) % ringFrames;
+    restFrames -= count;
+    return count;
 }
 
 VORREL_REALTIME long AlsaPcm::Read(float* out, std::uint32_t frames) {
     auto* floats = reinterpret_cast<std::uint8_t*>(out);
+    if (inRest) {
+        return ReadRest(floats, frames);
+    }
     if (!mapped) {
+        auto* const bytes = static_cast<std::uint8_t*>(raw->Data());
         const std::uint32_t room =
-            std::min(frames, static_cast<std::uint32_t>(raw.size() / frameBytes));
-        const snd_pcm_sframes_t count = snd_pcm_readi(pcm, raw.data(), room);
+            std::min(frames, static_cast<std::uint32_t>(raw->SizeBytes() / frameBytes));
+        const snd_pcm_sframes_t count = snd_pcm_readi(pcm, bytes, room);
         if (count > 0) {
-            convert(floats, raw.data(), static_cast<std::size_t>(count) * channels);
+            convert(floats, bytes, static_cast<std::size_t>(count) * channels);
         }
         return count;
     }
@@ -306,11 +386,13 @@ VORREL_REALTIME long AlsaPcm::Read(float* out, std::uint32_t frames) {
     if (const int error = snd_pcm_mmap_begin(pcm, &areas, &offset, &count); error < 0) {
         return error;
     }
-    constexpr std::size_t kBitsPerByte = 8;
-    const auto* from = static_cast<const std::uint8_t*>(areas->addr) + areas->first / kBitsPerByte +
-                       offset * (areas->step / kBitsPerByte);
-    convert(floats, from, count * channels);
-    return snd_pcm_mmap_commit(pcm, offset, count);
+    convert(floats, ringBytes + offset * stepBytes, count * channels);
+    const snd_pcm_sframes_t taken = snd_pcm_mmap_commit(pcm, offset, count);
+    if (taken > 0) {
+        nextFrame = static_cast<std::uint32_t>((offset + static_cast<snd_pcm_uframes_t>(taken)) %
+                                               ringFrames);
+    }
+    return taken;
 }
 
 }  // namespace vorrel

@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -207,7 +208,6 @@ private:
             ++calls;
             changed.NotifyAll();
         }
-        calls.notify_all();
         if (onCall) {
             onCall();
         }
@@ -220,18 +220,29 @@ private:
     std::vector<float> collected VORREL_GUARDED_BY(mutex);
 };
 
+/// Waits until `holds`, which is asked again and again; a failure after a minute.
+inline void Await(const std::function<bool()>& holds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    Mutex mutex;
+    ConditionVariable nobody;
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << "waited in vain";
+            return;
+        }
+        const MutexLock lock(mutex);
+        nobody.WaitFor(mutex, std::chrono::milliseconds(1));
+    }
+}
+
 /// Counts the calls of a listener.
 struct CountingListener {
     static OSStatus Proc(AudioObjectID, UInt32, const AudioObjectPropertyAddress*, void* self) {
-        auto& calls = static_cast<CountingListener*>(self)->calls;
-        ++calls;
-        calls.notify_all();
+        ++static_cast<CountingListener*>(self)->calls;
         return 0;
     }
     void Await(int count) const {
-        for (int now = calls.load(); now < count; now = calls.load()) {
-            calls.wait(now);
-        }
+        test::Await([&] { return calls >= count; });
     }
     std::atomic<int> calls{0};
 };

@@ -9,6 +9,8 @@ namespace vorrel::test {
 
 /// Frames that an overrun on command takes out of the stream.
 inline constexpr std::uint64_t kGapFrames = 1'000;
+/// Frames that the card writes over the oldest in a full ring before it notices that nobody reads.
+inline constexpr std::uint64_t kOverwrittenFrames = 100;
 
 /// A test's card, in a file that the test and the plug-in share. Numbers of formats are
 /// libasound's.
@@ -27,26 +29,40 @@ struct TestCardState {
     double speed = 1.0;
 
     // What happens to it.
-    std::atomic<std::uint32_t> overruns{0};       ///< so many are still to come, one at a look
-    std::atomic<std::uint32_t> suspensions{0};    ///< the same
-    std::atomic<std::uint32_t> disconnected{0};   ///< 1: unplugged
-    std::atomic<std::uint64_t> unplugAtFrame{0};  ///< unplugs itself when it has got there
-    std::atomic<std::int32_t> openError{0};       ///< error numbers that calls answer
+    std::atomic<std::uint32_t> overruns{0};          ///< so many are still to come, one at a look
+    std::atomic<std::uint32_t> suspensions{0};       ///< the same
+    std::atomic<std::uint32_t> disconnected{0};      ///< 1: unplugged
+    std::atomic<std::uint64_t> unplugAtFrame{0};     ///< unplugs itself when it has got there
+    std::atomic<std::uint32_t> resumable{0};         ///< 1: goes on where it was suspended
+    std::atomic<std::uint32_t> resumesToRefuse{0};   ///< so many "not yet" before
+    std::atomic<std::uint32_t> overrunsAtResume{0};  ///< so many resumes are followed by one
+    std::atomic<std::uint32_t> silentStarts{0};      ///< so many starts are followed by nothing
+    std::atomic<std::uint32_t> unpreparedStarts{0};  ///< the same, and it is prepared only
+    std::atomic<std::uint32_t> vainErrors{0};   ///< 1: every look tells an error that there is not
+    std::atomic<std::uint32_t> vainWakeUps{0};  ///< 1: it is always ready, with nothing to read
+    std::atomic<std::uint32_t> unwaitable{0};   ///< 1: no descriptor to wait on
+    std::atomic<std::int32_t> openError{0};     ///< error numbers that calls answer
+    std::atomic<std::uint32_t> openErrors{0};   ///< so many opens answer it; 0: all
     std::atomic<std::int32_t> parametersError{0};
+    std::atomic<std::int32_t> prepareError{0};
     std::atomic<std::int32_t> startError{0};
+    std::atomic<std::int32_t> stopError{0};  ///< stops the stream once
 
     // What it has seen.
     std::atomic<std::uint32_t> opens{0};
     std::atomic<std::uint32_t> closes{0};
     std::atomic<std::uint32_t> parameterCalls{0};
     std::atomic<std::uint32_t> frees{0};
+    std::atomic<std::uint32_t> prepares{0};
     std::atomic<std::uint32_t> starts{0};
+    std::atomic<std::uint32_t> resumes{0};
     std::atomic<std::uint32_t> stops{0};
     std::atomic<std::uint32_t> lateReaders{0};  ///< overruns because nobody read in time
     std::atomic<std::uint32_t> looks{0};        ///< polls that were looked at
     std::atomic<std::uint32_t> rateHz{0};
     std::atomic<std::uint32_t> format{0};
     std::atomic<std::uint32_t> channels{0};
+    std::atomic<std::uint64_t> brokenOff{0};  ///< the stream's next frame when it stopped by itself
     std::atomic<std::uint32_t> periodFrames{0};
     std::atomic<std::uint32_t> ringFrames{0};
 };

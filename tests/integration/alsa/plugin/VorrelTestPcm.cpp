@@ -18,6 +18,7 @@
 namespace {
 
 using vorrel::test::kGapFrames;
+using vorrel::test::kOverwrittenFrames;
 using vorrel::test::TestCardState;
 using vorrel::test::TestSample;
 
@@ -26,9 +27,13 @@ struct Card {
     TestCardState* state = nullptr;
     int file = -1;  // its lock is the card's: one opener at a time
     int timer = -1;
-    std::uint64_t firstFrame = 0;  // of this start
-    std::int64_t startTime = 0;    // nanoseconds
+    std::uint64_t firstFrame = 0;      // of this start
+    std::uint64_t nextFirstFrame = 0;  // of the next one, where that is known
+    std::int64_t startTime = 0;        // nanoseconds
     bool running = false;
+    bool unprepared = false;                       // of this start nothing comes
+    const snd_pcm_channel_area_t* ring = nullptr;  // mapped, once the library has shown it
+    std::uint64_t written = 0;                     // frames since this start that the ring has got
 };
 
 Card& CardOf(snd_pcm_ioplug_t* io) {
@@ -57,6 +62,17 @@ bool IsGone(Card& card) {
         state.disconnected = 1;
     }
     return state.disconnected.load() != 0;
+}
+
+/// From here on the stream goes on where it got to.
+void HoldTime(Card& card) {
+    const double framesPerSecond = static_cast<double>(card.io.rate) * card.state->speed;
+    card.startTime = Now() - static_cast<std::int64_t>(static_cast<double>(card.io.hw_ptr) /
+                                                       framesPerSecond * 1e9);
+}
+
+bool IsVain(const Card& card) {
+    return card.state->vainErrors != 0 || card.state->vainWakeUps != 0;
 }
 
 bool TakeOne(std::atomic<std::uint32_t>& count) {
@@ -90,8 +106,13 @@ int Start(snd_pcm_ioplug_t* io) {
         return -error;
     }
     card.startTime = Now();
-    card.running = true;
+    card.written = 0;
     ++card.state->starts;
+    card.unprepared = TakeOne(card.state->unpreparedStarts);
+    if (TakeOne(card.state->silentStarts)) {
+        return 0;
+    }
+    card.running = true;
     SetTimer(card, true);
     return 0;
 }
@@ -104,11 +125,41 @@ int Stop(snd_pcm_ioplug_t* io) {
     return 0;
 }
 
-/// The stream goes on behind the gap when it starts again.
-snd_pcm_sframes_t Overrun(Card& card, std::uint64_t position) {
-    card.firstFrame += position + kGapFrames;
+void WriteFrame(const Card& card, const snd_pcm_channel_area_t* areas, std::uint64_t at,
+                std::uint64_t frame) {
+    const auto bytes = static_cast<std::size_t>(snd_pcm_format_physical_width(card.io.format)) / 8;
+    const auto bits = static_cast<unsigned>(snd_pcm_format_width(card.io.format));
+    for (unsigned channel = 0; channel < card.io.channels; ++channel) {
+        const snd_pcm_channel_area_t& area = areas[channel];
+        auto* out = static_cast<std::uint8_t*>(area.addr) + (area.first + at * area.step) / 8;
+        const std::uint32_t sample =
+            TestSample(card.firstFrame + frame, channel, card.io.channels) >> (32 - bits);
+        for (std::size_t byte = 0; byte < bytes; ++byte) {
+            // What lies above the bits of a sample is anything.
+            out[byte] = byte * 8 < bits ? static_cast<std::uint8_t>(sample >> (8 * byte)) : 0xA5;
+        }
+    }
+}
+
+/// As a card does it: on and on, over what nobody has read.
+void FillRing(Card& card, std::uint64_t to) {
+    const std::uint64_t ringFrames = card.io.buffer_size;
+    std::uint64_t frame = std::max(card.written, to > ringFrames ? to - ringFrames : 0);
+    for (; card.ring != nullptr && frame < to; ++frame) {
+        WriteFrame(card, card.ring, frame % ringFrames, frame);
+    }
+    card.written = std::max(card.written, to);
+}
+
+/// The stream breaks off at that frame of this start. @param next  With which it goes on.
+snd_pcm_sframes_t BreakOff(Card& card, std::uint64_t position, std::uint64_t next,
+                           snd_pcm_state_t state) {
+    FillRing(card, position);
+    card.nextFirstFrame = card.firstFrame + next;
+    card.state->brokenOff = card.firstFrame + position;
     card.running = false;
-    return -EPIPE;
+    snd_pcm_ioplug_set_state(&card.io, state);
+    return static_cast<snd_pcm_sframes_t>(position);
 }
 
 snd_pcm_sframes_t Pointer(snd_pcm_ioplug_t* io) {
@@ -116,39 +167,42 @@ snd_pcm_sframes_t Pointer(snd_pcm_ioplug_t* io) {
     if (!card.running) {
         return static_cast<snd_pcm_sframes_t>(io->hw_ptr);
     }
-    if (IsGone(card)) {
-        snd_pcm_ioplug_set_state(io, SND_PCM_STATE_DISCONNECTED);
-        return -ENODEV;
+    if (IsVain(card)) {
+        HoldTime(card);
+        return static_cast<snd_pcm_sframes_t>(io->hw_ptr);
     }
     const std::uint64_t position = Position(card);
+    if (IsGone(card)) {
+        return BreakOff(card, position, position, SND_PCM_STATE_DISCONNECTED);
+    }
+    if (card.state->stopError.exchange(0) != 0) {
+        return BreakOff(card, position, position, SND_PCM_STATE_SETUP);
+    }
     if (TakeOne(card.state->overruns)) {
-        return Overrun(card, io->appl_ptr);
+        return BreakOff(card, position, position + kGapFrames, SND_PCM_STATE_XRUN);
     }
     if (position - io->appl_ptr > io->buffer_size) {
         ++card.state->lateReaders;
-        return Overrun(card, position);
+        return BreakOff(card, io->appl_ptr + io->buffer_size + kOverwrittenFrames, position,
+                        SND_PCM_STATE_XRUN);
     }
+    FillRing(card, position);
     return static_cast<snd_pcm_sframes_t>(position);
 }
 
 snd_pcm_sframes_t Transfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t* areas,
                            snd_pcm_uframes_t offset, snd_pcm_uframes_t size) {
     Card& card = CardOf(io);
-    const auto bytes = static_cast<std::size_t>(snd_pcm_format_physical_width(io->format)) / 8;
-    const auto bits = static_cast<unsigned>(snd_pcm_format_width(io->format));
-    for (unsigned channel = 0; channel < io->channels; ++channel) {
-        const snd_pcm_channel_area_t& area = areas[channel];
-        auto* out = static_cast<std::uint8_t*>(area.addr) + (area.first + offset * area.step) / 8;
-        for (snd_pcm_uframes_t frame = 0; frame < size; ++frame, out += area.step / 8) {
-            const std::uint32_t sample =
-                TestSample(card.firstFrame + io->appl_ptr + frame, channel, io->channels) >>
-                (32 - bits);
-            for (std::size_t byte = 0; byte < bytes; ++byte) {
-                // What lies above the bits of a sample is anything.
-                out[byte] =
-                    byte * 8 < bits ? static_cast<std::uint8_t>(sample >> (8 * byte)) : 0xA5;
-            }
+    if (io->access == SND_PCM_ACCESS_MMAP_INTERLEAVED) {
+        if (card.ring == nullptr) {
+            card.ring = areas;
+            card.written = 0;
+            FillRing(card, io->hw_ptr);
         }
+        return static_cast<snd_pcm_sframes_t>(size);
+    }
+    for (snd_pcm_uframes_t frame = 0; frame < size; ++frame) {
+        WriteFrame(card, areas, offset + frame, io->appl_ptr + frame);
     }
     return static_cast<snd_pcm_sframes_t>(size);
 }
@@ -178,7 +232,8 @@ int SetParameters(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
     state.channels = io->channels;
     state.periodFrames = static_cast<std::uint32_t>(io->period_size);
     state.ringFrames = static_cast<std::uint32_t>(io->buffer_size);
-    card.firstFrame = 0;
+    card.nextFirstFrame = 0;
+    card.ring = nullptr;
     return 0;
 }
 
@@ -189,7 +244,47 @@ int FreeParameters(snd_pcm_ioplug_t* io) {
 
 int Prepare(snd_pcm_ioplug_t* io) {
     Card& card = CardOf(io);
-    return IsGone(card) ? -ENODEV : 0;
+    if (IsGone(card)) {
+        return -ENODEV;
+    }
+    ++card.state->prepares;
+    if (const int error = card.state->prepareError.load(); error != 0) {
+        return -error;
+    }
+    card.firstFrame = card.nextFirstFrame;
+    return 0;
+}
+
+int Resume(snd_pcm_ioplug_t* io) {
+    Card& card = CardOf(io);
+    ++card.state->resumes;
+    // The library takes no answer of a plug-in here; the state tells what became of it.
+    if (TakeOne(card.state->resumesToRefuse)) {
+        return 0;
+    }
+    if (card.state->resumable == 0) {
+        snd_pcm_ioplug_set_state(io, SND_PCM_STATE_SETUP);
+        return 0;
+    }
+    if (TakeOne(card.state->overrunsAtResume)) {
+        ++card.state->overruns;
+    }
+    HoldTime(card);
+    card.running = true;
+    snd_pcm_ioplug_set_state(io, SND_PCM_STATE_RUNNING);
+    return 0;
+}
+
+int DescriptorCount(snd_pcm_ioplug_t* io) {
+    return CardOf(io).state->unwaitable != 0 ? 0 : 1;
+}
+
+int Descriptors(snd_pcm_ioplug_t* io, pollfd* descriptors, unsigned space) {
+    if (space < 1 || CardOf(io).state->unwaitable != 0) {
+        return 0;
+    }
+    descriptors[0] = {CardOf(io).timer, POLLIN, 0};
+    return 1;
 }
 
 int PollEvents(snd_pcm_ioplug_t* io, pollfd* descriptors, unsigned count, unsigned short* events) {
@@ -199,9 +294,16 @@ int PollEvents(snd_pcm_ioplug_t* io, pollfd* descriptors, unsigned count, unsign
     if (count < 1 || (descriptors[0].revents & POLLIN) == 0) {
         return 0;
     }
+    if (IsVain(card)) {
+        HoldTime(card);  // and the timer stays readable
+        *events = card.state->vainErrors != 0 ? POLLERR : POLLIN;
+        return 0;
+    }
     if (IsGone(card)) {
         // The timer stays readable: who does not stop now goes round for ever.
-        snd_pcm_ioplug_set_state(io, SND_PCM_STATE_DISCONNECTED);
+        if (card.running) {
+            BreakOff(card, io->hw_ptr, io->hw_ptr, SND_PCM_STATE_DISCONNECTED);
+        }
         *events = POLLERR | POLLNVAL;
         return 0;
     }
@@ -209,9 +311,14 @@ int PollEvents(snd_pcm_ioplug_t* io, pollfd* descriptors, unsigned count, unsign
     if (::read(card.timer, &ticks, sizeof ticks) < 0) {
         return 0;
     }
+    if (card.unprepared) {
+        card.running = false;
+        snd_pcm_ioplug_set_state(io, SND_PCM_STATE_PREPARED);
+        SetTimer(card, false);
+        return 0;
+    }
     if (TakeOne(card.state->suspensions)) {
-        Overrun(card, io->appl_ptr);
-        snd_pcm_ioplug_set_state(io, SND_PCM_STATE_SUSPENDED);
+        BreakOff(card, io->hw_ptr, io->hw_ptr + kGapFrames, SND_PCM_STATE_SUSPENDED);
         *events = POLLERR;
         return 0;
     }
@@ -229,6 +336,9 @@ const snd_pcm_ioplug_callback_t kCallbacks = [] {
     callbacks.hw_params = &SetParameters;
     callbacks.hw_free = &FreeParameters;
     callbacks.prepare = &Prepare;
+    callbacks.resume = &Resume;
+    callbacks.poll_descriptors_count = &DescriptorCount;
+    callbacks.poll_descriptors = &Descriptors;
     callbacks.poll_revents = &PollEvents;
     return callbacks;
 }();
@@ -279,6 +389,9 @@ int OpenCard(snd_pcm_t** pcm, const char* name, const std::string& path, snd_pcm
         error = -ENODEV;
     } else if (card->state->openError.load() != 0) {
         error = -card->state->openError.load();
+        if (TakeOne(card->state->openErrors) && card->state->openErrors == 0) {
+            card->state->openError = 0;
+        }
     } else if (::flock(card->file, LOCK_EX | LOCK_NB) != 0) {
         error = -EBUSY;
     }
