@@ -206,14 +206,22 @@ OSStatus AlsaDevice::OpenPcm(std::shared_ptr<AlsaPcm>& pcm) {
     const int error = AlsaPcm::Open(card.number, *card.captureDevice, opened);
     if (error < 0) {
         TraceRefusal(error);
-        if (IsGone(error)) {
-            GoAway(false);
-        }
-        return StatusOf(error);
+        return RefusalStatus(error);
     }
     pcm = std::move(opened);
     latest = pcm;
     return kAudioHardwareNoError;
+}
+
+OSStatus AlsaDevice::RefusalStatus(int error) {
+    if (!MayBeGone(error)) {
+        return StatusOf(error);
+    }
+    if (!card.systemPath.empty() && ::access(card.systemPath.c_str(), F_OK) == 0) {
+        return kAudioHardwareUnspecifiedError;
+    }
+    GoAway(false);
+    return kAudioHardwareBadDeviceError;
 }
 
 void AlsaDevice::TraceRefusal(int error) {
@@ -236,7 +244,7 @@ void AlsaDevice::TraceRefusal(int error) {
 
 void AlsaDevice::LearnFormats() {
     const MutexLock working(operation);
-    if (formatsKnown || !card.captureDevice.has_value() || !IsPlugged()) {
+    if (formatsKnown || !card.captureDevice.has_value() || !IsPlugged() || capture->IsRunning()) {
         return;
     }
     std::shared_ptr<AlsaPcm> pcm = held != nullptr ? held : latest.lock();
@@ -260,6 +268,10 @@ void AlsaDevice::LearnFormats() {
 }
 
 void AlsaDevice::TakeFormats(AlsaPcm& pcm) {
+    // No run begins meanwhile: that takes the operation as well.
+    if (formatsKnown || capture->IsRunning()) {
+        return;
+    }
     std::vector<OfferedFormat> granted = OfferFormats(pcm.Formats(), card.formats);
     PcmFormat inForce;
     bool stays = false;
@@ -347,9 +359,7 @@ OSStatus AlsaDevice::WriteHogMode(pid_t processId) {
         reservation.Release();
         return status;
     }
-    if (!formatsKnown) {
-        TakeFormats(*pcm);
-    }
+    TakeFormats(*pcm);
     held = std::move(pcm);
     const MutexLock lock(mutex);
     hogged = true;
@@ -366,38 +376,50 @@ OSStatus AlsaDevice::WriteBufferFrames(UInt32 frames) {
     return kAudioHardwareNoError;
 }
 
+UInt32 AlsaDevice::BufferFrames() {
+    const MutexLock lock(mutex);
+    return bufferFrames;
+}
+
+OSStatus AlsaDevice::Configure(AlsaPcm& pcm, const PcmFormat& wanted, UInt32 frames) {
+    const int error = pcm.Configure(wanted, frames);
+    if (error >= 0) {
+        return kAudioHardwareNoError;
+    }
+    const std::string reason = std::generic_category().message(-error);
+    Trace(__FILE__, __LINE__, "card %d (%s): %u Hz in %u bytes are refused: %s", card.number,
+          card.name.c_str(), wanted.rateHz, ContainerBytes(wanted.layout), reason.c_str());
+    return RefusalStatus(error);
+}
+
 OSStatus AlsaDevice::WriteFormat(const AudioStreamBasicDescription& wanted) {
     if (capture->IsRunning()) {
         return kAudioHardwareIllegalOperationError;
     }
-    std::optional<PcmFormat> chosen;
-    UInt32 frames = 0;
-    {
+    const auto choose = [&] {
         const MutexLock lock(mutex);
-        chosen = FindFormat(offered, wanted);
-        frames = bufferFrames;
+        return FindFormat(offered, wanted);
+    };
+    std::optional<PcmFormat> chosen = choose();
+    std::shared_ptr<AlsaPcm> pcm;
+    if (chosen.has_value() || !formatsKnown) {
+        if (const OSStatus status = OpenPcm(pcm); status != kAudioHardwareNoError) {
+            return status;
+        }
+        TakeFormats(*pcm);
+        chosen = choose();
     }
     if (!chosen.has_value()) {
         return kAudioDeviceUnsupportedFormatError;
-    }
-    std::shared_ptr<AlsaPcm> pcm;
-    if (const OSStatus status = OpenPcm(pcm); status != kAudioHardwareNoError) {
-        return status;
     }
     AlsaPcm::FrameRange range{1, kMostBufferFrames};
     if (const OSStatus status = FrameRangeOf(*pcm, *chosen, range);
         status != kAudioHardwareNoError) {
         return status;
     }
-    frames = std::clamp(frames, range.minimum, range.maximum);
-    if (const int error = pcm->Configure(*chosen, frames); error < 0) {
-        const std::string reason = std::generic_category().message(-error);
-        Trace(__FILE__, __LINE__, "card %d (%s): %u Hz in %u bytes are refused: %s", card.number,
-              card.name.c_str(), chosen->rateHz, ContainerBytes(chosen->layout), reason.c_str());
-        if (IsGone(error)) {
-            GoAway(false);
-        }
-        return StatusOf(error);
+    const UInt32 frames = std::clamp(BufferFrames(), range.minimum, range.maximum);
+    if (const OSStatus status = Configure(*pcm, *chosen, frames); status != kAudioHardwareNoError) {
+        return status;
     }
     const MutexLock lock(mutex);
     format = {*chosen, {wanted, {wanted.mSampleRate, wanted.mSampleRate}}};
@@ -436,7 +458,6 @@ OSStatus AlsaDevice::Start(AudioObjectID device, AudioDeviceIOProcID id) {
     if (device != deviceId) {
         return kAudioHardwareBadObjectError;
     }
-    LearnFormats();
     for (;;) {
         if (const OSStatus status = CheckObject(device); status != kAudioHardwareNoError) {
             return status;
@@ -446,27 +467,29 @@ OSStatus AlsaDevice::Start(AudioObjectID device, AudioDeviceIOProcID id) {
             return *joined;
         }
         const MutexLock working(operation);
+        if (capture->IsRunning()) {
+            continue;
+        }
         CaptureSetup setup;
+        if (const OSStatus status = OpenPcm(setup.pcm); status != kAudioHardwareNoError) {
+            return status;
+        }
+        // The last moment at which they can be learned: while it captures nobody else asks the PCM.
+        TakeFormats(*setup.pcm);
         PcmFormat wanted;
         {
             const MutexLock lock(mutex);
             wanted = format.pcm;
-            setup = {deviceId, nullptr, wanted.channels, bufferFrames};
+            setup.device = deviceId;
+            setup.channels = wanted.channels;
+            setup.frames = bufferFrames;
         }
         if (wanted.channels == 0) {
             return kAudioDeviceUnsupportedFormatError;
         }
-        if (capture->IsRunning()) {
-            continue;
-        }
-        if (const OSStatus status = OpenPcm(setup.pcm); status != kAudioHardwareNoError) {
+        if (const OSStatus status = Configure(*setup.pcm, wanted, setup.frames);
+            status != kAudioHardwareNoError) {
             return status;
-        }
-        if (const int error = setup.pcm->Configure(wanted, setup.frames); error < 0) {
-            if (IsGone(error)) {
-                GoAway(false);
-            }
-            return StatusOf(error);
         }
         if (const std::optional<OSStatus> begun = capture->Begin(id, setup); begun.has_value()) {
             return *begun;

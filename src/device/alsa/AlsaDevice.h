@@ -80,8 +80,10 @@ private:
     static bool NeedsFormats(AudioObjectPropertySelector selector);
     std::int32_t HogOwner() VORREL_EXCLUDES(mutex);
 
-    /// Looks once what the card grants; while somebody else has it, its description serves.
+    /// Looks once what the card grants; while somebody else has it, its description serves. Nothing
+    /// while it captures: its PCM is the IO thread's then, and a start has looked before.
     void LearnFormats() VORREL_EXCLUDES(mutex, operation);
+    /// Of a PCM that does not run; nothing when they are known.
     void TakeFormats(AlsaPcm& pcm) VORREL_REQUIRES(operation);
     void OfferDescribedFormats() VORREL_REQUIRES(operation);
     void SetOffered(std::vector<OfferedFormat> formats, const AlsaPcm::FrameRange& range,
@@ -90,8 +92,15 @@ private:
     /// it. A refusal is traced with its reason.
     OSStatus OpenPcm(std::shared_ptr<AlsaPcm>& pcm) VORREL_REQUIRES(operation);
     void TraceRefusal(int error);
+    /// Sets the format in the card; a refusal is traced.
+    OSStatus Configure(AlsaPcm& pcm, const PcmFormat& wanted, UInt32 frames)
+        VORREL_REQUIRES(operation);
+    /// What a refusal by the card means: where it says that there is no card, and there is none,
+    /// the device goes; while the card stands a later try may succeed.
+    OSStatus RefusalStatus(int error) VORREL_REQUIRES(operation);
 
     OSStatus WriteHogMode(pid_t processId) VORREL_REQUIRES(operation);
+    UInt32 BufferFrames() VORREL_EXCLUDES(mutex);
     OSStatus WriteBufferFrames(UInt32 frames) VORREL_REQUIRES(operation);
     OSStatus WriteFormat(const AudioStreamBasicDescription& wanted) VORREL_REQUIRES(operation);
     OSStatus FrameRangeOf(AlsaPcm& pcm, const PcmFormat& format, AlsaPcm::FrameRange& range);

@@ -5,7 +5,11 @@
 namespace vorrel {
 
 bool IsGone(int error) {
-    return error == -ENODEV || error == -ENXIO || error == -ENOENT || error == -ESHUTDOWN;
+    return error == -ENODEV || error == -ESHUTDOWN;
+}
+
+bool MayBeGone(int error) {
+    return IsGone(error) || error == -ENXIO || error == -ENOENT;
 }
 
 OSStatus StatusOf(int error) {

@@ -185,6 +185,15 @@ TEST_F(AlsaDeviceTest, ASmallerCardLimitsTheBufferSize) {
     EXPECT_EQ(range.mMaximum, 1'000);
 }
 
+TEST_F(AlsaDeviceTest, ALimitBetweenTwoFramesIsTheLower) {
+    card.SetFormats({kS16});
+    card.State().mostPeriodBytes = 4'002;
+
+    const auto range = Value<AudioValueRange>(Device(), kAudioDevicePropertyBufferFrameSizeRange);
+
+    EXPECT_EQ(range.mMaximum, 1'000);
+}
+
 TEST_F(AlsaDeviceTest, HogModeHoldsTheCardAndLetsItGo) {
     const AudioDeviceID device = Device();
     EXPECT_EQ(Value<SInt32>(device, kAudioDevicePropertyHogMode), -1);
@@ -226,6 +235,75 @@ TEST_F(AlsaDeviceTest, EachRefusalToOpenHasItsStatus) {
         EXPECT_EQ(Hog(), refusal.status) << refusal.error;
     }
     EXPECT_TRUE(Devices().empty());  // the last one says that the card is gone
+}
+
+TEST_F(AlsaDeviceTest, ACardThatStandsIsNotTakenForGoneWhateverAnOpenAnswers) {
+    TempDirectory system;
+    SoundCard found = card.Found();
+    found.systemPath = system.Path();
+    cards->Set({found});
+    const AudioDeviceID device = Device();
+    CountingListener alive;
+    ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDevicePropertyDeviceIsAlive),
+                                         &CountingListener::Proc, &alive),
+              0);
+    for (const int error : {ENOENT, ENXIO, ENODEV}) {
+        card.State().openError = error;
+
+        EXPECT_EQ(Hog(), kAudioHardwareUnspecifiedError) << error;
+
+        EXPECT_EQ(Value<UInt32>(device, kAudioDevicePropertyDeviceIsAlive), 1U) << error;
+    }
+    card.State().openError = 0;
+    EXPECT_EQ(Hog(), 0);
+    const AudioStreamBasicDescription wanted = Format(48'000, 24);
+    card.State().parametersError = ENOENT;  // an endpoint that is not there for a moment
+    EXPECT_EQ(Set(Stream(), kAudioStreamPropertyPhysicalFormat, wanted),
+              kAudioHardwareUnspecifiedError);
+    card.State().parametersError = 0;
+    EXPECT_EQ(Set(Stream(), kAudioStreamPropertyPhysicalFormat, wanted), 0);
+    EXPECT_EQ(Device(), device);
+    audio->FlushNotifications();
+    EXPECT_EQ(alive.calls, 0);
+}
+
+TEST_F(AlsaDeviceTest, ARunBeginsWithTheFormatsThatTheCardGrantsThoughItWasBusyAtTheFirstLook) {
+    SoundCard found = card.Found();
+    found.formats = {{2, 24, 3, {48'000}, 0, 0}};  // which it does not grant
+    cards->Set({found});
+    card.SetFormats({kS32});
+    auto other = card.HeldByAnother();
+    ASSERT_EQ(Formats().size(), 1U);
+    other.reset();
+    const AudioDeviceID device = Device();
+    Collector collector(1);
+    AudioDeviceIOProcID id = nullptr;
+    ASSERT_EQ(audio->CreateIOProcID(device, &Collector::Proc, &collector, &id), 0);
+
+    ASSERT_EQ(audio->Start(device, id), 0);
+
+    Await([&] { return collector.calls > 0; });
+    EXPECT_EQ(Formats().size(), 9U);  // nine rates; asked before it ran
+    EXPECT_EQ(card.State().format, kS32);
+    EXPECT_EQ(Hog(), 0);  // while it runs
+    EXPECT_EQ(card.State().opens, 1U);
+    EXPECT_EQ(audio->Stop(device, id), 0);
+}
+
+TEST_F(AlsaDeviceTest, AStartThatTheCardRefusesIsSaid) {
+    ASSERT_EQ(Hog(), 0);
+    const AudioDeviceID device = Device();
+    ASSERT_EQ(Set(Stream(), kAudioStreamPropertyPhysicalFormat, Format(48'000, 24)), 0);
+    Collector collector(1);
+    AudioDeviceIOProcID id = nullptr;
+    ASSERT_EQ(audio->CreateIOProcID(device, &Collector::Proc, &collector, &id), 0);
+    card.State().parametersError = EIO;
+    TraceCapture trace;
+
+    EXPECT_EQ(audio->Start(device, id), kAudioHardwareUnspecifiedError);
+
+    EXPECT_THAT(trace.Lines(),
+                ElementsAre(HasSubstr("48000 Hz in 3 bytes are refused: Input/outp")));
 }
 
 TEST_F(AlsaDeviceTest, AFormatIsSetInTheCardAtOnce) {
