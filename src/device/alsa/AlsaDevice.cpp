@@ -56,10 +56,7 @@ bool AlsaDevice::IsUnused() {
 }
 
 OSStatus AlsaDevice::ObjectStatus(AudioObjectID object) const {
-    if (object == deviceId) {
-        return plugged ? kAudioHardwareNoError : kAudioHardwareBadDeviceError;
-    }
-    return Owns(object) && plugged ? kAudioHardwareNoError : kAudioHardwareBadObjectError;
+    return ObjectStatusOf(object, deviceId, streamId, plugged);
 }
 
 OSStatus AlsaDevice::CheckObject(AudioObjectID object) {

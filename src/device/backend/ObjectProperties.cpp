@@ -79,6 +79,16 @@ PropertyValue NotAliveValue() {
     return Scalar(UInt32{0});
 }
 
+OSStatus ObjectStatusOf(AudioObjectID object, AudioDeviceID device, AudioStreamID stream,
+                        bool plugged) {
+    if (object == device) {
+        return plugged ? kAudioHardwareNoError : kAudioHardwareBadDeviceError;
+    }
+    return object == stream && stream != kAudioObjectUnknown && plugged
+               ? kAudioHardwareNoError
+               : kAudioHardwareBadObjectError;
+}
+
 OSStatus DeviceProperties::Read(Object object, const AudioObjectPropertyAddress& address,
                                 PropertyValue& value) const {
     if (!IsKnownAddress(address)) {

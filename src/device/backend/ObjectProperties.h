@@ -41,6 +41,12 @@ PropertyValue DeviceListValue(const std::vector<AudioDeviceID>& devices);
 /// The alive state of a device that is gone: the one property that it still has.
 PropertyValue NotAliveValue();
 
+/// Whether an object of a device with at most one stream answers: 0; '!dev' for the device and
+/// '!obj' for the stream when it is not plugged in; '!obj' for any other.
+/// @param stream  Unknown: the device has none.
+OSStatus ObjectStatusOf(AudioObjectID object, AudioDeviceID device, AudioStreamID stream,
+                        bool plugged);
+
 /// What a device with at most one input stream tells of itself: the properties of the device and
 /// of the stream, and what may be written. A value.
 struct DeviceProperties {

@@ -75,17 +75,11 @@ bool SimulatedRecorder::Owns(AudioObjectID object) {
 }
 
 OSStatus SimulatedRecorder::ObjectStatus(AudioObjectID object) const {
-    if (object == streamId) {
-        return plugged && hasStream ? kAudioHardwareNoError : kAudioHardwareBadObjectError;
-    }
-    return DeviceStatus(object);
+    return ObjectStatusOf(object, deviceId, hasStream ? streamId : kAudioObjectUnknown, plugged);
 }
 
 OSStatus SimulatedRecorder::DeviceStatus(AudioObjectID device) const {
-    if (device != deviceId) {
-        return kAudioHardwareBadObjectError;
-    }
-    return plugged ? kAudioHardwareNoError : kAudioHardwareBadDeviceError;
+    return ObjectStatusOf(device, deviceId, kAudioObjectUnknown, plugged);
 }
 
 OSStatus SimulatedRecorder::CheckObject(AudioObjectID object) {
