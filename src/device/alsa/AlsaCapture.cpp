@@ -435,8 +435,9 @@ VORREL_REALTIME std::optional<AlsaCapture::Outcome> AlsaCapture::Recover(Run& cu
         if (++current.restarts <= kMostRestarts && Resume(current)) {
             return std::nullopt;
         }
-    } else if (error == -ETIMEDOUT) {
-        pcm.Drop();  // it may run: only what stands still can be read to its end, and prepared
+    }
+    if (pcm.StateError() == 0) {
+        pcm.Drop();  // it runs: only what stands still can be read to its end, and prepared
     }
     const bool silentAgain = error == -ETIMEDOUT && current.restarts > 0;
     pcm.KeepRest();

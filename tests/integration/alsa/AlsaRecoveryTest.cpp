@@ -120,6 +120,23 @@ TEST_F(AlsaRecoveryTest, WithoutAMappedRingTheStreamGoesOnToo) {
     ExpectGaps(2);
 }
 
+TEST_F(AlsaRecoveryTest, AStreamThatRunsAndCannotBeReadIsStoppedFirst) {
+    ASSERT_EQ(Unhog(device), 0);
+    card.State().mapped = 0;
+    ASSERT_EQ(Hog(), 0);
+    Start();
+    const std::uint32_t stops = card.State().stops;
+
+    card.State().readError = EIO;
+    overloads.Await(1);
+    AwaitMore();
+    EXPECT_EQ(card.State().stops, stops + 1);
+    Stop();
+
+    ExpectGaps(1);
+    EXPECT_EQ(card.State().starts, 2U);
+}
+
 TEST_F(AlsaRecoveryTest, AGapIsCountedOnceHoweverOftenTheRestartIsRefused) {
     Start();
     const std::uint32_t prepares = card.State().prepares;

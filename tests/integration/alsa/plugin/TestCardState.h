@@ -46,6 +46,7 @@ struct TestCardState {
     std::atomic<std::int32_t> parametersError{0};
     std::atomic<std::int32_t> prepareError{0};
     std::atomic<std::int32_t> startError{0};
+    std::atomic<std::int32_t> readError{0};  ///< of a read call, once; the stream goes on
     std::atomic<std::int32_t> stopError{0};  ///< stops the stream once
 
     // What it has seen.

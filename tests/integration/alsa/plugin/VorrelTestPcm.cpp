@@ -201,6 +201,9 @@ snd_pcm_sframes_t Transfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t* a
         }
         return static_cast<snd_pcm_sframes_t>(size);
     }
+    if (const int error = card.state->readError.exchange(0); error != 0) {
+        return -error;
+    }
     for (snd_pcm_uframes_t frame = 0; frame < size; ++frame) {
         WriteFrame(card, areas, offset + frame, io->appl_ptr + frame);
     }
