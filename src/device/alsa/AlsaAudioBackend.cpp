@@ -18,59 +18,67 @@ std::shared_ptr<AlsaDevice> AlsaAudioBackend::Find(AudioObjectID object) {
     return found == devices.end() ? nullptr : *found;
 }
 
-void AlsaAudioBackend::LookAgain() {
+bool AlsaAudioBackend::LookAgain() {
     std::vector<std::shared_ptr<AlsaDevice>> dropped;  // ended without a lock held
-    std::vector<std::shared_ptr<AlsaDevice>> gone;
     bool added = false;
     {
         const MutexLock look(looking);
-        const std::vector<SoundCard> found = cards->Find();
+        const std::optional<std::vector<SoundCard>> found = cards->Find();
+        if (!found.has_value()) {
+            return looked;  // nothing is known of what came and went: all stays as it was
+        }
+        looked = true;
+        std::vector<std::shared_ptr<AlsaDevice>> gone;
+        {
+            const MutexLock lock(mutex);
+            gone = Exchange(*found, added);
+        }
+        for (const std::shared_ptr<AlsaDevice>& device : gone) {
+            device->Unplug();
+        }
+        // Answered for as long as somebody refers to it; its ids are never another's.
         const MutexLock lock(mutex);
-        for (const std::shared_ptr<AlsaDevice>& device : devices) {
-            const bool present = std::any_of(
-                found.begin(), found.end(),
-                [&device](const SoundCard& card) { return IsSamePlugging(card, device->Card()); });
-            if (!present) {
-                gone.push_back(device);
-            }
-        }
-        std::vector<std::shared_ptr<AlsaDevice>> next;
-        for (const SoundCard& card : found) {
-            const auto known =
-                std::find_if(devices.begin(), devices.end(), [&card](const auto& device) {
-                    // One that is dead while its card is still listed stays so; one that failed
-                    // though its card is there may be tried again.
-                    return IsSamePlugging(card, device->Card()) && !device->HasFailed();
-                });
-            if (known == devices.end()) {
-                next.push_back(std::make_shared<AlsaDevice>(card, ids, listeners, proc));
-                added = true;
-            } else {
-                next.push_back(*known);
-            }
-        }
-        for (const std::shared_ptr<AlsaDevice>& device : devices) {
-            if (std::find(next.begin(), next.end(), device) != next.end()) {
-                continue;
-            }
-            // A device that is gone is answered for until the card is back or nobody uses it.
-            const bool back = std::any_of(next.begin(), next.end(), [&device](const auto& other) {
-                return other->Card().uid == device->Card().uid;
-            });
-            if (back && device->IsUnused()) {
+        for (const std::shared_ptr<AlsaDevice>& device : gone) {
+            if (device->IsUnused()) {
+                std::erase(devices, device);
                 dropped.push_back(device);
-            } else {
-                next.push_back(device);
             }
         }
-        devices = std::move(next);
-    }
-    for (const std::shared_ptr<AlsaDevice>& device : gone) {
-        device->Unplug();
     }
     if (added) {
         listeners->Notify(kAudioObjectSystemObject, kAudioHardwarePropertyDevices);
     }
+    return true;
+}
+
+std::vector<std::shared_ptr<AlsaDevice>> AlsaAudioBackend::Exchange(
+    const std::vector<SoundCard>& found, bool& added) {
+    std::vector<std::shared_ptr<AlsaDevice>> next;
+    for (const SoundCard& card : found) {
+        const auto known =
+            std::find_if(devices.begin(), devices.end(), [&card](const auto& device) {
+                // One that is dead while its card is still listed stays so; one that failed though
+                // its card is there may be tried again.
+                return IsSamePlugging(card, device->Card()) && !device->HasFailed();
+            });
+        // A card may have been seen before it was complete. What nobody uses yet is described anew,
+        // as a device of its own: formats and streams of one that is in use do not change.
+        if (known != devices.end() && ((*known)->Card() == card || !(*known)->RetireIfUnused())) {
+            next.push_back(*known);
+        } else {
+            next.push_back(std::make_shared<AlsaDevice>(card, ids, listeners, proc));
+            added = true;
+        }
+    }
+    std::vector<std::shared_ptr<AlsaDevice>> gone;
+    for (const std::shared_ptr<AlsaDevice>& device : devices) {
+        if (std::find(next.begin(), next.end(), device) == next.end()) {
+            gone.push_back(device);
+        }
+    }
+    devices = std::move(next);
+    devices.insert(devices.end(), gone.begin(), gone.end());
+    return gone;
 }
 
 OSStatus AlsaAudioBackend::ReadValue(AudioObjectID object,
@@ -84,7 +92,9 @@ OSStatus AlsaAudioBackend::ReadValue(AudioObjectID object,
     if (address.mSelector != kAudioHardwarePropertyDevices) {
         return kAudioHardwareUnknownPropertyError;
     }
-    LookAgain();
+    if (!LookAgain()) {
+        return kAudioHardwareUnspecifiedError;
+    }
     std::vector<AudioDeviceID> listed;
     const MutexLock lock(mutex);
     for (const std::shared_ptr<AlsaDevice>& device : devices) {

@@ -15,7 +15,9 @@
 namespace vorrel {
 
 /// The audio layer over the system's sound cards. Each card is a device from the first look that
-/// finds it until it is unplugged; plugged in again it is a new one. An object that never was
+/// finds it until it is unplugged; plugged in again it is a new one, and so it is when a later look
+/// finds it more complete and nobody uses it yet. A device that is gone is answered for as long as
+/// a proc, a listener or hog mode refers to it. An object that never was, or that is no more,
 /// answers '!obj', a property that the object has not 'who?', a size that does not fit '!siz', a
 /// property that cannot be set 'unop'. Of an array, a reader gets as many whole elements as it has
 /// room for. Any thread may call.
@@ -47,8 +49,10 @@ public:
     OSStatus Stop(AudioObjectID device, AudioDeviceIOProcID id) override;
 
     /// Looks at the cards again: new ones become devices, missing ones are gone. The list's
-    /// listeners are called when it has changed. Not from a real-time thread.
-    void LookAgain() VORREL_EXCLUDES(mutex, looking);
+    /// listeners are called when it has changed. A look that fails changes nothing. Not from a
+    /// real-time thread.
+    /// @return False while no look has succeeded: nothing is known then.
+    bool LookAgain() VORREL_EXCLUDES(mutex, looking);
 
     /// The device with that id, gone ones too while somebody uses them; null for none.
     std::shared_ptr<AlsaDevice> Find(AudioObjectID object) VORREL_EXCLUDES(mutex);
@@ -56,6 +60,10 @@ public:
     void FlushNotifications() { listeners->Flush(); }
 
 private:
+    /// Makes `devices` those of the found cards, in their order, and behind them those that are not
+    /// among them any more, which it returns.
+    std::vector<std::shared_ptr<AlsaDevice>> Exchange(const std::vector<SoundCard>& found,
+                                                      bool& added) VORREL_REQUIRES(mutex);
     OSStatus ReadValue(AudioObjectID object, const AudioObjectPropertyAddress& address,
                        PropertyValue& value);
 
@@ -63,7 +71,8 @@ private:
     const std::string proc;
     const std::shared_ptr<ObjectIds> ids = std::make_shared<ObjectIds>();
     const std::shared_ptr<PropertyListeners> listeners = std::make_shared<PropertyListeners>();
-    Mutex looking;  // one look at a time, before `mutex`
+    Mutex looking;                                   // one look at a time, before `mutex`
+    bool looked VORREL_GUARDED_BY(looking) = false;  // with success
     Mutex mutex;
     std::vector<std::shared_ptr<AlsaDevice>> devices VORREL_GUARDED_BY(mutex);
 };

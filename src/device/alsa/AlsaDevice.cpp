@@ -48,11 +48,28 @@ bool AlsaDevice::HasFailed() {
 }
 
 bool AlsaDevice::IsUnused() {
-    if (capture->ProcCount() > 0 || capture->IsRunning()) {
+    if (capture->ProcCount() > 0 || capture->IsRunning() || listeners->HasAny(deviceId) ||
+        (streamId != kAudioObjectUnknown && listeners->HasAny(streamId))) {
         return false;
     }
     const MutexLock lock(mutex);
     return !hogged;
+}
+
+bool AlsaDevice::RetireIfUnused() {
+    if (!IsUnused()) {
+        return false;
+    }
+    const MutexLock lock(mutex);
+    if (hogged) {
+        return false;
+    }
+    // Who begins to use it in this moment is told that it is gone.
+    plugged = false;
+    failed = true;
+    Trace(__FILE__, __LINE__, "card %d (%s) tells more of itself by now: it is a new device",
+          card.number, card.name.c_str());
+    return true;
 }
 
 OSStatus AlsaDevice::ObjectStatus(AudioObjectID object) const {

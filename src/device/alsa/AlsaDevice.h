@@ -48,8 +48,11 @@ public:
     bool IsPlugged() VORREL_EXCLUDES(mutex);
     /// It captured no more though the card is there: the card may be tried again as a new device.
     bool HasFailed() VORREL_EXCLUDES(mutex);
-    /// No proc, no run, not held: nobody would miss it.
+    /// No proc, no run, no listener, not held: nobody would miss it.
     bool IsUnused() VORREL_EXCLUDES(mutex);
+    /// Where nobody uses it, makes it one that is gone, for a new device of the same card to take
+    /// its place; there is nobody to be told. @return False while it is used.
+    bool RetireIfUnused() VORREL_EXCLUDES(mutex);
 
     OSStatus ReadProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
                           PropertyValue& value) VORREL_EXCLUDES(mutex, operation);

@@ -32,6 +32,8 @@ struct UsbSide {
     std::optional<std::uint8_t> streamingInterface;
     /// bInterfaceNumber of the audio control interface, which is the card's parent.
     std::optional<std::uint8_t> controlInterface;
+
+    bool operator==(const UsbSide&) const = default;
 };
 
 /// A sound card of the kernel, as `SoundCards` found it. A value: it does not follow the card.
@@ -44,6 +46,8 @@ struct SoundCard {
     std::optional<int> captureDevice;    ///< the PCM device with a capture stream
     std::vector<CaptureFormat> formats;  ///< of that stream; empty where the card does not say
     std::optional<UsbSide> usb;          ///< nothing for a card that is no USB device
+
+    bool operator==(const SoundCard&) const = default;
 };
 
 }  // namespace vorrel

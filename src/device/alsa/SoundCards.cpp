@@ -7,10 +7,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <span>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "device/alsa/CaptureSetting.h"
@@ -27,31 +29,6 @@ constexpr std::string_view kSysfs = "/sys";
 /// 65,535 bytes each.
 constexpr std::size_t kMostBytes = 1U << 20U;
 
-/// The whole file, or nothing where it cannot be read to its end.
-std::optional<std::string> ReadFile(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) {
-        return std::nullopt;
-    }
-    std::string content;
-    std::array<char, 4'096> part{};
-    ssize_t count = 0;
-    while (content.size() < kMostBytes && (count = ::read(file, part.data(), part.size())) > 0) {
-        content.append(part.data(), static_cast<std::size_t>(count));
-    }
-    ::close(file);
-    return count < 0 ? std::nullopt : std::optional(std::move(content));
-}
-
-/// An attribute in sysfs without the one line end that the kernel puts behind it.
-std::optional<std::string> ReadAttribute(const std::string& directory, const char* name) {
-    std::optional<std::string> text = ReadFile(directory + "/" + name);
-    if (text.has_value() && text->ends_with('\n')) {
-        text->pop_back();
-    }
-    return text;
-}
-
 /// A number that is the whole text but for blanks before it; nothing when it does not fit.
 template <class Number>
 std::optional<Number> ParseWhole(std::string_view text, int base = 10) {
@@ -62,11 +39,69 @@ std::optional<Number> ParseWhole(std::string_view text, int base = 10) {
                                                                     : std::nullopt;
 }
 
-template <class Number>
-std::optional<Number> ReadNumber(const std::string& directory, const char* name, int base = 10) {
-    const std::optional<std::string> text = ReadAttribute(directory, name);
-    return text.has_value() ? ParseWhole<Number>(*text, base) : std::nullopt;
-}
+/// Reads the files of one look, and keeps apart what a card does not tell and what this process has
+/// no means to read: descriptors or memory. After the second kind the look tells nothing of cards.
+class LookReader {
+public:
+    /// The whole file, or nothing where it cannot be read to its end.
+    std::optional<std::string> ReadFile(const std::string& path) {
+        const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (file < 0) {
+            Note(errno);
+            return std::nullopt;
+        }
+        std::string content;
+        std::array<char, 4'096> part{};
+        ssize_t count = 0;
+        while (content.size() < kMostBytes &&
+               (count = ::read(file, part.data(), part.size())) > 0) {
+            content.append(part.data(), static_cast<std::size_t>(count));
+        }
+        if (count < 0) {
+            Note(errno);
+        }
+        ::close(file);
+        return count < 0 ? std::nullopt : std::optional(std::move(content));
+    }
+
+    /// An attribute in sysfs without the one line end that the kernel puts behind it.
+    std::optional<std::string> ReadAttribute(const std::string& directory, const char* name) {
+        std::optional<std::string> text = ReadFile(directory + "/" + name);
+        if (text.has_value() && text->ends_with('\n')) {
+            text->pop_back();
+        }
+        return text;
+    }
+
+    template <class Number>
+    std::optional<Number> ReadNumber(const std::string& directory, const char* name,
+                                     int base = 10) {
+        const std::optional<std::string> text = ReadAttribute(directory, name);
+        return text.has_value() ? ParseWhole<Number>(*text, base) : std::nullopt;
+    }
+
+    /// Takes note of what kept something from being read.
+    void Note(int error) {
+        if (error == EMFILE || error == ENFILE || error == ENOMEM) {
+            lacking = error;
+        }
+    }
+    /// Takes note where no file can be opened now: libudev does not always say what kept it from
+    /// finding a parent.
+    void NoteWhetherFilesOpen(const std::string& directory) {
+        const int file = ::open(directory.c_str(), O_PATH | O_CLOEXEC);
+        if (file < 0) {
+            Note(errno);
+        } else {
+            ::close(file);
+        }
+    }
+    /// What this process lacked, as an error number; 0 for nothing.
+    int Lacking() const { return lacking; }
+
+private:
+    int lacking = 0;
+};
 
 std::string SystemPath(udev_device* device) {
     const char* path = device == nullptr ? nullptr : ::udev_device_get_syspath(device);
@@ -87,9 +122,10 @@ std::optional<int> NumberBetween(std::string_view name, std::string_view before,
 }
 
 /// The first of the card's PCM devices that captures.
-std::optional<int> FindCaptureDevice(const std::string& systemPath, int card) {
+std::optional<int> FindCaptureDevice(LookReader& reader, const std::string& systemPath, int card) {
     DIR* directory = ::opendir(systemPath.c_str());
     if (directory == nullptr) {
+        reader.Note(errno);
         return std::nullopt;
     }
     const std::string before = "pcmC" + std::to_string(card) + "D";
@@ -115,11 +151,14 @@ std::string Hexadecimal(std::uint16_t number) {
 }
 
 /// Nothing where the ids or the address cannot be read, which happens as a device goes away.
-std::optional<UsbSide> ReadUsbSide(const std::string& usbPath, const std::string& controlPath) {
-    const auto vendorId = ReadNumber<std::uint16_t>(usbPath, "idVendor", 16);
-    const auto productId = ReadNumber<std::uint16_t>(usbPath, "idProduct", 16);
-    const auto bus = ReadNumber<std::uint8_t>(usbPath, "busnum");
-    const auto address = ReadNumber<std::uint8_t>(usbPath, "devnum");
+std::optional<UsbSide> ReadUsbSide(LookReader& reader, const std::string& usbPath,
+                                   const std::string& controlPath) {
+    // The address first: what is read behind it is this device's if the address is the same in the
+    // end. Read last it would be that of a device that took the port's place meanwhile.
+    const auto bus = reader.ReadNumber<std::uint8_t>(usbPath, "busnum");
+    const auto address = reader.ReadNumber<std::uint8_t>(usbPath, "devnum");
+    const auto vendorId = reader.ReadNumber<std::uint16_t>(usbPath, "idVendor", 16);
+    const auto productId = reader.ReadNumber<std::uint16_t>(usbPath, "idProduct", 16);
     if (!vendorId.has_value() || !productId.has_value() || !bus.has_value() ||
         !address.has_value()) {
         return std::nullopt;
@@ -127,30 +166,32 @@ std::optional<UsbSide> ReadUsbSide(const std::string& usbPath, const std::string
     UsbSide side;
     side.vendorId = *vendorId;
     side.productId = *productId;
-    side.serial = ReadAttribute(usbPath, "serial").value_or("");
+    side.serial = reader.ReadAttribute(usbPath, "serial").value_or("");
     side.portPath = usbPath.substr(usbPath.rfind('/') + 1);
     side.busNumber = *bus;
     side.deviceAddress = *address;
     if (!controlPath.empty()) {
-        side.controlInterface = ReadNumber<std::uint8_t>(controlPath, "bInterfaceNumber", 16);
+        side.controlInterface =
+            reader.ReadNumber<std::uint8_t>(controlPath, "bInterfaceNumber", 16);
     }
     return side;
 }
 
-CaptureSide ReadCaptureSide(const std::string& usbPath, const std::string& procCard,
-                            int captureDevice) {
-    const std::string descriptors = ReadFile(usbPath + "/descriptors").value_or("");
+CaptureSide ReadCaptureSide(LookReader& reader, const std::string& usbPath,
+                            const std::string& procCard, int captureDevice) {
+    const std::string descriptors = reader.ReadFile(usbPath + "/descriptors").value_or("");
     const std::string text =
-        ReadFile(procCard + "/stream" + std::to_string(captureDevice)).value_or("");
+        reader.ReadFile(procCard + "/stream" + std::to_string(captureDevice)).value_or("");
     return MergeCaptureSettings(
         ParseCaptureSettings(std::span(reinterpret_cast<const std::uint8_t*>(descriptors.data()),
                                        descriptors.size()),
-                             ReadNumber<std::uint8_t>(usbPath, "bConfigurationValue")),
+                             reader.ReadNumber<std::uint8_t>(usbPath, "bConfigurationValue")),
         ParseStreamText(text));
 }
 
 /// Reads one card; nothing when it goes away meanwhile.
-std::optional<SoundCard> ReadCard(udev_device* device, const std::string& proc) {
+std::optional<SoundCard> ReadCard(LookReader& reader, udev_device* device,
+                                  const std::string& proc) {
     SoundCard card;
     card.systemPath = SystemPath(device);
     const std::optional<int> number =
@@ -159,29 +200,31 @@ std::optional<SoundCard> ReadCard(udev_device* device, const std::string& proc) 
         return std::nullopt;
     }
     card.number = *number;
-    card.captureDevice = FindCaptureDevice(card.systemPath, card.number);
+    card.captureDevice = FindCaptureDevice(reader, card.systemPath, card.number);
     const std::string id =
-        ReadAttribute(card.systemPath, "id").value_or("card" + std::to_string(card.number));
+        reader.ReadAttribute(card.systemPath, "id").value_or("card" + std::to_string(card.number));
     const std::string procCard = proc + "/card" + std::to_string(card.number);
 
     const std::string usbPath =
         SystemPath(::udev_device_get_parent_with_subsystem_devtype(device, "usb", "usb_device"));
-    if (!usbPath.empty()) {
+    if (usbPath.empty()) {
+        reader.NoteWhetherFilesOpen(card.systemPath);
+    } else {
         const std::string controlPath = SystemPath(
             ::udev_device_get_parent_with_subsystem_devtype(device, "usb", "usb_interface"));
-        card.usb = ReadUsbSide(usbPath, controlPath);
+        card.usb = ReadUsbSide(reader, usbPath, controlPath);
         if (!card.usb.has_value()) {
             return std::nullopt;
         }
-        card.name = ReadAttribute(usbPath, "product").value_or("");
+        card.name = reader.ReadAttribute(usbPath, "product").value_or("");
         if (card.captureDevice.has_value()) {
-            CaptureSide side = ReadCaptureSide(usbPath, procCard, *card.captureDevice);
+            CaptureSide side = ReadCaptureSide(reader, usbPath, procCard, *card.captureDevice);
             card.usb->streamingInterface = side.streamingInterface;
             card.formats = std::move(side.formats);
         }
     }
     if (card.name.empty()) {
-        card.name = ParseCardLongName(ReadFile(proc + "/cards").value_or(""), card.number);
+        card.name = ParseCardLongName(reader.ReadFile(proc + "/cards").value_or(""), card.number);
     }
     if (card.name.empty()) {
         card.name = id;
@@ -205,34 +248,49 @@ std::optional<SoundCard> ReadCard(udev_device* device, const std::string& proc) 
     const bool isStillThere =
         ::access(card.systemPath.c_str(), F_OK) == 0 &&
         (!card.usb.has_value() ||
-         ReadNumber<std::uint8_t>(usbPath, "devnum") == card.usb->deviceAddress);
+         reader.ReadNumber<std::uint8_t>(usbPath, "devnum") == card.usb->deviceAddress);
     return isStillThere ? std::optional(std::move(card)) : std::nullopt;
+}
+
+void TraceFailure(int error) {
+    Trace(__FILE__, __LINE__, "the list of sound cards cannot be read: %s",
+          std::generic_category().message(error).c_str());
 }
 
 }  // namespace
 
 SoundCards::SoundCards(std::string procDirectory) : proc(std::move(procDirectory)) {}
 
-std::vector<SoundCard> SoundCards::Find() const {
+std::optional<std::vector<SoundCard>> SoundCards::Find() const {
     std::vector<SoundCard> cards;
+    errno = 0;
     const UdevPointer udev(::udev_new());
     const UdevEnumeratePointer search(udev == nullptr ? nullptr : ::udev_enumerate_new(udev.get()));
-    if (search == nullptr || ::udev_enumerate_add_match_subsystem(search.get(), "sound") < 0 ||
-        ::udev_enumerate_add_match_sysname(search.get(), "card*") < 0 ||
-        ::udev_enumerate_scan_devices(search.get()) < 0) {
-        Trace(__FILE__, __LINE__, "the list of sound cards cannot be read");
-        return cards;
+    int error = search == nullptr ? -errno : 0;
+    if (search == nullptr ||
+        (error = ::udev_enumerate_add_match_subsystem(search.get(), "sound")) < 0 ||
+        (error = ::udev_enumerate_add_match_sysname(search.get(), "card*")) < 0 ||
+        (error = ::udev_enumerate_scan_devices(search.get())) < 0) {
+        TraceFailure(-error);
+        return std::nullopt;
     }
+    LookReader reader;
     for (udev_list_entry* entry = ::udev_enumerate_get_list_entry(search.get()); entry != nullptr;
          entry = ::udev_list_entry_get_next(entry)) {
-        const UdevDevicePointer device(
-            ::udev_device_new_from_syspath(udev.get(), ::udev_list_entry_get_name(entry)));
+        const char* path = ::udev_list_entry_get_name(entry);
+        const UdevDevicePointer device(::udev_device_new_from_syspath(udev.get(), path));
         if (device == nullptr) {
-            continue;  // gone since
+            reader.NoteWhetherFilesOpen(path);
+            continue;  // else it is gone since
         }
-        if (std::optional<SoundCard> card = ReadCard(device.get(), proc); card.has_value()) {
+        if (std::optional<SoundCard> card = ReadCard(reader, device.get(), proc);
+            card.has_value()) {
             cards.push_back(std::move(*card));
         }
+    }
+    if (reader.Lacking() != 0) {
+        TraceFailure(reader.Lacking());
+        return std::nullopt;
     }
     std::sort(cards.begin(), cards.end(),
               [](const SoundCard& a, const SoundCard& b) { return a.number < b.number; });
@@ -246,33 +304,6 @@ std::vector<SoundCard> SoundCards::Find() const {
         }
     }
     return cards;
-}
-
-std::optional<SoundCard> SoundCards::FindBySystemPath(const std::string& systemPath) const {
-    for (SoundCard& card : Find()) {
-        if (card.systemPath == systemPath) {
-            return std::move(card);
-        }
-    }
-    return std::nullopt;
-}
-
-std::optional<SoundCard> SoundCards::FindByNumber(int number) const {
-    for (SoundCard& card : Find()) {
-        if (card.number == number) {
-            return std::move(card);
-        }
-    }
-    return std::nullopt;
-}
-
-std::optional<SoundCard> SoundCards::FindByUid(const std::string& uid) const {
-    for (SoundCard& card : Find()) {
-        if (card.uid == uid) {
-            return std::move(card);
-        }
-    }
-    return std::nullopt;
 }
 
 std::string PluggingKey(const SoundCard& card) {

@@ -18,13 +18,9 @@ public:
 
     /// All cards, in the order of their numbers. A card that goes away while it is being read is
     /// left out; what cannot be read of one that stays is left empty.
-    virtual std::vector<SoundCard> Find() const;
-
-    /// The card that is at this place in sysfs now; it may be another one than the caller knew
-    /// (see `IsSamePlugging`).
-    std::optional<SoundCard> FindBySystemPath(const std::string& systemPath) const;
-    std::optional<SoundCard> FindByNumber(int number) const;
-    std::optional<SoundCard> FindByUid(const std::string& uid) const;
+    /// @return Nothing when the look failed (no descriptor or memory left, no answer from udev),
+    ///         which is traced: then nothing is known, and no card is gone because of it.
+    virtual std::optional<std::vector<SoundCard>> Find() const;
 
 private:
     const std::string proc;

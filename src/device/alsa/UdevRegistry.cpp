@@ -1,5 +1,6 @@
 #include "device/alsa/UdevRegistry.h"
 
+#include <optional>
 #include <utility>
 
 #include "device/alsa/UsbControl.h"
@@ -10,9 +11,13 @@ UdevRegistry::UdevRegistry(std::shared_ptr<const SoundCards> soundCards)
     : cards(std::move(soundCards)) {}
 
 std::vector<RegistryDevice> UdevRegistry::Devices() {
+    const std::optional<std::vector<SoundCard>> found = cards->Find();
+    if (!found.has_value()) {
+        return known;
+    }
     std::vector<RegistryDevice> devices;
     usbSides.clear();
-    for (const SoundCard& card : cards->Find()) {
+    for (const SoundCard& card : *found) {
         RegistryDevice device;
         device.key = PluggingKey(card);
         device.uid = card.uid;
@@ -25,6 +30,7 @@ std::vector<RegistryDevice> UdevRegistry::Devices() {
         }
         devices.push_back(std::move(device));
     }
+    known = devices;
     return devices;
 }
 

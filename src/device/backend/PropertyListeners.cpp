@@ -252,6 +252,13 @@ std::size_t PropertyListeners::Count() {
     return state->listeners.size();
 }
 
+bool PropertyListeners::HasAny(AudioObjectID object) {
+    const MutexLock lock(state->mutex);
+    return (state->calling && state->called.object == object) ||
+           std::any_of(state->listeners.begin(), state->listeners.end(),
+                       [object](const Listener& listener) { return listener.object == object; });
+}
+
 void PropertyListeners::Flush() {
     const MutexLock lock(state->mutex);
     state->CollectSignals();

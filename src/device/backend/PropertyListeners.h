@@ -49,6 +49,8 @@ public:
                                                AudioObjectPropertySelector selector);
 
     std::size_t Count();
+    /// Whether any property of the object has a listener, or one of them is being called.
+    bool HasAny(AudioObjectID object);
     /// Returns after all that was notified before has been delivered. Not from a listener.
     void Flush();
 

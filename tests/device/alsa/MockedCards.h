@@ -69,8 +69,14 @@ protected:
                "    Rates: 8000 - 384000 (continuous)\n"
                "    Bits: 32\n";
     }
+    /// The cards that a look finds; a look that fails is a failure.
+    std::vector<SoundCard> Find() const {
+        std::optional<std::vector<SoundCard>> found = cards->Find();
+        EXPECT_TRUE(found.has_value());
+        return std::move(found).value_or(std::vector<SoundCard>());
+    }
     SoundCard OnlyCard() const {
-        std::vector<SoundCard> found = cards->Find();
+        std::vector<SoundCard> found = Find();
         EXPECT_EQ(found.size(), 1U);
         return found.empty() ? SoundCard() : found.front();
     }

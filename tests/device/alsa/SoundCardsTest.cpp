@@ -1,6 +1,16 @@
 #include "device/alsa/SoundCards.h"
 
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
 #include <filesystem>
+#include <fstream>
+#include <optional>
+#include <thread>
 
 #include "device/alsa/MockedCards.h"
 
@@ -20,7 +30,7 @@ CaptureFormat Format(std::uint32_t bits, std::uint32_t containerBytes,
 }
 
 TEST_F(SoundCardsTest, ASystemWithoutCardsHasNone) {
-    EXPECT_THAT(cards->Find(), IsEmpty());
+    EXPECT_THAT(Find(), IsEmpty());
 }
 
 TEST_F(SoundCardsTest, TellsAllOfAUsbRecorder) {
@@ -87,7 +97,7 @@ TEST_F(SoundCardsTest, TwoRecordersAreListedInOrderWithUniqueIdsOfTheirOwn) {
     system->Add(SecondRecorder());
     system->Add(Recorder());
 
-    const std::vector<SoundCard> found = cards->Find();
+    const std::vector<SoundCard> found = Find();
 
     ASSERT_THAT(found, SizeIs(2));
     EXPECT_EQ(found[0].uid, "usb:6666:0770:0001:1-2");
@@ -103,7 +113,7 @@ TEST_F(SoundCardsTest, RecordersWithoutSerialsAreToldApartByTheirPorts) {
     system->Add(first);
     system->Add(second);
 
-    const std::vector<SoundCard> found = cards->Find();
+    const std::vector<SoundCard> found = Find();
 
     ASSERT_THAT(found, SizeIs(2));
     EXPECT_EQ(found[0].uid, "usb:6666:0770::1-2");
@@ -175,7 +185,7 @@ TEST_F(SoundCardsTest, ACardThatOnlyPlaysHasNoCaptureDevice) {
 TEST_F(SoundCardsTest, ACardThatIsGoneIsFoundNoMore) {
     system->Add(Recorder());
     system->Add(SecondRecorder());
-    ASSERT_THAT(cards->Find(), SizeIs(2));
+    ASSERT_THAT(Find(), SizeIs(2));
 
     system->Remove(Recorder());
 
@@ -190,9 +200,63 @@ TEST_F(SoundCardsTest, ACardWhoseUsbDeviceIsHalfGoneIsLeftOut) {
         std::filesystem::remove(
             system->RealPath(test::MockedSystem::UsbPath(recorder) + "/" + attribute));
 
-        EXPECT_THAT(cards->Find(), IsEmpty());
+        EXPECT_THAT(Find(), IsEmpty());
         system->Remove(recorder);
     }
+}
+
+TEST_F(SoundCardsTest, AReplugBetweenTwoReadsGivesNoMixtureOfBothDevices) {
+    const test::MockedUsbCard recorder = Recorder();
+    system->Add(recorder);
+    const std::string usb = system->RealPath(test::MockedSystem::UsbPath(recorder));
+    std::filesystem::remove(usb + "/idVendor");
+    ASSERT_EQ(::mkfifo((usb + "/idVendor").c_str(), 0600), 0);
+    // Open for both, so that nobody waits in `open`: umockdev holds a lock there.
+    const int ids = ::open((usb + "/idVendor").c_str(), O_RDWR | O_CLOEXEC);
+    const int watch = ::inotify_init1(IN_CLOEXEC);
+    ASSERT_GE(::inotify_add_watch(watch, (usb + "/idVendor").c_str(), IN_OPEN), 0);
+    std::thread replug([&] {
+        std::array<char, 512> event{};
+        EXPECT_GT(::read(watch, event.data(), event.size()), 0);
+        // The ids are being read: now another device has the port.
+        std::ofstream(usb + "/devnum") << "5\n";
+        EXPECT_EQ(::write(ids, "6666\n", 5), 5);
+        ::close(ids);
+    });
+
+    EXPECT_THAT(Find(), IsEmpty());
+
+    replug.join();
+    ::close(watch);
+}
+
+TEST_F(SoundCardsTest, ALookWithoutAFreeDescriptorIsNoLook) {
+    test::MockedUsbCard recorder = Recorder();
+    recorder.streamText = RecorderStreamText();
+    system->Add(recorder);
+    system->AddPciCard(3, "PCH", true);
+    const std::vector<SoundCard> whole = Find();
+    ASSERT_THAT(whole, SizeIs(2));
+    const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(next, 0);
+    ::close(next);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    int failures = 0;
+    for (int room = 0; room < 12; ++room) {
+        const rlimit few = {static_cast<rlim_t>(next + room), before.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+        const std::optional<std::vector<SoundCard>> found = cards->Find();
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+
+        // Never a part of the cards, nor a part of one.
+        EXPECT_TRUE(!found.has_value() || *found == whole) << room;
+        failures += found.has_value() ? 0 : 1;
+    }
+    EXPECT_GT(failures, 0);
+    EXPECT_LT(failures, 12);
+    EXPECT_NE(TraceLine("the list of sound cards cannot be read: Too many open files"), "");
+    EXPECT_EQ(Find(), whole);
 }
 
 TEST_F(SoundCardsTest, DescriptorsOfAnyBytesDoNoHarm) {
@@ -201,19 +265,6 @@ TEST_F(SoundCardsTest, DescriptorsOfAnyBytesDoNoHarm) {
     system->Add(recorder);
 
     EXPECT_EQ(OnlyCard().usb->streamingInterface, std::nullopt);
-}
-
-TEST_F(SoundCardsTest, CardsAreFoundByNumberPathAndUniqueId) {
-    system->Add(Recorder());
-    system->Add(SecondRecorder());
-    const SoundCard second = cards->Find().at(1);
-
-    EXPECT_EQ(cards->FindByNumber(1)->uid, second.uid);
-    EXPECT_EQ(cards->FindBySystemPath(second.systemPath)->uid, second.uid);
-    EXPECT_EQ(cards->FindByUid(second.uid)->number, 1);
-    EXPECT_EQ(cards->FindByNumber(2), std::nullopt);
-    EXPECT_EQ(cards->FindBySystemPath("/sys"), std::nullopt);
-    EXPECT_EQ(cards->FindByUid(""), std::nullopt);
 }
 
 TEST_F(SoundCardsTest, PluggedInAgainItIsAnotherPluggingWithTheSameUniqueId) {

@@ -103,7 +103,7 @@ TEST_F(UdevRegistryTest, TwoRecordersPassTheFilterAndEachIsReachedByItself) {
     second.descriptors = test::Joined({test::kDeviceDescriptor, test::Configuration(1, 55, 1),
                                        test::Setting2(1, 1, 4, 32, 0x81)});
     system->Add(second);
-    const std::vector<SoundCard> found = cards->Find();
+    const std::vector<SoundCard> found = Find();
     std::vector<FoundDeviceInfo> list = {Found(found.at(0)), Found(found.at(1))};
     ASSERT_NE(list[0].uid, list[1].uid);
 
@@ -209,6 +209,25 @@ TEST_F(UdevRegistryTest, ACardRemovedDuringASearchEndsItWithNothing) {
     for (const io_object_t entry : {engines[0], interfaces[0], interfaces[1], children}) {
         registry->Release(entry);
     }
+}
+
+TEST_F(UdevRegistryTest, EntriesStayWhileTheCardsCannotBeLookedAt) {
+    struct FailingCards final : SoundCards {
+        using SoundCards::SoundCards;
+        std::optional<std::vector<SoundCard>> Find() const override {
+            return fails ? std::nullopt : SoundCards::Find();
+        }
+        bool fails = false;
+    };
+    const auto failing = std::make_shared<FailingCards>(system->ProcDirectory());
+    registry = std::make_shared<UdevRegistry>(failing);
+    system->Add(Recorder());
+    ASSERT_EQ(Count("IOAudioEngine"), 1U);
+
+    failing->fails = true;
+
+    EXPECT_EQ(Count("IOAudioEngine"), 1U);
+    EXPECT_NE(manager.SearchInterface(OnlyCard().uid), nullptr);
 }
 
 TEST_F(UdevRegistryTest, PluggedInAgainItHasNewEntries) {

@@ -53,7 +53,7 @@ private:
 
     std::vector<RegistryDevice> Devices() override {
         std::vector<RegistryDevice> devices;
-        for (const SoundCard& card : cards->Find()) {
+        for (const SoundCard& card : cards->All()) {
             RegistryDevice device;
             device.key = card.uid + std::to_string(card.usb->deviceAddress);
             device.uid = card.uid;

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -136,7 +137,12 @@ private:
 /// The cards of a test, in place of the system's.
 class TestCards final : public SoundCards {
 public:
-    std::vector<SoundCard> Find() const override {
+    std::optional<std::vector<SoundCard>> Find() const override {
+        const MutexLock lock(mutex);
+        return fails ? std::nullopt : std::optional(found);
+    }
+    /// Those that are there, also while looks fail.
+    std::vector<SoundCard> All() const {
         const MutexLock lock(mutex);
         return found;
     }
@@ -144,10 +150,16 @@ public:
         const MutexLock lock(mutex);
         found = std::move(cards);
     }
+    /// Whether looks fail from now on, as without a free descriptor.
+    void SetFailing(bool failing) {
+        const MutexLock lock(mutex);
+        fails = failing;
+    }
 
 private:
     mutable Mutex mutex;
     std::vector<SoundCard> found VORREL_GUARDED_BY(mutex);
+    bool fails VORREL_GUARDED_BY(mutex) = false;
 };
 
 }  // namespace vorrel::test
