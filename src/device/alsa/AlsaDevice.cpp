@@ -20,6 +20,13 @@ constexpr pid_t kNoOwner = -1;
 
 }  // namespace
 
+/// A card that is open, for hog mode, a run or both. It closes before its reservation is given
+/// back.
+struct AlsaDevice::OpenCard {
+    std::shared_ptr<void> reserved;  // set while the device's operation is held
+    std::unique_ptr<AlsaPcm> pcm;
+};
+
 AlsaDevice::AlsaDevice(SoundCard soundCard, std::shared_ptr<ObjectIds> objectIds,
                        std::shared_ptr<PropertyListeners> propertyListeners,
                        const std::string& procDirectory)
@@ -31,7 +38,7 @@ AlsaDevice::AlsaDevice(SoundCard soundCard, std::shared_ptr<ObjectIds> objectIds
       capture(std::make_shared<AlsaCapture>(
           listeners,
           [this](AlsaCapture::Ending ending) { GoAway(ending == AlsaCapture::Ending::Failed); })),
-      reservation(card.number) {}
+      reservation(std::make_shared<DeviceReservation>(card.number)) {}
 
 AlsaDevice::~AlsaDevice() {
     capture->Close();
@@ -222,8 +229,11 @@ OSStatus AlsaDevice::OpenPcm(std::shared_ptr<AlsaPcm>& pcm) {
         TraceRefusal(error);
         return RefusalStatus(error);
     }
-    pcm = std::move(opened);
+    const auto opening = std::make_shared<OpenCard>();
+    opening->pcm = std::move(opened);
+    pcm = std::shared_ptr<AlsaPcm>(opening, opening->pcm.get());
     latest = pcm;
+    openCard = opening;
     return kAudioHardwareNoError;
 }
 
@@ -351,8 +361,7 @@ OSStatus AlsaDevice::WriteHogMode(pid_t processId) {
             return owner == kNoOwner || owner == ::getpid() ? kAudioHardwareNoError
                                                             : kAudioDevicePermissionsError;
         }
-        held.reset();  // a run that is under way keeps it open until its end
-        reservation.Release();
+        held.reset();  // a run that is under way keeps it open, and reserved, until its end
         const MutexLock lock(mutex);
         hogged = false;
         return kAudioHardwareNoError;
@@ -364,14 +373,30 @@ OSStatus AlsaDevice::WriteHogMode(pid_t processId) {
     if (!card.captureDevice.has_value()) {
         return kAudioHardwareUnsupportedOperationError;
     }
-    if (reservation.Acquire() == DeviceReservation::Outcome::Refused) {
-        Trace(__FILE__, __LINE__, "card %d (%s): its reservation is not given up", card.number,
-              card.name.c_str());
+    std::shared_ptr<void> reserved;
+    switch (reservation->Acquire()) {
+        case DeviceReservation::Outcome::Granted:
+            reserved = {nullptr, [kept = reservation](void*) { kept->Release(); }};
+            break;
+        case DeviceReservation::Outcome::Refused:
+            Trace(__FILE__, __LINE__, "card %d (%s): whoever has its reservation keeps it",
+                  card.number, card.name.c_str());
+            return kAudioDevicePermissionsError;
+        case DeviceReservation::Outcome::NoAnswer:
+            Trace(__FILE__, __LINE__,
+                  "card %d (%s): whoever has its reservation does not answer; it is opened all the "
+                  "same",
+                  card.number, card.name.c_str());
+            break;
+        case DeviceReservation::Outcome::NoBus:
+            break;
     }
     std::shared_ptr<AlsaPcm> pcm;
     if (const OSStatus status = OpenPcm(pcm); status != kAudioHardwareNoError) {
-        reservation.Release();
         return status;
+    }
+    if (const std::shared_ptr<OpenCard> opened = openCard.lock(); opened != nullptr) {
+        opened->reserved = std::move(reserved);
     }
     TakeFormats(*pcm);
     held = std::move(pcm);

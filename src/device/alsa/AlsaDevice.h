@@ -120,8 +120,10 @@ private:
     Mutex operation;
     std::shared_ptr<AlsaPcm> held VORREL_GUARDED_BY(operation);  // in hog mode
     std::weak_ptr<AlsaPcm> latest VORREL_GUARDED_BY(operation);  // held, or a run's
-    DeviceReservation reservation;
-    bool formatsKnown VORREL_GUARDED_BY(operation) = false;  // by the card's own word
+    struct OpenCard;
+    std::weak_ptr<OpenCard> openCard VORREL_GUARDED_BY(operation);  // that `latest` is part of
+    const std::shared_ptr<DeviceReservation> reservation;           // a run's as well
+    bool formatsKnown VORREL_GUARDED_BY(operation) = false;         // by the card's own word
     bool refusalTraced VORREL_GUARDED_BY(operation) = false;
 
     Mutex mutex;  // taken after `operation`; held for a look at the state only

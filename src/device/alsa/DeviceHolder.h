@@ -11,8 +11,9 @@ struct DeviceHolder {
     std::string command;   ///< Its name; empty where it cannot be read.
 };
 
-/// Asks the sound drivers, then looks through the processes' open files (of other users' processes
-/// it sees none).
+/// Asks the sound drivers, who tell of a thread that is mapped to its process; where they do not
+/// tell, or that thread has ended, looks through the processes' open files (of other users'
+/// processes it sees none).
 /// @param proc  Where the process file system is.
 DeviceHolder FindDeviceHolder(int card, int device, const std::string& proc = "/proc");
 

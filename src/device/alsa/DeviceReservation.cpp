@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <exception>
@@ -21,7 +22,6 @@ namespace {
 constexpr char kThreadName[] = "DeviceReserved";
 constexpr char kInterface[] = "org.freedesktop.ReserveDevice1";
 constexpr char kPropertiesInterface[] = "org.freedesktop.DBus.Properties";
-constexpr std::chrono::milliseconds kPatience{1'000};
 
 /// A recording that runs is never given up for somebody's playback.
 constexpr std::int32_t kPriority = std::numeric_limits<std::int32_t>::max();
@@ -46,34 +46,39 @@ std::optional<bool> RequestName(SdBus& bus, const std::string& name, std::uint64
 
 }  // namespace
 
-DeviceReservation::DeviceReservation(int card)
+DeviceReservation::DeviceReservation(int card, std::chrono::milliseconds longestWait)
     : name("org.freedesktop.ReserveDevice1.Audio" + std::to_string(card)),
-      path("/org/freedesktop/ReserveDevice1/Audio" + std::to_string(card)) {}
+      path("/org/freedesktop/ReserveDevice1/Audio" + std::to_string(card)),
+      patience(longestWait) {}
 
 DeviceReservation::~DeviceReservation() {
-    Release();
+    const MutexLock lock(mutex);
+    End();
 }
 
-DeviceReservation::Outcome DeviceReservation::Request(SdBus& connection) {
-    const auto deadline = SdBus::Clock::now() + kPatience;
+DeviceReservation::Outcome DeviceReservation::Request(SdBus& connection,
+                                                      SdBus::Clock::time_point deadline) {
     // Answered from the first moment on: who asks right after us must not wait in vain.
     if (!Answer(connection)) {
         return Outcome::NoBus;
     }
-    std::optional<bool> ours = RequestName(connection, name, kDoNotQueue, deadline);
-    if (ours == false) {
-        const auto let = connection.Call(
-            {name.c_str(), path.c_str(), kInterface}, "RequestRelease",
-            {.types = "i", .first = static_cast<std::uint32_t>(kPriority)}, 'b', deadline);
-        if (!let.has_value() || *let == 0) {
-            return Outcome::Refused;
-        }
-        ours = RequestName(connection, name, kDoNotQueue | kReplaceExisting, deadline);
-    }
-    if (!ours.has_value()) {
+    const std::optional<bool> free = RequestName(connection, name, kDoNotQueue, deadline);
+    if (!free.has_value()) {
         return Outcome::NoBus;
     }
-    return *ours ? Outcome::Granted : Outcome::Refused;
+    if (*free) {
+        return Outcome::Granted;
+    }
+    const std::optional<std::uint32_t> let = connection.Call(
+        {name.c_str(), path.c_str(), kInterface}, "RequestRelease",
+        {.types = "i", .first = static_cast<std::uint32_t>(kPriority)}, 'b', deadline);
+    if (let.has_value() && *let == 0) {
+        return Outcome::Refused;
+    }
+    // Who gave no answer may have ended, and its name is free then; it is not taken from anybody.
+    const std::uint64_t flags = let.has_value() ? kDoNotQueue | kReplaceExisting : kDoNotQueue;
+    return RequestName(connection, name, flags, deadline).value_or(false) ? Outcome::Granted
+                                                                          : Outcome::NoAnswer;
 }
 
 bool DeviceReservation::Answer(SdBus& connection) {
@@ -104,30 +109,39 @@ bool DeviceReservation::Answer(SdBus& connection) {
 
 DeviceReservation::Outcome DeviceReservation::Acquire() {
     const MutexLock lock(mutex);
-    if (thread.joinable()) {
+    if (thread.joinable() && !lost) {
+        ++grants;
         return Outcome::Granted;
     }
-    std::unique_ptr<SdBus> connection =
-        SdBus::Connect(SdBus::Which::Session, SdBus::Clock::now() + kPatience);
+    End();
+    const SdBus::Clock::time_point deadline = SdBus::Clock::now() + patience;
+    std::unique_ptr<SdBus> connection = SdBus::Connect(SdBus::Which::Session, deadline);
     if (connection == nullptr) {
         return Outcome::NoBus;
     }
-    const Outcome outcome = Request(*connection);
+    // Before anything is asked for: without it the reservation could not be given back.
+    wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake < 0) {
+        Trace(__FILE__, __LINE__, "no descriptor for the reservation: %s",
+              std::generic_category().message(errno).c_str());
+        return Outcome::NoBus;
+    }
+    const Outcome outcome = Request(*connection, deadline);
     if (outcome != Outcome::Granted) {
+        End();
         return outcome;
     }
-    wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     bus = std::move(connection);
+    lost = false;
     try {
         thread = std::thread([this] { Serve(); });
     } catch (const std::system_error& error) {
         // Nobody would answer for it.
         Trace(__FILE__, __LINE__, "no thread for the reservation: %s", error.what());
-        bus.reset();
-        ::close(wake);
-        wake = -1;
+        End();
         return Outcome::NoBus;
     }
+    ++grants;
     return Outcome::Granted;
 }
 
@@ -137,32 +151,45 @@ void DeviceReservation::Serve() noexcept {
         for (;;) {
             const bool connected = bus->Process(SdBus::Clock::now() + std::chrono::hours(1), wake);
             std::uint64_t ended = 0;
-            if (!connected || ::read(wake, &ended, sizeof ended) > 0) {
+            if (::read(wake, &ended, sizeof ended) > 0) {
                 return;
+            }
+            if (!connected) {
+                Trace(__FILE__, __LINE__,
+                      "%s: the session bus is gone, and the reservation with it", name.c_str());
+                break;
             }
         }
     } catch (const std::exception& error) {
         Trace(__FILE__, __LINE__, "the reservation is not answered for any more: %s", error.what());
     }
+    lost = true;
+}
+
+void DeviceReservation::End() {
+    if (thread.joinable()) {
+        const std::uint64_t end = 1;
+        std::ignore = ::write(wake, &end, sizeof end);
+        thread.join();
+    }
+    // With the connection the bus takes the name back.
+    bus.reset();
+    if (wake >= 0) {
+        ::close(wake);
+        wake = -1;
+    }
 }
 
 void DeviceReservation::Release() {
     const MutexLock lock(mutex);
-    if (!thread.joinable()) {
-        return;
+    if (grants > 0 && --grants == 0) {
+        End();
     }
-    const std::uint64_t end = 1;
-    std::ignore = ::write(wake, &end, sizeof end);
-    thread.join();
-    // With the connection the bus takes the name back.
-    bus.reset();
-    ::close(wake);
-    wake = -1;
 }
 
 bool DeviceReservation::IsHeld() {
     const MutexLock lock(mutex);
-    return thread.joinable();
+    return thread.joinable() && !lost;
 }
 
 }  // namespace vorrel

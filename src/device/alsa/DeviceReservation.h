@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,35 +20,44 @@ class DeviceReservation {
 public:
     enum class Outcome {
         Granted,
-        Refused,  ///< whoever has it wants to keep it, or does not answer
-        NoBus,    ///< nobody to ask
+        Refused,   ///< whoever has it says that it keeps it
+        NoAnswer,  ///< whoever has it says nothing, or does not do what it said
+        NoBus,     ///< nobody to ask
     };
+    static constexpr std::chrono::milliseconds kPatience{1'000};
 
-    explicit DeviceReservation(int card);
-    /// Releases.
+    /// @param longestWait  For all of one `Acquire`.
+    explicit DeviceReservation(int card, std::chrono::milliseconds longestWait = kPatience);
+    /// Gives it back, whoever else still has it.
     ~DeviceReservation();
     DeviceReservation(const DeviceReservation&) = delete;
     DeviceReservation& operator=(const DeviceReservation&) = delete;
 
-    /// Takes the reservation, if need be from whoever has it. Waits for at most a second. While it
-    /// is held a thread of its own ("DeviceReserved") answers who asks for it: no.
+    /// Takes the reservation, if need be from whoever has it; each grant wants a `Release`. While
+    /// it is held a thread of its own ("DeviceReserved") answers who asks for it: no. When the bus
+    /// goes the reservation goes with it, which is traced; the next call takes it anew.
     Outcome Acquire() VORREL_EXCLUDES(mutex);
-    /// Gives it back; a sound server then takes the card again. Nothing without it.
+    /// Gives one grant back; after the last a sound server takes the card again. Nothing without
+    /// one.
     void Release() VORREL_EXCLUDES(mutex);
 
     bool IsHeld() VORREL_EXCLUDES(mutex);
 
 private:
-    Outcome Request(SdBus& connection);
+    Outcome Request(SdBus& connection, std::chrono::steady_clock::time_point deadline);
     bool Answer(SdBus& connection);
     void Serve() noexcept;
+    void End() VORREL_REQUIRES(mutex);
 
     const std::string name;  // on the bus
     const std::string path;  // of the object that answers
+    const std::chrono::milliseconds patience;
     Mutex mutex;
     std::unique_ptr<SdBus> bus;  // while held the thread's; before and after it under the mutex
     int wake = -1;               // ends the thread
     std::thread thread VORREL_GUARDED_BY(mutex);
+    std::size_t grants VORREL_GUARDED_BY(mutex) = 0;
+    std::atomic<bool> lost{false};  // the bus has gone
 };
 
 }  // namespace vorrel

@@ -2,9 +2,11 @@
 
 #include <dlfcn.h>
 #include <poll.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <exception>
 #include <tuple>
 #include <type_traits>
@@ -27,7 +29,6 @@ struct Library {
     int (*wait)(sd_bus*, std::uint64_t) = nullptr;
     int (*getFd)(sd_bus*) = nullptr;
     int (*getEvents)(sd_bus*) = nullptr;
-    int (*flush)(sd_bus*) = nullptr;
     int (*call)(sd_bus*, sd_bus_message*, std::uint64_t, void*, sd_bus_message**) = nullptr;
     int (*newMethodCall)(sd_bus*, sd_bus_message**, const char*, const char*, const char*,
                          const char*) = nullptr;
@@ -61,7 +62,6 @@ struct Library {
         load(wait, "sd_bus_wait");
         load(getFd, "sd_bus_get_fd");
         load(getEvents, "sd_bus_get_events");
-        load(flush, "sd_bus_flush");
         load(call, "sd_bus_call");
         load(newMethodCall, "sd_bus_message_new_method_call");
         load(appendBasic, "sd_bus_message_append_basic");
@@ -86,6 +86,23 @@ std::uint64_t MicrosecondsUntil(SdBus::Clock::time_point deadline) {
         std::chrono::duration_cast<std::chrono::microseconds>(deadline - SdBus::Clock::now());
     return static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 1));
 }
+
+/// Keeps signals from the calling thread for a scope: the library gives up what it waits for when
+/// one is handled. The waits are bounded; a signal is handled behind them.
+class SignalsHeldBack {
+public:
+    SignalsHeldBack() {
+        sigset_t all;
+        ::sigfillset(&all);
+        std::ignore = ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    }
+    ~SignalsHeldBack() { std::ignore = ::pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    SignalsHeldBack(const SignalsHeldBack&) = delete;
+    SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
+
+private:
+    sigset_t before{};
+};
 
 /// A message that is given up at the end of its scope.
 class Message {
@@ -113,6 +130,7 @@ std::unique_ptr<SdBus> SdBus::Connect(Which which, Clock::time_point deadline) {
     if (!library.complete) {
         return nullptr;
     }
+    const SignalsHeldBack signals;
     sd_bus* connection = nullptr;
     const int opened =
         which == Which::Session ? library.openUser(&connection) : library.openSystem(&connection);
@@ -163,6 +181,7 @@ std::optional<std::uint32_t> SdBus::Call(const Address& address, const char* met
         number = *type == 's' ? number : arguments.second;
     }
     Message answer;
+    const SignalsHeldBack signals;
     if (library.call(bus, call.Get(), MicrosecondsUntil(deadline), nullptr, answer.Out()) < 0) {
         return std::nullopt;
     }
@@ -180,6 +199,7 @@ std::optional<std::int64_t> SdBus::Property(const Address& address, const char* 
     Message call;
     Message answer;
     const std::array<char, 2> contents = {type, '\0'};
+    const SignalsHeldBack signals;
     if (library.newMethodCall(bus, call.Out(), address.service, address.path,
                               "org.freedesktop.DBus.Properties", "Get") < 0 ||
         library.appendBasic(call.Get(), 's', address.interface) < 0 ||
@@ -262,7 +282,7 @@ bool SdBus::Process(Clock::time_point deadline, int wakeDescriptor) {
             break;
         }
     }
-    std::ignore = library.flush(bus);
+    // What is still to be written waits for room as what comes waits to be read.
     const int events = library.getEvents(bus);
     if (events < 0) {
         return false;
@@ -273,7 +293,7 @@ bool SdBus::Process(Clock::time_point deadline, int wakeDescriptor) {
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     const auto wait = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 3'600'000));
     if (::poll(sources.data(), sources.size(), wait) < 0) {
-        return true;  // a signal; the caller goes on
+        return errno == EINTR;  // after a signal the caller goes on
     }
     return library.process(bus, nullptr) >= 0;
 }

@@ -49,11 +49,22 @@ std::uint32_t LittleEndian(Bytes bytes, std::size_t offset, std::size_t count) {
 struct Setting {
     CaptureSetting result;
     std::uint8_t protocol = 0;
+    bool hasGeneral = false;
+    bool hasFormatType = false;
     bool isPcm = false;
     bool isTypeI = false;
     CaptureFormat format;
     std::optional<std::uint8_t> dataEndpoint;
 };
+
+/// Whether the setting has its description of that subtype already: as for the driver, the first
+/// counts, and another one changes nothing of it.
+bool IsRepeated(std::uint8_t subtype, Setting& setting) {
+    bool* const has = subtype == kGeneral      ? &setting.hasGeneral
+                      : subtype == kFormatType ? &setting.hasFormatType
+                                               : nullptr;
+    return has != nullptr && std::exchange(*has, true);
+}
 
 void ReadClass1(Bytes descriptor, Setting& setting) {
     const std::size_t length = descriptor.size();
@@ -65,9 +76,6 @@ void ReadClass1(Bytes descriptor, Setting& setting) {
         setting.format.channels = descriptor[4];
         setting.format.containerBytes = descriptor[5];
         setting.format.bits = descriptor[6];
-        setting.format.ratesHz.clear();
-        setting.format.minimumRateHz = 0;
-        setting.format.maximumRateHz = 0;
         const std::size_t rates = descriptor[7];
         constexpr std::size_t kFirst = 8;
         if (rates == 0 && length >= kFirst + 2 * kRateBytes) {
@@ -157,6 +165,9 @@ std::vector<CaptureSetting> ParseCaptureSettings(std::span<const std::uint8_t> d
                 setting->protocol = descriptor[7];
             }
         } else if (setting.has_value() && type == kClassSpecificInterface && length >= 3) {
+            if (IsRepeated(descriptor[2], *setting)) {
+                continue;
+            }
             if (setting->protocol == kProtocolClass1) {
                 ReadClass1(descriptor, *setting);
             } else if (setting->protocol == kProtocolClass2) {

@@ -9,8 +9,10 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "device/alsa/MockedCards.h"
 
@@ -205,29 +207,62 @@ TEST_F(SoundCardsTest, ACardWhoseUsbDeviceIsHalfGoneIsLeftOut) {
     }
 }
 
+/// Does something at the moment when a look reads the vendor id of a card.
+class WhileIdsAreRead {
+public:
+    /// @param usb  Directory of the USB device, which is in the system already.
+    WhileIdsAreRead(const std::string& usb, std::function<void()> action) {
+        const std::string path = usb + "/idVendor";
+        std::filesystem::remove(path);
+        EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+        // Open for both, so that nobody waits in `open`: umockdev holds a lock there.
+        const int ids = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+        const int watch = ::inotify_init1(IN_CLOEXEC);
+        EXPECT_GE(::inotify_add_watch(watch, path.c_str(), IN_OPEN), 0);
+        thread = std::thread([ids, watch, action = std::move(action)] {
+            std::array<char, 512> event{};
+            EXPECT_GT(::read(watch, event.data(), event.size()), 0);
+            action();
+            EXPECT_EQ(::write(ids, "6666\n", 5), 5);
+            ::close(ids);
+            ::close(watch);
+        });
+    }
+    ~WhileIdsAreRead() { thread.join(); }
+    WhileIdsAreRead(const WhileIdsAreRead&) = delete;
+    WhileIdsAreRead& operator=(const WhileIdsAreRead&) = delete;
+
+private:
+    std::thread thread;
+};
+
 TEST_F(SoundCardsTest, AReplugBetweenTwoReadsGivesNoMixtureOfBothDevices) {
     const test::MockedUsbCard recorder = Recorder();
     system->Add(recorder);
     const std::string usb = system->RealPath(test::MockedSystem::UsbPath(recorder));
-    std::filesystem::remove(usb + "/idVendor");
-    ASSERT_EQ(::mkfifo((usb + "/idVendor").c_str(), 0600), 0);
-    // Open for both, so that nobody waits in `open`: umockdev holds a lock there.
-    const int ids = ::open((usb + "/idVendor").c_str(), O_RDWR | O_CLOEXEC);
-    const int watch = ::inotify_init1(IN_CLOEXEC);
-    ASSERT_GE(::inotify_add_watch(watch, (usb + "/idVendor").c_str(), IN_OPEN), 0);
-    std::thread replug([&] {
-        std::array<char, 512> event{};
-        EXPECT_GT(::read(watch, event.data(), event.size()), 0);
-        // The ids are being read: now another device has the port.
-        std::ofstream(usb + "/devnum") << "5\n";
-        EXPECT_EQ(::write(ids, "6666\n", 5), 5);
-        ::close(ids);
-    });
+    const WhileIdsAreRead replug(usb, [&usb] { std::ofstream(usb + "/devnum") << "5\n"; });
 
     EXPECT_THAT(Find(), IsEmpty());
+}
 
-    replug.join();
-    ::close(watch);
+TEST_F(SoundCardsTest, WhenDescriptorsRunOutInTheMiddleItIsNoLook) {
+    system->Add(Recorder());
+    system->Add(SecondRecorder());
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    std::optional<std::vector<SoundCard>> found;
+    {
+        const WhileIdsAreRead runOut(system->RealPath(test::MockedSystem::UsbPath(Recorder())),
+                                     [&before] {
+                                         const rlimit none = {0, before.rlim_max};
+                                         EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+                                     });
+        found = cards->Find();
+    }
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+
+    EXPECT_EQ(found, std::nullopt);
+    EXPECT_NE(TraceLine("the list of sound cards cannot be read: Too many open files"), "");
 }
 
 TEST_F(SoundCardsTest, ALookWithoutAFreeDescriptorIsNoLook) {

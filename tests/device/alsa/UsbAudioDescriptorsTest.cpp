@@ -138,6 +138,38 @@ TEST(UsbAudioDescriptorsTest, WhatIsNotIntegerPcmIsAnInterfaceWithoutAFormat) {
     }
 }
 
+TEST(UsbAudioDescriptorsTest, OfTwoFormatsInOneSettingTheFirstCounts) {
+    const UsbBytes class1 =
+        Joined({Interface(1, 1, 1, kStreaming, kClass1), General1(kPcmTag), Format1(2, 3, 24),
+                General1(3), Format1(6, 2, 16), Endpoint1(0x81, kAsynchronous)});
+    const UsbBytes class2 =
+        Joined({Interface(1, 2, 1, kStreaming, kClass2), General2(2), Format2(4, 32), General2(8),
+                Format2(2, 16), Endpoint2(0x81, kAsynchronous)});
+    UsbBytes typeII = Format2(4, 32);
+    typeII[3] = 2;
+    const UsbBytes compressed = Joined({Interface(1, 3, 1, kStreaming, kClass2), General2(2),
+                                        typeII, Format2(4, 32), Endpoint2(0x81, kAsynchronous)});
+
+    EXPECT_THAT(ParseCaptureSettings(Device({class1, class2, compressed})),
+                ElementsAre(CaptureSetting{1, 1, Format(2, 24, 3, {44'100, 48'000, 96'000})},
+                            CaptureSetting{1, 2, Format(2, 32, 4)}, CaptureSetting{1, 3, {}}));
+}
+
+TEST(UsbAudioDescriptorsTest, EachSettingHasWhatStandsInItAndNothingOfTheOneBefore) {
+    const UsbBytes withoutFormat = Joined(
+        {Interface(1, 2, 1, kStreaming, kClass2), General2(2), Endpoint2(0x81, kAsynchronous)});
+    const UsbBytes withoutGeneral = Joined(
+        {Interface(1, 3, 1, kStreaming, kClass2), Format2(4, 32), Endpoint2(0x81, kAsynchronous)});
+    const UsbBytes withoutEndpoint =
+        Joined({Interface(1, 4, 0, kStreaming, kClass2), General2(2), Format2(4, 32)});
+
+    EXPECT_THAT(
+        ParseCaptureSettings(Device({Setting2(1, 1, 4, 32, 0x81), withoutFormat, withoutGeneral,
+                                     withoutEndpoint, Setting2(2, 1, 2, 16, 0x82)})),
+        ElementsAre(CaptureSetting{1, 1, Format(2, 32, 4)}, CaptureSetting{1, 2, {}},
+                    CaptureSetting{1, 3, {}}, CaptureSetting{2, 1, Format(2, 16, 2)}));
+}
+
 TEST(UsbAudioDescriptorsTest, OnlyTheActiveConfigurationCounts) {
     const UsbBytes both =
         Joined({kDeviceDescriptor, Configuration(1, 55, 1), Setting2(1, 1, 2, 16, 0x81),

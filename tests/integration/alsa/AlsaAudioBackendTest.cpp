@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <array>
 #include <memory>
 #include <set>
 
@@ -103,17 +103,6 @@ TEST_F(AlsaAudioBackendTest, ADeviceInUseIsReplacedWhenNobodyUsesItAnyMore) {
 
     EXPECT_NE(Device(), before);
     EXPECT_EQ(alive.calls, 0);
-}
-
-TEST_F(AlsaAudioBackendTest, ANodeThatIsNotThereYetIsTriedAgain) {
-    card.State().openError = ENOENT;
-    const AudioDeviceID device = Device();
-    EXPECT_EQ(Hog(), kAudioHardwareBadDeviceError);
-
-    card.State().openError = 0;
-
-    EXPECT_EQ(Device(), device);
-    EXPECT_EQ(Hog(), 0);
 }
 
 TEST_F(AlsaAudioBackendTest, ALookThatFailsChangesNothing) {

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "AlsaRig.h"
 #include "device/alsa/CycleTimes.h"
 #include "device/alsa/DeviceHolder.h"
 #include "device/alsa/LockedBuffer.h"
@@ -164,12 +165,68 @@ protected:
 TEST_F(DeviceHolderTest, TheDriverNamesTheOwner) {
     Write("asound/card2/pcm0c/sub0/status",
           "state: RUNNING\nowner_pid   : 4711\ntrigger_time: 1\n");
+    Write("4711/status", "Name:\tsoundserver\nTgid:\t4711\nPid:\t4711\n");
     Write("4711/comm", "soundserver\n");
 
     const DeviceHolder holder = FindDeviceHolder(2, 0, directory.Path());
 
     EXPECT_EQ(holder.processId, 4'711);
     EXPECT_EQ(HolderText(holder), "process 4711 (soundserver)");
+}
+
+TEST_F(DeviceHolderTest, AThreadThatOpenedItStandsForItsProcess) {
+    Write("asound/card2/pcm0c/sub0/status", "state: RUNNING\nowner_pid   : 4713\n");
+    Write("4713/status", "Name:\taudio-thread\nTgid:\t4711\nPid:\t4713\n");
+    Write("4713/comm", "audio-thread\n");
+    Write("4711/comm", "soundserver\n");
+
+    EXPECT_EQ(HolderText(FindDeviceHolder(2, 0, directory.Path())), "process 4711 (soundserver)");
+}
+
+TEST_F(DeviceHolderTest, WhenTheThreadThatOpenedItHasEndedItsFilesTell) {
+    Write("asound/card2/pcm0c/sub0/status", "state: RUNNING\nowner_pid   : 4713\n");
+    Write("4711/comm", "soundserver\n");
+    std::filesystem::create_directories(directory.File("4711/fd"));
+    std::filesystem::create_symlink("/dev/snd/pcmC2D0c", directory.File("4711/fd/5"));
+
+    EXPECT_EQ(HolderText(FindDeviceHolder(2, 0, directory.Path())), "process 4711 (soundserver)");
+}
+
+TEST_F(DeviceHolderTest, AHolderThatVanishesMeanwhileIsNobodyThatIsKnown) {
+    Write("asound/card2/pcm0c/sub0/status", "state: RUNNING\nowner_pid   : 4713\n");
+
+    EXPECT_EQ(FindDeviceHolder(2, 0, directory.Path()).processId, -1);
+}
+
+/// A process that is known to hold the card without hog mode.
+class HogOwnerTest : public AlsaCardTest {
+protected:
+    /// @param process  Whose thread 4713 has the card open.
+    AudioDeviceID HeldBy(pid_t process) {
+        const std::string status =
+            directory.File("asound/card" + std::to_string(card.Number()) + "/pcm0c/sub0/status");
+        std::filesystem::create_directories(std::filesystem::path(status).parent_path());
+        std::ofstream(status) << "state: RUNNING\nowner_pid   : 4713\n";
+        std::filesystem::create_directories(directory.File("4713"));
+        std::ofstream(directory.File("4713/status")) << "Tgid:\t" << process << "\n";
+        audio = std::make_shared<AlsaAudioBackend>(cards, directory.Path());
+        return Device();
+    }
+    TempDirectory directory;
+};
+
+TEST_F(HogOwnerTest, AThreadOfThisProcessIsThisProcess) {
+    const AudioDeviceID device = HeldBy(::getpid());
+
+    EXPECT_EQ(Value<SInt32>(device, kAudioDevicePropertyHogMode), ::getpid());
+    EXPECT_EQ(Unhog(device), 0);
+}
+
+TEST_F(HogOwnerTest, AThreadOfAnotherProcessIsThatProcessAndKeepsIt) {
+    const AudioDeviceID device = HeldBy(1);
+
+    EXPECT_EQ(Value<SInt32>(device, kAudioDevicePropertyHogMode), 1);
+    EXPECT_EQ(Unhog(device), kAudioDevicePermissionsError);
 }
 
 TEST_F(DeviceHolderTest, ElseTheProcessWithTheFileOpen) {

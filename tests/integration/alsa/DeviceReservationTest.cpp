@@ -3,125 +3,27 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <string>
 #include <thread>
 
+#include "PrivateBus.h"
 #include "device/alsa/CaptureScheduling.h"
 #include "device/alsa/DeviceReservation.h"
 #include "device/alsa/SdBus.h"
-#include "support/TempDirectory.h"
 #include "support/TraceCapture.h"
 
 namespace vorrel::test {
 namespace {
 
-using Clock = SdBus::Clock;
 constexpr char kName[] = "org.freedesktop.ReserveDevice1.Audio7";
 constexpr char kPath[] = "/org/freedesktop/ReserveDevice1/Audio7";
 constexpr char kInterface[] = "org.freedesktop.ReserveDevice1";
-constexpr SdBus::Address kDaemon = {"org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                    "org.freedesktop.DBus"};
-
-Clock::time_point Soon() {
-    return Clock::now() + std::chrono::seconds(10);
-}
-
-/// A message bus of the test's own, which both environment variables name.
-class PrivateBus {
-public:
-    PrivateBus() {
-        std::array<int, 2> pipe{};
-        if (::pipe2(pipe.data(), O_CLOEXEC) != 0) {
-            return;
-        }
-        const std::string address = "--address=unix:path=" + directory.File("bus");
-        const std::string print = "--print-address=" + std::to_string(pipe[1]);
-        daemon = ::fork();
-        if (daemon == 0) {
-            ::fcntl(pipe[1], F_SETFD, 0);
-            ::execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", address.c_str(),
-                     print.c_str(), static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::close(pipe[1]);
-        std::array<char, 256> text{};
-        running = ::read(pipe[0], text.data(), text.size()) > 0;
-        ::close(pipe[0]);
-        const std::string path = "unix:path=" + directory.File("bus");
-        ::setenv("DBUS_SESSION_BUS_ADDRESS", path.c_str(), 1);
-        ::setenv("DBUS_SYSTEM_BUS_ADDRESS", path.c_str(), 1);
-    }
-    ~PrivateBus() {
-        Send(SIGTERM);
-        if (daemon > 0) {
-            ::waitpid(daemon, nullptr, 0);
-        }
-        ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
-        ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-    }
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
-
-    /// The daemon, and the library to reach it by, are here.
-    bool IsThere() const {
-        return running && SdBus::Connect(SdBus::Which::Session, Soon()) != nullptr;
-    }
-    void Stop() const { Send(SIGSTOP); }
-    void Continue() const { Send(SIGCONT); }
-
-private:
-    /// A number of -1 would mean every process.
-    void Send(int signal) const {
-        if (daemon > 0) {
-            ::kill(daemon, signal);
-        }
-    }
-
-    TempDirectory directory;
-    pid_t daemon = -1;
-    bool running = false;
-};
-
-/// A program on the bus that owns a name and answers calls, on a thread of its own.
-class FakeService {
-public:
-    FakeService(const char* name, const char* path, std::function<bool(sd_bus_message*)> answer)
-        : bus(SdBus::Connect(SdBus::Which::Session, Soon())),
-          wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        EXPECT_TRUE(bus->Serve(path, std::move(answer)));
-        EXPECT_EQ(bus->Call(kDaemon, "RequestName", {.types = "su", .text = name, .first = 1}, 'u',
-                            Soon()),
-                  1U);  // may be replaced
-        thread = std::thread([this] {
-            while (!ended && bus->Process(Soon(), wake)) {
-            }
-        });
-    }
-    ~FakeService() {
-        ended = true;
-        const std::uint64_t one = 1;
-        std::ignore = ::write(wake, &one, sizeof one);
-        thread.join();
-        ::close(wake);
-    }
-    FakeService(const FakeService&) = delete;
-    FakeService& operator=(const FakeService&) = delete;
-
-private:
-    std::unique_ptr<SdBus> bus;
-    int wake;
-    std::atomic<bool> ended{false};
-    std::thread thread;
-};
 
 class DeviceReservationTest : public testing::Test {
 protected:
@@ -130,11 +32,7 @@ protected:
             GTEST_SKIP() << "no dbus-daemon or no libsystemd";
         }
     }
-    bool IsOwned() {
-        const auto client = SdBus::Connect(SdBus::Which::Session, Soon());
-        return client->Call(kDaemon, "NameHasOwner", {.types = "s", .text = kName}, 'b', Soon()) ==
-               1U;
-    }
+    static bool IsOwned() { return IsNameOwned(kName); }
 
     PrivateBus bus;
     DeviceReservation reservation{7};
@@ -145,6 +43,8 @@ TEST_F(DeviceReservationTest, WithoutAHolderItIsGrantedAndGivenBack) {
     EXPECT_TRUE(IsOwned());
     EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted);
 
+    reservation.Release();
+    EXPECT_TRUE(reservation.IsHeld());  // it was granted twice
     reservation.Release();
 
     EXPECT_FALSE(reservation.IsHeld());
@@ -180,13 +80,125 @@ TEST_F(DeviceReservationTest, AHolderThatKeepsItIsLeftAlone) {
     EXPECT_TRUE(IsOwned());
 }
 
-TEST_F(DeviceReservationTest, AHolderThatDoesNotAnswerIsWaitedForASecondAtMost) {
+TEST_F(DeviceReservationTest, AHolderThatDoesNotAnswerIsWaitedForAsLongAsAllOfItMayTake) {
+    constexpr std::chrono::milliseconds kWait{300};
+    DeviceReservation impatient(7, kWait);
     const FakeService holder(kName, kPath, [](sd_bus_message*) { return true; });
     const auto begin = Clock::now();
 
-    EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Refused);
+    EXPECT_EQ(impatient.Acquire(), DeviceReservation::Outcome::NoAnswer);
 
-    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));  // 25 s would be the bus's own
+    const auto took = Clock::now() - begin;
+    EXPECT_GE(took, kWait);
+    EXPECT_LT(took, DeviceReservation::kPatience);  // what it waits for else
+    EXPECT_FALSE(impatient.IsHeld());
+}
+
+TEST_F(DeviceReservationTest, AHolderThatEndsWhileItIsAskedHasLetGo) {
+    auto other = SdBus::Connect(SdBus::Which::Session, Soon());
+    bool asked = false;
+    ASSERT_TRUE(other->Serve(kPath, [&](sd_bus_message*) { return asked = true; }));
+    ASSERT_EQ(other->Call(kDaemon, "RequestName", {.types = "su", .text = kName}, 'u', Soon()), 1U);
+    std::thread holder([&] {
+        while (!asked && other->Process(Clock::now() + std::chrono::milliseconds(5))) {
+        }
+        other.reset();  // without an answer
+    });
+
+    EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted);
+
+    holder.join();
+    EXPECT_TRUE(IsOwned());
+}
+
+TEST_F(DeviceReservationTest, SignalsDoNotKeepItFromBeingGranted) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    struct sigaction before {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &before), 0);
+    std::atomic<bool> ended{false};
+    std::thread sender([&ended, to = ::pthread_self()] {
+        while (!ended) {
+            ::pthread_kill(to, SIGUSR1);
+            std::this_thread::yield();
+        }
+    });
+
+    for (int round = 0; round < 20; ++round) {
+        EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted) << round;
+        reservation.Release();
+    }
+
+    ended = true;
+    sender.join();
+    ASSERT_EQ(::sigaction(SIGUSR1, &before, nullptr), 0);
+}
+
+TEST_F(DeviceReservationTest, ABusThatGoesTakesItAlongAndTheNextOneGivesItAnew) {
+    TraceCapture trace;
+    ASSERT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted);
+
+    bus.End();
+
+    const auto end = Soon();
+    while (reservation.IsHeld() && Clock::now() < end) {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(reservation.IsHeld());
+    EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::NoBus);
+    ASSERT_EQ(trace.Lines().size(), 1U);
+    EXPECT_NE(trace.Lines()[0].find("the session bus is gone"), std::string::npos);
+
+    const PrivateBus next;
+    ASSERT_TRUE(next.IsThere());
+    EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted);
+    EXPECT_TRUE(IsOwned());
+    reservation.Release();  // the first grant
+    EXPECT_TRUE(reservation.IsHeld());
+    reservation.Release();
+    EXPECT_FALSE(reservation.IsHeld());
+}
+
+TEST_F(DeviceReservationTest, WithoutADescriptorForItThereIsNone) {
+    ASSERT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted);  // all is loaded now
+    reservation.Release();
+    const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(next, 0);
+    ::close(next);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    for (int room = 0; room < 2; ++room) {  // it takes one for the bus and one for itself
+        const rlimit few = {static_cast<rlim_t>(next + room), before.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+
+        EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::NoBus) << room;
+
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+        EXPECT_FALSE(reservation.IsHeld());
+    }
+    EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted);
+}
+
+TEST_F(DeviceReservationTest, ABusThatTakesNothingDoesNotHoldUpWhoWaitsForTraffic) {
+    const auto client = SdBus::Connect(SdBus::Which::Session, Soon());
+    const std::string much(std::size_t{24} << 20U, 'x');
+    bus.Stop();
+    // More than a socket holds: the rest waits in the connection.
+    std::ignore = client->Call(kDaemon, "NameHasOwner", {.types = "s", .text = much.c_str()}, 'b',
+                               Clock::now() + std::chrono::milliseconds(20));
+    std::atomic<bool> returned{false};
+    std::thread waiting([&] {
+        std::ignore = client->Process(Clock::now() + std::chrono::milliseconds(50));
+        returned = true;
+    });
+
+    const auto end = Soon();
+    while (!returned && Clock::now() < end) {
+        std::this_thread::yield();
+    }
+    EXPECT_TRUE(returned);
+    bus.Continue();
+    waiting.join();
 }
 
 TEST_F(DeviceReservationTest, WhoAsksForItMeanwhileIsToldNo) {
