@@ -24,7 +24,7 @@ test: build/dev/CMakeCache.txt
 # Records in an emulated machine from a recorder that is a program; "skipped: ..." where there is none.
 e2e: build/e2e/CMakeCache.txt
 	-@scripts/install-deps.sh e2e
-	cmake --build --preset e2e -j $(JOBS) --target vorrel_cli vorrel_usb_recorder vorrel_take_check
+	cmake --build --preset e2e -j $(JOBS) --target vorrel_cli vorrel_hot_plug_host vorrel_usb_recorder vorrel_take_check
 	tests/e2e/run.sh build/e2e build/e2e/machine
 
 sanitize: build/asan/CMakeCache.txt build/tsan/CMakeCache.txt

@@ -13,7 +13,7 @@ libasound2-dev libudev-dev libusb-1.0-0-dev umockdev libumockdev-dev dbus-daemon
 ffmpeg sox libsox-fmt-all mediainfo wavpack python3 python3-mutagen sndfile-programs
 "
 if [ "${1:-}" = e2e ]; then
-    packages="$packages qemu-system-x86 busybox-static cpio kmod"
+    packages="$packages qemu-system-x86 busybox-static cpio kmod xz-utils"
 fi
 
 missing=""

@@ -187,6 +187,36 @@ is_recovered() {
         grep -q ' gaps=1 missing=[0-9]* repeats=0 repeated=0 wrong=0 ' /tmp/counts
 }
 
+# Waits until the host of is_found_later says a line.
+await_said() {
+    left=400
+    until grep -q "^$1\$" /tmp/host; do
+        left=$((left - 1))
+        [ "$left" -gt 0 ] || { echo "it does not say: $1"; return 1; }
+        usleep 50000
+    done
+}
+
+# One process, from before the first recorder to after the second: each is found when it is plugged
+# in, can be recorded from, and is gone when it is unplugged.
+is_found_later() {
+    mkdir -p /tmp/hot-plug
+    hot-plug-host /tmp/hot-plug 2 > /tmp/host 2>&1 &
+    host=$!
+    code=0
+    for number in 1 2; do
+        await_said "waiting $number" && plug 1 && await_said "recorded $number" || code=1
+        unplug
+    done
+    wait "$host" || code=1
+    cat /tmp/host
+    for number in 1 2; do
+        take-check "/tmp/hot-plug/hot-plug-$number.wav" 96000 1 || code=1
+    done
+    rm -rf /tmp/hot-plug
+    return "$code"
+}
+
 # A user's program is refused while the nodes are root's. It needs those of the
 # card and, for the vendor request, that of the USB device: no real-time priority, no other right.
 is_permitted() {
@@ -214,6 +244,8 @@ echo  # the firmware leaves its line open
 modprobe vhci-hcd && modprobe snd-usb-audio || echo "E2E fail modules"
 
 check no-recorder lists 0
+
+check hot-plug is_found_later
 
 plug 1
 check one-recorder lists 1

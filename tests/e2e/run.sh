@@ -51,6 +51,9 @@ image=$(find "$kernel/boot" -name 'vmlinuz-*' | head -n 1)
 release=${image##*/vmlinuz-}
 modules=$(find "$kernel" -type d -path "*/lib/modules/$release" | head -n 1)
 base=${modules%/lib/modules/*}
+if [ -n "$(find "$modules" -name '*.ko.xz' | head -n 1)" ]; then
+    command -v xz > /dev/null || skip "xz is not installed, and this kernel's modules are packed with it"
+fi
 
 # --- the initramfs ---
 rm -rf "$tree"
@@ -88,6 +91,7 @@ depmod -b "$tree" "$release"
 add_program "$build/apps/cli/vorrel"
 add_program "$build/tests/e2e/usb-recorder"
 add_program "$build/tests/e2e/take-check"
+add_program "$build/tests/e2e/hot-plug-host"
 if [ -d /usr/share/alsa ]; then
     mkdir -p "$tree/usr/share/alsa"
     (cd /usr/share/alsa && cp -r alsa.conf cards pcm "$tree/usr/share/alsa/")
