@@ -189,7 +189,8 @@ std::string MockedSystem::UsbPath(const MockedUsbCard& card) {
 }
 
 std::string MockedSystem::CardPath(const MockedUsbCard& card) {
-    return UsbPath(card) + "/" + card.port + ":1.0/sound/card" + std::to_string(card.number);
+    return UsbPath(card) + "/" + card.port + ":1." + std::to_string(card.controlInterface) +
+           "/sound/card" + std::to_string(card.number);
 }
 
 std::string MockedSystem::Node(const MockedUsbCard& card) {
@@ -215,7 +216,6 @@ void MockedSystem::WriteProc(const std::string& name, const std::string& content
 void MockedSystem::Add(const MockedUsbCard& card) {
     const std::string usb = UsbPath(card).substr(4);
     const std::string interface = usb + "/" + card.port + ":1.";
-    const std::string sound = interface + "0/sound/card" + std::to_string(card.number);
     const std::string node = Node(card);
     // libusb reads the descriptors from the node itself.
     bed->AddDescribed(
@@ -239,19 +239,7 @@ void MockedSystem::Add(const MockedUsbCard& card) {
                           "\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_interface\nA: bInterfaceNumber=0" +
                           number + "\\n\n\n");
     }
-    const std::string name = std::to_string(card.number);
-    bed->AddDescribed("P: " + sound + "\nE: SUBSYSTEM=sound\nA: number=" + name + "\\n\nA: id=USB" +
-                      name + "\\n\n\n");
-    bed->AddDescribed("P: " + sound + "/controlC" + name + "\nN: snd/controlC" + name +
-                      "=00\nE: SUBSYSTEM=sound\nE: DEVNAME=/dev/snd/controlC" + name + "\n\n");
-    if (card.captures) {
-        bed->AddDescribed("P: " + sound + "/pcmC" + name + "D0c\nN: snd/pcmC" + name +
-                          "D0c=00\nE: SUBSYSTEM=sound\nE: DEVNAME=/dev/snd/pcmC" + name +
-                          "D0c\n\n");
-    }
-    if (!card.streamText.empty()) {
-        WriteProc("card" + name + "/stream0", card.streamText);
-    }
+    AddToDevice(card);
     // Once attached to a node a handler stays: taken off and put on again it is not found at times.
     auto& handler = bed->handlers[node];
     if (handler != nullptr) {
@@ -264,6 +252,23 @@ void MockedSystem::Add(const MockedUsbCard& card) {
     if (error != nullptr) {
         ADD_FAILURE() << error->message;
         ::g_error_free(error);
+    }
+}
+
+void MockedSystem::AddToDevice(const MockedUsbCard& card) {
+    const std::string sound = CardPath(card).substr(4);
+    const std::string name = std::to_string(card.number);
+    bed->AddDescribed("P: " + sound + "\nE: SUBSYSTEM=sound\nA: number=" + name + "\\n\nA: id=USB" +
+                      name + "\\n\n\n");
+    bed->AddDescribed("P: " + sound + "/controlC" + name + "\nN: snd/controlC" + name +
+                      "=00\nE: SUBSYSTEM=sound\nE: DEVNAME=/dev/snd/controlC" + name + "\n\n");
+    if (card.captures) {
+        bed->AddDescribed("P: " + sound + "/pcmC" + name + "D0c\nN: snd/pcmC" + name +
+                          "D0c=00\nE: SUBSYSTEM=sound\nE: DEVNAME=/dev/snd/pcmC" + name +
+                          "D0c\n\n");
+    }
+    if (!card.streamText.empty()) {
+        WriteProc("card" + name + "/stream0", card.streamText);
     }
 }
 

@@ -23,6 +23,7 @@ struct MockedUsbCard {
     std::vector<std::uint8_t> descriptors;  // empty: no such file
     std::string streamText;                 // empty: no such file
     bool captures = true;                   // has the PCM device 0 for capture
+    int controlInterface = 0;               // that the card sits on
 };
 
 /// The part of the system that a test mocks: sysfs, device nodes and USB requests come from
@@ -39,6 +40,8 @@ public:
     MockedSystem& operator=(const MockedSystem&) = delete;
 
     void Add(const MockedUsbCard& card);
+    /// Another card of a USB device that is there already, at another of its interfaces.
+    void AddToDevice(const MockedUsbCard& card);
     /// A card that sits on a PCI device.
     void AddPciCard(int number, const std::string& id, bool captures);
     /// Takes away the card, its USB device and its node, with the events of the device manager.

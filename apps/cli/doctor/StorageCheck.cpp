@@ -104,21 +104,23 @@ void CheckSpeed(const std::string& directory, double freeBytes, Findings& findin
     if (trial.bytesPerSecond == 0) {
         return;  // without room there is no speed
     }
-    const std::string speed = std::to_string(std::llround(trial.bytesPerSecond / 1e6)) + " MB/s";
-    if (trial.bytesPerSecond >= kSafety * kHighestBytes) {
-        findings.push_back({"storage", Verdict::Good,
-                            "it takes " + speed + ", enough for stereo at every rate", ""});
-    } else {
-        const bool usable = trial.bytesPerSecond >= kSafety * kCommonBytes;
-        findings.push_back(
-            {"storage", usable ? Verdict::Note : Verdict::Problem,
-             "it takes only " + speed +
-                 (usable ? ": too slow to be safe at the highest rates" : ": too slow to be safe"),
-             "name a faster place with --temp-dir, or in TMPDIR"});
-    }
+    findings.push_back(JudgeSpeed(trial.bytesPerSecond));
 }
 
 }  // namespace
+
+Finding JudgeSpeed(double bytesPerSecond) {
+    const std::string speed = std::to_string(std::llround(bytesPerSecond / 1e6)) + " MB/s";
+    if (bytesPerSecond >= kSafety * kHighestBytes) {
+        return {"storage", Verdict::Good, "it takes " + speed + ", enough for stereo at every rate",
+                ""};
+    }
+    const bool usable = bytesPerSecond >= kSafety * kCommonBytes;
+    return {"storage", usable ? Verdict::Note : Verdict::Problem,
+            "it takes only " + speed +
+                (usable ? ": too slow to be safe at the highest rates" : ": too slow to be safe"),
+            "name a faster place with --temp-dir, or in TMPDIR"};
+}
 
 Findings CheckStorage(const std::string& directory) {
     Findings findings;

@@ -11,4 +11,8 @@ namespace vorrel::cli {
 /// @param directory  As `TemporaryBase` gave it.
 Findings CheckStorage(const std::string& directory);
 
+/// What a place that takes so many bytes a second is good for: four times what stereo makes,
+/// samples and preview, at 384 kHz is good, at 96 kHz a note, less a problem.
+Finding JudgeSpeed(double bytesPerSecond);
+
 }  // namespace vorrel::cli

@@ -122,6 +122,23 @@ TEST_F(SoundCardsTest, RecordersWithoutSerialsAreToldApartByTheirPorts) {
     EXPECT_EQ(found[1].uid, "usb:6666:0770::1-3");
 }
 
+TEST_F(SoundCardsTest, TwoCardsOfOneUsbDeviceAreToldApartByTheirInterfaces) {
+    const test::MockedUsbCard first = Recorder();
+    test::MockedUsbCard second = Recorder(1);
+    second.controlInterface = 2;
+    system->Add(first);
+    system->AddToDevice(second);
+
+    const std::vector<SoundCard> found = Find();
+
+    ASSERT_THAT(found, SizeIs(2));
+    EXPECT_EQ(found[0].uid, "usb:6666:0770:0001:1-2");
+    EXPECT_EQ(found[1].uid, "usb:6666:0770:0001:1-2:2");
+    EXPECT_EQ(found[1].usb->controlInterface, 2);
+    EXPECT_EQ(found[0].usb->deviceAddress, found[1].usb->deviceAddress);
+    EXPECT_FALSE(IsSamePlugging(found[0], found[1]));
+}
+
 TEST_F(SoundCardsTest, TheNameKeepsItsBlanks) {
     test::MockedUsbCard recorder = Recorder();
     recorder.product = " KD-WV770 ";

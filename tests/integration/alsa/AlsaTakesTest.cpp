@@ -192,21 +192,29 @@ TEST_F(AlsaTakesTest, AnUnplugInTheTakeIsToldOnceAndKeepsWhatWasRecorded) {
     ASSERT_EQ(take.manager.Stop(true), VrSuccess);
 }
 
-TEST_F(AlsaTakesTest, OfTwoRecordersEachCanBeSelectedAndTheOtherStaysFree) {
+TEST_F(AlsaTakesTest, OfTwoRecordersOfOneNameTheFirstIsSelectedAndTheSecondWhenItHasGone) {
     TestCard second;
     AlsaTake take(card);
     take.cards->Set({card.Found(), second.Found()});
     std::vector<std::string> names;
     ASSERT_EQ(take.manager.Init(take.delegate), VrSuccess);
+    const auto isHeld = [](const TestCard& one) { return one.State().opens > one.State().closes; };
 
     ASSERT_EQ(take.manager.GetAudioDevices(&names), VrSuccess);
-    ASSERT_EQ(names.size(), 2U);
-    ASSERT_EQ(take.manager.SetAudioDevice(names[1].c_str()), VrSuccess);
+    EXPECT_EQ(names, std::vector<std::string>(2, kSupportedDeviceName));
+    ASSERT_EQ(take.manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
+    EXPECT_TRUE(isHeld(card));
+    EXPECT_FALSE(isHeld(second));
+    {
+        const auto other = second.HeldByAnother();  // it is free
+    }
 
-    const bool firstHeld = card.State().opens > card.State().closes;
-    const bool secondHeld = second.State().opens > second.State().closes;
-    EXPECT_NE(firstHeld, secondHeld);
-    const auto other = firstHeld ? second.HeldByAnother() : card.HeldByAnother();
+    take.cards->Set({second.Found()});
+    ASSERT_EQ(take.manager.GetAudioDevices(&names), VrSuccess);
+    EXPECT_EQ(names, std::vector<std::string>(1, kSupportedDeviceName));
+    ASSERT_EQ(take.manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
+    EXPECT_FALSE(isHeld(card));
+    EXPECT_TRUE(isHeld(second));
 }
 
 TEST_F(AlsaTakesTest, TakesFollowEachOtherInBothModes) {
