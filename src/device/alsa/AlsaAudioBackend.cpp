@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "device/backend/DeviceCalls.h"
+
 namespace vorrel {
 
 AlsaAudioBackend::AlsaAudioBackend(std::shared_ptr<const SoundCards> soundCards,
@@ -85,9 +87,9 @@ OSStatus AlsaAudioBackend::ReadValue(AudioObjectID object,
                                      const AudioObjectPropertyAddress& address,
                                      PropertyValue& value) {
     if (object != kAudioObjectSystemObject) {
-        const std::shared_ptr<AlsaDevice> device = Find(object);
-        return device == nullptr ? kAudioHardwareBadObjectError
-                                 : device->ReadProperty(object, address, value);
+        return CallDevice(Find(object), [&](AlsaDevice& device) {
+            return device.ReadProperty(object, address, value);
+        });
     }
     if (address.mSelector != kAudioHardwarePropertyDevices) {
         return kAudioHardwareUnknownPropertyError;
@@ -129,84 +131,55 @@ OSStatus AlsaAudioBackend::GetPropertyString(AudioObjectID object,
                                              const AudioObjectPropertyAddress& address,
                                              std::string* text) {
     const std::shared_ptr<AlsaDevice> device = Find(object);
-    if (device == nullptr) {
-        return object == kAudioObjectSystemObject ? kAudioHardwareUnknownPropertyError
-                                                  : kAudioHardwareBadObjectError;
-    }
-    return device->ReadText(object, address, *text);
+    return device == nullptr ? RefuseText(object) : device->ReadText(object, address, *text);
 }
 
 OSStatus AlsaAudioBackend::SetPropertyData(AudioObjectID object,
                                            const AudioObjectPropertyAddress& address, UInt32 size,
                                            const void* data) {
     const std::shared_ptr<AlsaDevice> device = Find(object);
-    if (device != nullptr) {
-        return device->WriteProperty(object, address, size, data);
-    }
-    if (object != kAudioObjectSystemObject) {
-        return kAudioHardwareBadObjectError;
-    }
-    return address.mSelector == kAudioHardwarePropertyDevices
-               ? kAudioHardwareUnsupportedOperationError
-               : kAudioHardwareUnknownPropertyError;
+    return device == nullptr ? RefuseWrite(object, address)
+                             : device->WriteProperty(object, address, size, data);
 }
 
 OSStatus AlsaAudioBackend::AddPropertyListener(AudioObjectID object,
                                                const AudioObjectPropertyAddress& address,
                                                AudioObjectPropertyListenerProc listener,
                                                void* clientData) {
-    if (object != kAudioObjectSystemObject) {
-        const std::shared_ptr<AlsaDevice> device = Find(object);
-        const OSStatus status =
-            device == nullptr ? kAudioHardwareBadObjectError : device->CheckObject(object);
-        if (status != kAudioHardwareNoError) {
-            return status;
-        }
+    if (const OSStatus status = CheckObject(Find(object), object);
+        status != kAudioHardwareNoError) {
+        return status;
     }
-    if (listener == nullptr) {
-        return kAudioHardwareIllegalOperationError;
-    }
-    listeners->Add(object, address, listener, clientData);
-    return kAudioHardwareNoError;
+    return AddListener(*listeners, object, address, listener, clientData);
 }
 
 OSStatus AlsaAudioBackend::RemovePropertyListener(AudioObjectID object,
                                                   const AudioObjectPropertyAddress& address,
                                                   AudioObjectPropertyListenerProc listener,
                                                   void* clientData) {
-    // First, because also a listener of a device that is gone goes.
-    const bool registered = listeners->Remove(object, address, listener, clientData);
-    if (object != kAudioObjectSystemObject) {
-        const std::shared_ptr<AlsaDevice> device = Find(object);
-        const OSStatus status =
-            device == nullptr ? kAudioHardwareBadObjectError : device->CheckObject(object);
-        if (status != kAudioHardwareNoError) {
-            return status;
-        }
-    }
-    return registered ? kAudioHardwareNoError : kAudioHardwareIllegalOperationError;
+    return RemoveListener(
+        *listeners, [this](AudioObjectID id) { return Find(id); }, object, address, listener,
+        clientData);
 }
 
 OSStatus AlsaAudioBackend::CreateIOProcID(AudioObjectID device, AudioDeviceIOProc ioProc,
                                           void* clientData, AudioDeviceIOProcID* id) {
-    const std::shared_ptr<AlsaDevice> found = Find(device);
-    return found == nullptr ? kAudioHardwareBadObjectError
-                            : found->CreateIOProcID(device, ioProc, clientData, id);
+    return CallDevice(Find(device), [&](AlsaDevice& found) {
+        return found.CreateIOProcID(device, ioProc, clientData, id);
+    });
 }
 
 OSStatus AlsaAudioBackend::DestroyIOProcID(AudioObjectID device, AudioDeviceIOProcID id) {
-    const std::shared_ptr<AlsaDevice> found = Find(device);
-    return found == nullptr ? kAudioHardwareBadObjectError : found->DestroyIOProcID(device, id);
+    return CallDevice(Find(device),
+                      [&](AlsaDevice& found) { return found.DestroyIOProcID(device, id); });
 }
 
 OSStatus AlsaAudioBackend::Start(AudioObjectID device, AudioDeviceIOProcID id) {
-    const std::shared_ptr<AlsaDevice> found = Find(device);
-    return found == nullptr ? kAudioHardwareBadObjectError : found->Start(device, id);
+    return CallDevice(Find(device), [&](AlsaDevice& found) { return found.Start(device, id); });
 }
 
 OSStatus AlsaAudioBackend::Stop(AudioObjectID device, AudioDeviceIOProcID id) {
-    const std::shared_ptr<AlsaDevice> found = Find(device);
-    return found == nullptr ? kAudioHardwareBadObjectError : found->Stop(device, id);
+    return CallDevice(Find(device), [&](AlsaDevice& found) { return found.Stop(device, id); });
 }
 
 }  // namespace vorrel

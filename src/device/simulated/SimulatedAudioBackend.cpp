@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include "device/backend/DeviceCalls.h"
+
 namespace vorrel {
 
 SimulatedAudioBackend::SimulatedAudioBackend(
@@ -116,8 +118,7 @@ OSStatus SimulatedAudioBackend::GetPropertyString(AudioObjectID object,
     hook->Pass();
     SimulatedRecorder* recorder = Find(object);
     if (recorder == nullptr) {
-        return object == kAudioObjectSystemObject ? kAudioHardwareUnknownPropertyError
-                                                  : kAudioHardwareBadObjectError;
+        return RefuseText(object);
     }
     PropertyFaults& faults = recorder->Faults();
     if (const OSStatus status = faults.Check(PropertyOperation::Read, address.mSelector);
@@ -151,12 +152,7 @@ OSStatus SimulatedAudioBackend::SetPropertyData(AudioObjectID object,
     hook->Pass();
     SimulatedRecorder* recorder = Find(object);
     if (recorder == nullptr) {
-        if (object != kAudioObjectSystemObject) {
-            return kAudioHardwareBadObjectError;
-        }
-        return address.mSelector == kAudioHardwarePropertyDevices
-                   ? kAudioHardwareUnsupportedOperationError
-                   : kAudioHardwareUnknownPropertyError;
+        return RefuseWrite(object, address);
     }
     if (const OSStatus status =
             recorder->Faults().Check(PropertyOperation::Write, address.mSelector);
@@ -171,23 +167,17 @@ OSStatus SimulatedAudioBackend::AddPropertyListener(AudioObjectID object,
                                                     AudioObjectPropertyListenerProc listener,
                                                     void* clientData) {
     hook->Pass();
+    if (const OSStatus status = CheckObject(Find(object), object);
+        status != kAudioHardwareNoError) {
+        return status;
+    }
     if (object != kAudioObjectSystemObject) {
-        SimulatedRecorder* recorder = Find(object);
-        const OSStatus status =
-            recorder == nullptr ? kAudioHardwareBadObjectError : recorder->CheckObject(object);
-        if (status != kAudioHardwareNoError) {
-            return status;
-        }
         if (const OSStatus fault = listenerFaults.Check(PropertyOperation::Write, 0);
             fault != kAudioHardwareNoError) {
             return fault;
         }
     }
-    if (listener == nullptr) {
-        return kAudioHardwareIllegalOperationError;
-    }
-    listeners->Add(object, address, listener, clientData);
-    return kAudioHardwareNoError;
+    return AddListener(*listeners, object, address, listener, clientData);
 }
 
 OSStatus SimulatedAudioBackend::RemovePropertyListener(AudioObjectID object,
@@ -195,44 +185,36 @@ OSStatus SimulatedAudioBackend::RemovePropertyListener(AudioObjectID object,
                                                        AudioObjectPropertyListenerProc listener,
                                                        void* clientData) {
     hook->Pass();
-    // First, because also a listener of a device that is gone goes.
-    const bool registered = listeners->Remove(object, address, listener, clientData);
-    if (object != kAudioObjectSystemObject) {
-        SimulatedRecorder* recorder = Find(object);
-        const OSStatus status =
-            recorder == nullptr ? kAudioHardwareBadObjectError : recorder->CheckObject(object);
-        if (status != kAudioHardwareNoError) {
-            return status;
-        }
-    }
-    return registered ? kAudioHardwareNoError : kAudioHardwareIllegalOperationError;
+    return RemoveListener(
+        *listeners, [this](AudioObjectID id) { return Find(id); }, object, address, listener,
+        clientData);
 }
 
 OSStatus SimulatedAudioBackend::CreateIOProcID(AudioObjectID device, AudioDeviceIOProc proc,
                                                void* clientData, AudioDeviceIOProcID* id) {
     hook->Pass();
-    SimulatedRecorder* recorder = Find(device);
-    return recorder == nullptr ? kAudioHardwareBadObjectError
-                               : recorder->CreateIOProcID(device, proc, clientData, id);
+    return CallDevice(Find(device), [&](SimulatedRecorder& recorder) {
+        return recorder.CreateIOProcID(device, proc, clientData, id);
+    });
 }
 
 OSStatus SimulatedAudioBackend::DestroyIOProcID(AudioObjectID device, AudioDeviceIOProcID id) {
     hook->Pass();
-    SimulatedRecorder* recorder = Find(device);
-    return recorder == nullptr ? kAudioHardwareBadObjectError
-                               : recorder->DestroyIOProcID(device, id);
+    return CallDevice(Find(device), [&](SimulatedRecorder& recorder) {
+        return recorder.DestroyIOProcID(device, id);
+    });
 }
 
 OSStatus SimulatedAudioBackend::Start(AudioObjectID device, AudioDeviceIOProcID id) {
     hook->Pass();
-    SimulatedRecorder* recorder = Find(device);
-    return recorder == nullptr ? kAudioHardwareBadObjectError : recorder->Start(device, id);
+    return CallDevice(Find(device),
+                      [&](SimulatedRecorder& recorder) { return recorder.Start(device, id); });
 }
 
 OSStatus SimulatedAudioBackend::Stop(AudioObjectID device, AudioDeviceIOProcID id) {
     hook->Pass();
-    SimulatedRecorder* recorder = Find(device);
-    return recorder == nullptr ? kAudioHardwareBadObjectError : recorder->Stop(device, id);
+    return CallDevice(Find(device),
+                      [&](SimulatedRecorder& recorder) { return recorder.Stop(device, id); });
 }
 
 void SimulatedAudioBackend::FailAddListener(OSStatus status, std::uint32_t skip,
