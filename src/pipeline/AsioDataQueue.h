@@ -59,11 +59,11 @@ private:
     /// A ring of blocks that allocates when it grows, never for a single push.
     class BlockRing {
     public:
-        void Reserve(std::size_t slotCount);
+        VORREL_REALTIME void Reserve(std::size_t slotCount);
         std::size_t Size() const { return count; }
-        void Push(Block&& block);
+        VORREL_REALTIME void Push(Block&& block);
         /// Makes sure that `Push` has a slot. @return false when there is no memory for one.
-        bool MakeSlot() noexcept;
+        VORREL_REALTIME bool MakeSlot() noexcept;
         Block Pop();
 
     private:
@@ -71,10 +71,11 @@ private:
         std::size_t front = 0, count = 0;
     };
 
-    bool Accepts(const BlockRing& ring, const Block& block) const VORREL_REQUIRES(mutex);
-    Block PopPooled() VORREL_REQUIRES(mutex);
+    VORREL_REALTIME bool Accepts(const BlockRing& ring, const Block& block) const
+        VORREL_REQUIRES(mutex);
+    VORREL_REALTIME Block PopPooled() VORREL_REQUIRES(mutex);
     bool HasRoomInPool() const VORREL_REQUIRES(mutex) { return pool.size() < pool.capacity(); }
-    void PushPooled(Block&& block) VORREL_REQUIRES(mutex);
+    VORREL_REALTIME void PushPooled(Block&& block) VORREL_REQUIRES(mutex);
 
     std::vector<BlockRing> channelQueues VORREL_GUARDED_BY(mutex);
     std::vector<Block> pool

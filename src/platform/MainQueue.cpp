@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kQueueName = "the main queue";
 
-NotificationQueue& TheQueue() {
+VORREL_REALTIME NotificationQueue& TheQueue() {
     // Never destroyed: threads post, and what they posted may wait, until the process is gone.
     static NotificationQueue& queue = *new NotificationQueue;
     return queue;
