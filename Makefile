@@ -1,6 +1,6 @@
 # Everything a newcomer needs; each target installs, configures and builds what it lacks.
 .DEFAULT_GOAL := build
-.PHONY: demo test e2e soak build bench install clean deps sanitize tidy
+.PHONY: demo test e2e soak build bench install clean deps sanitize tidy fuzz
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -37,6 +37,11 @@ sanitize: build/asan/CMakeCache.txt build/tsan/CMakeCache.txt
 soak: build/dev/CMakeCache.txt
 	cmake --build --preset dev -j $(JOBS) --target vorrel_alsa_soak_tests
 	VORREL_SOAK_SECONDS=$${VORREL_SOAK_SECONDS:-600} build/dev/tests/integration/alsa/vorrel_alsa_soak_tests
+
+# Half a minute for each target: VORREL_FUZZ_SECONDS=... for more.
+fuzz: build/fuzz/CMakeCache.txt
+	cmake --build --preset fuzz -j $(JOBS)
+	scripts/fuzz.sh build/fuzz
 
 tidy: build/tidy/CMakeCache.txt
 	cmake --build --preset tidy -j $(JOBS)

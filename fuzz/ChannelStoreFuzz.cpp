@@ -1,47 +1,19 @@
 // Any order of blocks, ranges and reads: the channel store holds what a plain model holds.
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <string>
 #include <vector>
 
+#include "Input.h"
 #include "Require.h"
+#include "ScratchDirectory.h"
 #include "store/TemporaryData.h"
 #include "support/FakeManager.h"
 #include "support/models/TemporaryDataModel.h"
 
-namespace {
-
-/// Numbers out of the fuzzer's bytes; zeros behind their end.
-class Input {
-public:
-    Input(const std::uint8_t* bytes, std::size_t count) : next(bytes), left(count) {}
-    bool Ended() const { return left == 0; }
-    std::uint64_t Below(std::uint64_t limit) {
-        if (left == 0 || limit == 0) {
-            return 0;
-        }
-        --left;
-        return *next++ % limit;
-    }
-
-private:
-    const std::uint8_t* next;
-    std::size_t left;
-};
-
-std::string Directory() {
-    char pattern[] = "/tmp/vorrel-fuzz-XXXXXX";
-    return ::mkdtemp(pattern);
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace vorrel;
-    static const std::string directory = Directory();
-    test::FakeManager manager(directory);
-    Input input(data, size);
+    static const fuzz::ScratchDirectory directory;
+    test::FakeManager manager(directory.Path());
+    fuzz::Input input(data, size);
     const auto memorySize = static_cast<std::uint32_t>(1 + input.Below(32));
     const std::uint64_t segmentBytes = 1 + input.Below(200);
     test::TemporaryDataModel model(memorySize, segmentBytes);

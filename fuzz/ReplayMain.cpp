@@ -1,0 +1,34 @@
+// Puts the files of the directories that it is given to a fuzz target, one by one: what the fuzzer
+// has once found, and what it begins with, holds on.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+int main(int argc, char** argv) {
+    std::vector<std::string> paths;
+    for (int n = 1; n < argc; ++n) {
+        for (const auto& entry : std::filesystem::directory_iterator(argv[n])) {
+            paths.push_back(entry.path().string());
+        }
+    }
+    std::sort(paths.begin(), paths.end());
+    if (paths.empty()) {
+        std::fprintf(stderr, "no seeds\n");
+        return 1;
+    }
+    for (const std::string& path : paths) {
+        std::ifstream file(path, std::ios::binary);
+        const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+        std::fprintf(stderr, "%s\n", path.c_str());  // before it is tried: it may be the last
+        LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    }
+    std::printf("%zu seeds hold\n", paths.size());
+    return 0;
+}
