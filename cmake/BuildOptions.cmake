@@ -8,6 +8,18 @@ target_compile_options(vorrel_build_options INTERFACE
     # Trace lines name the source; the directories of the build machine are nobody's business.
     -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_BINARY_DIR}/=
     $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>)
+# Against those who find a mistake before we do (docs/security.md). Optimised builds alone, as
+# _FORTIFY_SOURCE asks for it; the sanitizers have checks of their own. HardeningTest looks at the result.
+if(NOT VORREL_SANITIZE AND NOT VORREL_COVERAGE AND NOT APPLE)
+    set(optimised "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
+    target_compile_options(vorrel_build_options INTERFACE
+        $<${optimised}:-fstack-protector-strong>
+        $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
+    if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
+        target_compile_options(vorrel_build_options INTERFACE $<${optimised}:-fcf-protection=full>)
+    endif()
+    target_link_options(vorrel_build_options INTERFACE LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
+endif()
 if(VORREL_SANITIZE)
     target_compile_options(vorrel_build_options INTERFACE
         -fsanitize=${VORREL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

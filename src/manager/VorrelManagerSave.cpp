@@ -1,8 +1,11 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
-#include <filesystem>
-#include <new>
+#include <memory>
 #include <string_view>
-#include <system_error>
+#include <tuple>
 #include <utility>
 
 #include "manager/VorrelManager.h"
@@ -101,24 +104,27 @@ VrError VorrelManager::SetTempDirectory(const char* path) {
     }
     if (IsTempDirectoryExists()) {
         // Errors are silent: what cannot be deleted is no reason to refuse the directory.
-        try {
-            DeleteLeftoverSpillFiles();
-        } catch (const std::bad_alloc&) {
-        }
+        DeleteLeftoverSpillFiles();
     }
     SetCurrentTempDirectory(path);
     return VrSuccess;
 }
 
 void VorrelManager::DeleteLeftoverSpillFiles() {
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(GetTempDirectory(), error), end;
-         !error && entry != end; entry.increment(error)) {
-        std::error_code ignored;
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(GetTempDirectory()), &::closedir);
+    if (directory == nullptr) {
+        return;
+    }
+    // In the directory that was opened, whatever its path may lead to by now.
+    const int descriptor = ::dirfd(directory.get());
+    while (const dirent* const entry = ::readdir(directory.get())) {
+        const char* const name = entry->d_name;
+        struct stat status {};
         // The link's own status: what a link points to is not ours.
-        if (entry->path().filename().native().starts_with(kSpillFilePrefix) &&
-            std::filesystem::is_regular_file(entry->symlink_status(ignored))) {
-            std::filesystem::remove(entry->path(), ignored);
+        if (std::string_view(name).starts_with(kSpillFilePrefix) &&
+            ::fstatat(descriptor, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(status.st_mode)) {
+            std::ignore = ::unlinkat(descriptor, name, 0);
         }
     }
 }

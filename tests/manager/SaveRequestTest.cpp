@@ -1,4 +1,6 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -256,6 +258,33 @@ TEST_F(SaveRequestTest, ChangingTheTempDirectoryCleansTheOldOne) {
     EXPECT_TRUE(std::filesystem::exists(directory.File("precious")));
     EXPECT_TRUE(std::filesystem::exists(next + "/tmpABCdef"));
     EXPECT_EQ(manager.GetTempDirectory(), next);
+}
+
+TEST_F(SaveRequestTest, CleaningDeletesRegularFilesAloneAndNothingThroughALink) {
+    const std::string elsewhere = directory.File("elsewhere");
+    const std::string temp = directory.File("temp");
+    std::filesystem::create_directories(elsewhere);
+    std::filesystem::create_directories(temp);
+    Touch(elsewhere + "/tmpABCdef");
+    Touch(temp + "/tmpABCdef");
+    Touch(temp + "/Tmp123456");
+    Touch(temp + "/tm");
+    std::filesystem::create_symlink(elsewhere, temp + "/tmpDIRlnk");
+    std::filesystem::create_symlink(elsewhere + "/tmpABCdef", temp + "/tmpFILlnk");
+    std::filesystem::create_symlink(elsewhere + "/nothing", temp + "/tmpNONlnk");
+    std::filesystem::create_directory(temp + "/tmpEMPTYd");
+    ASSERT_EQ(::mkfifo((temp + "/tmpFIFOxx").c_str(), 0600), 0);
+    ASSERT_EQ(manager.Init(delegate), VrSuccess);
+
+    ASSERT_EQ(manager.SetTempDirectory(temp.c_str()), VrSuccess);
+
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(temp)) {
+        left.push_back(entry.path().filename());
+    }
+    EXPECT_THAT(left, testing::UnorderedElementsAre("Tmp123456", "tm", "tmpDIRlnk", "tmpFILlnk",
+                                                    "tmpNONlnk", "tmpEMPTYd", "tmpFIFOxx"));
+    EXPECT_TRUE(std::filesystem::exists(elsewhere + "/tmpABCdef"));
 }
 
 TEST_F(SaveRequestTest, TheFirstTempDirectoryIsCleanedItself) {

@@ -81,6 +81,41 @@ TEST_F(TemporaryFileTest, MakesTheFileForItsOwnerAlone) {
     std::fclose(stream);
 }
 
+TEST_F(TemporaryFileTest, MakesTheFileForItsOwnerAloneWhateverTheMaskOfTheProcess) {
+    std::string path;
+    const mode_t mask = ::umask(0);
+
+    std::FILE* const stream = TemporaryFile::CreateTemporaryFile(path, directory.Path());
+
+    ::umask(mask);
+    ASSERT_NE(stream, nullptr);
+    struct stat status {};
+    ASSERT_EQ(::lstat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, mode_t{S_IFREG | 0600U});
+    EXPECT_EQ(status.st_nlink, 1U);
+    std::fclose(stream);
+}
+
+TEST_F(TemporaryFileTest, ALinkThatHasTakenTheFilesPlaceIsDeletedAndNotFollowed) {
+    const std::string precious = directory.File("precious");
+    ASSERT_TRUE(std::filesystem::create_directory(precious));
+    ASSERT_EQ(file.Init(0), VrSuccess);
+    ASSERT_EQ(file.Add(Pattern(0, 10)), VrSuccess);
+    std::string path;
+    for (const auto& entry : std::filesystem::directory_iterator(directory.Path())) {
+        if (entry.is_regular_file()) {
+            path = entry.path();
+        }
+    }
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(precious, path);
+
+    file.Release();
+
+    EXPECT_FALSE(std::filesystem::is_symlink(path));
+    EXPECT_TRUE(std::filesystem::is_directory(precious));
+}
+
 TEST_F(TemporaryFileTest, GivesNoDescriptorToAChildProcess) {
     std::string path;
 
@@ -305,6 +340,8 @@ TEST_F(TemporaryFileTest, MoveAssignmentDeletesTheOldFileOfTheTarget) {
 
     EXPECT_EQ(FilesLeft().size(), 1U);
     EXPECT_EQ(Range(target), std::pair(std::uint64_t{7}, std::uint64_t{7}));
+    // NOLINTNEXTLINE(bugprone-use-after-move): it is left closed
+    EXPECT_EQ(Range(file), std::pair(std::uint64_t{0}, std::uint64_t{0}));
 }
 
 TEST_F(TemporaryFileTest, MoveAssignmentToItselfKeepsTheFile) {

@@ -2,7 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
+#include <filesystem>
 #include <span>
 #include <string>
 
@@ -39,6 +46,26 @@ protected:
     const std::string path = directory.File("out");
     OutputFile file;
 };
+
+TEST_F(OutputFileTest, AFileThatCannotBeOpenedKeepsWhatWasThere) {
+    const std::string program = directory.File("program");
+    // A program that runs cannot be opened for writing, not even by the superuser.
+    std::filesystem::copy_file("/bin/sleep", program);
+    const Bytes before = ReadBytes(program);
+    std::string seconds = "600";
+    std::array<char*, 3> arguments = {const_cast<char*>(program.c_str()), seconds.data(), nullptr};
+    pid_t child = 0;
+    ASSERT_EQ(::posix_spawn(&child, program.c_str(), nullptr, nullptr, arguments.data(), environ),
+              0);
+    OutputFile refused;
+
+    EXPECT_FALSE(refused.Open(program));
+
+    EXPECT_EQ(ReadBytes(program), before);
+    ASSERT_GT(child, 0);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+}
 
 TEST_F(OutputFileTest, KeptBytesReachTheFileAMebibyteAtATime) {
     const Bytes all = Numbered(0, 3 * kMiB);
