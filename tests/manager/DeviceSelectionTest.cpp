@@ -78,6 +78,17 @@ TEST_F(DeviceSelectionTest, SelectingChecksItsArgumentFirst) {
     EXPECT_EQ(manager.State(), ManagerState::Recording);
 }
 
+TEST_F(DeviceSelectionTest, ADeviceListThatCannotBeReadIsAFailureAndNotAnAbsence) {
+    Init();
+    recorder.audio->FailGet(kAudioHardwarePropertyDevices, kAudioHardwareUnspecifiedError);
+    std::vector<std::string> names;
+
+    EXPECT_EQ(manager.GetAudioDevices(&names), VrErrorFailed);
+    EXPECT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrErrorFailed);
+
+    EXPECT_EQ(manager.State(), ManagerState::Initialized);
+}
+
 TEST_F(DeviceSelectionTest, ASelectedDeviceIsDescribedWithoutTheExcludedRates) {
     Select();
 

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdint>
@@ -285,6 +286,22 @@ TEST_F(SaveRequestTest, CleaningDeletesRegularFilesAloneAndNothingThroughALink) 
     EXPECT_THAT(left, testing::UnorderedElementsAre("Tmp123456", "tm", "tmpDIRlnk", "tmpFILlnk",
                                                     "tmpNONlnk", "tmpEMPTYd", "tmpFIFOxx"));
     EXPECT_TRUE(std::filesystem::exists(elsewhere + "/tmpABCdef"));
+}
+
+TEST_F(SaveRequestTest, ADirectoryThatCannotBeListedIsTakenAllTheSame) {
+    ASSERT_EQ(manager.Init(delegate), VrSuccess);
+    Touch(directory.File("tmpABCdef"));
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};  // no descriptor for a listing
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+
+    const VrError result = manager.SetTempDirectory(directory.Path().c_str());
+
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(result, VrSuccess);
+    EXPECT_EQ(manager.GetTempDirectory(), directory.Path());
+    EXPECT_TRUE(std::filesystem::exists(directory.File("tmpABCdef")));
 }
 
 TEST_F(SaveRequestTest, TheFirstTempDirectoryIsCleanedItself) {

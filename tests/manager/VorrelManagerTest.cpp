@@ -30,6 +30,20 @@ TEST_F(VorrelManagerTest, ASecondInitKeepsTheFirstDelegate) {
     EXPECT_TRUE(second->streamPositions.empty());
 }
 
+TEST_F(VorrelManagerTest, CallsBeforeInitAreRefusedAsSuch) {
+    EXPECT_EQ(manager.New(), VrErrorNotInitialized);
+    EXPECT_EQ(manager.StartPreRecording(), VrErrorNotInitialized);
+    EXPECT_EQ(manager.Start(), VrErrorNotInitialized);
+    EXPECT_EQ(manager.Stop(true), VrErrorNotInitialized);
+    EXPECT_EQ(manager.Stop(false), VrErrorNotInitialized);
+    EXPECT_EQ(manager.Pause(), VrErrorNotInitialized);
+    EXPECT_EQ(manager.Resume(), VrErrorNotInitialized);
+    std::uint64_t length = 7;
+    EXPECT_EQ(manager.GetPreviewDataLength(&length, true), VrErrorNotInitialized);
+    EXPECT_EQ(length, 7U);
+    EXPECT_EQ(manager.State(), ManagerState::Uninitialized);
+}
+
 TEST_F(VorrelManagerTest, CallsThatNeedADeviceAreRefusedWithoutOne) {
     Init();
 
@@ -489,6 +503,7 @@ TEST_F(VorrelManagerTest, AnUnknownRateFailsTheStart) {
     // A format for any rate is set with the rate that was asked for, whatever it is.
     recorder.SetFormats({AnyRate(0.0, 1e12, 24, 2)});
     ASSERT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
+    const std::uint32_t bufferFrames = recorder.BufferFrames();
     for (const std::uint64_t rateHz : {std::uint64_t{0}, std::uint64_t{100'000'000'000}}) {
         delegate->log.clear();
         Set(0, rateHz, 16);
@@ -498,7 +513,19 @@ TEST_F(VorrelManagerTest, AnUnknownRateFailsTheStart) {
 
         EXPECT_EQ(delegate->log, std::vector<std::string>{"message 0 "}) << rateHz;
         EXPECT_EQ(manager.State(), ManagerState::Ready);
+        EXPECT_EQ(recorder.BufferFrames(), bufferFrames) << rateHz;  // it does not come so far
     }
+}
+
+TEST_F(VorrelManagerTest, AStartBeginsFromOneHertzOn) {
+    SelectPcm();
+    recorder.SetFormats({AnyRate(0.0, 1e12, 24, 2)});
+    ASSERT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
+    Set(0, 1, 16);
+
+    StartRecording();
+
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
 }
 
 TEST_F(VorrelManagerTest, EventsOfADsdTakeFallOnPreviewFrames) {

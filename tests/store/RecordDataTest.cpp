@@ -233,6 +233,23 @@ TEST_F(RecordDataTest, TakesLoggedPositionsAsTwoByteFramesForDsd) {
     EXPECT_EQ(data.GetLength(kAvailable), 160U);
 }
 
+TEST_F(RecordDataTest, TakesLoggedPositionsAsFourByteFramesForPcm) {
+    ASSERT_EQ(data.Init(1, 48'000, pcm, &log), VrSuccess);
+    log.AddRecordEvent(10, kRecordEventPause);
+
+    ASSERT_EQ(data.Add(0, Pattern(0, 400)), VrSuccess);
+
+    EXPECT_EQ(data.GetLength(kAvailable), 10U);  // 40 bytes
+    EXPECT_EQ(data.GetLength(kRaw), 100U);
+}
+
+TEST_F(RecordDataTest, TakesTheSmallestRates) {
+    EXPECT_EQ(data.Init(1, 1, pcm, &log), VrSuccess);
+    EXPECT_EQ(data.Init(1, 2, dsd, &log), VrSuccess);  // 10 bits: a memory of one byte
+
+    EXPECT_EQ(data.GetChannels(), 1U);
+}
+
 TEST_F(RecordDataTest, ReadsTheAvailableStreamBackFromItsFiles) {
     ASSERT_EQ(data.Init(1, 1000, pcm, &log), VrSuccess);  // 20,000 bytes a buffer
     for (std::uint64_t block = 0; block < 11; ++block) {

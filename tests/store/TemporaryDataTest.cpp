@@ -61,6 +61,7 @@ TEST_F(TemporaryDataTest, BeginsEmptyAndTakesNothingBeforeInit) {
 }
 
 TEST_F(TemporaryDataTest, AnEmptyBlockIsSuccessAndChangesNothing) {
+    EXPECT_EQ(store.Add(Bytes{}, kAll), VrSuccess);  // before Init, too
     ASSERT_EQ(store.Init(4), VrSuccess);
     ASSERT_EQ(store.Add(Pattern(0, 3), kAll), VrSuccess);
 

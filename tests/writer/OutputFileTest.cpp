@@ -128,6 +128,16 @@ TEST_F(OutputFileTest, AFailedWriteOfKeptBytesIsToldAndKeepsNothing) {
     EXPECT_EQ(OnDisk(), kMiB + 500);
 }
 
+TEST_F(OutputFileTest, AFailedWriteIsToldAgainAtACloseThatGoesWell) {
+    const Bytes all = Numbered(0, 2 * kMiB);
+    {
+        const FileSizeLimit limit(500);
+        EXPECT_FALSE(file.Write(all));
+    }
+
+    EXPECT_FALSE(file.Close());
+}
+
 TEST_F(OutputFileTest, KeptBytesThatFailAtTheCloseAreAFailedFile) {
     const Bytes all = Numbered(0, 1'000);
     const FileSizeLimit limit(500);

@@ -206,6 +206,23 @@ TEST_F(SaveThreadTest, TheFirstCancelOfASaveWins) {
     EXPECT_EQ(SizeOf("take.wav"), 44U + 3 * 200);
 }
 
+TEST_F(SaveThreadTest, ARequestThatIsRefusedDoesNotTakeBackTheCancelOfTheRunningOne) {
+    MakeRecording(1'000, true);
+    onBlock = [&](int block) {
+        if (block == 2) {
+            EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
+            EXPECT_EQ(thread.SaveFiles(List({Setting("other.wav", 1.0)}), recording.data),
+                      VrErrorFailed);
+        }
+    };
+
+    Save(List({Setting("take.wav", 1.0)}));
+
+    EXPECT_FALSE(Exists("take.wav"));
+    EXPECT_FALSE(Exists("other.wav"));
+    EXPECT_EQ(manager.Log(), (Log{kFinished}));
+}
+
 TEST_F(SaveThreadTest, ACancelThatKeepsLeavesThePartialFile) {
     MakeRecording(1'000, true);
     onBlock = [&](int block) {
