@@ -65,6 +65,16 @@ TEST_F(CaptureTest, AnEmptyBufferListQueuesNothingAndWakesTheRecordWorker) {
     EXPECT_EQ(Length(false), 96U);
 }
 
+TEST_F(CaptureTest, NoBufferListAtAllQueuesNothing) {
+    SelectPcm();
+    StartRecording();
+
+    manager.AudioDevice_IOProc(nullptr, nullptr);
+
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    EXPECT_EQ(Length(false), 0U);
+}
+
 TEST_F(CaptureTest, ChannelsAreNumberedAcrossTheBuffersOfAList) {
     SetChannels({2, 2});
     SelectPcm();

@@ -77,6 +77,19 @@ TEST_F(ConvertThreadTest, StartRefusesARunningWorker) {
     EXPECT_TRUE(worker.Joinable());
 }
 
+TEST_F(ConvertThreadTest, ARefusedStartLeavesTheRunningWorkerAtItsStores) {
+    Begin(1, kSampleTypePcm, 48'000, 48'000);
+    ASSERT_EQ(worker.Start(&record, &preview), VrSuccess);
+    PreviewData other(manager);
+    ASSERT_EQ(other.Init(1, 48'000, &ranges), VrSuccess);
+
+    EXPECT_EQ(worker.Start(&record, &other), VrErrorFailed);
+
+    Store(0, std::vector<float>(10, 0.5F));
+    WaitForPreview(10);
+    EXPECT_EQ(other.GetLength(false), 0U);
+}
+
 TEST_F(ConvertThreadTest, StopAndAddDataNotifyWithoutAStartReturnAtOnce) {
     worker.AddDataNotify();
     worker.Stop();

@@ -98,6 +98,20 @@ TEST_F(RecThreadTest, StartRefusesARunningWorker) {
     EXPECT_TRUE(worker.Joinable());
 }
 
+TEST_F(RecThreadTest, ARefusedStartLeavesTheRunningWorkerAtItsQueue) {
+    Begin(1);
+    ASSERT_EQ(worker.Start(&queue, &data, 1), VrSuccess);
+    AsioDataQueue otherQueue;
+    ASSERT_EQ(otherQueue.Init(1), VrSuccess);
+    RecordData otherData(manager);
+
+    EXPECT_EQ(worker.Start(&otherQueue, &otherData, 1), VrErrorFailed);
+
+    Enqueue(0, 10);
+    Pass();
+    EXPECT_EQ(data.GetLength(false), 10U);
+}
+
 TEST_F(RecThreadTest, AddDataNotifyAndStopWithoutAStartDoNothing) {
     worker.AddDataNotify();
     worker.Stop();
