@@ -1,6 +1,6 @@
 # Everything a newcomer needs; each target installs, configures and builds what it lacks.
 .DEFAULT_GOAL := build
-.PHONY: demo test e2e soak build bench install clean deps sanitize tidy fuzz
+.PHONY: demo test e2e soak build bench install clean deps sanitize tidy fuzz mutants
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -42,6 +42,10 @@ soak: build/dev/CMakeCache.txt
 fuzz: build/fuzz/CMakeCache.txt
 	cmake --build --preset fuzz -j $(JOBS)
 	scripts/fuzz.sh build/fuzz
+
+# Changes the engine in one place at a time, and counts what no test notices. MUTANTS=... for more.
+mutants: deps
+	scripts/mutate.py --jobs $(JOBS) --limit $${MUTANTS:-400}
 
 tidy: build/tidy/CMakeCache.txt
 	cmake --build --preset tidy -j $(JOBS)

@@ -209,6 +209,9 @@ TEST_F(VorrelManagerTest, PausesAreCutOut) {
 
     EXPECT_EQ(Length(false), 1'440U);
     EXPECT_EQ(RecordedFrames(), Frames({{0, 480}, {960, 1'440}}));
+    // Of PCM, events are logged in frames of the take.
+    EXPECT_EQ(VorrelManagerParts::Ranges(manager).GetAvailableRange_Frames(0, 2'000),
+              (std::vector<PositionRange>{{0, 480}, {960, 1'440}}));
 }
 
 TEST_F(VorrelManagerTest, StartInAPauseSendsRecordStarted) {
