@@ -12,7 +12,10 @@ mkdir -p "$out"
 "$vorrel" info --simulate
 "$vorrel" record "$out/take.wav" --simulate=source=sweep,channels=2 --rate 96000 --bits 24 \
     --duration 5 --gain -3 --title "Sweep" --artist "Simulated recorder" --album "Demo" \
-    --album-artist "libvorrel" --range 1-2.5="$out/second.wav"
+    --album-artist "libvorrel" --range 1-2.5="$out/second.wav" --waveform "$out/take.png"
+# Tracks that join without a gap, and a picture that can be scaled.
+"$vorrel" record "$out/concert.wav" --simulate=source=tone,channels=2 --duration 4 --split-at 1.5,3 \
+    --waveform "$out/concert.svg"
 "$vorrel" record "$out/take.dsf" --type dsd --simulate=source=tone,channels=2 --rate 2822400 \
     --duration 5 --title "Tone" --artist "Simulated recorder" --album "Demo" \
     --album-artist "libvorrel" --range 1-2.5="$out/second.dsf"

@@ -9,6 +9,7 @@
 #include "Engine.h"
 #include "RecordSession.h"
 #include "doctor/Doctor.h"
+#include "salvage/Salvage.h"
 
 namespace vorrel::cli {
 namespace {
@@ -85,6 +86,8 @@ int RunCommand(const Options& options, Reporter& reporter) {
             return RunInfo(options, reporter);
         case Command::Doctor:
             return RunDoctor(options, reporter);
+        case Command::Salvage:
+            return RunSalvage(options, reporter);
         case Command::Record: {
             RecordSession session(options, reporter);
             int code = session.Run();

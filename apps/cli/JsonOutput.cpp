@@ -85,13 +85,18 @@ void JsonOutput::Position(double seconds) {
 
 void JsonOutput::Levels(const std::vector<Level>& levels) {
     Json peaks = Json::array();
+    Json averages = Json::array();
     Json clipped = Json::array();
+    const auto decibels = [](double dbfs) {
+        return std::isfinite(dbfs) ? Json(Rounded(dbfs, 10.0)) : Json(nullptr);
+    };
     for (const Level& level : levels) {
-        peaks.push_back(std::isfinite(level.peakDbfs) ? Json(Rounded(level.peakDbfs, 10.0))
-                                                      : Json(nullptr));
+        peaks.push_back(decibels(level.peakDbfs));
+        averages.push_back(decibels(level.rmsDbfs));
         clipped.push_back(level.clipped);
     }
-    Write(output, {{"event", "level"}, {"peak_dbfs", peaks}, {"clipped", clipped}},
+    Write(output,
+          {{"event", "level"}, {"peak_dbfs", peaks}, {"rms_dbfs", averages}, {"clipped", clipped}},
           Output::Kind::Passing);
 }
 
@@ -101,12 +106,44 @@ void JsonOutput::Progress(const std::string& file, double percent) {
 }
 
 void JsonOutput::Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames,
-                       double seconds) {
-    Write(output, {{"event", "saved"},
+                       double seconds, const std::string& digest) {
+    Json object = {{"event", "saved"},
                    {"file", file},
                    {"bytes", bytes},
                    {"frames", frames},
-                   {"seconds", seconds}});
+                   {"seconds", seconds}};
+    if (!digest.empty()) {
+        object["sha256"] = digest;
+    }
+    Write(output, object);
+}
+
+void JsonOutput::Marked(std::size_t number, double seconds) {
+    Write(output, {{"event", "mark"}, {"number", number}, {"seconds", seconds}});
+}
+
+void JsonOutput::Lost() {
+    Write(output, {{"event", "lost"}});
+}
+
+void JsonOutput::Drawn(const std::string& file) {
+    Write(output, {{"event", "drawn"}, {"file", file}});
+}
+
+void JsonOutput::LeftBehind(const LeftTake& take) {
+    Json object = {{"event", "take"},     {"take", take.name},     {"directory", take.directory},
+                   {"bytes", take.bytes}, {"frames", take.frames}, {"seconds", take.Seconds()}};
+    if (take.record) {
+        object["started"] = take.record->started;
+        object["device"] = take.record->device;
+        object["type"] = take.record->format.dsd ? "dsd" : "pcm";
+        object["rate_hz"] = take.record->format.rateHz;
+        object["channels"] = take.record->format.channels;
+        object["bits"] = take.record->format.SampleBits();
+        object["out"] = take.record->out;
+        object["state"] = take.record->state;
+    }
+    Write(output, object);
 }
 
 void JsonOutput::Rescued(const std::string& wanted, const std::string& file) {

@@ -9,6 +9,7 @@
 #include "Output.h"
 #include "SavePlan.h"
 #include "doctor/Finding.h"
+#include "salvage/LeftTake.h"
 #include "vorrel/VrRecords.h"
 
 namespace vorrel::cli {
@@ -27,7 +28,12 @@ public:
     void Position(double seconds);
     void Levels(const std::vector<Level>& levels);
     void Progress(const std::string& file, double percent);
-    void Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames, double seconds);
+    void Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames, double seconds,
+               const std::string& digest);
+    void Marked(std::size_t number, double seconds);
+    void Lost();
+    void Drawn(const std::string& file);
+    void LeftBehind(const LeftTake& take);
     void Rescued(const std::string& wanted, const std::string& file);
     void Kept(const std::string& directory);
     void Skipped(const std::string& file, const std::string& reason);

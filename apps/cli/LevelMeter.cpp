@@ -10,17 +10,20 @@ namespace vorrel::cli {
 namespace {
 
 constexpr double kFullScale = 32768.0;
+constexpr std::chrono::seconds kClipHold(3);
 constexpr double kBarDecibels = 60.0;  // below it nobody sets a level by eye
 
 }  // namespace
 
 std::vector<Level> MeasureLevels(std::span<const std::int16_t> samples, std::size_t channels) {
     std::vector<int> peaks(channels, 0);
+    std::vector<double> squares(channels, 0.0);
     std::vector<Level> levels(channels);
     for (std::size_t index = 0; channels > 0 && index < samples.size(); ++index) {
         const int sample = samples[index];
         const std::size_t channel = index % channels;
         peaks[channel] = std::max(peaks[channel], std::abs(sample));
+        squares[channel] += static_cast<double>(sample) * sample;
         levels[channel].clipped = levels[channel].clipped ||
                                   sample == std::numeric_limits<std::int16_t>::max() ||
                                   sample == std::numeric_limits<std::int16_t>::min();
@@ -28,6 +31,21 @@ std::vector<Level> MeasureLevels(std::span<const std::int16_t> samples, std::siz
     for (std::size_t channel = 0; channel < channels; ++channel) {
         // log10(0) is the minus infinity that silence is.
         levels[channel].peakDbfs = 20.0 * std::log10(peaks[channel] / kFullScale);
+        const double frames =
+            static_cast<double>(std::max<std::size_t>(samples.size() / channels, 1));
+        levels[channel].rmsDbfs =
+            10.0 * std::log10(squares[channel] / frames / (kFullScale * kFullScale));
+    }
+    return levels;
+}
+
+std::vector<Level> ClipHold::Hold(std::vector<Level> levels, Clock::time_point now) {
+    until.resize(levels.size(), Clock::time_point::min());
+    for (std::size_t channel = 0; channel < levels.size(); ++channel) {
+        if (levels[channel].clipped) {
+            until[channel] = now + kClipHold;
+        }
+        levels[channel].clipped = now < until[channel];
     }
     return levels;
 }

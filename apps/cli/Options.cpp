@@ -2,19 +2,65 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cctype>
-#include <charconv>
-#include <cmath>
-#include <cstdlib>
+#include <array>
 #include <utility>
 
 #include "ExitCode.h"
+#include "OptionValues.h"
 
 namespace vorrel::cli {
 namespace {
 
 constexpr const char* kBareFlag = "true";  // what CLI11 makes of a flag without a value
-constexpr double kMostGain = 200.0;  // decibels; beyond any use and far inside the number range
+constexpr double kLongestPreRoll = 600.0;  // seconds
+
+struct NamedCommand {
+    const char* name;
+    Command command;
+    const char* help;
+};
+constexpr std::array<NamedCommand, 5> kCommands = {{
+    {"devices", Command::Devices, "List the recorders"},
+    {"info", Command::Info, "Show what a recorder can do"},
+    {"record", Command::Record, "Record, then save"},
+    {"salvage", Command::Salvage, "Save what a recording that was killed has left"},
+    {"doctor", Command::Doctor, "Look for what recording may fail at"},
+}};
+constexpr const char* kCommandNames = "devices, info, record, salvage and doctor";
+
+/// The tags that the engine writes, by option.
+constexpr std::pair<const char*, const char*> kTagOptions[] = {
+    {"--title", "Title"},
+    {"--artist", "Artist"},
+    {"--album", "Alubum"},  // the engine's spelling of the key
+    {"--album-artist", "AlbumArtist"},
+};
+
+/// What stands behind the options of `record`, before it is understood.
+struct RecordTexts {
+    std::string type = "pcm";
+    std::string rate, bits, duration, gain, splitAt, maxFileTime, preRoll, startAt;
+    std::vector<std::string> ranges, tags;
+    std::map<std::string, std::string> tagOptions;
+};
+
+Failure Refusal(const std::string& text) {
+    return Failure(ExitCode::Usage, text);
+}
+
+bool IsGiven(const CLI::App& command, const char* option) {
+    return command.get_option(option)->count() > 0;
+}
+
+/// An option whose empty text would silently mean its default.
+void RefuseEmpty(const CLI::App& command, const char* option, const std::string& text) {
+    const CLI::Option* known = command.get_option_no_throw(option);
+    if (known != nullptr && known->count() > 0 && text.empty()) {
+        throw Refusal(std::string(option) + " is empty");
+    }
+}
+
+// ---- What there is
 
 void AddCommonOptions(CLI::App& command, CommonOptions& options) {
     command.add_flag("--json", options.json, "One JSON object a line on stdout")
@@ -27,145 +73,100 @@ void AddCommonOptions(CLI::App& command, CommonOptions& options) {
         ->type_name("[=CONFIG]");
 }
 
-/// The tags that the engine writes, by option.
-constexpr std::pair<const char*, const char*> kTagOptions[] = {
-    {"--title", "Title"},
-    {"--artist", "Artist"},
-    {"--album", "Alubum"},  // the engine's spelling of the key
-    {"--album-artist", "AlbumArtist"},
-};
-
-double RequireDuration(const std::string& text) {
-    const std::optional<double> seconds = ParseTime(text);
-    if (!seconds) {
-        throw Failure(ExitCode::Usage, "--duration \"" + text + "\" " + TimeRefusal(text));
+void AddRecordOptions(CLI::App& command, Options& options, RecordTexts& texts) {
+    RecordOptions& record = options.record;
+    command.add_option("OUT", record.out,
+                       "The file for the whole recording: WAV, with --type dsd DSF");
+    const auto text = [&command](const char* name, std::string& value, const char* help,
+                                 const char* type) {
+        return command.add_option(name, value, help)->type_name(type);
+    };
+    // Given once or several times, one value each.
+    const auto list = [&command](const char* name, std::vector<std::string>& values,
+                                 const char* help, const char* type) {
+        command.add_option(name, values, help)
+            ->type_name(type)
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+            ->allow_extra_args(false);
+    };
+    text("--type", texts.type, "pcm or dsd (default: pcm)", "TYPE");
+    text("--rate", texts.rate, "Sampling rate in Hz (default: 48000; with dsd 2822400)", "HZ");
+    text("--bits", texts.bits, "Sample width: 16, 24 or 32 (default: 24); pcm only", "BITS");
+    text("--duration", texts.duration, "Stop by itself after so much recording", "SECONDS");
+    text("--start-at", texts.startAt, "Begin by itself at a time of day (20:15, 20:15:30)", "TIME");
+    command
+        .add_flag("--pre-record", record.preRecord,
+                  "The recorder runs; the recording begins with the key r or SIGUSR1")
+        ->disable_flag_override();
+    text("--pre-roll", texts.preRoll, "The same, but the recording begins so long before",
+         "SECONDS");
+    text("--gain", texts.gain, "Gain of the saved files in decibels", "DB");
+    for (const auto& [option, key] : kTagOptions) {
+        text(option, texts.tagOptions[key], "Tag of the saved files", "TEXT");
     }
-    if (*seconds <= 0.0) {
-        throw Failure(ExitCode::Usage, "--duration \"" + text + "\" is no length of time");
-    }
-    return *seconds;
+    list("--tag", texts.tags, "The same by name: title, artist, album, album-artist", "KEY=VALUE");
+    list("--range", texts.ranges,
+         "Save a stretch to a file of its own; times as 90, 90.5 or 1:30.5;\n"
+         "no END = to the end; may be repeated",
+         "START-END=FILE");
+    text("--split-at", texts.splitAt, "Go on in a new file at these times: OUT-01, OUT-02, ...",
+         "TIME,...");
+    text("--max-file-time", texts.maxFileTime, "Go on in a new file whenever one is so long",
+         "SECONDS");
+    text("--waveform", record.waveform, "Draw the recording: a *.png or *.svg", "FILE");
+    text("--hook", record.hook, "Run a shell command at every event (VORREL_EVENT says which)",
+         "COMMAND");
+    command.add_flag("--force", record.force, "Replace existing files")->disable_flag_override();
+    command.add_flag("--quiet", options.common.quiet, "Say nothing but warnings and errors")
+        ->disable_flag_override();
 }
 
-/// Digits that make a number above zero.
-std::uint64_t RequireRate(const std::string& text) {
-    std::uint64_t rate = 0;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), rate);
-    if (result.ec == std::errc::result_out_of_range && result.ptr == text.data() + text.size()) {
-        throw Failure(ExitCode::Usage, "--rate " + text + " is higher than any recorder's");
-    }
-    if (result.ec != std::errc{} || result.ptr != text.data() + text.size() || rate == 0) {
-        throw Failure(ExitCode::Usage, "--rate \"" + text + "\" is no sampling rate in Hz");
-    }
-    return rate;
+void AddSalvageOptions(CLI::App& command, SalvageOptions& salvage, std::string& bits) {
+    command.add_option("TAKE", salvage.take, "Which one (default: list what there is)");
+    command.add_option("OUT", salvage.out, "The file to save it to");
+    command
+        .add_option("--bits", bits, "Sample width: 16, 24 or 32 (default: as it was to be saved)")
+        ->type_name("BITS");
+    command.add_flag("--force", salvage.force, "Replace an existing file")->disable_flag_override();
+    command
+        .add_flag("--remove", salvage.remove,
+                  "Delete what it has left, once it is saved; without OUT at once")
+        ->disable_flag_override();
 }
 
-std::uint32_t RequireBits(const std::string& text) {
-    for (const std::uint32_t bits : {16U, 24U, 32U}) {
-        if (text == std::to_string(bits)) {
-            return bits;
-        }
-    }
-    throw Failure(ExitCode::Usage, "--bits \"" + text + "\" is no sample width: 16, 24 or 32");
-}
-
-double RequireGain(const std::string& text) {
-    const char* const end = text.data() + text.size();
-    const bool signedTwice = text.rfind("+-", 0) == 0;
-    const char* const start = text.data() + (text.rfind('+', 0) == 0 ? 1 : 0);
-    double gain = 0.0;
-    const auto result = std::from_chars(start, end, gain);
-    if (result.ec == std::errc::invalid_argument || result.ptr != end || std::isnan(gain) ||
-        signedTwice) {
-        throw Failure(ExitCode::Usage, "--gain \"" + text + "\" is no number of decibels");
-    }
-    if (result.ec != std::errc{}) {
-        gain = std::strtod(start, nullptr);  // tells too large from too small
-    }
-    if (!(std::abs(gain) <= kMostGain)) {
-        throw Failure(ExitCode::Usage, "--gain is to be between -200 and 200 decibels");
-    }
-    return gain;
-}
-
-/// An option whose empty text would silently mean its default.
-void RefuseEmpty(const CLI::App& command, const std::string& option, const std::string& text) {
-    if (command.get_option(option)->count() > 0 && text.empty()) {
-        throw Failure(ExitCode::Usage, option + " is empty");
-    }
-}
-
-/// Whether a text is UTF-8 throughout: nothing overlong, no half of a surrogate pair.
-bool IsUtf8(const std::string& text) {
-    for (std::size_t i = 0; i < text.size();) {
-        const auto byte = [&text](std::size_t index) {
-            return index < text.size() ? static_cast<unsigned char>(text[index]) : 0U;
-        };
-        const unsigned first = byte(i);
-        const unsigned second = byte(i + 1);
-        const std::size_t length = first < 0x80   ? 1
-                                   : first < 0xC2 ? 0
-                                   : first < 0xE0 ? 2
-                                   : first < 0xF0 ? 3
-                                   : first < 0xF5 ? 4
-                                                  : 0;
-        const bool badSecond = (first == 0xE0 && second < 0xA0) ||
-                               (first == 0xED && second > 0x9F) ||
-                               (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
-        if (length == 0 || badSecond) {
-            return false;
-        }
-        for (std::size_t next = 1; next < length; ++next) {
-            if ((byte(i + next) & 0xC0U) != 0x80) {
-                return false;
-            }
-        }
-        i += length;
-    }
-    return true;
-}
-
-/// A file whose name says another format than the one it will have.
-void CheckEnding(const std::string& file, bool dsd) {
-    const std::size_t name = file.rfind('/') + 1;  // 0 without a "/"
-    const std::size_t dot = file.find_last_of('.');
-    std::string ending = dot == std::string::npos || dot < name ? "" : file.substr(dot);
-    std::transform(ending.begin(), ending.end(), ending.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    for (const char* other : {".wav", ".wave", ".dsf", ".dff", ".wv", ".w64", ".rf64", ".flac",
-                              ".aif", ".aiff", ".caf", ".mp3", ".ogg", ".opus", ".m4a", ".raw"}) {
-        const bool fits = dsd ? ending == ".dsf" : ending == ".wav" || ending == ".wave";
-        if (ending == other && !fits) {
-            throw Failure(ExitCode::Usage,
-                          file + (dsd ? ": a DSD recording becomes a DSF file; call it *.dsf, or "
-                                        "record with --type pcm"
-                                      : ": a PCM recording becomes a WAV file; call it *.wav, or "
-                                        "record with --type dsd"));
-        }
-    }
-}
+// ---- What is refused
 
 void CheckRanges(const RecordOptions& record) {
     if (record.out.empty() && record.ranges.empty()) {
-        throw Failure(ExitCode::Usage,
-                      "record needs the name of a file to write, or --range START-END=FILE");
+        throw Refusal("record needs the name of a file to write, or --range START-END=FILE");
     }
     for (const Range& range : record.ranges) {
         if (!record.duration) {
             continue;
         }
         if (range.start >= *record.duration || range.end.value_or(0.0) > *record.duration) {
-            throw Failure(ExitCode::Usage, "--range for " + range.file +
-                                               " goes beyond --duration " +
-                                               ClockText(*record.duration));
+            throw Refusal("--range for " + range.file + " goes beyond --duration " +
+                          ClockText(*record.duration));
         }
+    }
+}
+
+void CheckSplits(const RecordOptions& record) {
+    if (record.out.empty() && (!record.splitAt.empty() || record.maxFileTime)) {
+        throw Refusal(std::string(record.maxFileTime ? "--max-file-time" : "--split-at") +
+                      " cuts the whole recording: give it the name of a file");
+    }
+    if (record.duration && !record.splitAt.empty() && record.splitAt.back() >= *record.duration) {
+        throw Refusal("--split-at goes beyond --duration " + ClockText(*record.duration));
     }
 }
 
 /// Arguments that are no command's: the first is what somebody took for one.
 std::string UnknownCommand(const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments) {
-        if (argument == "devices" || argument == "info" || argument == "record" ||
-            argument == "doctor") {
+        if (std::any_of(kCommands.begin(), kCommands.end(),
+                        [&argument](const auto& known) { return argument == known.name; })) {
             break;
         }
         if (!argument.empty() && argument.front() != '-') {
@@ -173,6 +174,23 @@ std::string UnknownCommand(const std::vector<std::string>& arguments) {
         }
     }
     return "";
+}
+
+/// What CLI11 takes for something else.
+void CheckArguments(const std::vector<std::string>& arguments) {
+    if (arguments.empty()) {
+        throw Refusal("say what to do: devices, info, record, salvage or doctor (or --help)");
+    }
+    for (const std::string& argument : arguments) {
+        for (const char* flag : {"--json", "--force", "--quiet", "--pre-record", "--remove"}) {
+            if (argument.rfind(std::string(flag) + "=", 0) == 0) {
+                throw Refusal(std::string(flag) + " takes no value");
+            }
+        }
+    }
+    if (const std::string bogus = UnknownCommand(arguments); !bogus.empty()) {
+        throw Refusal("there is no command \"" + bogus + "\"; there are " + kCommandNames);
+    }
 }
 
 /// What CLI11 has to say, as one line.
@@ -184,6 +202,114 @@ std::string OneLine(std::string text) {
     return text;
 }
 
+// ---- What it means
+
+void ReadTags(const RecordTexts& texts, RecordOptions& record) {
+    const auto put = [&record](const std::string& option, const std::string& key,
+                               const std::string& text) {
+        // Without characters that can be counted, no file takes it.
+        if (!IsUtf8(text)) {
+            throw Refusal(option + " is no UTF-8 text");
+        }
+        if (text.empty()) {
+            return;
+        }
+        if (!record.tags.emplace(key, text).second) {
+            throw Refusal(option + ": the tag is given twice");
+        }
+    };
+    for (const auto& [option, key] : kTagOptions) {
+        put(option, key, texts.tagOptions.at(key));
+    }
+    for (const std::string& tag : texts.tags) {
+        const auto [key, value] = RequireTag(tag);
+        put("--tag \"" + tag + "\"", key, value);
+    }
+}
+
+void ReadStart(const CLI::App& command, const RecordTexts& texts, RecordOptions& record) {
+    if (IsGiven(command, "--pre-roll")) {
+        if (record.preRecord) {
+            throw Refusal(
+                "--pre-roll is --pre-record that keeps what came before: give one of them");
+        }
+        record.preRoll = RequireLength("--pre-roll", texts.preRoll);
+        if (*record.preRoll > kLongestPreRoll) {
+            throw Refusal("--pre-roll is ten minutes at most");
+        }
+    }
+    if (IsGiven(command, "--start-at")) {
+        record.startAt = RequireMoment(texts.startAt, std::time(nullptr));
+    }
+}
+
+void CheckWaveform(const RecordOptions& record) {
+    const std::string ending = EndingOf(record.waveform);
+    if (!record.waveform.empty() && ending != ".png" && ending != ".svg") {
+        throw Refusal("--waveform " + record.waveform + ": call it *.png or *.svg");
+    }
+}
+
+void ReadRecord(const CLI::App& command, const RecordTexts& texts, RecordOptions& record) {
+    RefuseEmpty(command, "--waveform", record.waveform);
+    RefuseEmpty(command, "--hook", record.hook);
+    if (texts.type != "pcm" && texts.type != "dsd") {
+        throw Refusal("--type \"" + texts.type + "\" is neither pcm nor dsd");
+    }
+    record.dsd = texts.type == "dsd";
+    if (IsGiven(command, "--rate")) {
+        record.rateHz = RequireRate(texts.rate);
+    }
+    if (IsGiven(command, "--bits")) {
+        if (record.dsd) {
+            throw Refusal("--bits is for --type pcm: a DSD sample is one bit");
+        }
+        record.bits = RequireBits(texts.bits);
+    }
+    if (IsGiven(command, "--duration")) {
+        record.duration = RequireLength("--duration", texts.duration);
+    }
+    if (IsGiven(command, "--gain")) {
+        record.gain = RequireGain(texts.gain);
+    }
+    if (IsGiven(command, "OUT") && record.out.empty()) {
+        throw Refusal("the name of the file to be written is empty");
+    }
+    ReadTags(texts, record);
+    ReadStart(command, texts, record);
+    for (const std::string& range : texts.ranges) {
+        record.ranges.push_back(ParseRange(range));
+    }
+    if (IsGiven(command, "--split-at")) {
+        record.splitAt = RequireSplits(texts.splitAt);
+    }
+    if (IsGiven(command, "--max-file-time")) {
+        record.maxFileTime = RequireLength("--max-file-time", texts.maxFileTime);
+    }
+    CheckRanges(record);
+    CheckSplits(record);
+    CheckWaveform(record);
+    CheckEnding(record.out, record.dsd);
+    for (const Range& range : record.ranges) {
+        CheckEnding(range.file, record.dsd);
+    }
+}
+
+void ReadSalvage(const CLI::App& command, const std::string& bits, SalvageOptions& salvage) {
+    if (IsGiven(command, "TAKE") && salvage.take.empty()) {
+        throw Refusal("the name of the take is empty");
+    }
+    if (IsGiven(command, "OUT") && salvage.out.empty()) {
+        throw Refusal("the name of the file to be written is empty");
+    }
+    if (IsGiven(command, "--bits")) {
+        salvage.bits = RequireBits(bits);
+    }
+    if (salvage.take.empty() && salvage.remove) {
+        throw Refusal("--remove: say which take");
+    }
+}
+
 }  // namespace
 
 Options ParseOptions(const std::vector<std::string>& arguments) {
@@ -192,75 +318,40 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
     app.set_version_flag("--version", std::string("vorrel ") + VORREL_CLI_VERSION);
     app.require_subcommand(1);
 
-    CLI::App* devices = app.add_subcommand("devices", "List the recorders");
-    CLI::App* info = app.add_subcommand("info", "Show what a recorder can do");
-    CLI::App* record = app.add_subcommand("record", "Record, then save");
-    CLI::App* doctor = app.add_subcommand("doctor", "Look for what recording may fail at");
-    for (CLI::App* command : {devices, info, record, doctor}) {
-        AddCommonOptions(*command, options.common);
-    }
-    for (CLI::App* command : {info, record, doctor}) {
-        command
-            ->add_option("--device", options.common.device,
-                         "The recorder's name (default: the first)")
-            ->type_name("NAME");
-    }
-
-    std::string type = "pcm";
-    std::string rate;
-    std::string bits;
-    std::string duration;
-    std::string gain;
-    std::vector<std::string> ranges;
-    record->add_option("OUT", options.record.out,
-                       "The file for the whole recording: WAV, with --type dsd DSF");
-    record->add_option("--type", type, "pcm or dsd (default: pcm)")->type_name("TYPE");
-    record->add_option("--rate", rate, "Sampling rate in Hz (default: 48000; with dsd 2822400)")
-        ->type_name("HZ");
-    record->add_option("--bits", bits, "Sample width: 16, 24 or 32 (default: 24); pcm only")
-        ->type_name("BITS");
-    record->add_option("--duration", duration, "Stop by itself after so much recording")
-        ->type_name("SECONDS");
-    record->add_option("--gain", gain, "Gain of the saved files in decibels")->type_name("DB");
-    std::map<std::string, std::string> tagTexts;
-    for (const auto& [option, key] : kTagOptions) {
-        record->add_option(option, tagTexts[key], "Tag of the saved files")->type_name("TEXT");
-    }
-    record
-        ->add_option("--range", ranges,
-                     "Save a stretch to a file of its own; times as 90, 90.5 or 1:30.5;\n"
-                     "no END = to the end; may be repeated")
-        ->type_name("START-END=FILE")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->allow_extra_args(false);
-    for (CLI::App* command : {record, doctor}) {
-        command
-            ->add_option("--temp-dir", options.record.tempDirectory,
-                         "Where the recording is kept until it is saved")
-            ->type_name("DIR");
-    }
-    record->add_flag("--force", options.record.force, "Replace existing files")
-        ->disable_flag_override();
-    record->add_flag("--quiet", options.common.quiet, "Say nothing but warnings and errors")
-        ->disable_flag_override();
-
-    if (arguments.empty()) {
-        throw Failure(ExitCode::Usage,
-                      "say what to do: devices, info, record or doctor (or --help)");
-    }
-    for (const std::string& argument : arguments) {
-        for (const char* flag : {"--json", "--force", "--quiet"}) {
-            if (argument.rfind(std::string(flag) + "=", 0) == 0) {
-                throw Failure(ExitCode::Usage, std::string(flag) + " takes no value");
-            }
+    RecordTexts recordTexts;
+    std::string salvageBits;
+    std::array<CLI::App*, kCommands.size()> apps{};
+    for (std::size_t index = 0; index < kCommands.size(); ++index) {
+        const Command kind = kCommands[index].command;
+        CLI::App* command = app.add_subcommand(kCommands[index].name, kCommands[index].help);
+        apps[index] = command;
+        if (kind == Command::Salvage) {
+            command->add_flag("--json", options.common.json, "One JSON object a line on stdout")
+                ->disable_flag_override();
+        } else {
+            AddCommonOptions(*command, options.common);
+        }
+        if (kind == Command::Info || kind == Command::Record || kind == Command::Doctor) {
+            command
+                ->add_option("--device", options.common.device,
+                             "The recorder's name (default: the first)")
+                ->type_name("NAME");
+        }
+        if (kind == Command::Record) {
+            AddRecordOptions(*command, options, recordTexts);
+        }
+        if (kind == Command::Salvage) {
+            AddSalvageOptions(*command, options.salvage, salvageBits);
+        }
+        if (kind != Command::Devices && kind != Command::Info) {
+            command
+                ->add_option("--temp-dir", options.tempDirectory,
+                             "Where a recording is kept until it is saved")
+                ->type_name("DIR");
         }
     }
-    if (const std::string bogus = UnknownCommand(arguments); !bogus.empty()) {
-        throw Failure(ExitCode::Usage, "there is no command \"" + bogus +
-                                           "\"; there are devices, info, record and doctor");
-    }
 
+    CheckArguments(arguments);
     try {
         // CLI11 takes its vector from the back.
         app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
@@ -276,79 +367,29 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
         for (const std::string& text : app.remaining(true)) {
             texts += (texts.empty() ? "" : " ") + text;
         }
-        throw Failure(ExitCode::Usage, "not expected: " + texts);
+        throw Refusal("not expected: " + texts);
     } catch (const CLI::ParseError& error) {
-        throw Failure(ExitCode::Usage, OneLine(error.what()));
+        throw Refusal(OneLine(error.what()));
     }
 
-    const std::pair<CLI::App*, Command> commands[] = {{devices, Command::Devices},
-                                                      {info, Command::Info},
-                                                      {record, Command::Record},
-                                                      {doctor, Command::Doctor}};
-    for (const auto& [app_, command] : commands) {
-        if (!app_->parsed()) {
-            continue;
-        }
-        options.command = command;
-        const CLI::Option* simulate = app_->get_option("--simulate");
+    const auto chosen = static_cast<std::size_t>(
+        std::find_if(apps.begin(), apps.end(), [](const CLI::App* one) { return one->parsed(); }) -
+        apps.begin());
+    const CLI::App& command = *apps[chosen];
+    options.command = kCommands[chosen].command;
+    if (const CLI::Option* simulate = command.get_option_no_throw("--simulate")) {
         options.common.simulate = simulate->count() > 0;
         if (options.common.simulated == kBareFlag) {
             options.common.simulated.clear();
         }
     }
-    if (options.command == Command::Info) {
-        RefuseEmpty(*info, "--device", options.common.device);
+    RefuseEmpty(command, "--device", options.common.device);
+    RefuseEmpty(command, "--temp-dir", options.tempDirectory);
+    if (options.command == Command::Record) {
+        ReadRecord(command, recordTexts, options.record);
     }
-    if (options.command == Command::Doctor) {
-        RefuseEmpty(*doctor, "--device", options.common.device);
-        RefuseEmpty(*doctor, "--temp-dir", options.record.tempDirectory);
-    }
-    if (options.command != Command::Record) {
-        return options;
-    }
-
-    RefuseEmpty(*record, "--device", options.common.device);
-    RefuseEmpty(*record, "--temp-dir", options.record.tempDirectory);
-    if (type != "pcm" && type != "dsd") {
-        throw Failure(ExitCode::Usage, "--type \"" + type + "\" is neither pcm nor dsd");
-    }
-    options.record.dsd = type == "dsd";
-    if (record->get_option("--rate")->count() > 0) {
-        options.record.rateHz = RequireRate(rate);
-    }
-    if (record->get_option("--bits")->count() > 0) {
-        if (options.record.dsd) {
-            throw Failure(ExitCode::Usage, "--bits is for --type pcm: a DSD sample is one bit");
-        }
-        options.record.bits = RequireBits(bits);
-    }
-    if (record->get_option("--duration")->count() > 0) {
-        options.record.duration = RequireDuration(duration);
-    }
-    if (record->get_option("--gain")->count() > 0) {
-        options.record.gain = RequireGain(gain);
-    }
-    if (record->get_option("OUT")->count() > 0 && options.record.out.empty()) {
-        throw Failure(ExitCode::Usage, "the name of the file to be written is empty");
-    }
-    for (const auto& [option, key] : kTagOptions) {
-        // Without characters that can be counted, no file takes it.
-        if (!IsUtf8(tagTexts[key])) {
-            throw Failure(ExitCode::Usage, std::string(option) + " is no UTF-8 text");
-        }
-    }
-    for (const auto& [key, text] : tagTexts) {
-        if (!text.empty()) {
-            options.record.tags[key] = text;
-        }
-    }
-    for (const std::string& range : ranges) {
-        options.record.ranges.push_back(ParseRange(range));
-    }
-    CheckRanges(options.record);
-    CheckEnding(options.record.out, options.record.dsd);
-    for (const Range& range : options.record.ranges) {
-        CheckEnding(range.file, options.record.dsd);
+    if (options.command == Command::Salvage) {
+        ReadSalvage(command, salvageBits, options.salvage);
     }
     return options;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <optional>
 #include <string>
@@ -28,16 +29,33 @@ struct RecordOptions {
     std::optional<double> duration;           ///< Seconds of recording, pauses cut out.
     double gain = 0.0;                        ///< Decibels.
     std::map<std::string, std::string> tags;  ///< With the engine's keys.
-    std::string tempDirectory;                ///< "" = $TMPDIR, else /tmp. The doctor's too.
+    std::vector<double> splitAt;              ///< Seconds: where `out` goes on in a new file.
+    std::optional<double> maxFileTime;        ///< Seconds after which it does so by itself.
+    bool preRecord = false;                   ///< The recorder runs, the recording waits for a key.
+    std::optional<double> preRoll;            ///< The same, and begins so many seconds before it.
+    std::optional<std::time_t> startAt;       ///< It begins by itself at that moment.
+    std::string waveform;                     ///< A picture of the recording, "" = none.
+    std::string hook;                         ///< A shell command for every event, "" = none.
     bool force = false;
 };
 
-enum class Command { None, Devices, Info, Record, Doctor };
+struct SalvageOptions {
+    std::string take;  ///< Which one, "" = list them.
+    std::string out;   ///< Where it is saved to, "" = nowhere (list it, or remove it).
+    std::optional<std::uint32_t> bits;  ///< PCM; none = what the take was to be saved with.
+    bool force = false;
+    bool remove = false;  ///< Deletes what the take has left: after it has been saved, or unsaved.
+};
+
+enum class Command { None, Devices, Info, Record, Salvage, Doctor };
 
 struct Options {
     Command command = Command::None;  ///< None: `text` answers (help, version).
     CommonOptions common;
     RecordOptions record;
+    SalvageOptions salvage;
+    std::string
+        tempDirectory;  ///< Where takes are kept until they are saved, "" = the usual place.
     std::string text;
 };
 

@@ -41,11 +41,38 @@ bool IsAbandoned(const std::string& path) {
     return free;
 }
 
+/// Ours in the user's cache directory; "" = it cannot be had.
+std::string CacheDirectory() {
+    const char* configured = std::getenv("XDG_CACHE_HOME");
+    const char* home = std::getenv("HOME");
+    std::filesystem::path base;
+    // A relative one is to be ignored, says the convention.
+    if (configured != nullptr && configured[0] == '/') {
+        base = configured;
+    } else if (home != nullptr && home[0] == '/') {
+        base = std::filesystem::path(home) / ".cache";
+    } else {
+        return "";
+    }
+    const std::filesystem::path ours = base / "vorrel";
+    std::error_code error;
+    std::filesystem::create_directories(base, error);
+    if (!error && ::mkdir(ours.c_str(), 0700) != 0 && errno != EEXIST) {
+        return "";
+    }
+    return std::filesystem::is_directory(ours, error) && ::access(ours.c_str(), W_OK | X_OK) == 0
+               ? ours.string()
+               : "";
+}
+
 }  // namespace
 
 std::string TemporaryBase(const std::string& named) {
     std::error_code error;
     std::string base = named;
+    if (base.empty()) {
+        base = CacheDirectory();
+    }
     if (base.empty()) {
         const char* configured = std::getenv("TMPDIR");
         base = configured != nullptr && std::filesystem::is_directory(configured, error)
@@ -60,6 +87,20 @@ std::string TemporaryBase(const std::string& named) {
         throw Failure(ExitCode::Usage, base + ": the current directory no longer exists");
     }
     return absolute.string();
+}
+
+LeftoverLock::LeftoverLock(const std::string& path) : descriptor(OpenDirectory(path)) {
+    if (descriptor < 0) {
+        throw Failure(ExitCode::Storage, path + ": " + std::strerror(errno));
+    }
+    if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+        ::close(descriptor);
+        throw Failure(ExitCode::Storage, path + " is in use by another program");
+    }
+}
+
+LeftoverLock::~LeftoverLock() {
+    ::close(descriptor);
 }
 
 PrivateDirectory::PrivateDirectory(const std::string& base) {
@@ -111,14 +152,17 @@ std::vector<Leftover> PrivateDirectory::FindLeftovers(const std::string& base) {
             continue;
         }
         Leftover leftover{entry->path().string()};
+        bool empty = true;
         std::error_code ignored;
         for (std::filesystem::directory_iterator file(leftover.path, ignored), last;
              !ignored && file != last; file.increment(ignored)) {
             std::error_code unknown;
             const std::uintmax_t bytes = file->file_size(unknown);
-            leftover.bytes += unknown ? 0 : bytes;
+            const bool journal = file->path().extension() == ".jsonl";
+            leftover.bytes += unknown || journal ? 0 : bytes;
+            empty = false;
         }
-        if (leftover.bytes > 0) {
+        if (!empty) {
             found.push_back(leftover);
         }
     }

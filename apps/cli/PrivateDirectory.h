@@ -9,13 +9,27 @@ namespace vorrel::cli {
 /// A directory of an earlier run that was killed.
 struct Leftover {
     std::string path;
-    std::uint64_t bytes = 0;  ///< Of the files in it.
+    std::uint64_t bytes = 0;  ///< Of what the engine has stored in it.
 };
 
-/// Where temporary directories are made: `named`, absolute; "" = $TMPDIR where that is a directory,
-/// else /tmp.
+/// Where temporary directories are made: `named`, absolute; "" = "vorrel" in the user's cache
+/// directory ($XDG_CACHE_HOME, else ~/.cache; made where it is missing), because a disk holds more
+/// than a /tmp in memory; where there is none, $TMPDIR or /tmp.
 /// @throws Failure (usage): no directory.
 std::string TemporaryBase(const std::string& named);
+
+/// Keeps a directory that was left behind from being taken for one by anybody else.
+class LeftoverLock {
+public:
+    /// @throws Failure (storage): it is gone, or somebody uses it.
+    explicit LeftoverLock(const std::string& path);
+    ~LeftoverLock();
+    LeftoverLock(const LeftoverLock&) = delete;
+    LeftoverLock& operator=(const LeftoverLock&) = delete;
+
+private:
+    int descriptor;
+};
 
 /// A fresh directory that only this process uses, removed with all that is in it. The engine clears
 /// its directory of other people's leftovers, so it must never be given a shared one. It is locked

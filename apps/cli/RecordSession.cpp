@@ -6,14 +6,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <filesystem>
-#include <limits>
+#include <cstdlib>
+#include <ctime>
+#include <tuple>
 #include <utility>
 
-#include "Volumes.h"
 #include "vorrel/Vorrel.h"
 
 namespace vorrel::cli {
@@ -24,29 +22,20 @@ using namespace std::chrono_literals;
 constexpr auto kTickPeriod = 100ms;  // ten redraws a second
 constexpr auto kDiskPeriod = 500ms;
 constexpr auto kWithoutDescriptor = 20ms;  // when the engine's queue cannot be polled
-constexpr std::uint64_t kMeterShare = 10;  // a meter looks at the newest tenth of a second
 // The first may have been on its way when the pause ended.
 constexpr int kMovesAfterResume = 2;
-
-// The engine's memory holds five seconds of every channel before it spills them at once.
-constexpr double kSpillStepSeconds = 6.0;
-// What a target may still have to take after the look that found it full.
-constexpr double kTargetReserveSeconds = 2.0;
-constexpr double kReserveLooks = 4.0;
-constexpr double kTargetReserveBytes = 64.0 * 1024.0;  // a few blocks of the file system
-// To write one file: itself, what names its volume, tables of text encodings, its directory.
-constexpr std::size_t kDescriptorsToSave = 8;
-constexpr double kNoLimit = std::numeric_limits<double>::max();
 constexpr auto kStallPeriod = 5s;  // the text of the warning names it
-
-std::string ShortestText(const TakeFormat& format) {
-    return format.dsd ? "eight one-bit samples, which are a byte" : "one sample";
-}
+// What is stored while armed is given back when it is so much more than the pre-roll.
+constexpr double kArmedSeconds = 600.0;
+constexpr std::size_t kDigestStep = std::size_t{32} << 20;  // bytes between two looks at signals
 
 }  // namespace
 
 RecordSession::RecordSession(const Options& options, Reporter& teller)
-    : common(options.common), record(options.record), reporter(teller) {}
+    : common(options.common),
+      record(options.record),
+      tempDirectory(options.tempDirectory),
+      reporter(teller) {}
 
 int RecordSession::Run() {
     CheckTargets();
@@ -55,135 +44,22 @@ int RecordSession::Run() {
     CheckSpace();
     WarnOfLimits();
     keyboard.emplace(STDIN_FILENO);
-    if (keyboard->Descriptor() >= 0) {
-        reporter.Info("space: pause and resume; q: stop and save");
-    } else if (!record.duration) {
-        reporter.Info("SIGINT or SIGTERM: stop and save");
+    SayKeys();
+    if (!record.hook.empty()) {
+        reporter.UseHook(record.hook);
     }
 
-    Require(Vorrel_Start(), ExitCode::Device, "the recording does not start");
-    reporter.State("starting");
-    nextTick = nextDiskLook = Clock::now();
+    if (record.startAt && !IsArming()) {
+        state = State::Waiting;
+    } else {
+        Require(StartEngine(), ExitCode::Device, "the recording does not start");
+    }
+    reporter.State(StateName(state));
+    nextTick = nextDiskLook = lastMove = Clock::now();
     while (state != State::Done) {
         WaitForEvents();
     }
     return Finish();
-}
-
-// ---- Before the recording
-
-void RecordSession::CheckTargets() {
-    std::vector<std::pair<std::string, bool>> asked;  // name as given, whole recording
-    if (!record.out.empty()) {
-        asked.emplace_back(record.out, true);
-    }
-    for (const Range& range : record.ranges) {
-        asked.emplace_back(range.file, false);
-    }
-    for (const auto& [name, whole] : asked) {
-        const std::string path = ResolveTarget(name);
-        for (const WantedFile& other : wanted) {
-            if (other.path == path) {
-                throw Failure(ExitCode::Usage, name + " would be written twice");
-            }
-        }
-        OutputFile(path, record.force).Check();
-        WantedFile wish;
-        wish.path = path;
-        wish.whole = whole;
-        wanted.push_back(wish);
-    }
-}
-
-void RecordSession::OpenTemporary() {
-    std::error_code error;
-    startDirectory = std::filesystem::current_path(error).string();
-    temporaryBase = TemporaryBase(record.tempDirectory);
-    for (const Leftover& leftover : PrivateDirectory::FindLeftovers(temporaryBase)) {
-        reporter.Warning("a recording that was killed has left " + SizeText(leftover.bytes) +
-                         " in " + leftover.path + "; delete it when it is not needed");
-    }
-    spillDirectory.emplace(temporaryBase);
-}
-
-void RecordSession::OpenDevice() {
-    notifications = OpenEngine(common);
-    Require(Vorrel_SetTempDirectory(spillDirectory->Path().c_str()), ExitCode::Storage,
-            "the temporary directory is not accepted");
-    const std::shared_ptr<VrAudioDeviceInfo> info = SelectDevice(common.device);
-
-    VrRecordSetting setting;
-    setting.rec_type = record.dsd ? 1 : 0;
-    setting.freq = ChooseRate(record.dsd ? info->DSD_supported_freq : info->PCM_supported_freq,
-                              record.rateHz, record.dsd);
-    setting.bits = static_cast<std::uint16_t>(record.dsd ? 1 : record.bits);
-    Require(Vorrel_SetRecordSetting(&setting), ExitCode::Device,
-            info->device_name + " does not take the setting");
-    format.rateHz = setting.freq;
-    format.dsd = record.dsd;
-    format.bits = record.bits;
-    format.channels = info->i_ch;
-    if (format.channels == 0) {
-        throw Failure(ExitCode::Device, info->device_name + " has no inputs");
-    }
-    // As many as the spill files will take are tried, too.
-    spares.Reserve(kDescriptorsToSave + format.channels + 1);
-    spares.Release(kDescriptorsToSave);
-
-    // Times become frames as soon as the rate is known.
-    if (record.duration) {
-        stopAfter = FrameAt(*record.duration, format);
-        if (*stopAfter == 0) {
-            throw Failure(ExitCode::Usage, "--duration is shorter than " + ShortestText(format));
-        }
-    }
-    const std::size_t firstRange = wanted.size() - record.ranges.size();
-    for (std::size_t index = 0; index < wanted.size(); ++index) {
-        WantedFile& wish = wanted[index];
-        wish.end = stopAfter;
-        if (index >= firstRange) {
-            const Range& range = record.ranges[index - firstRange];
-            wish.start = FrameAt(range.start, format);
-            if (range.end) {
-                wish.end = FrameAt(*range.end, format);
-            }
-            if (wish.end && *wish.end <= wish.start) {
-                throw Failure(ExitCode::Usage,
-                              range.file + ": the range is shorter than " + ShortestText(format));
-            }
-        }
-    }
-    if (IsSimulated() && !common.simulate) {
-        reporter.Warning(kSimulatedWarning);
-    }
-    reporter.Start(info->device_name, IsSimulated(), format);
-}
-
-void RecordSession::CheckSpace() {
-    std::string fullest;
-    const double left = MeasureSecondsLeft(fullest);
-    if (left <= 0.0) {
-        throw Failure(ExitCode::Storage, "there is no space left for a recording in " + fullest);
-    }
-    if (record.duration && left < *record.duration) {
-        reporter.Warning("the space left in " + fullest + " is enough for " + ClockText(left) +
-                         " only");
-    }
-}
-
-void RecordSession::WarnOfLimits() {
-    if (format.dsd) {
-        return;  // the sizes in a DSF file have 64 bits
-    }
-    const std::string longest =
-        ClockText(SecondsOfFrame(MostFrames(format, 0), format.rateHz)) + " at this format";
-    for (const WantedFile& wish : wanted) {
-        if (!wish.end || *wish.end - wish.start <= MostFrames(format, TagBytesBound(record.tags))) {
-            continue;
-        }
-        reporter.Warning(wish.path + " would pass the 4 GiB that a WAV file can hold (" + longest +
-                         (wish.whole ? "); it will be saved in parts" : "); it will be skipped"));
-    }
 }
 
 // ---- The loop
@@ -198,10 +74,15 @@ void RecordSession::WaitForEvents() {
     if (engine < 0) {
         until = std::min(until, now + kWithoutDescriptor);
     }
+    if (state == State::Digesting) {
+        until = now;
+    }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(until - now);
-    std::array<pollfd, 3> sources = {{{engine, POLLIN, 0},
+    std::array<pollfd, 5> sources = {{{engine, POLLIN, 0},
                                       {signals.Descriptor(), POLLIN, 0},
-                                      {keyboard->Descriptor(), POLLIN, 0}}};
+                                      {keyboard->Descriptor(), POLLIN, 0},
+                                      {journal->Descriptor(), POLLIN, 0},
+                                      {reporter.HookDescriptor(), POLLIN, 0}}};
     // An interrupted wait is a signal, and that is in the pipe.
     std::ignore = ::poll(sources.data(), sources.size(),
                          static_cast<int>(std::max<std::int64_t>(wait.count(), 0)));
@@ -214,9 +95,18 @@ void RecordSession::WaitForEvents() {
             HandleKey(key);
         }
     }
+    if (sources[3].revents != 0) {
+        journal->Look();
+    }
+    if (sources[4].revents != 0) {
+        reporter.LookAtHook();
+    }
     HandleNotifications();
     if (state == State::Judging && Clock::now() >= judgeUntil) {
         FileFailed("");
+    }
+    if (state == State::Digesting && digest->Step(kDigestStep)) {
+        FileSaved(digest->Text());
     }
     if (Clock::now() >= nextTick && state != State::Done) {
         Tick();
@@ -239,14 +129,13 @@ void RecordSession::HandleNotifications() {
 void RecordSession::HandleOperation(VrRecOperation operation) {
     switch (operation) {
         case VrRecOperationDeviceStarted:
-            deviceStarted = true;
-            if (state == State::Starting) {
-                Enter(State::Recording);
-            }
+            DeviceStarted();
             break;
         case VrRecOperationStopped:
             if (state == State::Stopping) {
                 BeginSave();
+            } else if (state == State::Restarting) {
+                StartOver();
             }
             break;
         case VrRecOperationSaveFinished:
@@ -263,14 +152,21 @@ void RecordSession::HandlePosition(double seconds) {
     position = seconds;
     lastMove = Clock::now();
     stallSaid = false;
-    reporter.Position(seconds);
+    if (taken) {
+        reporter.Position(TakePosition());
+    }
     movesUntilPause = std::max(movesUntilPause - 1, 0);
-    if (state != State::Starting && state != State::Recording) {
+    if (state == State::Armed && record.preRoll && seconds >= *record.preRoll + kArmedSeconds) {
+        Enter(State::Restarting);
+        std::ignore = Vorrel_Stop(false);
+        return;
+    }
+    if (!taken || (state != State::Starting && state != State::Recording)) {
         return;
     }
     if (stopAfter) {
         const auto tenths = static_cast<std::uint64_t>(std::llround(seconds * 10.0));
-        if (tenths * format.rateHz >= *stopAfter * 10) {
+        if (tenths * format.rateHz >= (takeStart + *stopAfter) * 10) {
             RequestStop();
             return;
         }
@@ -281,7 +177,8 @@ void RecordSession::HandlePosition(double seconds) {
 }
 
 void RecordSession::HandleMessage(const MessageCame& message) {
-    const bool saving = state == State::Saving || state == State::Judging;
+    const bool saving =
+        state == State::Saving || state == State::Judging || state == State::Digesting;
     switch (message.kind) {
         case VrMessageDeviceError:
             if (saving) {
@@ -306,6 +203,7 @@ void RecordSession::HandleMessage(const MessageCame& message) {
         case VrMessageBufferOverflow:
             if (!buffersLost) {
                 buffersLost = status.lostBuffers = true;
+                reporter.Lost();
                 reporter.Warning("the storage is too slow: parts of the recording are missing");
             }
             break;
@@ -351,6 +249,9 @@ void RecordSession::HandleSignal(int number) {
         case SIGCONT:
             keyboard->Resume();
             return;
+        case SIGUSR1:
+            HandleKey(taken ? 'm' : 'r');
+            return;
         default:
             break;
     }
@@ -362,42 +263,53 @@ void RecordSession::HandleSignal(int number) {
         Abandon(number);
         return;
     }
-    reporter.Info(state == State::Saving || state == State::Judging
+    reporter.Info(state == State::Saving || state == State::Judging || state == State::Digesting
                       ? "saving; a second signal abandons it"
                       : "stopping and saving; a second signal abandons it");
     RequestStop();
 }
 
 void RecordSession::HandleKey(char key) {
-    if (key == ' ') {
-        TogglePause();
-    } else if (key == 'q' || key == 'Q') {
-        RequestStop();
+    switch (key) {
+        case ' ':
+            TogglePause();
+            break;
+        case 'm':
+        case 'M':
+            AddMark();
+            break;
+        case 'r':
+        case 'R':
+            BeginTake();
+            break;
+        case 'q':
+        case 'Q':
+            RequestStop();
+            break;
+        default:
+            break;
     }
 }
 
 void RecordSession::Tick() {
     const auto now = Clock::now();
     nextTick = now + kTickPeriod;
-    const bool running = state == State::Recording || state == State::Paused;
+    if (record.startAt && !taken && !takeAsked && std::time(nullptr) >= *record.startAt) {
+        BeginTake();
+    }
+    const bool running =
+        state == State::Recording || state == State::Paused || state == State::Armed;
     if (running && now >= nextDiskLook) {
         nextDiskLook = now + kDiskPeriod;
         growthPerLook = position - positionAtLook;
         positionAtLook = position;
-        std::string fullest;
-        status.diskSecondsLeft = MeasureSecondsLeft(fullest);
-        if (*status.diskSecondsLeft <= 0.0 && !storageFailed) {
-            // Now, while the files still find room.
-            storageFailed = true;
-            Fail(Failure(ExitCode::Storage,
-                         "the disk is full (" + fullest + "); the recording ends here"));
-            RequestStop();
-        }
+        LookAtDisks();
     }
     if (state == State::Recording && !stallSaid && now - lastMove >= kStallPeriod) {
         stallSaid = true;
         reporter.Warning("the recorder has delivered nothing for five seconds");
     }
+    reporter.LookAtHook();
     if (!reporter.HasLiveAudience()) {
         return;
     }
@@ -407,22 +319,139 @@ void RecordSession::Tick() {
     ShowStatus();
 }
 
+void RecordSession::LookAtDisks() {
+    const Room room = MeasureRoom();
+    status.diskSecondsLeft = room.seconds;
+    status.takeSecondsLeft = room.takeSeconds;
+    status.saveSecondsLeft = room.saveSeconds;
+    if (room.seconds <= 0.0 && !storageFailed) {
+        // Now, while the files still find room.
+        storageFailed = true;
+        Fail(Failure(ExitCode::Storage,
+                     "the disk is full (" + room.fullest + "); the recording ends here"));
+        RequestStop();
+    }
+}
+
 // ---- What the handlers decide
 
-void RecordSession::Enter(State next) {
-    constexpr std::array kNames = {"starting", "recording", "paused", "stopping",
-                                   "saving",   "saving",    "done"};
+const char* RecordSession::StateName(State state) {
+    constexpr std::array kNames = {"waiting",   "starting", "armed",    "armed",
+                                   "recording", "paused",   "stopping", "saving",
+                                   "saving",    "saving",   "done"};
     static_assert(kNames.size() == static_cast<std::size_t>(State::Done) + 1);
-    const std::string before = kNames[static_cast<std::size_t>(state)];
+    return kNames[static_cast<std::size_t>(state)];
+}
+
+void RecordSession::Enter(State next) {
+    const std::string before = StateName(state);
     state = next;
-    const std::string name = kNames[static_cast<std::size_t>(next)];
+    const std::string name = StateName(next);
     if (name != before && next != State::Done) {
         reporter.State(name);
+        journal->State(name, TakePosition());
     }
     lastMove = Clock::now();
-    if (next == State::Recording || next == State::Paused) {
-        status.state = name;
+}
+
+VrError RecordSession::StartEngine() {
+    state = State::Starting;
+    // Without a wait for a key, whatever comes is the take.
+    taken = taken || !IsArming();
+    return record.preRecord ? Vorrel_StartPreRecording() : Vorrel_Start();
+}
+
+void RecordSession::DeviceStarted() {
+    deviceStarted = true;
+    if (state != State::Starting) {
+        return;
     }
+    Enter(taken ? State::Recording : State::Armed);
+    if (takeAsked) {
+        BeginTake();
+    }
+}
+
+void RecordSession::BeginTake() {
+    if (taken) {
+        return;
+    }
+    if (state == State::Waiting) {
+        if (const VrError error = StartEngine(); error != VrSuccess) {
+            deviceFailed = true;
+            Fail(Failure(ExitCode::Device, "the recording does not start: " + ErrorText(error),
+                         error));
+            Enter(State::Done);
+            return;
+        }
+        reporter.State(StateName(state));
+        return;
+    }
+    if (state == State::Starting || state == State::Restarting) {
+        takeAsked = true;  // as soon as the recorder runs
+        return;
+    }
+    if (state != State::Armed) {
+        return;
+    }
+    if (record.preRecord) {
+        if (const VrError error = Vorrel_Start(); error != VrSuccess) {
+            Fail(Failure(ExitCode::Device, "the recording does not begin: " + ErrorText(error),
+                         error));
+            return;
+        }
+        movesUntilPause = kMovesAfterResume;
+    } else {
+        const std::uint64_t stored = StoredFrames();
+        const std::uint64_t wish = FrameAt(*record.preRoll, format);
+        takeStart = (stored - std::min(stored, wish)) / format.FrameStep() * format.FrameStep();
+        journal->Start(takeStart);
+        reporter.Info("the recording begins " +
+                      ClockText(SecondsOfFrame(stored - takeStart, format.rateHz)) + " before");
+    }
+    taken = true;
+    Enter(State::Recording);
+}
+
+/// After the stop of what was stored while armed.
+void RecordSession::StartOver() {
+    journal->Restart();
+    position = positionAtLook = 0.0;
+    previewSeen = 0;
+    movesUntilPause = 1;
+    if (const VrError error = StartEngine(); error != VrSuccess) {
+        deviceFailed = true;
+        Fail(Failure(ExitCode::Device, "the recorder does not start again: " + ErrorText(error),
+                     error));
+        Enter(State::Done);
+    }
+}
+
+void RecordSession::AddMark() {
+    if (!taken || (state != State::Recording && state != State::Paused)) {
+        return;
+    }
+    if (record.out.empty()) {
+        reporter.Info("a mark cuts the whole recording, which has no file here");
+        return;
+    }
+    const std::uint64_t stored = StoredFrames();
+    const std::optional<Tracks::Cut> cut = tracks->Add(stored - std::min(stored, takeStart));
+    if (!cut) {
+        reporter.Info("there is a mark already");
+        return;
+    }
+    journal->Mark(cut->frame);
+    const double seconds = static_cast<double>(cut->frame) / static_cast<double>(format.rateHz);
+    std::string moved;
+    if (cut->movedFrames != 0) {
+        const double milliseconds = 1000.0 * static_cast<double>(std::abs(cut->movedFrames)) /
+                                    static_cast<double>(format.rateHz);
+        moved = ", moved by " + std::to_string(std::lround(milliseconds)) +
+                " ms to where blocks of a DSF file meet";
+    }
+    reporter.Info("mark " + std::to_string(tracks->Count()) + " at " + ClockText(seconds) + moved);
+    reporter.Marked(tracks->Count(), seconds);
 }
 
 void RecordSession::TogglePause() {
@@ -452,7 +481,16 @@ void RecordSession::PauseNow() {
 }
 
 void RecordSession::RequestStop() {
-    if (state != State::Starting && state != State::Recording && state != State::Paused) {
+    if (state == State::Waiting) {
+        BeginSave();
+        return;
+    }
+    if (state == State::Restarting) {
+        Enter(State::Stopping);  // a stop is under way
+        return;
+    }
+    if (state != State::Starting && state != State::Armed && state != State::Recording &&
+        state != State::Paused) {
         return;
     }
     Enter(State::Stopping);
@@ -476,7 +514,7 @@ void RecordSession::Abandon(int number) {
         // its owner.
         const bool guarded = current && current->GuardDirectory();
         std::ignore = Vorrel_SaveFileCancel(guarded);
-    } else if (state == State::Judging) {
+    } else if (state == State::Judging || state == State::Digesting) {
         Enter(State::Done);
     } else {
         RequestStop();
@@ -489,6 +527,7 @@ void RecordSession::LeaveAtOnce(int number) {
         current->Discard();
     }
     spares.Release(0);
+    journal.reset();
     spillDirectory->Remove();
     std::ignore = reporter.Finish(kSignalExit + number);
     ::_exit(kSignalExit + number);
@@ -496,104 +535,6 @@ void RecordSession::LeaveAtOnce(int number) {
 
 void RecordSession::Fail(const Failure& failure) {
     reporter.Error(failure);
-}
-
-// ---- What is looked at
-
-std::vector<RecordSession::Volume> RecordSession::MeasureVolumes() const {
-    std::vector<Volume> volumes;
-    std::vector<std::optional<dev_t>> known;
-    const auto volumeOf = [&](const std::string& directory) -> VolumeState& {
-        const std::optional<dev_t> number = VolumeOf(directory);
-        const auto found = std::find(known.begin(), known.end(), number);
-        if (found != known.end()) {
-            return volumes[static_cast<std::size_t>(found - known.begin())].state;
-        }
-        known.push_back(number);
-        Volume volume;
-        volume.directory = directory;
-        volume.state.free = FreeBytes(directory).value_or(kNoLimit);
-        return volumes.emplace_back(std::move(volume)).state;
-    };
-    const double ahead = kReserveLooks * growthPerLook;
-
-    VolumeState& spill = volumeOf(spillDirectory->Path());
-    spill.rate = format.SpillRate();
-    spill.reserve = std::max(kSpillStepSeconds, ahead) * format.SpillRate();
-    const auto recorded =
-        static_cast<std::uint64_t>(std::llround(position * static_cast<double>(format.rateHz)));
-    const double extra =
-        static_cast<double>(FileBytes(format, 0, TagBytesBound(record.tags))) + kTargetReserveBytes;
-    for (const WantedFile& wish : wanted) {
-        VolumeState& target = volumeOf(DirectoryOf(wish.path));
-        target.reserve += extra;
-        const std::uint64_t end = std::min(recorded, wish.end.value_or(recorded));
-        if (end > wish.start) {
-            target.needed += static_cast<double>(format.PayloadBytes(end - wish.start));
-        }
-        if (recorded >= wish.start && (!wish.end || recorded < *wish.end)) {
-            target.rate += format.FileRate();
-            target.reserve += std::max(kTargetReserveSeconds, ahead) * format.FileRate();
-        }
-    }
-    return volumes;
-}
-
-double RecordSession::MeasureSecondsLeft(std::string& fullest) const {
-    double least = std::numeric_limits<double>::infinity();
-    for (const Volume& volume : MeasureVolumes()) {
-        const double left = SecondsLeft({volume.state});
-        if (left < least || fullest.empty()) {
-            least = left;
-            fullest = volume.directory;
-        }
-    }
-    return least;
-}
-
-std::string RecordSession::WhyNotStored() const {
-    const double block = format.SpillRate() * kSpillStepSeconds;
-    std::string reason = WhyNotWritten(spillDirectory->Path() + "/", block);
-    if (reason.empty() && LargestFile(spillDirectory->Path()) < kNoLimit) {
-        reason = std::strerror(EFBIG);
-    }
-    return reason.empty() ? "" : ": " + reason;
-}
-
-void RecordSession::MeasureLevels() {
-    std::uint64_t length = 0;
-    if (Vorrel_GetRecordingPreviewDataLength(&length) != VrSuccess || length == previewSeen) {
-        return;
-    }
-    previewSeen = length;
-    const std::uint64_t frames = std::min(length, format.PreviewRateHz() / kMeterShare);
-    std::vector<std::int16_t> samples(static_cast<std::size_t>(frames * format.channels));
-    if (frames > 0 &&
-        Vorrel_GetRecordingPreviewData(length - frames, length, samples.data()) == VrSuccess) {
-        status.levels = cli::MeasureLevels(samples, format.channels);
-    }
-}
-
-void RecordSession::ShowStatus() {
-    status.position = position;
-    if (state == State::Starting) {
-        status.state = "starting";
-    } else if (state == State::Stopping) {
-        status.state = "stopping";
-    } else if (state == State::Saving && !queue.empty()) {
-        std::int32_t file = 0;
-        std::int32_t total = 0;
-        // Straight after a request the figures are still those of the one before it; its thousand
-        // would be a lie, and our own is told when the file has its name.
-        if (Vorrel_SaveFileProgress(&file, &total) == VrSuccess && file < 1000) {
-            const PlannedFile& front = queue.front();
-            reporter.Progress(front.path, file / 10.0);
-            const double done = static_cast<double>(framesSaved) +
-                                file / 1000.0 * static_cast<double>(front.end - front.start);
-            status.savePercent = 100.0 * done / static_cast<double>(framesToSave);
-        }
-    }
-    reporter.Status(status);
 }
 
 }  // namespace vorrel::cli

@@ -5,10 +5,12 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "Engine.h"
+#include "FileDigest.h"
 #include "Keyboard.h"
 #include "Options.h"
 #include "OutputFile.h"
@@ -17,6 +19,8 @@
 #include "SavePlan.h"
 #include "Signals.h"
 #include "SpareDescriptors.h"
+#include "Tracks.h"
+#include "salvage/TakeJournal.h"
 
 namespace vorrel::cli {
 
@@ -35,13 +39,27 @@ public:
     bool KeepsStore() const { return keepStore; }
 
 private:
-    enum class State { Starting, Recording, Paused, Stopping, Saving, Judging, Done };
+    enum class State {
+        Waiting,     // for the time of day at which it begins
+        Starting,    // the recorder
+        Armed,       // it runs, and what comes is not yet the take
+        Restarting,  // ... anew, so that what was stored while armed is given back
+        Recording,
+        Paused,
+        Stopping,
+        Saving,
+        Judging,    // whether a file that is not complete has failed
+        Digesting,  // a complete file, for programs
+        Done
+    };
     using Clock = std::chrono::steady_clock;
 
     // Before the recording.
     void CheckTargets();
     void OpenTemporary();
     void OpenDevice();
+    void ReadWishes(const std::string& deviceName);
+    void SayKeys();
     void CheckSpace();
     void WarnOfLimits();
 
@@ -54,9 +72,15 @@ private:
     void HandleSignal(int number);
     void HandleKey(char key);
     void Tick();
+    void LookAtDisks();
 
     // What the handlers decide.
     void Enter(State next);
+    VrError StartEngine();
+    void DeviceStarted();
+    void BeginTake();
+    void StartOver();
+    void AddMark();
     void TogglePause();
     void PauseNow();
     void RequestStop();
@@ -64,32 +88,46 @@ private:
     [[noreturn]] void LeaveAtOnce(int number);
     void Fail(const Failure& failure);
     void BeginSave();
+    void PlaceWishes(std::uint64_t totalFrames);
     void SaveNext();
     void JudgeFile();
+    void FileSaved(const std::string& digestText);
     void FileFailed(std::string reason);
     void Rescue(const PlannedFile& file);
     void LeaveStore();
+    void DrawPicture();
     int Finish();
 
     struct Volume {
         std::string directory;  // one on it
         VolumeState state;
     };
+    struct Room {
+        double seconds = 0.0;  // until the first volume is full
+        double takeSeconds = 0.0, saveSeconds = 0.0;
+        std::string fullest;  // a directory on the first one
+    };
+    static const char* StateName(State state);
+    bool IsArming() const { return record.preRecord || record.preRoll.has_value(); }
     std::uint64_t RecordedFrames() const;
+    std::uint64_t StoredFrames() const;
+    double TakePosition() const;
     std::vector<Volume> MeasureVolumes() const;
-    double MeasureSecondsLeft(std::string& fullest) const;
+    Room MeasureRoom() const;
     std::string WhyNotStored() const;
     void MeasureLevels();
     void ShowStatus();
 
     const CommonOptions& common;
     const RecordOptions& record;
+    const std::string& tempDirectory;
     Reporter& reporter;
 
     Signals signals;
     std::string temporaryBase;
     std::string startDirectory;  // "" = deleted
     std::optional<PrivateDirectory> spillDirectory;
+    std::optional<TakeJournal> journal;
     SpareDescriptors spares;
     std::shared_ptr<Notifications> notifications;
     std::optional<Keyboard> keyboard;  // after all else, so that the terminal is put back first
@@ -101,8 +139,16 @@ private:
     std::uint64_t framesSaved = 0, framesToSave = 0;
     bool currentSkipped = false;
     Clock::time_point judgeUntil;
+    std::optional<FileDigest> digest;  // of the file that is done
+    std::string doneName;
+    FileSummary doneSummary;
+    std::set<std::string> written;  // names that files of this run have
 
     State state = State::Starting;
+    std::optional<Tracks> tracks;
+    std::uint64_t takeStart = 0;             // frames of what is stored
+    bool taken = false;                      // what comes, or has come, is the take
+    bool takeAsked = false;                  // before the recorder was ready for it
     std::optional<std::uint64_t> stopAfter;  // frames
     double position = 0.0;
     double positionAtLook = 0.0, growthPerLook = 0.0;
@@ -114,6 +160,9 @@ private:
     int abandonedBy = 0;  // the signal, 0 = not abandoned
 
     StatusLine status;
+    ClipHold clips;
+    double waveMost = 0.0;
+    int waveLooks = 0;
     std::uint64_t previewSeen = 0;
     Clock::time_point nextTick, nextDiskLook;
     Clock::time_point lastMove;  // of the position, or into another state

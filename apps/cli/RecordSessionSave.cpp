@@ -1,11 +1,15 @@
 // From the end of the recording to the last file.
+#include <signal.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <utility>
 
+#include "OptionValues.h"
 #include "RecordSession.h"
 #include "Volumes.h"
+#include "WaveformPicture.h"
 #include "vorrel/Vorrel.h"
 
 namespace vorrel::cli {
@@ -15,6 +19,7 @@ using namespace std::chrono_literals;
 
 // How long a failed save's message may come after the save's end.
 constexpr auto kJudgePeriod = 2s;
+constexpr std::uint64_t kPictureBlock = 65'536;  // preview frames read at once
 
 /// Where it was to be, before it was rescued to another place.
 const std::string& WantedPath(const PlannedFile& file) {
@@ -29,8 +34,10 @@ void RecordSession::BeginSave() {
         return;
     }
     spares.Release(0);
-    SavePlan plan = MakeSavePlan(wanted, format, RecordedFrames(), TagBytesBound(record.tags));
-    const bool nothing = RecordedFrames() == 0;
+    const std::uint64_t total = taken ? RecordedFrames() : 0;
+    PlaceWishes(total);
+    SavePlan plan = MakeSavePlan(wanted, format, total, TagBytesBound(record.tags));
+    const bool nothing = total <= takeStart;
     for (const WantedFile& wish : plan.missed) {
         filesSkipped = true;
         reporter.Skipped(wish.path,
@@ -40,7 +47,7 @@ void RecordSession::BeginSave() {
         framesToSave += file.end - file.start;
         if (file.shortened && !wanted[file.wanted].whole) {
             reporter.Warning(file.path + " is shorter than wanted: the recording ended at " +
-                             ClockText(SecondsOfFrame(file.end, format.rateHz)));
+                             ClockText(SecondsOfFrame(file.end - takeStart, format.rateHz)));
         }
         if (file.tooLarge) {
             reporter.Warning(file.path + " would pass the 4 GiB that a WAV file can hold");
@@ -57,6 +64,21 @@ void RecordSession::BeginSave() {
     SaveNext();
 }
 
+/// From frames of the take to those of what is stored, and the whole take into its tracks.
+void RecordSession::PlaceWishes(std::uint64_t totalFrames) {
+    std::vector<WantedFile> placed;
+    for (WantedFile wish : wanted) {
+        wish.start += takeStart;
+        if (wish.end) {
+            *wish.end += takeStart;
+        }
+        const std::vector<WantedFile> files =
+            wish.whole ? tracks->Split(wish, totalFrames) : std::vector<WantedFile>{wish};
+        placed.insert(placed.end(), files.begin(), files.end());
+    }
+    wanted = std::move(placed);
+}
+
 void RecordSession::SaveNext() {
     current.reset();
     if (queue.empty() || abandonedBy != 0) {
@@ -65,8 +87,9 @@ void RecordSession::SaveNext() {
     }
     // One request a file, so that a file that fails takes no other with it.
     const PlannedFile& file = queue.front();
-    const bool rescued = file.place > 0;
-    current.emplace(rescued ? FreeName(file.path) : file.path, record.force && !rescued);
+    // What this run has written is never replaced, whatever --force says.
+    const bool fresh = file.place > 0 || written.count(file.path) > 0;
+    current.emplace(fresh ? FreeName(file.path) : file.path, record.force && !fresh);
     currentSkipped = false;
     VrSaveSetting setting;
     setting.path = current->StagingPath();
@@ -93,6 +116,7 @@ void RecordSession::JudgeFile() {
         return;
     }
     const PlannedFile file = queue.front();
+    doneName.clear();
     if (currentSkipped) {
         if (!file.tooLarge) {
             FileFailed("");
@@ -136,13 +160,33 @@ void RecordSession::JudgeFile() {
                                                               : " has come into being meanwhile") +
                                                 "; saved as " + name));
         }
-        reporter.Progress(name, 100.0);
-        reporter.Saved(name, summary.bytes, summary.frames,
-                       static_cast<double>(summary.frames) / static_cast<double>(format.rateHz));
-        if (file.place > 0) {
-            reporter.Rescued(file.origin, name);
+        doneName = name;
+        doneSummary = summary;
+        written.insert(name);
+        journal->Saved(name);
+        if (reporter.HasProgram()) {
+            digest.emplace(name);
+            Enter(State::Digesting);
+            return;
         }
     }
+    FileSaved("");
+}
+
+/// The file at the front of the queue is done, under `doneName`, if it has a name.
+void RecordSession::FileSaved(const std::string& digestText) {
+    const PlannedFile file = queue.front();
+    if (!doneName.empty()) {
+        reporter.Progress(doneName, 100.0);
+        reporter.Saved(doneName, doneSummary.bytes, doneSummary.frames,
+                       static_cast<double>(doneSummary.frames) / static_cast<double>(format.rateHz),
+                       digestText);
+        if (file.place > 0) {
+            reporter.Rescued(file.origin, doneName);
+        }
+    }
+    digest.reset();
+    doneName.clear();
     framesSaved += file.end - file.start;
     queue.pop_front();
     SaveNext();
@@ -211,7 +255,7 @@ void RecordSession::LeaveStore() {
          !error && entry != end; entry.increment(error)) {
         std::error_code unknown;
         const std::uintmax_t size = entry->file_size(unknown);
-        bytes += unknown ? 0 : size;
+        bytes += unknown || entry->path().filename() == TakeJournal::kName ? 0 : size;
     }
     if (bytes == 0) {
         return;
@@ -220,12 +264,68 @@ void RecordSession::LeaveStore() {
     spillDirectory->Keep();
     reporter.Warning("what the engine has stored of the recording stays in " +
                      spillDirectory->Path() + ": " + SizeText(bytes) +
-                     ", a file a channel of raw samples (and one of the preview)");
+                     ", a file a channel of raw samples (and one of the preview); \"vorrel "
+                     "salvage\" makes a file of it");
     reporter.Kept(spillDirectory->Path());
+}
+
+/// What the engine has of the take, as its preview tells it.
+void RecordSession::DrawPicture() {
+    const std::uint64_t perFrame = format.dsd ? TakeFormat::kDsdFramesPerPreview : 1;
+    const std::uint64_t first = takeStart / perFrame;
+    std::uint64_t end = 0;
+    if (Vorrel_GetPreviewDataLength(&end) != VrSuccess || end <= first) {
+        reporter.Skipped(record.waveform, "nothing was recorded");
+        filesSkipped = true;
+        return;
+    }
+    if (stopAfter) {
+        end = std::min(end, first + *stopAfter / perFrame);
+    }
+    PeakSummary peaks(end - first, kPictureColumns, format.channels);
+    std::vector<std::int16_t> samples;
+    for (std::uint64_t frame = first; frame < end;) {
+        const std::uint64_t count = std::min(kPictureBlock, end - frame);
+        samples.resize(static_cast<std::size_t>(count * format.channels));
+        if (Vorrel_GetPreviewData(frame, frame + count, samples.data()) != VrSuccess) {
+            throw Failure(ExitCode::Storage,
+                          record.waveform + ": the preview can no longer be read");
+        }
+        peaks.Add(samples);
+        frame += count;
+        for (const int number : signals.Take()) {
+            if (number != SIGCONT && number != SIGTSTP && number != SIGUSR1) {
+                throw Failure(ExitCode::Storage, record.waveform + " is not drawn: interrupted");
+            }
+        }
+    }
+    const auto rate = static_cast<double>(format.PreviewRateHz());
+    PictureTexts texts;
+    texts.seconds = static_cast<double>(end - first) / rate;
+    texts.title = wanted.front().path.substr(wanted.front().path.rfind('/') + 1) + "   " +
+                  ClockText(texts.seconds);
+    for (const std::uint64_t cut : tracks->Cuts()) {
+        const double seconds = static_cast<double>(cut) / static_cast<double>(format.rateHz);
+        if (seconds < texts.seconds) {
+            texts.marks.push_back(seconds);
+        }
+    }
+    OutputFile file(ResolveTarget(record.waveform), record.force);
+    DrawWaveform(peaks, texts, file.StagingPath(),
+                 EndingOf(record.waveform) == ".svg" ? PictureKind::Svg : PictureKind::Png);
+    reporter.Drawn(file.Commit());
 }
 
 int RecordSession::Finish() {
     current.reset();
+    if (!record.waveform.empty() && abandonedBy == 0 && taken) {
+        try {
+            DrawPicture();
+        } catch (const Failure& failure) {
+            storageFailed = true;
+            Fail(failure);
+        }
+    }
     if (storeNeeded && abandonedBy == 0) {
         LeaveStore();
     }
@@ -233,6 +333,7 @@ int RecordSession::Finish() {
         // Gives the spill files back, so that the directory can go.
         std::ignore = Vorrel_New();
         spares.Release(0);
+        journal.reset();
         spillDirectory->Remove();
     }
     keyboard->Suspend();
@@ -252,14 +353,6 @@ int RecordSession::Finish() {
     }
     Signals::EndWith(static_cast<int>(code));
     return static_cast<int>(code);
-}
-
-std::uint64_t RecordSession::RecordedFrames() const {
-    std::uint64_t previewFrames = 0;
-    if (Vorrel_GetPreviewDataLength(&previewFrames) != VrSuccess) {
-        previewFrames = 0;
-    }
-    return SavableFrames(format, previewFrames, position, stretches);
 }
 
 }  // namespace vorrel::cli

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <tuple>
+#include <utility>
 
 #include "TimeRange.h"
 
@@ -15,6 +16,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kLastWait = 1s;      // for a reader that does not read, at the end
 constexpr auto kShortWait = 200ms;  // ... before the process stops
+constexpr auto kHookWait = 60s;     // for hooks that still run, at the end
 
 }  // namespace
 
@@ -76,6 +78,30 @@ void Reporter::Warning(const std::string& text) {
     if (json) {
         json->Warning(text);
     }
+    RunHook("warning", {{"VORREL_MESSAGE", text}});
+}
+
+void Reporter::RunHook(const std::string& event, Hooks::Variables variables) {
+    if (hooks) {
+        hooks->Run(event, std::move(variables));
+    }
+}
+
+void Reporter::LookAtHook() {
+    if (hooks) {
+        SayOfHook(hooks->Reap());
+    }
+}
+
+/// No `Warning`, which would run the hook again.
+void Reporter::SayOfHook(const std::string& wrong) {
+    if (wrong.empty()) {
+        return;
+    }
+    screen.Print("vorrel: warning: " + wrong);
+    if (json) {
+        json->Warning(wrong);
+    }
 }
 
 void Reporter::Error(const Failure& failure) {
@@ -83,6 +109,7 @@ void Reporter::Error(const Failure& failure) {
     if (json) {
         json->Error(failure.what(), failure.exit, failure.error);
     }
+    RunHook("error", {{"VORREL_MESSAGE", failure.what()}});
 }
 
 void Reporter::Start(const std::string& device, bool simulated, const TakeFormat& format) {
@@ -99,6 +126,7 @@ void Reporter::State(const std::string& state) {
     if (json) {
         json->State(state);
     }
+    RunHook("state", {{"VORREL_STATE", state}});
 }
 
 void Reporter::Position(double seconds) {
@@ -123,10 +151,39 @@ void Reporter::Progress(const std::string& file, double percent) {
 }
 
 void Reporter::Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames,
-                     double seconds) {
+                     double seconds, const std::string& digest) {
     Info("saved " + file + " (" + ClockText(seconds) + ", " + std::to_string(bytes) + " bytes)");
     if (json) {
-        json->Saved(file, bytes, frames, seconds);
+        json->Saved(file, bytes, frames, seconds, digest);
+    }
+    RunHook("saved", {{"VORREL_FILE", file}, {"VORREL_SECONDS", std::to_string(seconds)}});
+}
+
+void Reporter::Marked(std::size_t number, double seconds) {
+    if (json) {
+        json->Marked(number, seconds);
+    }
+    RunHook("mark", {{"VORREL_MARK", std::to_string(number)}});
+}
+
+void Reporter::Lost() {
+    if (json) {
+        json->Lost();
+    }
+    RunHook("lost", {});
+}
+
+void Reporter::Drawn(const std::string& file) {
+    Info("drawn " + file);
+    if (json) {
+        json->Drawn(file);
+    }
+    RunHook("drawn", {{"VORREL_FILE", file}});
+}
+
+void Reporter::LeftBehind(const LeftTake& take) {
+    if (json) {
+        json->LeftBehind(take);
     }
 }
 
@@ -148,16 +205,21 @@ void Reporter::Skipped(const std::string& file, const std::string& reason) {
     if (json) {
         json->Skipped(file, reason);
     }
+    RunHook("skipped", {{"VORREL_FILE", file}, {"VORREL_MESSAGE", reason}});
 }
 
 bool Reporter::Finish(int exitCode) {
     screen.Clear();
+    if (hooks) {
+        RunHook("finish", {{"VORREL_EXIT_CODE", std::to_string(exitCode)}});
+        SayOfHook(hooks->Finish(kHookWait));
+    }
     bool written = true;
     if (json) {
         json->Finish(exitCode);
         std::ignore = out.Flush(kLastWait);
-        // A reader that has gone, or was never there, has its reasons; a place that takes nothing is
-        // worth a word.
+        // A reader that has gone, or was never there, has its reasons; a place that takes nothing
+        // is worth a word.
         if (const int reason = out.Error(); reason != 0 && reason != EPIPE) {
             written = reason == EBADF;
             screen.Print(std::string("vorrel: warning: the JSON output could not be written: ") +

@@ -6,19 +6,29 @@
 #include <vector>
 
 #include "ExitCode.h"
+#include "Hooks.h"
 #include "JsonOutput.h"
 #include "Output.h"
 #include "Screen.h"
 #include "doctor/Finding.h"
+#include "salvage/LeftTake.h"
 
 namespace vorrel::cli {
 
-/// Tells people (stderr) and programs (stdout, with --json) the same things. Never waits for a
-/// reader, but for a short time at the end.
+/// Tells people (stderr), programs (stdout, with --json) and the user's hook the same things. Never
+/// waits for a reader, but for a short time at the end.
 class Reporter {
 public:
     /// @param stdoutClosed  Whether the parent has given the process no stdout.
     Reporter(bool json, bool quiet, bool stdoutClosed);
+
+    /// From now on runs a shell command at every event.
+    void UseHook(const std::string& command) { hooks.emplace(command); }
+    /// What to poll for `LookAtHook`, -1 = nothing.
+    int HookDescriptor() const { return hooks ? hooks->Descriptor() : -1; }
+    void LookAtHook();
+    /// Whether a program wants to know what only programs want to know.
+    bool HasProgram() const { return json.has_value(); }
 
     /// Whether anybody would see levels and progress between two messages.
     bool HasLiveAudience() const { return json || (screen.IsTerminal() && !quiet); }
@@ -43,7 +53,16 @@ public:
     /// The moving line and its counterpart for programs.
     void Status(const StatusLine& status);
     void Progress(const std::string& file, double percent);
-    void Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames, double seconds);
+    /// @param digest  The file's SHA-256, "" = unknown.
+    void Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames, double seconds,
+               const std::string& digest);
+    void Marked(std::size_t number, double seconds);
+    /// Buffers of the recording were lost.
+    void Lost();
+    /// A picture of the recording is there.
+    void Drawn(const std::string& file);
+    /// A take that was left behind, as an object.
+    void LeftBehind(const LeftTake& take);
     /// A file that could not be had where it was wanted has become `file`.
     void Rescued(const std::string& wanted, const std::string& file);
     /// Nothing could be saved; what the engine has stored stays in `directory`.
@@ -57,9 +76,13 @@ public:
     void ClearScreen();
 
 private:
+    void RunHook(const std::string& event, Hooks::Variables variables);
+    void SayOfHook(const std::string& wrong);
+
     Output error, out;
     Screen screen;
     std::optional<JsonOutput> json;
+    std::optional<Hooks> hooks;
     bool quiet;
 };
 

@@ -3,89 +3,66 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cmath>
-#include <cstdio>
-
-#include "TimeRange.h"
+#include <cstdlib>
+#include <string_view>
 
 namespace vorrel::cli {
 namespace {
 
-constexpr std::size_t kUsualColumns = 80;
-constexpr std::size_t kWidestBar = 24;
-constexpr std::size_t kNarrowestBar = 4;
+std::string Variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
 
-/// All but the meters, the most important first.
-std::string Head(const StatusLine& status) {
-    std::string text = ClockText(status.position) + " " + status.state;
-    if (status.savePercent) {
-        char percent[32];
-        std::snprintf(percent, sizeof percent, " %3.0f %%", std::floor(*status.savePercent));
-        text += percent;
+/// Whether the environment asks for characters beyond ASCII, in the order in which a locale is
+/// looked for.
+bool WantsUtf8() {
+    for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        if (const std::string locale = Variable(name); !locale.empty()) {
+            return locale.find("UTF-8") != std::string::npos ||
+                   locale.find("utf8") != std::string::npos;
+        }
     }
-    if (status.lostBuffers) {
-        text += "  BUFFERS LOST";
-    }
-    if (status.diskSecondsLeft) {
-        text += "  disk " + DiskTimeText(*status.diskSecondsLeft);
-    }
-    return text;
+    return false;
 }
 
 }  // namespace
 
-std::string DiskTimeText(double seconds) {
-    if (!(seconds < 99.0 * 3600.0)) {
-        return "over 99 h";
-    }
-    const auto whole = static_cast<unsigned>(seconds);
-    char text[48];
-    if (whole < 60) {
-        std::snprintf(text, sizeof text, "%u s", whole);
-    } else if (whole < 3600) {
-        std::snprintf(text, sizeof text, "%u min", whole / 60);
-    } else {
-        std::snprintf(text, sizeof text, "%u h %02u min", whole / 3600, whole / 60 % 60);
-    }
-    return text;
-}
-
-std::string StatusText(const StatusLine& status, std::size_t columns) {
-    const std::string head = Head(status);
-    std::string text = head;
-    if (!status.levels.empty()) {
-        for (std::size_t bar = kWidestBar; bar >= kNarrowestBar; --bar) {
-            text = head + "  " + MeterText(status.levels, bar);
-            if (text.size() <= columns) {
-                return text;
-            }
-        }
-        text = head + "  " + CompactMeterText(status.levels);
-    }
-    text.resize(std::min(text.size(), columns));
-    return text;
-}
-
 Screen::Screen(int target, Output& texts)
-    : output(texts), descriptor(target), terminal(::isatty(target) != 0) {}
+    : output(texts), descriptor(target), isTerminal(::isatty(target) != 0) {
+    // The convention of https://no-color.org.
+    terminal.colour = Variable("NO_COLOR").empty() && Variable("TERM") != "dumb";
+    terminal.utf8 = WantsUtf8();
+}
+
+std::string Screen::ToTop() const {
+    return drawn > 1 ? "\r\x1b[" + std::to_string(drawn - 1) + "A" : "\r";
+}
 
 void Screen::Draw(const StatusLine& status) {
-    if (!terminal || !output.Idle()) {
+    if (!isTerminal || !output.Idle()) {
         return;
     }
     winsize size{};
     const bool known = ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+    const Terminal usual;
     // One column stays free: a full line would wrap on some terminals.
-    const std::size_t columns = (known ? size.ws_col : kUsualColumns) - 1;
-    output.Write("\r" + StatusText(status, columns) + "\x1b[K", Output::Kind::Passing);
-    drawn = true;
+    terminal.columns = (known ? size.ws_col : usual.columns) - 1;
+    terminal.rows = known && size.ws_row > 0 ? size.ws_row : usual.rows;
+    std::string text = ToTop();
+    drawn = 0;
+    for (const std::string& line : DisplayLines(status, terminal)) {
+        text += (drawn > 0 ? "\r\n" : "") + line + "\x1b[K";
+        ++drawn;
+    }
+    // What a larger drawing has left below.
+    output.Write(text + "\x1b[J", Output::Kind::Passing);
 }
 
 void Screen::Clear() {
-    if (drawn) {
-        output.Write("\r\x1b[K", Output::Kind::Lasting);
-        drawn = false;
+    if (drawn > 0) {
+        output.Write(ToTop() + "\x1b[J", Output::Kind::Lasting);
+        drawn = 0;
     }
 }
 

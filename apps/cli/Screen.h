@@ -1,55 +1,38 @@
 #pragma once
 
-#include <chrono>
-#include <cstdint>
-#include <optional>
+#include <cstddef>
 #include <string>
-#include <vector>
 
-#include "LevelMeter.h"
+#include "Display.h"
 #include "Output.h"
 
 namespace vorrel::cli {
 
-/// What the moving line shows.
-struct StatusLine {
-    std::string state;      ///< "recording", "paused", "saving", ...
-    double position = 0.0;  ///< Seconds recorded.
-    std::vector<Level> levels;
-    std::optional<double> diskSecondsLeft;
-    bool lostBuffers = false;
-    std::optional<double> savePercent;
-};
-
-/// Words for a length of disk time: "59 s", "12 min", "7 h 05 min", "over 99 h".
-std::string DiskTimeText(double seconds);
-
-/// The line, made to fit `columns`: what matters stands in front, the meters shrink, at last to one
-/// character a channel; only then is it cut.
-std::string StatusText(const StatusLine& status, std::size_t columns);
-
-/// The people's side: messages and, on a terminal, one line below them that is redrawn in place.
+/// The people's side: messages and, on a terminal, lines below them that are redrawn in place.
 class Screen {
 public:
-    /// @param descriptor  Where `output` goes: asked whether and how wide a terminal it is.
+    /// @param descriptor  Where `output` goes: asked whether and how large a terminal it is.
     Screen(int descriptor, Output& output);
     ~Screen() { Clear(); }
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
-    bool IsTerminal() const { return terminal; }
-    /// Redraws the line; nothing where it is no terminal, or one that still has text to take.
+    bool IsTerminal() const { return isTerminal; }
+    /// Redraws the lines; nothing where it is no terminal, or one that still has text to take.
     void Draw(const StatusLine& status);
-    /// Takes the line away until the next `Draw`.
+    /// Takes the lines away until the next `Draw`.
     void Clear();
-    /// A message of its own line, above the moving one.
+    /// A message of its own line, above the moving ones.
     void Print(const std::string& text);
 
 private:
+    std::string ToTop() const;
+
     Output& output;
     int descriptor;
-    bool terminal;
-    bool drawn = false;
+    bool isTerminal;
+    Terminal terminal;
+    std::size_t drawn = 0;  // lines; the cursor stands in the last
 };
 
 }  // namespace vorrel::cli

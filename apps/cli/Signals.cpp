@@ -16,7 +16,7 @@
 namespace vorrel::cli {
 namespace {
 
-constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT};
+constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT, SIGUSR1};
 
 /// The program's only globals: a handler is given nothing else to hold on to.
 std::atomic<int> writeEnd{-1};
@@ -25,7 +25,7 @@ std::atomic<int> lateSignals{0};
 
 extern "C" void VorrelCliOnSignal(int number) {
     if (const int exitCode = decidedExit.load(); exitCode >= 0) {
-        if (number != SIGCONT && number != SIGTSTP && ++lateSignals > 1) {
+        if (number != SIGCONT && number != SIGTSTP && number != SIGUSR1 && ++lateSignals > 1) {
             ::_exit(exitCode);
         }
         return;

@@ -5,8 +5,8 @@
 namespace vorrel::cli {
 
 /// Turns signals into bytes of a pipe, so that the event loop meets them between two events.
-/// SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP and SIGCONT; a hang-up or stop key that the parent
-/// ignores (nohup) stays ignored. One at a time.
+/// SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT and SIGUSR1; a hang-up or stop key that the
+/// parent ignores (nohup) stays ignored. One at a time.
 ///
 /// A handler and not a blocked mask: the engine's threads exist before `main`, and a mask set
 /// there would not reach them.

@@ -12,6 +12,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -93,6 +94,19 @@ public:
 private:
     int descriptor = -1;
 };
+
+/// Reads on until the recording stands at a position of at least so many seconds; which ones are
+/// told depends on the recorder's buffers.
+inline bool AwaitPosition(Process& program, double seconds) {
+    constexpr std::string_view kBegin = "\"position\",\"seconds\":";
+    while (program.AwaitOut(std::string(kBegin)) && program.AwaitOut("}")) {
+        const std::size_t begin = program.Out().rfind(kBegin) + kBegin.size();
+        if (std::strtod(program.Out().c_str() + begin, nullptr) >= seconds) {
+            return true;
+        }
+    }
+    return false;
+}
 
 /// The objects of a --json output, in order; a line that is none fails with an exception.
 inline std::vector<nlohmann::json> JsonLines(const std::string& text) {

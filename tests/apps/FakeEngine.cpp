@@ -3,6 +3,7 @@
 //
 //   devices=0            no recorder            busy=1          the recorder is refused
 //   start=fail           the start fails        stop=hang       a stop never completes
+//   start=once           only the first start works            preview=fail  it cannot be read
 //   lose=SECONDS         the recorder is lost   overflow=SECONDS  a buffer is lost
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
 //   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
@@ -172,6 +173,16 @@ public:
             lock.lock();
         }
     }
+    void StartDevice() {
+        EndDevice();
+        recorded.clear();
+        raw = 0;
+        running = true;
+        ending = false;
+        MakeStore();
+        Operation(VrRecOperationDeviceStarted);
+        device = std::thread([this] { Run(); });
+    }
     void EndDevice() {
         {
             const std::lock_guard lock(mutex);
@@ -337,6 +348,7 @@ public:
     std::atomic<bool> paused{false}, stalled{false}, grown{false}, cancelled{false}, deletes{false};
     std::string tempDirectory;
     std::uint64_t resumes = 0;
+    int starts = 0;
     bool ending = false, selected = false, running = false, dsd = false;
 };
 
@@ -410,10 +422,28 @@ VrError Vorrel_Start() noexcept {
         engine.Message(VrMessageDeviceError, "");
         return VrSuccess;
     }
-    engine.running = true;
-    engine.MakeStore();
-    engine.Operation(VrRecOperationDeviceStarted);
-    engine.device = std::thread([&engine] { engine.Run(); });
+    if (engine.running) {
+        if (!engine.paused) {
+            return VrErrorInvalidState;
+        }
+        engine.grown = false;
+        engine.paused = false;
+        engine.Operation(VrRecOperationRecordStarted);
+        return VrSuccess;
+    }
+    if (engine.Text("start") == "once" && ++engine.starts > 1) {
+        return VrErrorFailed;
+    }
+    engine.StartDevice();
+    return VrSuccess;
+}
+
+VrError Vorrel_StartPreRecording() noexcept {
+    if (Engine().running) {
+        return VrErrorInvalidState;
+    }
+    Engine().paused = true;
+    Engine().StartDevice();
     return VrSuccess;
 }
 
@@ -450,6 +480,12 @@ VrError Vorrel_GetRecordingPreviewData(std::uint64_t start, std::uint64_t end,
                                        std::int16_t* samples) noexcept {
     std::fill_n(samples, (end - start) * Engine().Channels(), std::int16_t{16384});
     return VrSuccess;
+}
+
+VrError Vorrel_GetPreviewData(std::uint64_t start, std::uint64_t end,
+                              std::int16_t* samples) noexcept {
+    return Engine().Text("preview") == "fail" ? VrErrorFailed
+                                              : Vorrel_GetRecordingPreviewData(start, end, samples);
 }
 
 VrError Vorrel_GetPreviewDataLength(std::uint64_t* length) noexcept {

@@ -486,6 +486,7 @@ TEST_F(FaultsTest, ATemporaryPlaceThatTakesNothingIsAUsageErrorHoweverItIsNamed)
     named.arguments = {VORREL_CLI_FAKE, "record", places.File("a.wav"), "--temp-dir", "/proc"};
     Process::Setup configured;
     configured.arguments = {VORREL_CLI_FAKE, "record", places.File("a.wav")};
+    configured.environment["XDG_CACHE_HOME"] = "/proc";
     configured.environment["TMPDIR"] = "/proc";
 
     EXPECT_EQ(Process(named).Wait(), 1);

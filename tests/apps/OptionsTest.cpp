@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
+#include <tuple>
+
 #include "Engine.h"
 #include "ExitCode.h"
+#include "OptionValues.h"
 
 namespace vorrel::cli {
 namespace {
@@ -57,7 +61,7 @@ TEST(OptionsTest, RecordTakesAllThatItOffers) {
                     testing::Pair("Alubum", "L"), testing::Pair("AlbumArtist", "AA")));
     ASSERT_EQ(options.record.ranges.size(), 2U);
     EXPECT_EQ(options.record.ranges[1].file, "c.wav");
-    EXPECT_EQ(options.record.tempDirectory, "/t");
+    EXPECT_EQ(options.tempDirectory, "/t");
     EXPECT_EQ(options.common.device, "D");
     EXPECT_TRUE(options.record.force);
     EXPECT_TRUE(options.common.json);
@@ -106,7 +110,7 @@ TEST(OptionsTest, ANameOfAnotherFormatIsRefused) {
 }
 
 TEST(OptionsTest, WhatIsWrongIsRefusedInOneLine) {
-    EXPECT_THAT(Refusal({}), HasSubstr("devices, info, record or doctor"));
+    EXPECT_THAT(Refusal({}), HasSubstr("devices, info, record, salvage or doctor"));
     EXPECT_THAT(Refusal({"rekord"}), HasSubstr("\"rekord\""));
     EXPECT_THAT(Refusal({"--json", "rekord"}), HasSubstr("\"rekord\""));
     EXPECT_THAT(Refusal({"record", "a.wav", "--bogus"}), HasSubstr("--bogus"));
@@ -224,6 +228,116 @@ TEST(ChooseRateTest, AnImpossibleRateIsAnsweredWithThePossibleOnes) {
     } catch (const Failure& failure) {
         EXPECT_EQ(failure.exit, ExitCode::Usage);
         EXPECT_THAT(failure.what(), HasSubstr("44100, 48000"));
+    }
+}
+
+TEST(OptionsTest, TracksPreRollAndTheirLikeAreRead) {
+    const Options options =
+        ParseOptions({"record", "a.wav", "--split-at", "10,1:00.5,90", "--max-file-time", "3600",
+                      "--pre-roll", "12.5", "--waveform", "a.SVG", "--hook", "true", "--tag",
+                      "TITLE=A = B", "--tag", "album-artist=C"});
+
+    EXPECT_THAT(options.record.splitAt, testing::ElementsAre(10.0, 60.5, 90.0));
+    EXPECT_EQ(options.record.maxFileTime, 3600.0);
+    EXPECT_EQ(options.record.preRoll, 12.5);
+    EXPECT_FALSE(options.record.preRecord);
+    EXPECT_EQ(options.record.waveform, "a.SVG");
+    EXPECT_EQ(options.record.hook, "true");
+    EXPECT_THAT(options.record.tags,
+                testing::UnorderedElementsAre(testing::Pair("Title", "A = B"),
+                                              testing::Pair("AlbumArtist", "C")));
+    EXPECT_TRUE(ParseOptions({"record", "a.wav", "--pre-record"}).record.preRecord);
+}
+
+TEST(OptionsTest, WhatCannotBeCutOrDrawnOrBegunIsRefused) {
+    const auto refusal = [](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "record");
+        return Refusal(arguments);
+    };
+    EXPECT_THAT(refusal({"a.wav", "--split-at", "10,10"}), HasSubstr("above the one before"));
+    EXPECT_THAT(refusal({"a.wav", "--split-at", "10,,20"}), HasSubstr("is no time"));
+    EXPECT_THAT(refusal({"a.wav", "--split-at", "0"}), HasSubstr("no length of time"));
+    EXPECT_THAT(refusal({"a.wav", "--split-at", "10", "--duration", "10"}),
+                HasSubstr("beyond --duration"));
+    EXPECT_THAT(refusal({"--range", "0-1=a.wav", "--split-at", "10"}), HasSubstr("whole"));
+    EXPECT_THAT(refusal({"--range", "0-1=a.wav", "--max-file-time", "10"}), HasSubstr("whole"));
+    EXPECT_THAT(refusal({"a.wav", "--max-file-time", "never"}), HasSubstr("--max-file-time"));
+    EXPECT_THAT(refusal({"a.wav", "--waveform", "a.jpg"}), HasSubstr("*.png or *.svg"));
+    EXPECT_THAT(refusal({"a.wav", "--waveform", ""}), HasSubstr("--waveform is empty"));
+    EXPECT_THAT(refusal({"a.wav", "--hook", ""}), HasSubstr("--hook is empty"));
+    EXPECT_THAT(refusal({"a.wav", "--pre-roll", "5", "--pre-record"}), HasSubstr("one of them"));
+    EXPECT_THAT(refusal({"a.wav", "--pre-roll", "601"}), HasSubstr("ten minutes"));
+    EXPECT_THAT(refusal({"a.wav", "--pre-record=yes"}), HasSubstr("takes no value"));
+    EXPECT_THAT(refusal({"a.wav", "--tag", "Title"}), HasSubstr("KEY=VALUE"));
+    EXPECT_THAT(refusal({"a.wav", "--tag", "genre=X"}), HasSubstr("title, artist, album"));
+    EXPECT_THAT(refusal({"a.wav", "--tag", "title=X", "--title", "Y"}), HasSubstr("twice"));
+    EXPECT_THAT(refusal({"a.wav", "--start-at", "25:00"}), HasSubstr("no time of day"));
+}
+
+TEST(OptionsTest, SalvageTakesATakeAndAFile) {
+    const Options list = ParseOptions({"salvage", "--json"});
+    const Options save =
+        ParseOptions({"salvage", "vorrel-AbCdEf", "a.wav", "--bits", "32", "--force", "--remove"});
+
+    EXPECT_EQ(list.command, Command::Salvage);
+    EXPECT_TRUE(list.common.json);
+    EXPECT_EQ(list.salvage.take, "");
+    EXPECT_EQ(save.salvage.take, "vorrel-AbCdEf");
+    EXPECT_EQ(save.salvage.out, "a.wav");
+    EXPECT_EQ(save.salvage.bits, 32U);
+    EXPECT_TRUE(save.salvage.force);
+    EXPECT_TRUE(save.salvage.remove);
+    EXPECT_THAT(Refusal({"salvage", "--remove"}), HasSubstr("which take"));
+    EXPECT_THAT(Refusal({"salvage", "a", "b.wav", "c.wav"}), HasSubstr("c.wav"));
+}
+
+/// Local time, as the option's texts are.
+std::time_t Moment(int year, int month, int day, int hour, int minute, int second) {
+    std::tm moment{};
+    moment.tm_year = year - 1900;
+    moment.tm_mon = month - 1;
+    moment.tm_mday = day;
+    moment.tm_hour = hour;
+    moment.tm_min = minute;
+    moment.tm_sec = second;
+    moment.tm_isdst = -1;
+    return std::mktime(&moment);
+}
+
+std::string MomentRefusal(const std::string& text, std::time_t now) {
+    try {
+        std::ignore = RequireMoment(text, now);
+    } catch (const Failure& failure) {
+        return failure.what();
+    }
+    return "";
+}
+
+TEST(MomentTest, ATimeOfDayIsTheNextOne) {
+    const std::time_t now = Moment(2026, 11, 30, 20, 15, 0);
+
+    EXPECT_EQ(RequireMoment("20:16", now), Moment(2026, 11, 30, 20, 16, 0));
+    EXPECT_EQ(RequireMoment("20:15:01", now), Moment(2026, 11, 30, 20, 15, 1));
+    EXPECT_EQ(RequireMoment("20:15", now), Moment(2026, 12, 1, 20, 15, 0));
+    EXPECT_EQ(RequireMoment("9:05", now), Moment(2026, 12, 1, 9, 5, 0));
+    EXPECT_EQ(RequireMoment("00:00", Moment(2026, 12, 31, 12, 0, 0)), Moment(2027, 1, 1, 0, 0, 0));
+}
+
+TEST(MomentTest, ADateIsThatDay) {
+    const std::time_t now = Moment(2026, 11, 30, 20, 15, 0);
+
+    EXPECT_EQ(RequireMoment("2026-12-24 18:00", now), Moment(2026, 12, 24, 18, 0, 0));
+    EXPECT_EQ(RequireMoment("2028-02-29T18:00:30", now), Moment(2028, 2, 29, 18, 0, 30));
+    EXPECT_THAT(MomentRefusal("2026-11-30 20:14", now), HasSubstr("is past"));
+    EXPECT_THAT(MomentRefusal("2027-02-29 18:00", now), HasSubstr("no day of the calendar"));
+}
+
+TEST(MomentTest, WhatIsNoMomentIsRefused) {
+    for (const char* text :
+         {"", "20", "20:1", "24:00", "20:60", "20:15:60", "20:15 ", "120:15", "2026-13-01 20:15",
+          "2026-12-01", "2026-12-0120:15", "+20:15", "20:15:30:00", "-1:00"}) {
+        EXPECT_THAT(MomentRefusal(text, Moment(2026, 11, 30, 12, 0, 0)), HasSubstr("--start-at"))
+            << text;
     }
 }
 

@@ -338,17 +338,29 @@ TEST_F(RecordTest, ABackendThatIsNamedAndMissingIsADeviceErrorWithItsReason) {
 }
 
 TEST_F(RecordTest, WithoutATempDirTheOneOfTheEnvironmentIsUsed) {
-    Process::Setup setup;
-    setup.arguments = {VORREL_CLI, "record", places.File("a.wav"), kCounter, "--json"};
-    setup.environment["TMPDIR"] = places.TempPath();
-    Process program(setup);
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    EXPECT_FALSE(places.TempIsEmpty());
+    // The cache directory, or where none can be had, the one for temporary files.
+    for (const bool cache : {true, false}) {
+        Process::Setup setup;
+        setup.arguments = {VORREL_CLI, "record",  places.File("a.wav"),
+                           kCounter,   "--force", "--json"};
+        setup.environment["HOME"] = "/proc";
+        setup.environment["XDG_CACHE_HOME"] = cache ? places.TempPath() : "relative";
+        setup.environment["TMPDIR"] = cache ? "/proc" : places.TempPath();
+        Process program(setup);
+        ASSERT_TRUE(program.AwaitOut("\"position\"")) << program.Error();
+        EXPECT_FALSE(places.TempIsEmpty());
 
-    program.Send(SIGTERM);
+        program.Send(SIGTERM);
 
-    EXPECT_EQ(program.Wait(), 0);
-    EXPECT_TRUE(places.TempIsEmpty());
+        EXPECT_EQ(program.Wait(), 0);
+        const std::string ours = places.TempFile("vorrel");
+        EXPECT_EQ(std::filesystem::exists(ours), cache);
+        if (cache) {
+            EXPECT_TRUE(std::filesystem::is_empty(ours));
+            std::filesystem::remove(ours);
+        }
+        EXPECT_TRUE(places.TempIsEmpty());
+    }
 }
 
 TEST_F(RecordTest, ForceReplacesTheFile) {

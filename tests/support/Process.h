@@ -29,6 +29,7 @@ public:
         std::vector<std::string> arguments;              ///< The program's path first.
         std::map<std::string, std::string> environment;  ///< Added to the test's own.
         bool terminal = false;  ///< stdin and stderr are a terminal instead of nothing and a pipe.
+        unsigned short rows = 24, columns = 100;  ///< Of the terminal.
     };
 
     explicit Process(const Setup& setup) {
@@ -39,8 +40,8 @@ public:
         }
         if (setup.terminal) {
             winsize size{};
-            size.ws_row = 24;
-            size.ws_col = 100;
+            size.ws_row = setup.rows;
+            size.ws_col = setup.columns;
             if (::openpty(&terminal, &terminalOfChild, nullptr, nullptr, &size) != 0 ||
                 ::tcgetattr(terminalOfChild, &terminalBefore) != 0) {
                 std::abort();

@@ -85,7 +85,7 @@ void Soften(Findings& findings) {
 }  // namespace
 
 int RunDoctor(const Options& options, Reporter& reporter) {
-    const std::string temporary = TemporaryBase(options.record.tempDirectory);
+    const std::string temporary = TemporaryBase(options.tempDirectory);
     const SystemTexts system;
     // The engine last: while it has the recorder, that is in use.
     Findings findings = CheckRecorders(system, BuiltForModel());

@@ -1,0 +1,178 @@
+// What is looked at while a recording runs.
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "RecordSession.h"
+#include "Volumes.h"
+#include "vorrel/Vorrel.h"
+
+namespace vorrel::cli {
+namespace {
+
+constexpr std::uint64_t kMeterShare = 10;  // a meter looks at the newest tenth of a second
+constexpr int kLooksAColumn = 2;           // of the scrolling waveform
+constexpr std::size_t kMostColumns = 400;
+
+// The engine's memory holds five seconds of every channel before it spills them at once.
+constexpr double kSpillStepSeconds = 6.0;
+// What a target may still have to take after the look that found it full.
+constexpr double kTargetReserveSeconds = 2.0;
+constexpr double kReserveLooks = 4.0;
+constexpr double kTargetReserveBytes = 64.0 * 1024.0;  // a few blocks of the file system
+constexpr double kNoLimit = std::numeric_limits<double>::max();
+
+}  // namespace
+
+std::uint64_t RecordSession::RecordedFrames() const {
+    std::uint64_t previewFrames = 0;
+    if (Vorrel_GetPreviewDataLength(&previewFrames) != VrSuccess) {
+        previewFrames = 0;
+    }
+    return SavableFrames(format, previewFrames, position, stretches);
+}
+
+/// Of what counts as recorded, as far as its preview is there: the newest moment to speak of.
+std::uint64_t RecordSession::StoredFrames() const {
+    std::uint64_t previewFrames = 0;
+    if (Vorrel_GetPreviewDataLength(&previewFrames) != VrSuccess) {
+        return 0;
+    }
+    return previewFrames * (format.dsd ? TakeFormat::kDsdFramesPerPreview : 1);
+}
+
+double RecordSession::TakePosition() const {
+    return std::max(position - static_cast<double>(takeStart) / static_cast<double>(format.rateHz),
+                    0.0);
+}
+
+std::vector<RecordSession::Volume> RecordSession::MeasureVolumes() const {
+    std::vector<Volume> volumes;
+    std::vector<std::optional<dev_t>> known;
+    const auto volumeOf = [&](const std::string& directory) -> VolumeState& {
+        const std::optional<dev_t> number = VolumeOf(directory);
+        const auto found = std::find(known.begin(), known.end(), number);
+        if (found != known.end()) {
+            return volumes[static_cast<std::size_t>(found - known.begin())].state;
+        }
+        known.push_back(number);
+        Volume volume;
+        volume.directory = directory;
+        volume.state.free = FreeBytes(directory).value_or(kNoLimit);
+        return volumes.emplace_back(std::move(volume)).state;
+    };
+    const double ahead = kReserveLooks * growthPerLook;
+
+    VolumeState& spill = volumeOf(spillDirectory->Path());
+    spill.rate = format.SpillRate();
+    spill.reserve = std::max(kSpillStepSeconds, ahead) * format.SpillRate();
+    const auto recorded = static_cast<std::uint64_t>(
+        std::llround(TakePosition() * static_cast<double>(format.rateHz)));
+    const double extra =
+        static_cast<double>(FileBytes(format, 0, TagBytesBound(record.tags))) + kTargetReserveBytes;
+    for (const WantedFile& wish : wanted) {
+        VolumeState& target = volumeOf(DirectoryOf(wish.path));
+        target.reserve += extra;
+        if (!taken && IsArming()) {
+            continue;  // nothing goes there yet
+        }
+        const std::uint64_t end = std::min(recorded, wish.end.value_or(recorded));
+        if (end > wish.start) {
+            target.needed += static_cast<double>(format.PayloadBytes(end - wish.start));
+        }
+        if (recorded >= wish.start && (!wish.end || recorded < *wish.end)) {
+            target.rate += format.FileRate();
+            target.reserve += std::max(kTargetReserveSeconds, ahead) * format.FileRate();
+        }
+    }
+    return volumes;
+}
+
+RecordSession::Room RecordSession::MeasureRoom() const {
+    Room room;
+    room.seconds = room.saveSeconds = std::numeric_limits<double>::infinity();
+    const std::vector<Volume> volumes = MeasureVolumes();
+    for (const Volume& volume : volumes) {
+        const double left = SecondsLeft({volume.state});
+        if (left < room.seconds || room.fullest.empty()) {
+            room.seconds = left;
+            room.fullest = volume.directory;
+        }
+    }
+    room.takeSeconds = SecondsLeft({volumes.front().state});
+    for (const WantedFile& wish : wanted) {
+        const std::string directory = DirectoryOf(wish.path);
+        const std::optional<dev_t> number = VolumeOf(directory);
+        const auto found = std::find_if(volumes.begin(), volumes.end(), [&](const Volume& volume) {
+            return VolumeOf(volume.directory) == number;
+        });
+        if (found != volumes.end()) {
+            room.saveSeconds = std::min(room.saveSeconds, SecondsLeft({found->state}));
+        }
+    }
+    return room;
+}
+
+std::string RecordSession::WhyNotStored() const {
+    const double block = format.SpillRate() * kSpillStepSeconds;
+    std::string reason = WhyNotWritten(spillDirectory->Path() + "/", block);
+    if (reason.empty() && LargestFile(spillDirectory->Path()) < kNoLimit) {
+        reason = std::strerror(EFBIG);
+    }
+    return reason.empty() ? "" : ": " + reason;
+}
+
+void RecordSession::MeasureLevels() {
+    std::uint64_t length = 0;
+    if (Vorrel_GetRecordingPreviewDataLength(&length) != VrSuccess || length == previewSeen) {
+        return;
+    }
+    previewSeen = length;
+    const std::uint64_t frames = std::min(length, format.PreviewRateHz() / kMeterShare);
+    std::vector<std::int16_t> samples(static_cast<std::size_t>(frames * format.channels));
+    if (frames == 0 ||
+        Vorrel_GetRecordingPreviewData(length - frames, length, samples.data()) != VrSuccess) {
+        return;
+    }
+    const std::vector<Level> levels = cli::MeasureLevels(samples, format.channels);
+    for (const Level& level : levels) {
+        waveMost = std::max(waveMost, std::pow(10.0, level.peakDbfs / 20.0));
+    }
+    status.levels = clips.Hold(levels, Clock::now());
+    if (++waveLooks == kLooksAColumn) {
+        status.wave.push_back(waveMost);
+        if (status.wave.size() > kMostColumns) {
+            status.wave.pop_front();
+        }
+        waveMost = 0.0;
+        waveLooks = 0;
+    }
+}
+
+void RecordSession::ShowStatus() {
+    status.position = TakePosition();
+    status.state = StateName(state);
+    status.keys = state == State::Armed || state == State::Waiting ? "r record   q quit"
+                  : state == State::Recording ? "space pause   m mark   q stop and save"
+                  : state == State::Paused    ? "space resume   m mark   q stop and save"
+                                              : "";
+    status.marks = tracks->Count();
+    if (state == State::Saving && !queue.empty()) {
+        std::int32_t file = 0;
+        std::int32_t total = 0;
+        // Straight after a request the figures are still those of the one before it; its thousand
+        // would be a lie, and our own is told when the file has its name.
+        if (Vorrel_SaveFileProgress(&file, &total) == VrSuccess && file < 1000) {
+            const PlannedFile& front = queue.front();
+            reporter.Progress(front.path, file / 10.0);
+            const double done = static_cast<double>(framesSaved) +
+                                file / 1000.0 * static_cast<double>(front.end - front.start);
+            status.savePercent = 100.0 * done / static_cast<double>(framesToSave);
+        }
+    }
+    reporter.Status(status);
+}
+
+}  // namespace vorrel::cli

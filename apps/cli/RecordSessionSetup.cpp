@@ -1,0 +1,205 @@
+// From the command line to a recorder that is ready.
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <filesystem>
+#include <utility>
+
+#include "RecordSession.h"
+#include "Volumes.h"
+#include "salvage/LeftTake.h"
+#include "vorrel/Vorrel.h"
+
+namespace vorrel::cli {
+namespace {
+
+// To write one file: itself, what names its volume, tables of text encodings, its directory.
+constexpr std::size_t kDescriptorsToSave = 8;
+
+std::string ShortestText(const TakeFormat& format) {
+    return format.dsd ? "eight one-bit samples, which are a byte" : "one sample";
+}
+
+}  // namespace
+
+void RecordSession::CheckTargets() {
+    enum class Kind { Whole, Range, Track, Picture };
+    std::vector<std::pair<std::string, Kind>> asked;  // name as given
+    if (!record.out.empty()) {
+        asked.emplace_back(record.out, Kind::Whole);
+    }
+    for (const Range& range : record.ranges) {
+        asked.emplace_back(range.file, Kind::Range);
+    }
+    const std::size_t trackCount = record.splitAt.empty() ? 0 : record.splitAt.size() + 1;
+    for (std::size_t number = 1; number <= trackCount; ++number) {
+        asked.emplace_back(TrackPath(record.out, number, trackCount), Kind::Track);
+    }
+    if (!record.waveform.empty()) {
+        asked.emplace_back(record.waveform, Kind::Picture);
+    }
+    std::set<std::string> paths;
+    for (const auto& [name, kind] : asked) {
+        const std::string path = ResolveTarget(name);
+        if (!paths.insert(path).second) {
+            throw Failure(ExitCode::Usage, name + " would be written twice");
+        }
+        OutputFile(path, record.force).Check();
+        if (kind == Kind::Whole || kind == Kind::Range) {
+            WantedFile wish;
+            wish.path = path;
+            wish.whole = kind == Kind::Whole;
+            wanted.push_back(wish);
+        }
+    }
+}
+
+void RecordSession::OpenTemporary() {
+    std::error_code error;
+    startDirectory = std::filesystem::current_path(error).string();
+    temporaryBase = TemporaryBase(tempDirectory);
+    for (const Leftover& leftover : PrivateDirectory::FindLeftovers(temporaryBase)) {
+        if (leftover.bytes > 0) {
+            reporter.Warning("a recording that was killed has left " + SizeText(leftover.bytes) +
+                             " in " + leftover.path + "; \"vorrel salvage\" saves or deletes it");
+        }
+    }
+    spillDirectory.emplace(temporaryBase);
+    journal.emplace(spillDirectory->Path());
+}
+
+void RecordSession::OpenDevice() {
+    notifications = OpenEngine(common);
+    Require(Vorrel_SetTempDirectory(spillDirectory->Path().c_str()), ExitCode::Storage,
+            "the temporary directory is not accepted");
+    const std::shared_ptr<VrAudioDeviceInfo> info = SelectDevice(common.device);
+
+    VrRecordSetting setting;
+    setting.rec_type = record.dsd ? 1 : 0;
+    setting.freq = ChooseRate(record.dsd ? info->DSD_supported_freq : info->PCM_supported_freq,
+                              record.rateHz, record.dsd);
+    setting.bits = static_cast<std::uint16_t>(record.dsd ? 1 : record.bits);
+    Require(Vorrel_SetRecordSetting(&setting), ExitCode::Device,
+            info->device_name + " does not take the setting");
+    format.rateHz = setting.freq;
+    format.dsd = record.dsd;
+    format.bits = record.bits;
+    format.channels = info->i_ch;
+    if (format.channels == 0) {
+        throw Failure(ExitCode::Device, info->device_name + " has no inputs");
+    }
+    // As many as the spill files will take are tried, too.
+    spares.Reserve(kDescriptorsToSave + format.channels + 1);
+    spares.Release(kDescriptorsToSave);
+    ReadWishes(info->device_name);
+    if (IsSimulated() && !common.simulate) {
+        reporter.Warning(kSimulatedWarning);
+    }
+    reporter.Start(info->device_name, IsSimulated(), format);
+}
+
+/// Times become frames as soon as the rate is known.
+void RecordSession::ReadWishes(const std::string& deviceName) {
+    if (record.duration) {
+        stopAfter = FrameAt(*record.duration, format);
+        if (*stopAfter == 0) {
+            throw Failure(ExitCode::Usage, "--duration is shorter than " + ShortestText(format));
+        }
+    }
+    const std::size_t firstRange = wanted.size() - record.ranges.size();
+    for (std::size_t index = 0; index < wanted.size(); ++index) {
+        WantedFile& wish = wanted[index];
+        wish.end = stopAfter;
+        if (index >= firstRange) {
+            const Range& range = record.ranges[index - firstRange];
+            wish.start = FrameAt(range.start, format);
+            if (range.end) {
+                wish.end = FrameAt(*range.end, format);
+            }
+            if (wish.end && *wish.end <= wish.start) {
+                throw Failure(ExitCode::Usage,
+                              range.file + ": the range is shorter than " + ShortestText(format));
+            }
+        }
+    }
+    tracks.emplace(format);
+    for (const double seconds : record.splitAt) {
+        const std::optional<Tracks::Cut> cut = tracks->Add(FrameAt(seconds, format));
+        if (!cut) {
+            throw Failure(ExitCode::Usage, "--split-at " + ClockText(seconds) +
+                                               ": there is no room for a file before it");
+        }
+        if (cut->movedFrames != 0) {
+            reporter.Info("the cut at " + ClockText(seconds) + " moves to " +
+                          ClockText(SecondsOfFrame(cut->frame, format.rateHz)) +
+                          ", where blocks of a DSF file meet");
+        }
+    }
+    if (record.maxFileTime) {
+        tracks->LimitLength(FrameAt(*record.maxFileTime, format));
+    }
+
+    TakeRecord take;
+    take.started = std::time(nullptr);
+    take.device = deviceName;
+    take.format = format;
+    take.out = record.out.empty() ? "" : wanted.front().path;
+    take.gain = record.gain;
+    take.tags = record.tags;
+    journal->Begin(take);
+    for (const std::uint64_t cut : tracks->Cuts()) {
+        journal->Mark(cut);
+    }
+}
+
+void RecordSession::CheckSpace() {
+    const Room room = MeasureRoom();
+    if (room.seconds <= 0.0) {
+        throw Failure(ExitCode::Storage,
+                      "there is no space left for a recording in " + room.fullest);
+    }
+    if (record.duration && room.seconds < *record.duration) {
+        reporter.Warning("the space left in " + room.fullest + " is enough for " +
+                         ClockText(room.seconds) + " only");
+    }
+}
+
+void RecordSession::WarnOfLimits() {
+    if (format.dsd) {
+        return;  // the sizes in a DSF file have 64 bits
+    }
+    const std::string longest =
+        ClockText(SecondsOfFrame(MostFrames(format, 0), format.rateHz)) + " at this format";
+    for (const WantedFile& wish : wanted) {
+        if (!wish.end || *wish.end - wish.start <= MostFrames(format, TagBytesBound(record.tags)) ||
+            (wish.whole && !tracks->Empty())) {
+            continue;
+        }
+        reporter.Warning(wish.path + " would pass the 4 GiB that a WAV file can hold (" + longest +
+                         (wish.whole ? "); it will be saved in parts" : "); it will be skipped"));
+    }
+}
+
+void RecordSession::SayKeys() {
+    if (record.startAt) {
+        std::tm local{};
+        ::localtime_r(&*record.startAt, &local);
+        char text[32];
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+        reporter.Info("the recording begins at " + std::string(text));
+    }
+    if (keyboard->Descriptor() >= 0) {
+        reporter.Info(IsArming() || record.startAt
+                          ? "r: record; space: pause and resume; m: mark; q: stop and save"
+                          : "space: pause and resume; m: mark; q: stop and save");
+        return;
+    }
+    if (IsArming() || record.startAt) {
+        reporter.Info("SIGUSR1: record");
+    }
+    if (!record.duration) {
+        reporter.Info("SIGINT or SIGTERM: stop and save; SIGUSR1: mark");
+    }
+}
+
+}  // namespace vorrel::cli

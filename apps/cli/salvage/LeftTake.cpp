@@ -1,0 +1,35 @@
+#include "salvage/LeftTake.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "salvage/SpillFiles.h"
+
+namespace vorrel::cli {
+
+double LeftTake::Seconds() const {
+    return record ? static_cast<double>(frames) / static_cast<double>(record->format.rateHz) : 0.0;
+}
+
+LeftTake ReadLeftTake(const std::string& directory, std::uint64_t bytes) {
+    LeftTake take;
+    take.directory = directory;
+    take.name = std::filesystem::path(directory).filename().string();
+    take.bytes = bytes;
+    take.record = TakeJournal::Read(directory);
+    if (take.record) {
+        const std::uint64_t stored = SpillFiles(directory, *take.record).Frames();
+        take.frames = stored - std::min(stored, take.record->startFrame);
+    }
+    return take;
+}
+
+std::vector<LeftTake> FindLeftTakes(const std::string& base) {
+    std::vector<LeftTake> takes;
+    for (const Leftover& leftover : PrivateDirectory::FindLeftovers(base)) {
+        takes.push_back(ReadLeftTake(leftover.path, leftover.bytes));
+    }
+    return takes;
+}
+
+}  // namespace vorrel::cli

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "PrivateDirectory.h"
+#include "salvage/TakeJournal.h"
+
+namespace vorrel::cli {
+
+/// A take whose program has died, as far as it reached the disk.
+struct LeftTake {
+    std::string name;                  ///< What the user calls it by: its directory's name.
+    std::string directory;             ///< Absolute.
+    std::optional<TakeRecord> record;  ///< None = no journal that can be read.
+    std::uint64_t bytes = 0;           ///< Of everything in it.
+    std::uint64_t frames = 0;          ///< That can be saved.
+
+    double Seconds() const;
+};
+
+/// What is left behind in a place for takes, by name.
+std::vector<LeftTake> FindLeftTakes(const std::string& base);
+
+/// What the directory of one holds.
+LeftTake ReadLeftTake(const std::string& directory, std::uint64_t bytes);
+
+}  // namespace vorrel::cli

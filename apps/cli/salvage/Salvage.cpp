@@ -1,0 +1,194 @@
+#include "salvage/Salvage.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+#include "OptionValues.h"
+#include "OutputFile.h"
+#include "SavePlan.h"
+#include "Signals.h"
+#include "TimeRange.h"
+#include "Volumes.h"
+#include "salvage/LeftTake.h"
+#include "salvage/SalvageWriter.h"
+#include "salvage/SpillFiles.h"
+
+namespace vorrel::cli {
+namespace {
+
+std::string MomentText(std::time_t moment) {
+    std::tm local{};
+    ::localtime_r(&moment, &local);
+    std::array<char, 32> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M", &local)};
+}
+
+std::string FormatText(const TakeFormat& format) {
+    return std::string(format.dsd ? "DSD" : "PCM") + " " + std::to_string(format.rateHz) + " Hz, " +
+           std::to_string(format.channels) + (format.channels == 1 ? " channel" : " channels");
+}
+
+std::string TakeText(const LeftTake& take) {
+    std::string text = take.name + "  ";
+    if (!take.record) {
+        return text + SizeText(take.bytes) + " without a journal: not ours to read";
+    }
+    text += MomentText(take.record->started) + "  " + FormatText(take.record->format) + "  ";
+    text += take.frames == 0 ? "nothing of it has reached the disk"
+                             : ClockText(take.Seconds()) + ", " + SizeText(take.bytes);
+    return text + (take.record->out.empty() ? "" : "  for " + take.record->out);
+}
+
+int List(const std::string& base, bool json, Reporter& reporter) {
+    const std::vector<LeftTake> takes = FindLeftTakes(base);
+    if (takes.empty()) {
+        reporter.Info("nothing is left behind in " + base);
+    }
+    for (const LeftTake& take : takes) {
+        if (json) {
+            reporter.LeftBehind(take);
+        } else {
+            reporter.Answer(TakeText(take));
+        }
+    }
+    reporter.RequireWritten();
+    return static_cast<int>(ExitCode::Done);
+}
+
+/// By its whole name, or by what makes it the only one.
+LeftTake FindTake(const std::string& base, const std::string& name) {
+    std::vector<LeftTake> fitting;
+    for (LeftTake& take : FindLeftTakes(base)) {
+        if (take.name == name || take.directory == name) {
+            return take;
+        }
+        if (take.name.find(name) != std::string::npos) {
+            fitting.push_back(std::move(take));
+        }
+    }
+    if (fitting.empty()) {
+        throw Failure(ExitCode::Usage, "no take called \"" + name + "\" is left behind in " + base);
+    }
+    if (fitting.size() > 1) {
+        throw Failure(ExitCode::Usage, "\"" + name + "\" fits " + std::to_string(fitting.size()) +
+                                           " takes in " + base);
+    }
+    return fitting.front();
+}
+
+void RemoveTake(const LeftTake& take, Reporter& reporter) {
+    std::error_code error;
+    std::filesystem::remove_all(take.directory, error);
+    if (error) {
+        throw Failure(ExitCode::Storage,
+                      take.directory + " could not be deleted: " + error.message());
+    }
+    reporter.Info("deleted " + take.directory);
+}
+
+/// Whether a signal asks for the end.
+bool IsInterrupted(Signals& signals) {
+    pollfd source = {signals.Descriptor(), POLLIN, 0};
+    return ::poll(&source, 1, 0) > 0 && !signals.Take().empty();
+}
+
+void SaveOne(const SpillFiles& files, const TakeFormat& format, const PlannedFile& planned,
+             bool force, Reporter& reporter, Signals& signals) {
+    OutputFile file(ResolveTarget(planned.path), force);
+    file.Check();
+    const auto total = static_cast<double>(planned.end - planned.start);
+    int said = -1;
+    WriteSalvaged(
+        files, format, planned.start, planned.end, file.StagingPath(), [&](std::uint64_t frames) {
+            const int percent = static_cast<int>(100.0 * static_cast<double>(frames) / total);
+            if (percent != said) {
+                reporter.Progress(planned.path, percent);
+                said = percent;
+            }
+            return !IsInterrupted(signals);
+        });
+    const FileSummary summary =
+        format.dsd ? SummarizeDsf(file.StagingPath()) : SummarizeWav(file.StagingPath());
+    if (!summary.complete) {
+        throw Failure(ExitCode::Storage, planned.path + " could not be written as a whole");
+    }
+    const std::string name = file.Commit();
+    reporter.Saved(name, summary.bytes, summary.frames,
+                   static_cast<double>(summary.frames) / static_cast<double>(format.rateHz), "");
+}
+
+void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) {
+    if (!take.record) {
+        throw Failure(ExitCode::Usage, take.name + " has no journal that tells its format");
+    }
+    TakeFormat format = take.record->format;
+    if (!format.dsd) {
+        const bool known = format.bits == 16 || format.bits == 24 || format.bits == 32;
+        format.bits = wish.bits.value_or(known ? format.bits : 24);
+    } else if (wish.bits) {
+        throw Failure(ExitCode::Usage, "--bits is for a PCM take: a DSD sample is one bit");
+    }
+    CheckEnding(wish.out, format.dsd);
+    if (take.frames == 0) {
+        throw Failure(ExitCode::Storage, "nothing of " + take.name + " has reached the disk");
+    }
+    const SpillFiles files(take.directory, *take.record);
+    if (!files.Doubt().empty()) {
+        reporter.Warning(files.Doubt() + "; listen to what is saved of the take");
+    }
+    WantedFile wanted;
+    wanted.path = ResolveTarget(wish.out);
+    wanted.whole = true;
+    wanted.start = take.record->startFrame;
+    const SavePlan plan = MakeSavePlan({wanted}, format, files.Frames(), 0);
+    double bytes = 0.0;
+    for (const PlannedFile& planned : plan.files) {
+        OutputFile(planned.path, wish.force).Check();
+        bytes += static_cast<double>(FileBytes(format, planned.end - planned.start, 0));
+    }
+    if (const std::string reason = WhyNotWritten(wanted.path, bytes); !reason.empty()) {
+        throw Failure(ExitCode::Storage, wanted.path + " cannot be written: " + reason);
+    }
+    Signals signals;
+    for (const PlannedFile& planned : plan.files) {
+        SaveOne(files, format, planned, wish.force, reporter, signals);
+    }
+    if (take.record->gain != 0.0 || !take.record->tags.empty()) {
+        reporter.Info(
+            "saved as it was recorded, without the gain and the tags that it was to have");
+    }
+}
+
+}  // namespace
+
+int RunSalvage(const Options& options, Reporter& reporter) {
+    const SalvageOptions& wish = options.salvage;
+    const std::string base = TemporaryBase(options.tempDirectory);
+    if (wish.take.empty()) {
+        return List(base, options.common.json, reporter);
+    }
+    const LeftTake take = FindTake(base, wish.take);
+    if (wish.out.empty() && !wish.remove) {
+        throw Failure(ExitCode::Usage,
+                      "salvage " + wish.take + ": give it the name of a file, or --remove it");
+    }
+    const LeftoverLock lock(take.directory);
+    if (!wish.out.empty()) {
+        Save(take, wish, reporter);
+    }
+    if (wish.remove) {
+        RemoveTake(take, reporter);
+    } else {
+        reporter.Info("the take stays in " + take.directory + "; --remove deletes it");
+    }
+    const bool written = reporter.Finish(static_cast<int>(ExitCode::Done));
+    return static_cast<int>(written ? ExitCode::Done : ExitCode::Storage);
+}
+
+}  // namespace vorrel::cli

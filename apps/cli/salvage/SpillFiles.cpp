@@ -1,0 +1,166 @@
+#include "salvage/SpillFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <limits>
+#include <utility>
+
+namespace vorrel::cli {
+namespace {
+
+constexpr std::uint64_t kLargestSpill = std::uint64_t{1} << 30;
+constexpr std::uint64_t kStepSeconds = 5;
+
+/// When a file was made, in nanoseconds; the last change where the volume does not know.
+std::int64_t MadeAt(const std::string& path) {
+    struct statx status {};
+    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME | STATX_MTIME, &status) !=
+        0) {
+        return std::numeric_limits<std::int64_t>::max();
+    }
+    const auto& time = (status.stx_mask & STATX_BTIME) != 0 ? status.stx_btime : status.stx_mtime;
+    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
+}
+
+bool IsSpillName(const std::string& name) {
+    return name.size() == 9 && name.compare(0, 3, "tmp") == 0;
+}
+
+/// Bytes of a channel, and of the preview, that the engine stores in one step.
+std::uint64_t ChannelStep(const TakeFormat& format) {
+    return format.dsd ? format.rateHz * kStepSeconds / 8 : format.rateHz * kStepSeconds * 4;
+}
+
+std::uint64_t PreviewStep(const TakeFormat& format) {
+    return format.channels * format.PreviewRateHz() * 2 * kStepSeconds;
+}
+
+std::uint64_t StepsAFile(std::uint64_t step) {
+    return std::max<std::uint64_t>(kLargestSpill / std::max<std::uint64_t>(step, 1), 1);
+}
+
+}  // namespace
+
+std::vector<std::size_t> SpillOwners(const TakeFormat& format, std::size_t files) {
+    const std::uint64_t ofChannel = StepsAFile(ChannelStep(format));
+    const std::uint64_t ofPreview = StepsAFile(PreviewStep(format));
+    std::vector<std::size_t> owners;
+    // The step at which each begins its next file; in the same step the channels come first.
+    std::uint64_t nextChannel = 0;
+    std::uint64_t nextPreview = 0;
+    while (owners.size() < files) {
+        if (nextChannel <= nextPreview) {
+            for (std::size_t channel = 0; channel < format.channels; ++channel) {
+                owners.push_back(channel);
+            }
+            nextChannel += ofChannel;
+        } else {
+            owners.push_back(format.channels);
+            nextPreview += ofPreview;
+        }
+    }
+    owners.resize(files);
+    return owners;
+}
+
+SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
+    : channels(record.format.channels) {
+    std::vector<SpillFile> files;
+    std::vector<std::pair<std::int64_t, SpillFile>> unnamed;
+    std::error_code error;
+    const auto sizeOf = [](const std::string& path) -> std::uint64_t {
+        std::error_code unknown;
+        const std::uintmax_t size = std::filesystem::file_size(path, unknown);
+        return unknown ? 0 : size;
+    };
+    for (const std::string& name : record.spills) {
+        const std::string path = directory + "/" + name;
+        if (std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error))) {
+            files.push_back({path, sizeOf(path)});
+        }
+    }
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        std::error_code unknown;
+        if (IsSpillName(name) && std::filesystem::is_regular_file(entry->symlink_status(unknown)) &&
+            std::find(record.spills.begin(), record.spills.end(), name) == record.spills.end()) {
+            unnamed.push_back({MadeAt(entry->path().string()),
+                               {entry->path().string(), sizeOf(entry->path().string())}});
+        }
+    }
+    std::sort(unnamed.begin(), unnamed.end(),
+              [](const auto& one, const auto& other) { return one.first < other.first; });
+    for (auto& [when, file] : unnamed) {
+        files.push_back(std::move(file));
+    }
+
+    const std::vector<std::size_t> owners = SpillOwners(record.format, files.size());
+    for (std::size_t index = 0; index < files.size(); ++index) {
+        bytes += files[index].bytes;
+        if (owners[index] < channels.size()) {
+            channels[owners[index]].push_back(files[index]);
+        }
+    }
+    const std::uint64_t step = ChannelStep(record.format);
+    const std::uint64_t full = StepsAFile(step) * step;
+    std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
+    for (const std::vector<SpillFile>& run : channels) {
+        std::uint64_t length = 0;
+        for (std::size_t index = 0; index < run.size(); ++index) {
+            if (index + 1 < run.size() && run[index].bytes != full) {
+                doubt = run[index].path + " has not the size that it had to have";
+            }
+            length += run[index].bytes;
+        }
+        least = std::min(least, length);
+    }
+    frames = channels.empty() ? 0 : record.format.dsd ? least * 8 : least / sizeof(float);
+}
+
+bool SpillFiles::Read(std::size_t channel, std::uint64_t from, std::vector<std::uint8_t>& out,
+                      std::size_t count) const {
+    out.resize(count);
+    std::size_t done = 0;
+    for (const SpillFile& file : channels.at(channel)) {
+        if (from >= file.bytes) {
+            from -= file.bytes;
+            continue;
+        }
+        const int descriptor = ::open(file.path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        if (descriptor < 0) {
+            return false;
+        }
+        bool failed = false;
+        while (!failed && done < count && from < file.bytes) {
+            const std::size_t wanted =
+                static_cast<std::size_t>(std::min<std::uint64_t>(count - done, file.bytes - from));
+            const ssize_t got =
+                ::pread(descriptor, out.data() + done, wanted, static_cast<off_t>(from));
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            failed = got <= 0;
+            if (!failed) {
+                done += static_cast<std::size_t>(got);
+                from += static_cast<std::uint64_t>(got);
+            }
+        }
+        ::close(descriptor);
+        if (failed) {
+            return false;
+        }
+        if (done == count) {
+            return true;
+        }
+        from = 0;  // the next one begins where this one ends
+    }
+    return done == count;
+}
+
+}  // namespace vorrel::cli

@@ -1,0 +1,168 @@
+#include "salvage/TakeJournal.h"
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+namespace vorrel::cli {
+namespace {
+
+using nlohmann::json;
+
+constexpr int kVersion = 1;
+constexpr std::string_view kSpillPrefix = "tmp";
+constexpr std::size_t kSpillNameLength = 9;
+
+/// Any text in UTF-8: unknown bytes become U+FFFD.
+std::string Line(const json& object) {
+    return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+bool IsSpill(std::string_view name) {
+    return name.size() == kSpillNameLength && name.substr(0, kSpillPrefix.size()) == kSpillPrefix;
+}
+
+}  // namespace
+
+TakeJournal::TakeJournal(const std::string& directory)
+    : file(::open((directory + "/" + kName).c_str(),
+                  O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600)),
+      watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    if (watch >= 0 &&
+        ::inotify_add_watch(watch, directory.c_str(), IN_CREATE | IN_DELETE | IN_ONLYDIR) < 0) {
+        ::close(watch);
+        watch = -1;
+    }
+}
+
+TakeJournal::~TakeJournal() {
+    for (const int descriptor : {file, watch}) {
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+    }
+}
+
+void TakeJournal::Write(const std::string& line) {
+    std::size_t written = 0;
+    while (file >= 0 && written < line.size()) {
+        const ssize_t count = ::write(file, line.data() + written, line.size() - written);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return;  // a full disk; the recording itself meets it in its own way
+        }
+        written += static_cast<std::size_t>(count);
+    }
+}
+
+void TakeJournal::Begin(const TakeRecord& record) {
+    Write(Line({{"journal", kVersion},
+                {"process", ::getpid()},
+                {"started", record.started},
+                {"device", record.device},
+                {"type", record.format.dsd ? "dsd" : "pcm"},
+                {"rate_hz", record.format.rateHz},
+                {"channels", record.format.channels},
+                {"bits", record.format.bits},
+                {"out", record.out},
+                {"gain_db", record.gain},
+                {"tags", record.tags}}));
+}
+
+void TakeJournal::State(const std::string& name, double seconds) {
+    Write(Line({{"state", name}, {"seconds", seconds}}));
+}
+
+void TakeJournal::Start(std::uint64_t frame) {
+    Write(Line({{"start_frame", frame}}));
+}
+
+void TakeJournal::Mark(std::uint64_t frame) {
+    Write(Line({{"mark", frame}}));
+}
+
+void TakeJournal::Restart() {
+    Look();
+    Write(Line({{"restart", true}}));
+}
+
+void TakeJournal::Saved(const std::string& name) {
+    Write(Line({{"saved", name}}));
+}
+
+void TakeJournal::Look() {
+    alignas(inotify_event) std::array<char, 4096> events{};
+    ssize_t count = 0;
+    while (watch >= 0 && (count = ::read(watch, events.data(), events.size())) > 0) {
+        for (std::size_t at = 0; at < static_cast<std::size_t>(count);) {
+            inotify_event event{};
+            std::memcpy(&event, events.data() + at, sizeof event);
+            const char* const name = events.data() + at + sizeof event;
+            at += sizeof event + event.len;
+            if (event.len > 0 && IsSpill(name)) {
+                Write(Line({{(event.mask & IN_CREATE) != 0 ? "spill" : "spill_gone", name}}));
+            }
+        }
+    }
+}
+
+std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
+    std::ifstream lines(directory + "/" + kName);
+    std::optional<TakeRecord> record;
+    for (std::string line; std::getline(lines, line);) {
+        const json object = json::parse(line, nullptr, false);
+        if (!object.is_object()) {
+            continue;  // the last one may be half a line
+        }
+        try {
+            if (!record) {
+                if (object.at("journal") != kVersion) {
+                    return std::nullopt;
+                }
+                record.emplace();
+                record->started = object.at("started").get<std::time_t>();
+                record->device = object.at("device").get<std::string>();
+                record->format.dsd = object.at("type") == "dsd";
+                record->format.rateHz = object.at("rate_hz").get<std::uint64_t>();
+                record->format.channels = object.at("channels").get<std::uint32_t>();
+                record->format.bits = object.at("bits").get<std::uint32_t>();
+                record->out = object.at("out").get<std::string>();
+                record->gain = object.at("gain_db").get<double>();
+                record->tags = object.at("tags").get<std::map<std::string, std::string>>();
+            } else if (object.contains("spill")) {
+                record->spills.push_back(object.at("spill").get<std::string>());
+            } else if (object.contains("spill_gone")) {
+                std::erase(record->spills, object.at("spill_gone").get<std::string>());
+            } else if (object.contains("mark")) {
+                record->marks.push_back(object.at("mark").get<std::uint64_t>());
+            } else if (object.contains("start_frame")) {
+                record->startFrame = object.at("start_frame").get<std::uint64_t>();
+            } else if (object.contains("state")) {
+                record->state = object.at("state").get<std::string>();
+            } else if (object.contains("restart")) {
+                record->startFrame = 0;
+                record->marks.clear();
+            }
+        } catch (const json::exception&) {
+            if (!record || record->format.rateHz == 0) {
+                return std::nullopt;
+            }
+        }
+    }
+    if (record && (record->format.rateHz == 0 || record->format.channels == 0)) {
+        return std::nullopt;
+    }
+    return record;
+}
+
+}  // namespace vorrel::cli

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "SavePlan.h"
+
+namespace vorrel::cli {
+
+/// What a take's directory says of it besides the samples: enough to make a file of what the engine
+/// has stored when the program could not.
+struct TakeRecord {
+    std::time_t started = 0;
+    std::string device;
+    TakeFormat format;
+    std::string out;  ///< Where it was to be saved, "" = only ranges of it.
+    double gain = 0.0;
+    std::map<std::string, std::string> tags;
+    std::uint64_t startFrame = 0;      ///< Where the take begins in what is stored.
+    std::vector<std::uint64_t> marks;  ///< Frames from there.
+    std::vector<std::string>
+        spills;         ///< Names of the engine's files, in the order of their making.
+    std::string state;  ///< The last that was entered.
+};
+
+/// The journal of a take that runs: a file beside the spill files, a JSON object a line, each
+/// written at once, so that a killed process has left all of it. It also sees the engine's files
+/// come and go. One thread.
+class TakeJournal {
+public:
+    /// @param directory  The take's private one. A journal that cannot be kept is no reason not to
+    ///                   record: nothing is written then.
+    explicit TakeJournal(const std::string& directory);
+    ~TakeJournal();
+    TakeJournal(const TakeJournal&) = delete;
+    TakeJournal& operator=(const TakeJournal&) = delete;
+
+    /// Once, before the recording runs.
+    void Begin(const TakeRecord& record);
+    void State(const std::string& name, double seconds);
+    /// The take begins at this frame of what is stored.
+    void Start(std::uint64_t frame);
+    void Mark(std::uint64_t frame);
+    /// What is stored from now on is another recording: what was before is gone.
+    void Restart();
+    void Saved(const std::string& file);
+
+    /// Readable when the engine has made or deleted a file; -1 where that cannot be told.
+    int Descriptor() const { return watch; }
+    /// Writes down what it has made or deleted.
+    void Look();
+
+    /// @return None where there is no journal, or none of a format that this program knows.
+    static std::optional<TakeRecord> Read(const std::string& directory);
+
+    static constexpr const char* kName = "journal.jsonl";
+
+private:
+    void Write(const std::string& line);
+
+    int file = -1;
+    int watch = -1;
+};
+
+}  // namespace vorrel::cli

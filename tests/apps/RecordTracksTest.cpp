@@ -1,0 +1,256 @@
+// Marks, splits and pictures: the program with the engine and its simulated recorder.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+
+#include "CliProgram.h"
+#include "WavReader.h"
+#include "support/Tool.h"
+
+namespace vorrel::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr const char* kCounter = "--simulate=source=counter,speed=20";
+
+class RecordTracksTest : public testing::Test {
+protected:
+    Process::Setup Record(const std::vector<std::string>& arguments) const {
+        return places.Record(VORREL_CLI, arguments);
+    }
+
+    /// Expects that the files continue each other without a lost or doubled frame.
+    void ExpectGapless(const std::vector<std::string>& names) const {
+        std::uint64_t next = CounterStart(ReadWav(places.File(names.front())));
+        for (const std::string& name : names) {
+            const Wav wav = ReadWav(places.File(name));
+            EXPECT_GT(wav.Frames(), 0U) << name;
+            EXPECT_EQ(FirstGap(wav, next), wav.Frames()) << name;
+            next += wav.Frames();
+        }
+    }
+
+    /// The samples of a DSF file, without its padding at the end.
+    Bytes DsfPayload(const std::string& name) const {
+        const Bytes bytes = ReadBytes(places.File(name));
+        return Bytes(bytes.begin() + 92, bytes.end());
+    }
+
+    CliPlaces places;
+};
+
+TEST_F(RecordTracksTest, SplitsJoinToTheWholeWithoutAGap) {
+    Process program(Record({places.File("a.wav"), kCounter, "--duration", "4", "--split-at",
+                            "1,2.33333,3.9", "--range", "0-=" + places.File("all.wav")}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(places.Files(),
+                ElementsAre("a-01.wav", "a-02.wav", "a-03.wav", "a-04.wav", "all.wav"));
+    ExpectGapless({"a-01.wav", "a-02.wav", "a-03.wav", "a-04.wav"});
+    EXPECT_EQ(ReadWav(places.File("a-01.wav")).Frames(), 48'000U);
+    EXPECT_EQ(ReadWav(places.File("a-02.wav")).Frames(), 64'000U);
+    EXPECT_EQ(ReadWav(places.File("a-04.wav")).Frames(), 4'800U);
+    EXPECT_EQ(ReadWav(places.File("all.wav")).Frames(), 192'000U);
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTracksTest, DsdSplitsMeetAtWholeBlocksAndAreToldToMove) {
+    Process program(Record({places.File("a.dsf"), "--type", "dsd",
+                            "--simulate=source=counter,speed=5", "--duration", "2", "--split-at",
+                            "0.5,1.25", "--range", "0-=" + places.File("all.dsf")}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(program.Error(), HasSubstr("blocks of a DSF file meet"));
+    Bytes joined;
+    for (const char* name : {"a-01.dsf", "a-02.dsf", "a-03.dsf"}) {
+        const Bytes part = DsfPayload(name);
+        joined.insert(joined.end(), part.begin(), part.end());
+    }
+    EXPECT_EQ(joined, DsfPayload("all.dsf"));
+    // 0.5 s are 1,411,200 bits: 43.07 blocks.
+    EXPECT_EQ(LittleEndian(ReadBytes(places.File("a-01.dsf")), 64, 8), 43U * 32'768U);
+}
+
+TEST_F(RecordTracksTest, AMarkCutsWhereTheRecordingStands) {
+    Process::Setup setup = Record({places.File("a.wav"), kCounter});
+    setup.terminal = true;
+    Process program(setup);
+    ASSERT_TRUE(AwaitPosition(program, 1.0));
+    ASSERT_TRUE(program.Type("m"));
+    ASSERT_TRUE(program.AwaitOut("\"mark\",\"number\":1"));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.Type("m"));
+    ASSERT_TRUE(program.AwaitOut("\"mark\",\"number\":2"));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.Type("q"));
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(places.Files(), ElementsAre("a-01.wav", "a-02.wav", "a-03.wav"));
+    ExpectGapless({"a-01.wav", "a-02.wav", "a-03.wav"});
+    const std::vector<nlohmann::json> marks = Events(program.Out(), "mark");
+    ASSERT_EQ(marks.size(), 2U);
+    EXPECT_EQ(std::lround(marks[0].at("seconds").get<double>() * 48'000.0),
+              static_cast<long>(ReadWav(places.File("a-01.wav")).Frames()));
+    EXPECT_GE(marks[0].at("seconds").get<double>(), 0.5);
+}
+
+TEST_F(RecordTracksTest, WithoutATerminalASignalBeginsANewTrack) {
+    Process program(Record({places.File("a.wav"), kCounter}));
+    ASSERT_TRUE(AwaitPosition(program, 1.0));
+    program.Send(SIGUSR1);
+    ASSERT_TRUE(program.AwaitOut("\"mark\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    ExpectGapless({"a-01.wav", "a-02.wav"});
+}
+
+TEST_F(RecordTracksTest, AMarkAtDsdIsToldWhereItHasMoved) {
+    Process program(Record({places.File("a.dsf"), "--type", "dsd", "--range",
+                            "0-=" + places.File("all.dsf"), "--simulate=source=counter,speed=5"}));
+    ASSERT_TRUE(AwaitPosition(program, 1.0));
+    program.Send(SIGUSR1);
+    ASSERT_TRUE(program.AwaitOut("\"mark\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(program.Error(), HasSubstr("mark 1 at 0"));
+    Bytes joined = DsfPayload("a-01.dsf");
+    const Bytes second = DsfPayload("a-02.dsf");
+    joined.insert(joined.end(), second.begin(), second.end());
+    EXPECT_EQ(joined, DsfPayload("all.dsf"));
+}
+
+TEST_F(RecordTracksTest, NoFileIsLongerThanItMayBe) {
+    Process program(
+        Record({places.File("a.wav"), kCounter, "--duration", "3.5", "--max-file-time", "1"}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    ExpectGapless({"a-01.wav", "a-02.wav", "a-03.wav", "a-04.wav"});
+    EXPECT_EQ(ReadWav(places.File("a-03.wav")).Frames(), 48'000U);
+    EXPECT_EQ(ReadWav(places.File("a-04.wav")).Frames(), 24'000U);
+}
+
+TEST_F(RecordTracksTest, ARecordingThatEndsBeforeItsFirstCutKeepsItsName) {
+    Process program(Record({places.File("a.wav"), kCounter, "--split-at", "3600"}));
+    ASSERT_TRUE(AwaitPosition(program, 0.5));
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+}
+
+TEST_F(RecordTracksTest, ATrackThatIsThereAlreadyIsSaidBeforeTheRecording) {
+    std::ofstream(places.File("a-02.wav")) << "old";
+    Process refused(Record({places.File("a.wav"), kCounter, "--split-at", "1"}));
+    Process twice(Record({places.File("a.wav"), kCounter, "--split-at", "1", "--range",
+                          "0-1=" + places.File("a-01.wav")}));
+
+    EXPECT_EQ(refused.Wait(), 1);
+    EXPECT_EQ(twice.Wait(), 1);
+
+    EXPECT_THAT(refused.Error(), HasSubstr("a-02.wav"));
+    EXPECT_THAT(twice.Error(), HasSubstr("written twice"));
+    EXPECT_THAT(places.Files(), ElementsAre("a-02.wav"));
+}
+
+TEST_F(RecordTracksTest, EvenWithForceNoFileOfTheSameRunIsReplaced) {
+    // A mark's track takes the name of a range: one of them has to give way.
+    Process program(Record({places.File("a.wav"), kCounter, "--duration", "2", "--max-file-time",
+                            "1", "--force", "--range", "0-0.5=" + places.File("a-02.wav")}));
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_EQ(Events(program.Out(), "saved").size(), 3U);
+    EXPECT_EQ(places.Files().size(), 3U);
+    EXPECT_EQ(ReadWav(places.File("a-02.wav")).Frames(), 48'000U);
+}
+
+TEST_F(RecordTracksTest, ASavedFileIsToldWithItsDigest) {
+    VORREL_NEEDS_TOOL("sha256sum");
+    Process program(Record({places.File("a.wav"), kCounter, "--duration", "1"}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    const std::string digest = RunTool("sha256sum " + places.File("a.wav")).output.substr(0, 64);
+    EXPECT_EQ(Events(program.Out(), "saved").at(0).at("sha256"), digest);
+}
+
+TEST_F(RecordTracksTest, APictureOfTheTakeIsDrawn) {
+    VORREL_NEEDS_TOOL("ffprobe");
+    for (const char* name : {"a.png", "a.svg"}) {
+        Process program(Record({places.File("a.wav"), kCounter, "--force", "--duration", "1",
+                                "--waveform", places.File(name)}));
+
+        ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+        EXPECT_EQ(Events(program.Out(), "drawn").at(0).at("file"), places.File(name));
+    }
+    EXPECT_THAT(RunTool("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " +
+                        places.File("a.png"))
+                    .output,
+                HasSubstr("png"));
+    EXPECT_EQ(ReadBytes(places.File("a.svg")).at(0), '<');
+    EXPECT_THAT(places.Files(), ElementsAre("a.png", "a.svg", "a.wav"));
+}
+
+TEST_F(RecordTracksTest, APictureThatIsThereAlreadyIsSaidBeforeTheRecording) {
+    std::ofstream(places.File("a.png")) << "old";
+    Process program(Record(
+        {places.File("a.wav"), kCounter, "--duration", "1", "--waveform", places.File("a.png")}));
+
+    EXPECT_EQ(program.Wait(), 1);
+
+    EXPECT_THAT(program.Error(), HasSubstr("--force"));
+    EXPECT_THAT(places.Files(), ElementsAre("a.png"));
+}
+
+TEST_F(RecordTracksTest, EveryEventRunsTheHook) {
+    const std::string log = places.File("log");
+    Process program(
+        Record({places.File("a.wav"), kCounter, "--duration", "1", "--split-at", "0.5", "--hook",
+                "echo \"$VORREL_EVENT $VORREL_STATE $VORREL_FILE$VORREL_EXIT_CODE\" >> " + log}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    const Bytes bytes = ReadBytes(log);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()),
+              "state starting \nstate recording \nstate stopping \nstate saving \n"
+              "saved  " +
+                  places.File("a-01.wav") + "\nsaved  " + places.File("a-02.wav") +
+                  "\nfinish  0\n");
+}
+
+TEST_F(RecordTracksTest, AHookThatFailsOrPrintsDisturbsNothing) {
+    Process program(Record(
+        {places.File("a.wav"), kCounter, "--duration", "0.5", "--hook", "echo noise; exit 7"}));
+
+    EXPECT_EQ(program.Wait(), 0);
+
+    EXPECT_THAT(program.Error(), HasSubstr("the hook ended with 7 at the event state"));
+    EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 24'000U);
+    EXPECT_NO_THROW(JsonLines(program.Out()));
+}
+
+}  // namespace
+}  // namespace vorrel::test

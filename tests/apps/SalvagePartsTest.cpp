@@ -1,0 +1,335 @@
+// What salvage is made of: the journal, whose file is whose, the files that come of it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <limits>
+
+#include "ExitCode.h"
+#include "OutputFile.h"
+#include "salvage/LeftTake.h"
+#include "salvage/SalvageWriter.h"
+#include "salvage/SpillFiles.h"
+#include "salvage/TakeJournal.h"
+#include "support/FileBytes.h"
+#include "support/TempDirectory.h"
+
+namespace vorrel::cli {
+namespace {
+
+using test::Bytes;
+using test::ReadBytes;
+using test::TempDirectory;
+using testing::ElementsAre;
+
+TakeFormat Pcm(std::uint32_t channels = 2, std::uint32_t bits = 24) {
+    TakeFormat format;
+    format.rateHz = 48'000;
+    format.channels = channels;
+    format.bits = bits;
+    return format;
+}
+
+TakeFormat Dsd(std::uint32_t channels = 2) {
+    TakeFormat format;
+    format.rateHz = 2'822'400;
+    format.channels = channels;
+    format.bits = 24;
+    format.dsd = true;
+    return format;
+}
+
+void Write(const std::string& path, const Bytes& bytes) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+}
+
+Bytes Floats(const std::vector<float>& samples) {
+    Bytes bytes(samples.size() * sizeof(float));
+    std::memcpy(bytes.data(), samples.data(), bytes.size());
+    return bytes;
+}
+
+std::string Text(const Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+// ---- The journal
+
+TEST(TakeJournalTest, WhatIsWrittenIsRead) {
+    const TempDirectory directory;
+    TakeRecord record;
+    record.started = 1'795'277'318;
+    record.device = "KD-WV770";
+    record.format = Dsd(6);
+    record.out = "/m/\"take\".dsf";
+    record.gain = -3.5;
+    record.tags = {{"Title", "Grüße"}};
+    {
+        TakeJournal journal(directory.Path());
+        journal.Begin(record);
+        journal.State("armed", 0.0);
+        journal.Start(96'000);
+        journal.Mark(4096);
+        journal.Mark(8192);
+        journal.State("recording", 1.5);
+    }
+
+    const std::optional<TakeRecord> read = TakeJournal::Read(directory.Path());
+
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->started, record.started);
+    EXPECT_EQ(read->device, record.device);
+    EXPECT_TRUE(read->format.dsd);
+    EXPECT_EQ(read->format.rateHz, 2'822'400U);
+    EXPECT_EQ(read->format.channels, 6U);
+    EXPECT_EQ(read->out, record.out);
+    EXPECT_EQ(read->gain, -3.5);
+    EXPECT_EQ(read->tags, record.tags);
+    EXPECT_EQ(read->startFrame, 96'000U);
+    EXPECT_THAT(read->marks, ElementsAre(4096, 8192));
+    EXPECT_EQ(read->state, "recording");
+}
+
+TEST(TakeJournalTest, TheEnginesFilesAreWrittenDownInTheOrderOfTheirMaking) {
+    const TempDirectory directory;
+    TakeRecord record;
+    record.format = Pcm();
+    TakeJournal journal(directory.Path());
+    journal.Begin(record);
+    for (const char* name : {"tmpzzzzzz", "tmpaaaaaa", "other", "tmp", "tmpmmmmmm"}) {
+        Write(directory.File(name), {1});
+    }
+    ::unlink(directory.File("tmpaaaaaa").c_str());
+    pollfd source = {journal.Descriptor(), POLLIN, 0};
+    ASSERT_EQ(::poll(&source, 1, 60'000), 1);
+
+    journal.Look();
+
+    EXPECT_THAT(TakeJournal::Read(directory.Path())->spills, ElementsAre("tmpzzzzzz", "tmpmmmmmm"));
+}
+
+TEST(TakeJournalTest, ARestartForgetsMarksAndStart) {
+    const TempDirectory directory;
+    TakeRecord record;
+    record.format = Pcm();
+    TakeJournal journal(directory.Path());
+    journal.Begin(record);
+    journal.Start(5);
+    journal.Mark(6);
+
+    journal.Restart();
+
+    EXPECT_EQ(TakeJournal::Read(directory.Path())->startFrame, 0U);
+    EXPECT_THAT(TakeJournal::Read(directory.Path())->marks, testing::IsEmpty());
+}
+
+TEST(TakeJournalTest, HalfALastLineIsPassedOver) {
+    const TempDirectory directory;
+    {
+        TakeRecord record;
+        record.format = Pcm();
+        TakeJournal journal(directory.Path());
+        journal.Begin(record);
+        journal.Mark(6);
+    }
+    std::ofstream(directory.File(TakeJournal::kName), std::ios::app) << "{\"mark\": 1";
+
+    EXPECT_THAT(TakeJournal::Read(directory.Path())->marks, ElementsAre(6));
+}
+
+TEST(TakeJournalTest, WhatIsNoJournalIsNone) {
+    const TempDirectory directory;
+    EXPECT_FALSE(TakeJournal::Read(directory.Path()));
+    for (const char* text :
+         {"", "x\n", "[1]\n", "{}\n", "{\"journal\":2}\n", "{\"journal\":1}\n",
+          "{\"journal\":1,\"started\":1,\"device\":\"d\",\"type\":\"pcm\",\"rate_hz\":0,"
+          "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n",
+          "{\"journal\":1,\"started\":1,\"device\":7,\"type\":\"pcm\",\"rate_hz\":48000,"
+          "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n"}) {
+        std::ofstream(directory.File(TakeJournal::kName)) << text;
+        EXPECT_FALSE(TakeJournal::Read(directory.Path())) << text;
+    }
+}
+
+TEST(TakeJournalTest, ADirectoryThatTakesNoJournalIsNoReasonToFail) {
+    TakeJournal journal("/proc/self");
+
+    journal.State("recording", 0.0);
+    journal.Look();
+
+    EXPECT_FALSE(TakeJournal::Read("/proc/self"));
+}
+
+// ---- Whose file is whose
+
+TEST(SpillOwnersTest, ChannelsComeBeforeThePreviewAndBeginNewFilesTogether) {
+    // Stereo: a channel's step and the preview's both take 960,000 bytes, 1118 of them a file.
+    EXPECT_THAT(SpillOwners(Pcm(), 7), ElementsAre(0, 1, 2, 0, 1, 2, 0));
+    // Mono: the preview's is half as large, and fills a file in 2236 steps where a channel's takes
+    // 1118; both begin their next at step 2236.
+    EXPECT_THAT(SpillOwners(Pcm(1), 6), ElementsAre(0, 1, 0, 0, 1, 0));
+    // Eight channels: 3,840,000 bytes of preview, 279 steps a file: at 279, 558, 837, 1116, and
+    // then the channels at 1118.
+    EXPECT_THAT(SpillOwners(Pcm(8), 8 + 5 + 8 + 1),
+                ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 8, 8, 8, 8, 0, 1, 2, 3, 4, 5, 6, 7, 8));
+    // Stereo DSD: 1,764,000 bytes, 608 steps, against 882,000 and 1217: channels at 608 and 1216.
+    EXPECT_THAT(SpillOwners(Dsd(), 8), ElementsAre(0, 1, 2, 0, 1, 0, 1, 2));
+}
+
+class SpillFilesTest : public testing::Test {
+protected:
+    SpillFilesTest() { record.format = Pcm(); }
+
+    void Spill(const std::string& name, const std::vector<float>& samples) {
+        Write(directory.File(name), Floats(samples));
+        record.spills.push_back(name);
+    }
+
+    TempDirectory directory;
+    TakeRecord record;
+};
+
+TEST_F(SpillFilesTest, TheShortestChannelTellsTheLength) {
+    Spill("tmp000001", {1, 2, 3});
+    Spill("tmp000002", {4, 5});
+    Spill("tmp000003", {6, 7, 8, 9});  // the preview
+
+    const SpillFiles files(directory.Path(), record);
+
+    EXPECT_EQ(files.Frames(), 2U);
+    EXPECT_EQ(files.Bytes(), 36U);
+    EXPECT_EQ(files.Doubt(), "");
+    Bytes bytes;
+    ASSERT_TRUE(files.Read(1, 4, bytes, 4));
+    EXPECT_EQ(bytes, Floats({5}));
+    EXPECT_FALSE(files.Read(1, 4, bytes, 8));
+}
+
+TEST_F(SpillFilesTest, FilesThatTheJournalMissesComeLastInTheOrderOfTheirMaking) {
+    Spill("tmpzzzzzz", {1});
+    Write(directory.File("tmpmmmmmm"), Floats({2}));
+
+    const SpillFiles files(directory.Path(), record);
+
+    ASSERT_EQ(files.Frames(), 1U);
+    Bytes bytes;
+    ASSERT_TRUE(files.Read(1, 0, bytes, 4));
+    EXPECT_EQ(bytes, Floats({2}));
+}
+
+TEST_F(SpillFilesTest, AFullFileOfAnotherSizeIsDoubted) {
+    record.format = Pcm(1);
+    Spill("tmp000001", {1});
+    Spill("tmp000002", {2});  // the preview
+    Spill("tmp000003", {3});
+
+    EXPECT_THAT(SpillFiles(directory.Path(), record).Doubt(), testing::HasSubstr("tmp000001"));
+}
+
+TEST_F(SpillFilesTest, ALinkIsNoSpillFile) {
+    Write(directory.File("secret"), Floats({7}));
+    ASSERT_EQ(::symlink(directory.File("secret").c_str(), directory.File("tmpabcdef").c_str()), 0);
+    record.spills = {"tmpabcdef"};
+
+    EXPECT_EQ(SpillFiles(directory.Path(), record).Bytes(), 0U);
+}
+
+TEST_F(SpillFilesTest, NoFilesAreNoFrames) {
+    EXPECT_EQ(SpillFiles(directory.Path(), record).Frames(), 0U);
+}
+
+// ---- The files that come of it
+
+const auto kAdvance = [](std::uint64_t) { return true; };
+
+class SalvageWriterTest : public SpillFilesTest {};
+
+TEST_F(SalvageWriterTest, AWavFileHasTheEnginesRounding) {
+    record.format = Pcm(1, 24);
+    const float below = 0.99999994F;
+    Spill("tmp000001", {0.5F, -1.0F, 2.0F, below, std::nanf(""), -0.00000017881393F});
+    const SpillFiles files(directory.Path(), record);
+    const auto samples = [&](std::uint32_t bits) {
+        TakeFormat format = record.format;
+        format.bits = bits;
+        WriteSalvaged(files, format, 0, 6, directory.File("a.wav"), kAdvance);
+        const Bytes bytes = ReadBytes(directory.File("a.wav"));
+        EXPECT_EQ(Text(Bytes(bytes.begin(), bytes.begin() + 4)), "RIFF");
+        EXPECT_TRUE(SummarizeWav(directory.File("a.wav")).complete);
+        std::vector<std::int64_t> values;
+        for (std::size_t at = 44; at < bytes.size(); at += bits / 8) {
+            std::int64_t value = 0;
+            for (std::size_t byte = 0; byte < bits / 8; ++byte) {
+                value |= static_cast<std::int64_t>(bytes[at + byte]) << (8 * byte);
+            }
+            values.push_back(
+                value >= std::int64_t{1} << (bits - 1) ? value - (std::int64_t{1} << bits) : value);
+        }
+        return values;
+    };
+
+    // 24 bits are cut off, the others rounded, ties to even: the last is -1.5 steps of 24 bits.
+    EXPECT_THAT(samples(24), ElementsAre(4'194'304, -8'388'608, 8'388'607, 8'388'607, 0, -1));
+    EXPECT_THAT(samples(16), ElementsAre(16'384, -32'768, 32'767, 32'767, 0, 0));
+    EXPECT_THAT(samples(32),
+                ElementsAre(1'073'741'824, -2'147'483'648, 2'147'483'647, 2'147'483'520, 0, -384));
+}
+
+TEST_F(SalvageWriterTest, ChannelsAreInterleavedFromTheFrameThatIsAskedFor) {
+    Spill("tmp000001", {0, 0.25F, 0.5F});
+    Spill("tmp000002", {0, -0.25F, -0.5F});
+    TakeFormat format = Pcm(2, 16);
+
+    WriteSalvaged(SpillFiles(directory.Path(), record), format, 1, 3, directory.File("a.wav"),
+                  kAdvance);
+
+    const Bytes bytes = ReadBytes(directory.File("a.wav"));
+    EXPECT_EQ(Bytes(bytes.begin() + 44, bytes.end()),
+              (Bytes{0x00, 0x20, 0x00, 0xE0, 0x00, 0x40, 0x00, 0xC0}));
+}
+
+TEST_F(SalvageWriterTest, ADsfFileHasItsBlocksAndTheEarliestBitInTheLowest) {
+    record.format = Dsd(2);
+    Bytes left(4097, 0x01);
+    left.back() = 0x80;
+    Write(directory.File("tmp000001"), left);
+    Write(directory.File("tmp000002"), Bytes(4097, 0xF0));
+    record.spills = {"tmp000001", "tmp000002"};
+
+    WriteSalvaged(SpillFiles(directory.Path(), record), record.format, 0, 4097 * 8,
+                  directory.File("a.dsf"), kAdvance);
+
+    const Bytes bytes = ReadBytes(directory.File("a.dsf"));
+    ASSERT_EQ(bytes.size(), 92U + 4U * 4096U);
+    EXPECT_EQ(bytes[92], 0x80);
+    EXPECT_EQ(bytes[92 + 4096], 0x0F);
+    EXPECT_EQ(bytes[92 + 2 * 4096], 0x01);
+    EXPECT_EQ(bytes[92 + 2 * 4096 + 1], 0x00);  // the padding
+    const FileSummary summary = SummarizeDsf(directory.File("a.dsf"));
+    EXPECT_TRUE(summary.complete);
+    EXPECT_EQ(summary.frames, 4097U * 8U);
+}
+
+TEST_F(SalvageWriterTest, GivingUpAndMissingSamplesAreFailures) {
+    Spill("tmp000001", {1, 2});
+    Spill("tmp000002", {1, 2});
+    const SpillFiles files(directory.Path(), record);
+
+    EXPECT_THROW(WriteSalvaged(files, record.format, 0, 2, directory.File("a.wav"),
+                               [](std::uint64_t) { return false; }),
+                 Failure);
+    EXPECT_THROW(WriteSalvaged(files, record.format, 0, 3, directory.File("a.wav"), kAdvance),
+                 Failure);
+    EXPECT_THROW(WriteSalvaged(files, record.format, 0, 2, directory.File("none/a.wav"), kAdvance),
+                 Failure);
+    EXPECT_THROW(WriteSalvaged(files, record.format, 0, 2, "/dev/full", kAdvance), Failure);
+}
+
+}  // namespace
+}  // namespace vorrel::cli

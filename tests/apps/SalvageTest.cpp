@@ -1,0 +1,219 @@
+// What a killed program has left, saved by another run.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "CliProgram.h"
+#include "WavReader.h"
+
+namespace vorrel::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class SalvageTest : public testing::Test {
+protected:
+    /// Records until position `seconds`, and dies.
+    void RecordAndDie(std::vector<std::string> arguments, double seconds) {
+        arguments.insert(arguments.begin(), places.File("lost"));
+        Process program(places.Record(VORREL_CLI, arguments));
+        ASSERT_TRUE(AwaitPosition(program, seconds)) << program.Error();
+        program.Send(SIGKILL);
+        ASSERT_EQ(program.Wait(), -SIGKILL);
+    }
+
+    Process::Setup Salvage(std::vector<std::string> arguments) const {
+        Process::Setup setup;
+        setup.arguments = {VORREL_CLI, "salvage", "--json", "--temp-dir", places.TempPath()};
+        setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
+        return setup;
+    }
+
+    CliPlaces places;
+};
+
+TEST_F(SalvageTest, EverySampleOfAKilledTakeThatReachedTheDiskIsSaved) {
+    RecordAndDie({"--simulate=source=counter,speed=40,channels=3"}, 31.0);
+    Process list(Salvage({}));
+    ASSERT_EQ(list.Wait(), 0) << list.Error();
+    const std::vector<nlohmann::json> takes = Events(list.Out(), "take");
+    ASSERT_EQ(takes.size(), 1U);
+    EXPECT_EQ(takes[0].at("rate_hz"), 48'000);
+    EXPECT_EQ(takes[0].at("channels"), 3);
+    EXPECT_EQ(takes[0].at("out"), places.File("lost"));
+    EXPECT_EQ(takes[0].at("state"), "recording");
+
+    Process save(Salvage({takes[0].at("take"), places.File("a.wav")}));
+
+    ASSERT_EQ(save.Wait(), 0) << save.Error();
+    const Wav wav = ReadWav(places.File("a.wav"));
+    EXPECT_EQ(wav.channels, 3U);
+    EXPECT_EQ(wav.bits, 24U);
+    EXPECT_EQ(wav.Frames(), takes[0].at("frames").get<std::size_t>());
+    EXPECT_EQ(FirstGap(wav, CounterStart(wav)), wav.Frames());
+    // The engine's memory holds five seconds, and a block may not have been written out.
+    EXPECT_GE(wav.Frames(), 48'000U * 20);
+    EXPECT_FALSE(places.TempIsEmpty());  // it stays until it is told to go
+}
+
+TEST_F(SalvageTest, ADsdTakeHasTheBytesThatTheEngineWouldHaveSaved) {
+    RecordAndDie({"--type", "dsd", "--simulate=source=counter,speed=5"}, 21.0);
+    Process save(Salvage({"vorrel-", places.File("a.dsf")}));
+    ASSERT_EQ(save.Wait(), 0) << save.Error();
+    Process whole(places.Record(VORREL_CLI, {places.File("b.dsf"), "--type", "dsd", "--duration",
+                                             "6", "--simulate=source=counter,speed=5"}));
+    ASSERT_EQ(whole.Wait(), 0) << whole.Error();
+
+    const Bytes salvaged = ReadBytes(places.File("a.dsf"));
+    const Bytes saved = ReadBytes(places.File("b.dsf"));
+
+    // The same counter from its start: all of whole blocks agrees.
+    constexpr std::ptrdiff_t kBytes = 2 * 4096 * 500;
+    ASSERT_GT(salvaged.size(), static_cast<std::size_t>(kBytes) + 92);
+    EXPECT_TRUE(
+        std::equal(salvaged.begin() + 92, salvaged.begin() + 92 + kBytes, saved.begin() + 92));
+    EXPECT_EQ(LittleEndian(salvaged, 48, 4), LittleEndian(saved, 48, 4));
+    EXPECT_EQ(LittleEndian(salvaged, 56, 4), 2'822'400U);
+}
+
+TEST_F(SalvageTest, PausesAreCutOutOfASalvagedTakeToo) {
+    Process::Setup setup =
+        places.Record(VORREL_CLI, {places.File("lost"), "--simulate=source=counter,speed=40"});
+    setup.terminal = true;
+    {
+        Process program(setup);
+        ASSERT_TRUE(AwaitPosition(program, 12.0));
+        ASSERT_TRUE(program.Type(" "));
+        ASSERT_TRUE(program.AwaitOut("\"paused\""));
+        ASSERT_TRUE(program.AwaitOut("\"level\""));
+        ASSERT_TRUE(program.AwaitOut("\"level\""));
+        ASSERT_TRUE(program.Type(" "));
+        ASSERT_TRUE(AwaitPosition(program, 40.0));
+        program.Send(SIGKILL);
+        ASSERT_EQ(program.Wait(), -SIGKILL);
+    }
+    Process save(Salvage({"vorrel-", places.File("a.wav")}));
+
+    ASSERT_EQ(save.Wait(), 0) << save.Error();
+
+    const Wav wav = ReadWav(places.File("a.wav"));
+    const std::size_t pause = FirstGap(wav, CounterStart(wav));
+    ASSERT_GE(pause, 48'000U * 12);
+    ASSERT_LT(pause, wav.Frames());
+    EXPECT_GT(wav.Frames(), 48'000U * 25);
+    EXPECT_LT(wav.Frames(), 48'000U * 45);
+}
+
+TEST_F(SalvageTest, APreRollIsNotPartOfTheTake) {
+    {
+        Process program(places.Record(VORREL_CLI, {places.File("lost"), "--pre-roll", "1",
+                                                   "--simulate=source=counter,speed=40"}));
+        ASSERT_TRUE(program.AwaitOut("\"armed\""));
+        for (int look = 0; look < 4; ++look) {
+            ASSERT_TRUE(program.AwaitOut("\"level\""));
+        }
+        program.Send(SIGUSR1);
+        ASSERT_TRUE(AwaitPosition(program, 20.0));
+        program.Send(SIGKILL);
+        ASSERT_EQ(program.Wait(), -SIGKILL);
+    }
+    Process save(Salvage({"vorrel-", places.File("a.wav")}));
+
+    ASSERT_EQ(save.Wait(), 0) << save.Error();
+
+    const Wav wav = ReadWav(places.File("a.wav"));
+    EXPECT_GT(CounterStart(wav), 0U);
+    EXPECT_EQ(FirstGap(wav, CounterStart(wav)), wav.Frames());
+}
+
+TEST_F(SalvageTest, ANewTakeCleansNobodyElsesAndSaysWhatSavesIt) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+
+    Process next(places.Record(VORREL_CLI, {places.File("b.wav"), "--duration", "1",
+                                            "--simulate=source=counter,speed=20"}));
+
+    EXPECT_EQ(next.Wait(), 0);
+    EXPECT_THAT(next.Error(), HasSubstr("vorrel salvage"));
+    Process list(Salvage({}));
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_EQ(Events(list.Out(), "take").size(), 1U);
+}
+
+TEST_F(SalvageTest, ATakeThatStillRunsIsNotLeftBehind) {
+    Process running(
+        places.Record(VORREL_CLI, {places.File("a.wav"), "--simulate=source=counter,speed=40"}));
+    ASSERT_TRUE(AwaitPosition(running, 11.0));
+
+    Process list(Salvage({}));
+
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_THAT(Events(list.Out(), "take"), IsEmpty());
+    Process save(Salvage({"vorrel-", places.File("b.wav")}));
+    EXPECT_EQ(save.Wait(), 1);
+    running.Send(SIGTERM);
+    EXPECT_EQ(running.Wait(), 0);
+}
+
+TEST_F(SalvageTest, RemoveDeletesATakeOnlyWhenItIsSavedOrAskedForAlone) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    std::ofstream(places.File("old.wav")) << "old";
+
+    Process refused(Salvage({"vorrel-", places.File("old.wav"), "--remove"}));
+    EXPECT_EQ(refused.Wait(), 1);
+    EXPECT_FALSE(places.TempIsEmpty());
+    Process saved(Salvage({"vorrel-", places.File("a.wav"), "--remove", "--bits", "16"}));
+    EXPECT_EQ(saved.Wait(), 0) << saved.Error();
+    EXPECT_TRUE(places.TempIsEmpty());
+    EXPECT_EQ(ReadWav(places.File("a.wav")).bits, 16U);
+
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    Process removed(Salvage({"vorrel-", "--remove"}));
+    EXPECT_EQ(removed.Wait(), 0) << removed.Error();
+    EXPECT_TRUE(places.TempIsEmpty());
+    EXPECT_EQ(ReadBytes(places.File("old.wav")), ToBytes("old"));
+}
+
+TEST_F(SalvageTest, WhatCannotBeSavedIsSaidAndTheTakeStays) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    const auto expect = [&](const std::vector<std::string>& arguments, int code,
+                            const std::string& text) {
+        Process program(Salvage(arguments));
+        EXPECT_EQ(program.Wait(), code) << text;
+        EXPECT_THAT(program.Error(), HasSubstr(text));
+        EXPECT_FALSE(places.TempIsEmpty());
+    };
+    expect({"nothing", places.File("a.wav")}, 1, "no take called");
+    expect({"vorrel-", places.File("none/a.wav")}, 1, "there is no directory");
+    expect({"vorrel-", places.File("a.dsf")}, 1, "*.wav");
+    expect({"vorrel-"}, 1, "--remove");
+    expect({"vorrel-", "/proc/a.wav"}, 1, "cannot be written");
+    EXPECT_THAT(places.Files(), IsEmpty());
+}
+
+TEST_F(SalvageTest, ADirectoryWithoutAJournalIsListedButNotRead) {
+    std::filesystem::create_directory(places.TempFile("vorrel-abcdef"));
+    std::ofstream(places.TempFile("vorrel-abcdef") + "/tmp123456") << "samples";
+
+    Process list(Salvage({}));
+    Process save(Salvage({"abcdef", places.File("a.wav")}));
+
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_EQ(save.Wait(), 1);
+    EXPECT_EQ(Events(list.Out(), "take").at(0).at("frames"), 0);
+    EXPECT_THAT(save.Error(), HasSubstr("no journal"));
+}
+
+TEST_F(SalvageTest, NothingLeftBehindIsNoError) {
+    Process list(Salvage({}));
+
+    EXPECT_EQ(list.Wait(), 0);
+
+    EXPECT_THAT(list.Error(), HasSubstr("nothing is left behind"));
+}
+
+}  // namespace
+}  // namespace vorrel::test
