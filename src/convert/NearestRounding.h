@@ -8,9 +8,9 @@
 
 namespace vorrel {
 
-/// Rounding to nearest with ties to even, and gradual underflow, for the life of a scope: a host
-/// that changed its thread's floating-point mode gets the same samples as every other. Costs one
-/// register read where the mode is the usual one.
+/// Rounding to nearest with ties to even, and (on x86) gradual underflow, for the life of a scope: a
+/// host that changed its thread's floating-point mode gets the same samples as every other. Costs
+/// one register read where the mode is the usual one.
 class NearestRounding {
 public:
 #if defined(__SSE2__)

@@ -39,6 +39,7 @@ int DSDStreamProcessing::SetGain(float decibels) {
     if (!initialised) {
         return kNotInitialised;
     }
+    const NearestRounding rounding;
     const float factor = std::pow(10.0F, decibels / 20.0F);
     if (factor != gain) {  // or one of them is not a number
         RefillFilter();

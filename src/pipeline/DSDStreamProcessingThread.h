@@ -25,8 +25,8 @@ public:
     /// @return `VrErrorFailed` (running already, which changes nothing; or no thread to be had).
     VrError Start(std::int32_t sampleRate, std::int32_t lsbFirst, float decibels);
     /// Hands `length` bytes over to be processed in place; they stay, and are not touched, until
-    /// `WaitProcess`. No buffer or no length is done at once, and so is everything at 0 dB, for
-    /// which the worker is not even woken. Nothing while not running.
+    /// `WaitProcess`. What is handed over at 0 dB is done already: the worker is not even woken.
+    /// Nothing while not running.
     ///
     /// Kept: a second call before `WaitProcess` is dropped
     /// (DSDStreamProcessingThreadTest.ACallWhileBusyIsDropped).

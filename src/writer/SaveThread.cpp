@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "convert/NearestRounding.h"
 #include "platform/SystemHelpers.h"
 #include "platform/Trace.h"
 #include "writer/DsfWriter.h"
@@ -35,7 +36,8 @@ VrError SaveFile(const VrSaveSettingInternal& file, bool isDsd, SaveRun& run) {
     try {
         return isDsd ? SaveDsfFile(&file, run) : SaveWavFile(&file, run);
     } catch (...) {  // out of memory: a failed file like any other
-        return VrErrorFailed;
+        // In a DSF file a pending cancel goes before every other result.
+        return isDsd && run.CancelRequested() ? VrErrorCanceled : VrErrorFailed;
     }
 }
 
@@ -100,6 +102,9 @@ std::uint16_t SaveThread::GetBits() const {
 }
 
 void SaveThread::ThreadImpl() {
+    // The mode is inherited from the host's thread, and the frames and factors of a request are
+    // to be the same on every one.
+    const NearestRounding rounding;
     // All that is used after `Detach` is local: from there on the host may start the next request.
     const SaveList files = std::move(saveList);
     RecordData* const data = recordData;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -109,14 +110,51 @@ TEST_F(CaptureTest, ABufferWithoutChannelsIsSkipped) {
 TEST_F(CaptureTest, TwoChannelsIn800BytesAreAHundredFrames) {
     SelectPcm();
     StartRecording();
-    std::vector<float> samples(200, 0.5F);
+    std::vector<float> samples;
+    std::vector<std::int16_t> expected;
+    for (std::int16_t frame = 0; frame < 100; ++frame) {
+        for (const std::int16_t value :
+             {static_cast<std::int16_t>(1 + frame), static_cast<std::int16_t>(-1 - frame)}) {
+            samples.push_back(static_cast<float>(value) / 32768.0F);
+            expected.push_back(value);
+        }
+    }
     ASSERT_EQ(samples.size() * sizeof(float), 800U);
 
     ASSERT_TRUE(recorder.Deliver(2, samples));
     ASSERT_EQ(manager.Stop(true), VrSuccess);
 
     EXPECT_EQ(Length(false), 100U);
-    EXPECT_EQ(Preview(100, 2), std::vector<std::int16_t>(200, 16'384));
+    EXPECT_EQ(Preview(100, 2), expected);
+    for (std::uint16_t channel = 0; channel < 2; ++channel) {
+        std::vector<std::uint8_t> stored;
+        ASSERT_EQ(VorrelManagerParts::Record(manager).GetData(channel, 0, 100, stored, false),
+                  VrSuccess);
+        EXPECT_EQ(stored.size(), 400U);
+    }
+}
+
+TEST_F(CaptureTest, FloatWordsArePassedOnBitForBit) {
+    SelectPcm();
+    StartRecording();
+    // A signalling not-a-number, a subnormal, minus zero, infinity, the largest number.
+    const std::vector<std::uint32_t> words = {0x7F80'0001, 0x0000'0001, 0x8000'0000,
+                                              0xFF80'0000, 0x7F7F'FFFF, 0xFFC1'2345};
+    std::vector<float> samples(words.size());
+    std::memcpy(samples.data(), words.data(), words.size() * sizeof(float));
+
+    ASSERT_TRUE(recorder.Deliver(2, samples));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+
+    for (std::uint16_t channel = 0; channel < 2; ++channel) {
+        std::vector<std::uint8_t> stored;
+        ASSERT_EQ(VorrelManagerParts::Record(manager).GetData(channel, 0, 3, stored, false),
+                  VrSuccess);
+        std::vector<std::uint32_t> read(3);
+        std::memcpy(read.data(), stored.data(), stored.size());
+        EXPECT_EQ(read, (std::vector<std::uint32_t>{words[channel], words[channel + 2U],
+                                                    words[channel + 4U]}));
+    }
 }
 
 TEST_F(CaptureTest, ChannelsBeyondThoseOfTheRecordingAreDropped) {

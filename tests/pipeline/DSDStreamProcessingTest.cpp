@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "convert/BitReversal.h"
@@ -324,10 +325,10 @@ TEST_P(DSDStreamProcessingSetsTest, ATurnedRoundingModeChangesNothing) {
     DSDStreamProcessing processing;
     DSDStreamProcessingParts::Force(processing, GetParam());
     ASSERT_EQ(processing.Init(kRateHz, kMsbFirst), 0);
-    ASSERT_EQ(processing.SetGain(-6.0F), 0);
     Bytes bytes = source;
 
     ASSERT_EQ(std::fesetround(FE_UPWARD), 0);
+    std::ignore = processing.SetGain(-6.0F);
     const int result = processing.Process(bytes.data(), bytes.size());
     ASSERT_EQ(std::fesetround(FE_TONEAREST), 0);
 

@@ -49,6 +49,19 @@ TEST(DSDStreamProcessingThreadTest, ProcessesABufferInPlace) {
     EXPECT_EQ(bytes, Processed(source, 1, -6.0F));
 }
 
+TEST(DSDStreamProcessingThreadTest, AtZeroDecibelsABufferIsDoneWhenItIsHandedOver) {
+    DSDStreamProcessingThread worker;
+    ASSERT_EQ(worker.Start(kRateHz, 1, 0.0F), VrSuccess);
+    const Bytes source = RandomBits(kBlockBytes, 1);
+    Bytes bytes = source;
+
+    worker.RunProcess(bytes.data(), Length(bytes));
+
+    EXPECT_FALSE(DSDStreamProcessingThreadParts::IsBusy(worker));
+    EXPECT_EQ(bytes, source);
+    worker.WaitProcess();
+}
+
 TEST(DSDStreamProcessingThreadTest, RunsAtHighPriority) {
     DSDStreamProcessingThread worker;
     ASSERT_EQ(worker.Start(kRateHz, 1, -6.0F), VrSuccess);

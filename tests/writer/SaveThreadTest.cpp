@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cfenv>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -615,6 +616,36 @@ protected:
         }));
     }
 };
+
+TEST_F(SaveThreadDsdTest, RunningOutOfMemoryUnderACancelIsACancel) {
+    MakeDsdRecording(1, 4);
+    std::filesystem::create_directory(directory.File("taken.dsf"));  // cannot be opened: skipped
+    manager.onMessage = [&](int, const char*) {
+        EXPECT_EQ(thread.SaveCancel(false), VrSuccess);
+        throw std::bad_alloc();
+    };
+
+    Save(List({Titled("taken.dsf", 2.0)}));
+
+    EXPECT_EQ(manager.Log(), (Log{"message 4", kFinished}));  // and no word of a failed save
+}
+
+TEST_F(SaveThreadTest, AHostsRoundingModeChangesNoFrameAndNoSample) {
+    // 0.7 s x 1,000 Hz is 699.99... in double precision and 700 when rounded upwards, 0.3 alike;
+    // the gain's factor has a last bit of its own in every mode.
+    MakeRecording(1'000);
+    VrSaveSettingInternal setting = Setting("near.wav", 0.7, 0.3);
+    setting.gain = -7.3;
+    Save(List({setting}));
+    for (const int mode : {FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO}) {
+        setting.path = directory.File("turned.wav");
+        ASSERT_EQ(std::fesetround(mode), 0);
+        Save(List({setting}));
+        ASSERT_EQ(std::fesetround(FE_TONEAREST), 0);
+
+        EXPECT_EQ(ReadBytes(directory.File("turned.wav")), ReadBytes(directory.File("near.wav")));
+    }
+}
 
 TEST_F(SaveThreadDsdTest, ADsdRecordingIsSavedAsDsf) {
     MakeDsdRecording(2, 20);
