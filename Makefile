@@ -33,10 +33,15 @@ sanitize: build/asan/CMakeCache.txt build/tsan/CMakeCache.txt
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan -j $(JOBS) -LE 'interop|stress'
 
-# Ten minutes of capture through the test card, beside two programs that take the processors.
+# Ten minutes of each load: capture through the test card beside two programs that take the processors, eight
+# channels in real time beside a writer, a host that calls anything; a day's take, and ten thousand starts.
 soak: build/dev/CMakeCache.txt
-	cmake --build --preset dev -j $(JOBS) --target vorrel_alsa_soak_tests
+	cmake --build --preset dev -j $(JOBS) --target vorrel_alsa_soak_tests vorrel_load_tests vorrel_heavy_load_tests
 	VORREL_SOAK_SECONDS=$${VORREL_SOAK_SECONDS:-600} build/dev/tests/integration/alsa/vorrel_alsa_soak_tests
+	VORREL_LOAD_SECONDS=$${VORREL_LOAD_SECONDS:-600} VORREL_LOAD_CYCLES=$${VORREL_LOAD_CYCLES:-10000} \
+	    build/dev/tests/load/vorrel_load_tests
+	VORREL_LOAD_SECONDS=$${VORREL_LOAD_SECONDS:-600} VORREL_LOAD_HOURS=$${VORREL_LOAD_HOURS:-24} \
+	    build/dev/tests/load/vorrel_heavy_load_tests
 
 # Half a minute for each target: VORREL_FUZZ_SECONDS=... for more.
 fuzz: build/fuzz/CMakeCache.txt

@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "../integration/TakeRig.h"
+#include "LoadTools.h"
+
+namespace vorrel::test {
+namespace {
+
+TEST(DayTest, ALongTakeIsRightToItsEndAndItsFilesGo) {
+    constexpr std::uint64_t kRateHz = 96'000;
+    const double hours = LoadLength("VORREL_LOAD_HOURS", 0.25);
+    SimulatedRecorderConfig config;
+    config.source = SimulatedSource::Counter;
+    config.channels = 2;
+    Take take(config, kRateHz);
+    const std::filesystem::space_info room = std::filesystem::space(take.spillDirectory.Path());
+    // Floats, and the preview's 16 bits, of two channels.
+    const double needed = hours * 3'600 * static_cast<double>(kRateHz) * 2 * (4 + 2) * 1.05;
+    if (static_cast<double>(room.available) < needed) {
+        GTEST_SKIP() << hours << " hours need " << needed / 1e9 << " GB of disk";
+    }
+    take.Select();
+    take.Start();
+    const auto buffers = static_cast<std::uint64_t>(hours * 3'600 * 20);  // of 50 ms
+    const std::uint64_t aMinute = std::min<std::uint64_t>(60 * 20, buffers / 2);
+    take.Deliver(aMinute);
+    const std::uint64_t before = Holdings::Now().residentBytes;
+
+    take.Deliver(buffers - aMinute);
+
+    const std::uint64_t after = Holdings::Now().residentBytes;
+    EXPECT_LT(after, before + (32U << 20));
+    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    EXPECT_TRUE(take.delegate->messages.empty());
+    const std::uint64_t frames = take.Record().GetLength(true);
+    EXPECT_EQ(frames, buffers * take.BufferFrames());
+    std::uint64_t wrong = 0;
+    constexpr std::uint64_t kPiece = 1 << 20;
+    for (std::uint16_t channel = 0; channel < 2; ++channel) {
+        for (std::uint64_t start = 0; start < frames; start += kPiece) {
+            const std::uint64_t end = std::min(frames, start + kPiece);
+            Bytes bytes;
+            ASSERT_EQ(take.Record().GetData(channel, start, end, bytes, true), VrSuccess);
+            for (std::uint64_t frame = start; frame < end; ++frame) {
+                float sample = 0.0F;
+                std::memcpy(&sample, bytes.data() + (frame - start) * sizeof sample, sizeof sample);
+                wrong += sample == CounterSample(frame, channel, 2) ? 0U : 1U;
+            }
+        }
+    }
+    EXPECT_EQ(wrong, 0U);
+    const auto files = [&take] {
+        return std::distance(std::filesystem::directory_iterator(take.spillDirectory.Path()), {});
+    };
+    std::printf(
+        "%.2f h, %llu frames, %llu wrong samples, %lld spill files, memory %llu -> %llu KiB\n",
+        hours, static_cast<unsigned long long>(frames), static_cast<unsigned long long>(wrong),
+        static_cast<long long>(files()), static_cast<unsigned long long>(before >> 10),
+        static_cast<unsigned long long>(after >> 10));
+    EXPECT_GT(files(), 0);
+
+    take.delegate->operations.clear();
+    take.Start();
+
+    EXPECT_EQ(files(), 0);
+    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+}
+
+}  // namespace
+}  // namespace vorrel::test

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "device/simulated/SimulatedBackends.h"
+#include "manager/VorrelManager.h"
+#include "support/RecordingDelegate.h"
+#include "support/TempDirectory.h"
+#include "support/VorrelManagerParts.h"
+
+namespace vorrel::test {
+
+/// A length of load from the environment; `usual` without one.
+inline double LoadLength(const char* variable, double usual) {
+    const char* text = std::getenv(variable);
+    const double value = text == nullptr ? 0.0 : std::strtod(text, nullptr);
+    return value > 0.0 ? value : usual;
+}
+
+/// What a process holds, as the system counts it.
+struct Holdings {
+    std::uint64_t threads = 0, descriptors = 0, residentBytes = 0;
+
+    static Holdings Now() {
+        Holdings holdings;
+        std::ifstream status("/proc/self/status");
+        for (std::string line; std::getline(status, line);) {
+            std::istringstream fields(line.substr(std::min(line.find(':') + 1, line.size())));
+            if (line.starts_with("VmRSS:")) {
+                fields >> holdings.residentBytes;
+                holdings.residentBytes *= 1024;
+            } else if (line.starts_with("Threads:")) {
+                fields >> holdings.threads;
+            }
+        }
+        for ([[maybe_unused]] const auto& entry :
+             std::filesystem::directory_iterator("/proc/self/fd")) {
+            ++holdings.descriptors;
+        }
+        return holdings;
+    }
+};
+
+/// A whole engine over a simulated recorder that delivers by the clock.
+class LoadRig {
+public:
+    explicit LoadRig(const SimulatedRecorderConfig& configuration) : backends({configuration}) {}
+
+    bool Select(std::int32_t type, std::uint64_t rateHz, std::uint16_t bits = 24) {
+        const VrRecordSetting setting{.rec_type = type, .freq = rateHz, .bits = bits};
+        return manager.Init(delegate) == VrSuccess &&
+               manager.SetTempDirectory(spills.Path().c_str()) == VrSuccess &&
+               manager.SetAudioDevice(kSupportedDeviceName) == VrSuccess &&
+               manager.SetRecordSetting(&setting) == VrSuccess;
+    }
+    bool Start() {
+        delegate->operations.clear();
+        return manager.Start() == VrSuccess &&
+               DispatchUntil([this] { return delegate->Has(VrRecOperationDeviceStarted); });
+    }
+    RecordData& Record() { return VorrelManagerParts::Record(manager); }
+    std::size_t SpillFiles() const {
+        return static_cast<std::size_t>(
+            std::distance(std::filesystem::directory_iterator(spills.Path()), {}));
+    }
+
+    TempDirectory spills, files;
+    SimulatedBackends backends;
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+    VorrelManager manager{[this] { return backends.Backends(); }};
+};
+
+}  // namespace vorrel::test
