@@ -20,6 +20,12 @@ constexpr double kMaxRateHz = 4e9;
 // One 16-bit word of the device carries this many one-bit samples.
 constexpr std::size_t kDsdWordBytes = 2;
 
+template <std::size_t Count>
+RealtimeTask* ReserveOf(const std::array<std::unique_ptr<RealtimeTask>, Count>& tasks, int code) {
+    const auto index = static_cast<std::size_t>(code);  // a negative one lies past the end
+    return index < Count ? tasks[index].get() : nullptr;
+}
+
 }  // namespace
 
 VorrelManager::VorrelManager(BackendProvider provider)
@@ -45,12 +51,16 @@ VrError VorrelManager::Init(std::shared_ptr<IVorrelDelegate> newDelegate) {
         return VrErrorAlreadyInitialized;
     }
     delegate = std::move(newDelegate);
-    recordStartedMessage = std::make_unique<RealtimeTask>([receiver = delegate] {
-        receiver->Vorrel_NotifyOperationProc(VrRecOperationRecordStarted);
-    });
-    overflowMessage = std::make_unique<RealtimeTask>([receiver = delegate] {
-        receiver->Vorrel_NotifyErrorMessageProc(VrMessageBufferOverflow, "");
-    });
+    for (std::size_t index = 0; index < operationTasks.size(); ++index) {
+        operationTasks[index] = std::make_unique<RealtimeTask>([receiver = delegate, index] {
+            receiver->Vorrel_NotifyOperationProc(static_cast<VrRecOperation>(index));
+        });
+    }
+    for (std::size_t index = 0; index < messageTasks.size(); ++index) {
+        messageTasks[index] = std::make_unique<RealtimeTask>([receiver = delegate, index] {
+            receiver->Vorrel_NotifyErrorMessageProc(static_cast<VrMessageKind>(index), "");
+        });
+    }
     state = ManagerState::Initialized;
     return VrSuccess;
 }
@@ -112,8 +122,7 @@ VrError VorrelManager::RequestStart(bool preRecording) {
 }
 
 VrError VorrelManager::Stop(bool wait) {
-    const ManagerState former = State();
-    switch (former) {
+    switch (State()) {
         case ManagerState::Uninitialized:
             return VrErrorNotInitialized;
         case ManagerState::Starting:
@@ -125,23 +134,25 @@ VrError VorrelManager::Stop(bool wait) {
         default:
             return VrErrorInvalidState;
     }
+    // All that can fail comes first: a stop event cannot be taken back, and what a take goes on to
+    // capture behind one would not count as recorded.
+    SerialQueue::Prepared stop;
+    try {
+        stop = helperQueue.Prepare([this] { RecStopImpl(); });
+    } catch (const std::exception& error) {
+        // No memory: nothing has changed, and the host may try again.
+        Trace(__FILE__, __LINE__, "stop refused: %s", error.what());
+        return VrErrorFailed;
+    }
     ++pendingStops;
     recordStartPending = false;
     state = ManagerState::Stopping;
-    try {
-        AddRecordEvent(kRecordEventStop);
-        // The queue is serial: a start that has not run yet runs first.
-        if (wait) {
-            helperQueue.Sync([this] { RecStopImpl(); });
-        } else {
-            helperQueue.Async([this] { RecStopImpl(); });
-        }
-    } catch (const std::exception& error) {
-        // No memory: nothing has been queued, and the host may try again.
-        Trace(__FILE__, __LINE__, "stop refused: %s", error.what());
-        state = former;
-        --pendingStops;
-        return VrErrorFailed;
+    AddRecordEvent(kRecordEventStop);
+    // The queue is serial: a start that has not run yet runs first.
+    if (wait) {
+        helperQueue.Sync(std::move(stop));
+    } else {
+        helperQueue.Async(std::move(stop));
     }
     return VrSuccess;
 }
@@ -305,19 +316,23 @@ void VorrelManager::ConvertThread_AddDataNotify() {
     convertThread.AddDataNotify();
 }
 
-void VorrelManager::Notify(std::function<void(IVorrelDelegate&)> notification) noexcept {
+template <class Notification>
+void VorrelManager::Notify(Notification notification, RealtimeTask* reserve) noexcept {
     try {
         PostToMainQueue([receiver = delegate, notification = std::move(notification)] {
             notification(*receiver);
         });
     } catch (const std::exception& error) {
-        Trace(__FILE__, __LINE__, "notification lost: %s", error.what());
+        if (reserve == nullptr || !reserve->Post()) {
+            Trace(__FILE__, __LINE__, "notification lost: %s", error.what());
+        }
     }
 }
 
 void VorrelManager::NotifyOperationProc(VrRecOperation operation) {
     Notify(
-        [operation](IVorrelDelegate& receiver) { receiver.Vorrel_NotifyOperationProc(operation); });
+        [operation](IVorrelDelegate& receiver) { receiver.Vorrel_NotifyOperationProc(operation); },
+        ReserveOf(operationTasks, operation));
 }
 
 void VorrelManager::NotifyStreamPosProc(double seconds) {
@@ -336,10 +351,12 @@ void VorrelManager::NotifyErrorMessageProc(int kind, const char* message) {
             return std::shared_ptr<const std::string>();  // the kind alone still tells
         }
     }();
-    Notify([kind, shared](IVorrelDelegate& receiver) {
-        receiver.Vorrel_NotifyErrorMessageProc(static_cast<VrMessageKind>(kind),
-                                               shared ? *shared : std::string());
-    });
+    Notify(
+        [kind, shared](IVorrelDelegate& receiver) {
+            receiver.Vorrel_NotifyErrorMessageProc(static_cast<VrMessageKind>(kind),
+                                                   shared ? *shared : std::string());
+        },
+        ReserveOf(messageTasks, kind));
 }
 
 void VorrelManager::AudioDevice_ProcessorOverload() {}

@@ -1,10 +1,10 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -122,8 +122,12 @@ private:
     void RecStartImpl(bool preRecording);
     /// Stop work, on the helper queue.
     void RecStopImpl();
-    /// Submits a notification; one for which there is no memory is traced and lost.
-    void Notify(std::function<void(IVorrelDelegate&)> notification) noexcept;
+    /// Submits a notification.
+    /// @param notification  Called with the delegate.
+    /// @param reserve       What is submitted when there is no memory for it. Without one, it is
+    ///                      traced and lost.
+    template <class Notification>
+    void Notify(Notification notification, RealtimeTask* reserve = nullptr) noexcept;
     /// Logs a record event at the present raw length, between two turns of the record worker.
     void AddRecordEvent(int kind);
 
@@ -152,9 +156,11 @@ private:
     // workers that it feeds, then what they work on.
     std::shared_ptr<VrAudioDeviceInfo> deviceInfo;
     AudioDeviceList deviceList;
-    std::shared_ptr<IVorrelDelegate> delegate;           // set once, before any other thread exists
-    std::unique_ptr<RealtimeTask> recordStartedMessage;  // what the device's thread may send
-    std::unique_ptr<RealtimeTask> overflowMessage;
+    std::shared_ptr<IVorrelDelegate> delegate;  // set once, before any other thread exists
+    // One of each operation and of each message without its text, made with the delegate: what the
+    // device's thread sends, and what is sent when memory is short. A host waits for them.
+    std::array<std::unique_ptr<RealtimeTask>, VrRecOperationSaveFinished + 1> operationTasks;
+    std::array<std::unique_ptr<RealtimeTask>, VrMessageTempDirectoryMissing + 1> messageTasks;
     SaveList saveSettings;
     std::atomic<bool> recordStartPending{false};  // set by Start, cleared by the callback
     // Every directory that was ever set stays, so that a text handed to a worker stays valid.

@@ -63,7 +63,8 @@ VORREL_REALTIME void VorrelManager::AudioDevice_IOProc(const AudioBufferList* in
         recThread.AddDataNotify();
     }
     // After the buffer has been queued, never before.
-    if (recordStartPending.exchange(false) && !recordStartedMessage->Post()) {
+    if (recordStartPending.exchange(false) &&
+        !operationTasks[VrRecOperationRecordStarted]->Post()) {
         recordStartPending = true;  // the host has not taken its earlier ones: with the next buffer
     }
 }
@@ -183,7 +184,7 @@ VORREL_REALTIME VrError VorrelManager::Enqueue(std::span<Block> blocks) {
 }
 
 VORREL_REALTIME void VorrelManager::ReportOverflow() {
-    if (!overflowReported.exchange(true) && !overflowMessage->Post()) {
+    if (!overflowReported.exchange(true) && !messageTasks[VrMessageBufferOverflow]->Post()) {
         overflowReported = false;  // the host has not taken its earlier ones: with the next loss
     }
 }

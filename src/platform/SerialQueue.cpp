@@ -26,39 +26,45 @@ void SerialQueue::Close() {
     }
 }
 
-void SerialQueue::Async(std::function<void()> task) {
+SerialQueue::Prepared SerialQueue::Prepare(std::function<void()> task) {
+    Prepared prepared;
+    prepared.task.push_back({std::move(task)});
     const MutexLock lock(mutex);
-    tasks.push_back(std::move(task));
     // A queue that is closing has its thread, moved into the destructor.
     if (!thread.joinable() && !closing) {
-        try {
-            thread = std::thread([this] { Run(); });
-        } catch (...) {
-            tasks.pop_back();
-            throw;
-        }
+        thread = std::thread([this] { Run(); });
     }
+    return prepared;
+}
+
+void SerialQueue::Async(Prepared prepared) noexcept {
+    const MutexLock lock(mutex);
+    tasks.splice(tasks.end(), prepared.task);
     condition.NotifyAll();
 }
 
-void SerialQueue::Sync(const std::function<void()>& task) {
+void SerialQueue::Sync(Prepared prepared) noexcept {
     bool finished = false;  // under the mutex
-    Async([this, &task, &finished] {
-        RunGuarded(task, label.c_str());
-        const MutexLock lock(mutex);
-        finished = true;
-        condition.NotifyAll();
-    });
+    prepared.task.front().finished = &finished;
+    Async(std::move(prepared));
     const MutexLock lock(mutex);
     while (!finished) {
         condition.Wait(mutex);
     }
 }
 
+void SerialQueue::Async(std::function<void()> task) {
+    Async(Prepare(std::move(task)));
+}
+
+void SerialQueue::Sync(std::function<void()> task) {
+    Sync(Prepare(std::move(task)));
+}
+
 void SerialQueue::Run() {
     SetCurrentThreadName(label.c_str());
     for (;;) {
-        std::function<void()> task;
+        std::list<Task> task;
         {
             const MutexLock lock(mutex);
             while (tasks.empty() && !closing) {
@@ -67,11 +73,17 @@ void SerialQueue::Run() {
             if (tasks.empty()) {
                 return;
             }
-            task = std::move(tasks.front());
-            tasks.pop_front();
+            task.splice(task.end(), tasks, tasks.begin());
         }
-        // The task, and with it what it holds, goes before the next one runs.
-        RunGuarded(task, label.c_str());
+        RunGuarded(task.front().run, label.c_str());
+        bool* const finished = task.front().finished;
+        // The task, and with it what it holds, goes before the next one runs or `Sync` returns.
+        task.clear();
+        if (finished != nullptr) {
+            const MutexLock lock(mutex);
+            *finished = true;
+            condition.NotifyAll();
+        }
     }
 }
 

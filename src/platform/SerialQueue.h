@@ -1,7 +1,7 @@
 #pragma once
 
-#include <deque>
 #include <functional>
+#include <list>
 #include <string>
 #include <thread>
 
@@ -12,7 +12,18 @@ namespace vorrel {
 /// Runs tasks one after another, in order of submission, on one thread of its own. The thread
 /// begins with the first task. Any thread may submit.
 class SerialQueue {
+    struct Task {
+        std::function<void()> run;
+        bool* finished = nullptr;  // set under the mutex when it has run; null: nobody waits
+    };
+
 public:
+    /// A task with everything that it takes to queue it.
+    class Prepared {
+        friend class SerialQueue;
+        std::list<Task> task;  // one, or none once it is queued
+    };
+
     /// @param label  Name of the thread as debuggers show it (the first 15 bytes).
     explicit SerialQueue(std::string label);
     /// Runs what is still queued, tasks that these tasks submit included, then ends the thread. Not
@@ -31,7 +42,14 @@ public:
     void Async(std::function<void()> task) VORREL_EXCLUDES(mutex);
     /// Queues `task` and returns after it has run. Not to be called from a task of this queue.
     /// @throws std::system_error, std::bad_alloc  As `Async`.
-    void Sync(const std::function<void()>& task) VORREL_EXCLUDES(mutex);
+    void Sync(std::function<void()> task) VORREL_EXCLUDES(mutex);
+
+    /// Does all of `Async` and `Sync` that can fail, for a task that may follow only what cannot be
+    /// taken back.
+    /// @throws std::system_error, std::bad_alloc  As `Async`.
+    Prepared Prepare(std::function<void()> task) VORREL_EXCLUDES(mutex);
+    void Async(Prepared prepared) noexcept VORREL_EXCLUDES(mutex);
+    void Sync(Prepared prepared) noexcept VORREL_EXCLUDES(mutex);
 
 private:
     void Run() VORREL_EXCLUDES(mutex);
@@ -39,7 +57,7 @@ private:
     std::string label;
     Mutex mutex;
     ConditionVariable condition;
-    std::deque<std::function<void()>> tasks VORREL_GUARDED_BY(mutex);
+    std::list<Task> tasks VORREL_GUARDED_BY(mutex);
     bool closing VORREL_GUARDED_BY(mutex) = false;
     std::thread thread VORREL_GUARDED_BY(mutex);
 };

@@ -140,6 +140,30 @@ TEST(SerialQueueTest, SyncReturnsAfterItsTaskAndAllBeforeIt) {
     EXPECT_EQ(order, OneTo(51));
 }
 
+TEST(SerialQueueTest, APreparedTaskTakesItsPlaceWhenItIsQueued) {
+    SerialQueue queue("test");
+    std::vector<int> order;
+    SerialQueue::Prepared third = queue.Prepare([&] { order.push_back(3); });
+    SerialQueue::Prepared second = queue.Prepare([&] { order.push_back(2); });
+    queue.Sync([&] { order.push_back(1); });
+
+    queue.Async(std::move(second));
+    queue.Sync(std::move(third));
+
+    EXPECT_EQ(order, OneTo(3));
+}
+
+TEST(SerialQueueTest, APreparedTaskThatIsNotQueuedNeverRuns) {
+    bool ran = false;
+    {
+        SerialQueue queue("test");
+        const SerialQueue::Prepared prepared = queue.Prepare([&] { ran = true; });
+        queue.Sync([] {});
+    }
+
+    EXPECT_FALSE(ran);
+}
+
 TEST(SerialQueueTest, SeveralThreadsMayWaitInSync) {
     SerialQueue queue("test");
     std::atomic<int> ran{0};
