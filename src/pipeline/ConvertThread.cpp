@@ -1,6 +1,7 @@
 #include "pipeline/ConvertThread.h"
 
 #include <algorithm>
+#include <new>
 #include <tuple>
 
 #include "pipeline/Tenths.h"
@@ -12,10 +13,22 @@ namespace {
 constexpr std::uint8_t kPcmSilence = 0x00;
 constexpr std::uint8_t kDsdSilence = 0x69;
 
+std::uint64_t SamplesPerFrame(const SampleTypeInfo& type) {
+    return type.isDsd != 0 ? ConvertThread::kDsdSamplesPerFrame : 1;
+}
+
 }  // namespace
 
-ConvertThread::Run::Run(std::uint16_t channels)
-    : input(channels), output(channels), work(channels) {}
+ConvertThread::Run::Run(std::uint16_t channels, std::size_t inputBytes)
+    : input(channels), output(channels), work(channels) {
+    for (AlignedBytes& bytes : input) {
+        bytes.reserve(inputBytes);
+    }
+    for (PreviewSamples& samples : output) {
+        samples.reserve(kChunkFrames);
+    }
+    interleaved.reserve(kChunkFrames * channels);
+}
 
 ConvertThread::ConvertThread(IVorrelManager& owner) : manager(owner) {}
 
@@ -37,6 +50,11 @@ VrError ConvertThread::Start(RecordData* record, PreviewData* preview) {
     previewRate = preview->GetSampleRate();
     recordData = record;
     previewData = preview;
+    try {
+        run = Run(channels, StoredBytes(kChunkFrames * SamplesPerFrame(*sampleType)));
+    } catch (const std::bad_alloc&) {
+        return VrErrorFailed;
+    }
     return Create(PriorityHigh) ? VrSuccess : VrErrorFailed;
 }
 
@@ -56,23 +74,22 @@ void ConvertThread::Stop() {
 }
 
 void ConvertThread::ThreadImpl() {
-    Run run(channels);
     bool leave = false;
     while (!leave) {
         WaitEvent();
         // Read before the drain, so that a drain follows all that was stored before Stop.
         leave = stop.load(std::memory_order_acquire);
-        Drain(run);
+        Drain();
     }
 }
 
-void ConvertThread::Drain(Run& run) {
+void ConvertThread::Drain() {
     for (;;) {
         const std::uint64_t total = recordData->GetLength(false);
         if (total <= run.converted) {
             return;
         }
-        const std::uint64_t samplesPerFrame = sampleType->isDsd != 0 ? kDsdSamplesPerFrame : 1;
+        const std::uint64_t samplesPerFrame = SamplesPerFrame(*sampleType);
         const std::uint64_t frames =
             std::min((total - run.converted) / samplesPerFrame, kChunkFrames);
         if (frames == 0) {
@@ -80,18 +97,23 @@ void ConvertThread::Drain(Run& run) {
         }
         const std::uint64_t samples = frames * samplesPerFrame;
         for (std::uint16_t channel = 0; channel < channels; ++channel) {
-            ConvertChannel(run, channel, samples, frames);
+            ConvertChannel(channel, samples, frames);
         }
         Interleave(run.interleaved, run.output, static_cast<std::size_t>(frames));
         // A preview with a gap is better than none; what cannot be recorded is reported by the
         // record worker, which writes to the same directory.
         std::ignore = previewData->Add(run.interleaved);
         run.converted += samples;
-        ReportPosition(run);
+        ReportPosition();
     }
 }
 
-void ConvertThread::ConvertChannel(Run& run, std::uint16_t channel, std::uint64_t samples,
+std::size_t ConvertThread::StoredBytes(std::uint64_t samples) const {
+    const std::uint64_t storedBits = std::uint64_t{sampleType->bits} + sampleType->padBits;
+    return static_cast<std::size_t>(samples * storedBits / 8);
+}
+
+void ConvertThread::ConvertChannel(std::uint16_t channel, std::uint64_t samples,
                                    std::uint64_t frames) {
     AlignedBytes& input = run.input[channel];
     PreviewSamples& output = run.output[channel];
@@ -100,9 +122,7 @@ void ConvertThread::ConvertChannel(Run& run, std::uint16_t channel, std::uint64_
     // in its place keeps the positions.
     std::ignore =
         recordData->GetData(channel, run.converted, run.converted + samples, input, false);
-    const std::uint64_t storedBits = std::uint64_t{sampleType->bits} + sampleType->padBits;
-    input.resize(static_cast<std::size_t>(samples * storedBits / 8),
-                 sampleType->isDsd != 0 ? kDsdSilence : kPcmSilence);
+    input.resize(StoredBytes(samples), sampleType->isDsd != 0 ? kDsdSilence : kPcmSilence);
     output.resize(static_cast<std::size_t>(frames));
     sampleType->toPreview(reinterpret_cast<std::uint8_t*>(output.data()), input.data(),
                           static_cast<std::size_t>(frames), &run.work[channel]);
@@ -131,7 +151,7 @@ void ConvertThread::Interleave(std::vector<std::int16_t>& out,
     }
 }
 
-void ConvertThread::ReportPosition(Run& run) {
+void ConvertThread::ReportPosition() {
     const std::uint64_t tenths = Tenths(previewData->GetLength(false), previewRate);
     if (tenths != run.lastTenths) {
         run.lastTenths = tenths;

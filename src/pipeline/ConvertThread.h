@@ -34,8 +34,10 @@ public:
     ConvertThread& operator=(const ConvertThread&) = delete;
 
     /// Starts the worker. Both stores are not owned, stay until `Stop` and have been initialised.
+    /// All memory that the worker needs is taken here: what it cannot have later is only room in
+    /// the preview store.
     /// @return `VrErrorInvalidParameter` (a store is missing); `VrErrorFailed` (not stopped since
-    ///         the last start, or no thread to be had).
+    ///         the last start, or no thread or memory to be had).
     VrError Start(RecordData* recordData, PreviewData* previewData);
     /// Wakes the worker; nothing while it is not started. Any thread.
     void AddDataNotify();
@@ -49,9 +51,10 @@ public:
                            std::span<const PreviewSamples> perChannel, std::size_t frames);
 
 private:
-    /// The working state of one run.
+    /// The working state of one run, with room for the largest chunk.
     struct Run {
-        explicit Run(std::uint16_t channels);
+        Run() = default;
+        Run(std::uint16_t channels, std::size_t inputBytes);
 
         std::vector<AlignedBytes> input;
         std::vector<PreviewSamples> output;
@@ -62,10 +65,10 @@ private:
     };
 
     void ThreadImpl() override;
-    void Drain(Run& run);
-    void ConvertChannel(Run& run, std::uint16_t channel, std::uint64_t samples,
-                        std::uint64_t frames);
-    void ReportPosition(Run& run);
+    void Drain();
+    std::size_t StoredBytes(std::uint64_t samples) const;
+    void ConvertChannel(std::uint16_t channel, std::uint64_t samples, std::uint64_t frames);
+    void ReportPosition();
 
     IVorrelManager& manager;
     std::atomic<bool> stop{false};  // set by Stop before SetEvent, read by the worker
@@ -74,6 +77,7 @@ private:
     const SampleTypeInfo* sampleType = nullptr;
     RecordData* recordData = nullptr;
     PreviewData* previewData = nullptr;
+    Run run;  // the worker's, from `Start` to its end
 };
 
 }  // namespace vorrel
