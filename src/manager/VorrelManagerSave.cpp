@@ -111,6 +111,7 @@ VrError VorrelManager::SetTempDirectory(const char* path) {
 }
 
 void VorrelManager::DeleteLeftoverSpillFiles() {
+    // The system's own listing: that of the C++ library ends the process when memory is short.
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(GetTempDirectory()), &::closedir);
     if (directory == nullptr) {
         return;

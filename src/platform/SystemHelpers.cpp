@@ -1,5 +1,6 @@
 #include "platform/SystemHelpers.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <limits>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "platform/FileSystemName.h"
@@ -166,15 +168,19 @@ int PathIsDirectory(const char* path) {
 
 // Kept: what cannot be listed is empty; the callers remove a directory, or treat it as gone, by
 // this answer (SystemHelpersTest.PathIsDirectoryEmptyIsTrueForAMissingPath).
-int PathIsDirectoryEmpty(const char* path) try {
-    if (path == nullptr) {
+int PathIsDirectoryEmpty(const char* path) {
+    // The system's own listing: that of the C++ library ends the process when memory is short.
+    DIR* const directory = path != nullptr ? ::opendir(path) : nullptr;
+    if (directory == nullptr) {
         return 1;
     }
-    std::error_code error;
-    const fs::directory_iterator entries(path, error);
-    return error || entries == fs::directory_iterator() ? 1 : 0;
-} catch (const std::bad_alloc&) {
-    return 0;
+    bool isEmpty = true;
+    while (const dirent* const entry = isEmpty ? ::readdir(directory) : nullptr) {
+        const std::string_view name = entry->d_name;
+        isEmpty = name == "." || name == "..";
+    }
+    ::closedir(directory);
+    return isEmpty ? 1 : 0;
 }
 
 int RemoveDirectory(const char* path) try {

@@ -185,6 +185,9 @@ VORREL_TEST_WRAP(int, -1, Call::FileSystem, statfs, (const char* path, struct st
 VORREL_TEST_WRAP(int, -1, Call::MakeDirectory, mkdir, (const char* path, mode_t mode), (path, mode))
 VORREL_TEST_WRAP(int, -1, Call::RemoveDirectory, rmdir, (const char* path), (path))
 VORREL_TEST_WRAP(int, -1, Call::Unlink, unlink, (const char* path), (path))
+VORREL_TEST_WRAP(int, -1, Call::Remove, unlinkat, (int directory, const char* path, int flags),
+                 (directory, path, flags))
+VORREL_TEST_WRAP(DIR*, nullptr, Call::List, opendir, (const char* path), (path))
 
 #undef VORREL_TEST_WRAP
 
@@ -251,16 +254,14 @@ ssize_t __wrap_writev(int descriptor, const iovec* pieces, int count) {
     return __real_writev(descriptor, pieces, count);
 }
 
-// What the C++ library calls by itself, and thus not by the linker's names.
+// What the C++ library calls by itself, and thus not by the linker's names. It finds the program's
+// symbols before those of the C library, if they can be seen.
+
+#pragma GCC visibility push(default)
 
 int remove(const char* path) noexcept {
     static const auto next = Next<int (*)(const char*)>("remove");
     return Fails(Call::Remove) ? -1 : next(path);
-}
-
-DIR* opendir(const char* path) {
-    static const auto next = Next<DIR* (*)(const char*)>("opendir");
-    return Fails(Call::List) ? nullptr : next(path);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
@@ -269,6 +270,8 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
         Next<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
     return Fails(Call::Thread) ? EAGAIN : next(thread, attributes, body, argument);
 }
+
+#pragma GCC visibility pop
 
 }  // extern "C"
 // NOLINTEND(bugprone-reserved-identifier)

@@ -24,7 +24,7 @@ enum class Call : unsigned {
     MakeDirectory,    // mkdir
     RemoveDirectory,  // rmdir
     Unlink,           // unlink
-    Remove,           // remove
+    Remove,           // remove, unlinkat
     List,             // opendir
     Thread,           // pthread_create
     Memory,           // operator new, outside the device's callback
