@@ -208,10 +208,15 @@ VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
     if (streams.empty()) {
         return VrErrorNotSupported;
     }
+    if (stillHeld.Id() != kAudioObjectUnknown) {
+        LetGo(AudioDevice(stillHeld));  // it would be refused to us as to everybody else
+    }
     const SInt32 self = ::getpid();
-    if (const VrError error = ConvertErrorCode(candidate.SetProperty(kHogMode, self));
-        error != VrSuccess) {
-        return error;
+    stillHeld = candidate;  // a call that ends in an exception may have had its effect
+    const VrError taken = ConvertErrorCode(candidate.SetProperty(kHogMode, self));
+    stillHeld = AudioDevice();
+    if (taken != VrSuccess) {
+        return taken;
     }
     VrError error = VrErrorFailed;
     try {
@@ -227,7 +232,7 @@ VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
     if (error != VrSuccess) {
         Unregister(candidate);
         usbInterface.reset();
-        Try([&] { return candidate.SetProperty(kHogMode, kNobody); });
+        LetGo(candidate);
         return error;
     }
     sampleType.store(kSampleTypePcm, std::memory_order_relaxed);
@@ -313,7 +318,18 @@ void CoreAudioManager::RestoreDeviceState() noexcept {
                                : streams.front().SetPhysicalFormat(savedFormat);
     });
     Try([&] { return device.SetProperty(kBufferFrameSize, savedBufferSize); });
-    Try([&] { return device.SetProperty(kHogMode, kNobody); });
+    LetGo(device);
+}
+
+void CoreAudioManager::LetGo(const AudioDevice& held) noexcept {
+    stillHeld = held;
+    Try([&] {
+        const OSStatus status = held.SetProperty(kHogMode, kNobody);
+        if (status == kAudioHardwareNoError) {
+            stillHeld = AudioDevice();
+        }
+        return status;
+    });
 }
 
 VrError CoreAudioManager::GetChannels(std::uint16_t& inputs, std::uint16_t& outputs) {

@@ -129,6 +129,8 @@ private:
     VrError AttachDevice(const AudioDevice& candidate, const FoundDeviceInfo& found);
     void Unregister(const AudioDevice& candidate) noexcept;
     void RestoreDeviceState() noexcept;
+    /// Gives up the exclusive use of a device; one that could not be is `stillHeld`.
+    void LetGo(const AudioDevice& held) noexcept;
     /// The physical format that carries `rate` of the sample type in force, its rate filled in.
     VrError ChooseFormat(double rate, AudioStreamBasicDescription& format) const;
 
@@ -146,7 +148,8 @@ private:
     const BackendProvider provider;
     std::optional<DeviceBackends> backends;  // empty until the first device call
 
-    AudioDevice device;  // the selected one, else without an id
+    AudioDevice device;     // the selected one, else without an id
+    AudioDevice stillHeld;  // whose release failed, for want of memory perhaps; else without an id
     FoundDeviceInfo selectedDevice;
     // Null while no device is selected; the device's thread and the notification thread read it.
     std::atomic<IAudioDeviceNotify*> notify{nullptr};
