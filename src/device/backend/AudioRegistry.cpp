@@ -276,7 +276,14 @@ RegistryValue AudioRegistry::SearchProperty(io_registry_entry_t entry, const cha
         return *other;
     }
     const auto property = found->properties.find(key);
-    return property == found->properties.end() ? RegistryValue{} : property->second;
+    if (property == found->properties.end()) {
+        return std::monostate{};
+    }
+    if (const auto* const text = std::get_if<std::string>(&property->second)) {
+        std::string copy = *text;  // by itself: a variant whose own copying throws is not safe
+        return copy;
+    }
+    return property->second;
 }
 
 void AudioRegistry::Retain(io_object_t object) {
