@@ -460,6 +460,9 @@ OSStatus AlsaDevice::WriteFormat(const AudioStreamBasicDescription& wanted) {
     if (const OSStatus status = Configure(*pcm, *chosen, frames); status != kAudioHardwareNoError) {
         return status;
     }
+    // Tried out; a run sets it again. Until then the card's interface is idle, and the recorder can
+    // be switched to its other mode.
+    pcm->Free();
     const MutexLock lock(mutex);
     format = {*chosen, {wanted, {wanted.mSampleRate, wanted.mSampleRate}}};
     frameRange = range;

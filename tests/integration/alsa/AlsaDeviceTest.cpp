@@ -327,6 +327,8 @@ TEST_F(AlsaDeviceTest, AFormatIsSetInTheCardAtOnce) {
         176'400);
     audio->FlushNotifications();
     EXPECT_EQ(changes.calls, 1);
+    // And given back: a recorder that is switched to its other mode is to be idle.
+    EXPECT_EQ(card.State().frees, card.State().parameterCalls);
 }
 
 TEST_F(AlsaDeviceTest, FormerParametersAreFreedBeforeNewOnes) {
