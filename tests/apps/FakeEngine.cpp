@@ -3,7 +3,7 @@
 //
 //   devices=0            no recorder            busy=1          the recorder is refused
 //   start=fail           the start fails        stop=hang       a stop never completes
-//   start=once           only the first start works            preview=fail  it cannot be read
+//   preview=fail         that of the whole recording cannot be read
 //   lose=SECONDS         the recorder is lost   overflow=SECONDS  a buffer is lost
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
 //   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
@@ -348,7 +348,6 @@ public:
     std::atomic<bool> paused{false}, stalled{false}, grown{false}, cancelled{false}, deletes{false};
     std::string tempDirectory;
     std::uint64_t resumes = 0;
-    int starts = 0;
     bool ending = false, selected = false, running = false, dsd = false;
 };
 
@@ -430,9 +429,6 @@ VrError Vorrel_Start() noexcept {
         engine.paused = false;
         engine.Operation(VrRecOperationRecordStarted);
         return VrSuccess;
-    }
-    if (engine.Text("start") == "once" && ++engine.starts > 1) {
-        return VrErrorFailed;
     }
     engine.StartDevice();
     return VrSuccess;

@@ -493,6 +493,16 @@ TEST_F(FaultsTest, ATemporaryPlaceThatTakesNothingIsAUsageErrorHoweverItIsNamed)
     EXPECT_EQ(Process(configured).Wait(), 1);
 }
 
+TEST_F(FaultsTest, APictureThatCannotBeDrawnTakesNoFileWithIt) {
+    Process unread(Record("preview=fail", {places.File("a.wav"), "--duration", "0.5", "--waveform",
+                                           places.File("a.png")}));
+    EXPECT_EQ(unread.Wait(), 3);
+
+    EXPECT_THAT(unread.Error(), HasSubstr("a.png"));
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
 TEST_F(FaultsTest, ASimulatedRecorderThatNobodyAskedForIsSaidLoudly) {
     Process::Setup setup =
         places.Record(VORREL_CLI_FAKE, {places.File("a.wav"), "--duration", "0.2", "--quiet"});

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 
 #include "../integration/TakeRig.h"
@@ -38,20 +37,7 @@ TEST(DayTest, ALongTakeIsRightToItsEndAndItsFilesGo) {
     EXPECT_TRUE(take.delegate->messages.empty());
     const std::uint64_t frames = take.Record().GetLength(true);
     EXPECT_EQ(frames, buffers * take.BufferFrames());
-    std::uint64_t wrong = 0;
-    constexpr std::uint64_t kPiece = 1 << 20;
-    for (std::uint16_t channel = 0; channel < 2; ++channel) {
-        for (std::uint64_t start = 0; start < frames; start += kPiece) {
-            const std::uint64_t end = std::min(frames, start + kPiece);
-            Bytes bytes;
-            ASSERT_EQ(take.Record().GetData(channel, start, end, bytes, true), VrSuccess);
-            for (std::uint64_t frame = start; frame < end; ++frame) {
-                float sample = 0.0F;
-                std::memcpy(&sample, bytes.data() + (frame - start) * sizeof sample, sizeof sample);
-                wrong += sample == CounterSample(frame, channel, 2) ? 0U : 1U;
-            }
-        }
-    }
+    const std::uint64_t wrong = WrongSamples(take.Record(), 2, false);
     EXPECT_EQ(wrong, 0U);
     const auto files = [&take] {
         return std::distance(std::filesystem::directory_iterator(take.spillDirectory.Path()), {});

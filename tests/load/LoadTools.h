@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
+#include "device/simulated/SampleSource.h"
 #include "device/simulated/SimulatedBackends.h"
 #include "manager/VorrelManager.h"
 #include "support/RecordingDelegate.h"
@@ -47,6 +50,37 @@ struct Holdings {
         return holdings;
     }
 };
+
+/// Samples of the counter source that do not stand where they have to in what counts as recorded;
+/// read piece by piece, because the whole would not fit into memory. At DSD a sample is a word.
+inline std::uint64_t WrongSamples(RecordData& data, std::uint32_t channels, bool dsd) {
+    constexpr std::uint64_t kPiece = 1 << 20;
+    const std::uint64_t samplesAWord = dsd ? kDsdWordBits : 1;
+    const std::uint64_t length = data.GetLength(true);
+    std::uint64_t wrong = 0;
+    for (std::uint16_t channel = 0; channel < channels; ++channel) {
+        for (std::uint64_t start = 0; start < length; start += kPiece) {
+            const std::uint64_t end = std::min(length, start + kPiece);
+            std::vector<std::uint8_t> bytes;
+            if (data.GetData(channel, start, end, bytes, true) != VrSuccess) {
+                return wrong + (end - start);
+            }
+            const std::uint64_t first = start / samplesAWord;
+            for (std::uint64_t index = 0; index < (end - start) / samplesAWord; ++index) {
+                if (dsd) {
+                    std::uint16_t word = 0;
+                    std::memcpy(&word, bytes.data() + index * sizeof word, sizeof word);
+                    wrong += word == CounterWord(first + index, channel, channels) ? 0U : 1U;
+                } else {
+                    float sample = 0.0F;
+                    std::memcpy(&sample, bytes.data() + index * sizeof sample, sizeof sample);
+                    wrong += sample == CounterSample(first + index, channel, channels) ? 0U : 1U;
+                }
+            }
+        }
+    }
+    return wrong;
+}
 
 /// A whole engine over a simulated recorder that delivers by the clock.
 class LoadRig {

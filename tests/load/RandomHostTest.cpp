@@ -1,16 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <random>
 #include <set>
 #include <vector>
 
 #include "LoadTools.h"
-#include "device/simulated/SampleSource.h"
-#include "support/FileBytes.h"
 
 namespace vorrel::test {
 namespace {
@@ -135,16 +131,7 @@ TEST(RandomHostTest, WhateverItCallsTheNextTakeIsRight) {
     ASSERT_TRUE(DispatchUntil([&] { return rig.Record().GetLength(true) >= 12 * kRateHz; }));
     ASSERT_EQ(rig.manager.Stop(true), VrSuccess);
     EXPECT_TRUE(rig.delegate->messages.empty());
-    const std::uint64_t frames = rig.Record().GetLength(true);
-    for (std::uint16_t channel = 0; channel < 2; ++channel) {
-        Bytes bytes;
-        ASSERT_EQ(rig.Record().GetData(channel, 0, frames, bytes, true), VrSuccess);
-        for (std::uint64_t frame = 0; frame < frames; ++frame) {
-            float sample = 0.0F;
-            std::memcpy(&sample, bytes.data() + frame * sizeof sample, sizeof sample);
-            ASSERT_EQ(sample, CounterSample(frame, channel, 2)) << frame;
-        }
-    }
+    EXPECT_EQ(WrongSamples(rig.Record(), 2, false), 0U);
 }
 
 }  // namespace
