@@ -150,6 +150,11 @@ TEST(TakeJournalTest, WhatIsNoJournalIsNone) {
          {"", "x\n", "[1]\n", "{}\n", "{\"journal\":2}\n", "{\"journal\":1}\n",
           "{\"journal\":1,\"started\":1,\"device\":\"d\",\"type\":\"pcm\",\"rate_hz\":0,"
           "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n",
+          "{\"journal\":1,\"started\":1,\"device\":\"d\",\"type\":\"pcm\",\"rate_hz\":48000,"
+          "\"channels\":4294967295,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n",
+          "{\"journal\":1,\"started\":1,\"device\":\"d\",\"type\":\"dsd\",\"rate_hz\":2822400,"
+          "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n{\"start_frame\":7}"
+          "\n",
           "{\"journal\":1,\"started\":1,\"device\":7,\"type\":\"pcm\",\"rate_hz\":48000,"
           "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n"}) {
         std::ofstream(directory.File(TakeJournal::kName)) << text;

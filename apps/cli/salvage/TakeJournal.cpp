@@ -26,6 +26,15 @@ std::string Line(const json& object) {
     return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
+/// What a journal of ours can say; anything else is damage, and not to be calculated with.
+bool IsPlausible(const TakeRecord& record) {
+    constexpr std::uint64_t kMostRate = 1'000'000'000;
+    constexpr std::uint32_t kMostChannels = 1'024;
+    const TakeFormat& format = record.format;
+    return format.rateHz > 0 && format.rateHz <= kMostRate && format.channels > 0 &&
+           format.channels <= kMostChannels && record.startFrame % format.FrameStep() == 0;
+}
+
 bool IsSpill(std::string_view name) {
     return name.size() == kSpillNameLength && name.substr(0, kSpillPrefix.size()) == kSpillPrefix;
 }
@@ -159,7 +168,7 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
             }
         }
     }
-    if (record && (record->format.rateHz == 0 || record->format.channels == 0)) {
+    if (record && !IsPlausible(*record)) {
         return std::nullopt;
     }
     return record;
