@@ -1,6 +1,6 @@
 # Everything a newcomer needs; each target installs, configures and builds what it lacks.
 .DEFAULT_GOAL := build
-.PHONY: demo test e2e soak build bench install clean deps sanitize tidy fuzz mutants
+.PHONY: demo test e2e soak build bench install clean deps sanitize tidy fuzz mutants examples deb
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -26,6 +26,13 @@ e2e: build/e2e/CMakeCache.txt
 	-@scripts/install-deps.sh e2e
 	cmake --build --preset e2e -j $(JOBS) --target vorrel_cli vorrel_hot_plug_host vorrel_usb_recorder vorrel_take_check
 	tests/e2e/run.sh build/e2e build/e2e/machine
+
+# The example hosts: built, and run with the simulated recorder.
+examples: build/dev/CMakeCache.txt
+	@scripts/install-deps.sh examples
+	cmake --preset dev -DVORREL_EXAMPLES=ON
+	cmake --build --preset dev -j $(JOBS) --target vorrel_examples
+	ctest --preset dev -R '^ExamplesTest'
 
 sanitize: build/asan/CMakeCache.txt build/tsan/CMakeCache.txt
 	cmake --build --preset asan -j $(JOBS)

@@ -1,8 +1,9 @@
 #!/bin/sh
 # Installs the Debian packages that building, testing and the demo need. Asks for nothing and does
 # nothing when all of them are there.
-#   scripts/install-deps.sh [e2e]
-# With `e2e` also those of the end-to-end tests, which emulate a machine.
+#   scripts/install-deps.sh [e2e|examples|deb]
+# With `e2e` also those of the end-to-end tests, which emulate a machine, with `examples` those of the
+# example hosts, with `deb` those that make Debian packages and look at them.
 set -eu
 
 packages="
@@ -12,9 +13,11 @@ libcli11-dev nlohmann-json3-dev libsndfile1-dev libcairo2-dev libssl-dev
 libasound2-dev libudev-dev libusb-1.0-0-dev umockdev libumockdev-dev dbus-daemon
 ffmpeg sox libsox-fmt-all mediainfo wavpack python3 python3-mutagen sndfile-programs
 "
-if [ "${1:-}" = e2e ]; then
-    packages="$packages qemu-system-x86 busybox-static cpio kmod xz-utils"
-fi
+case "${1:-}" in
+    e2e) packages="$packages qemu-system-x86 busybox-static cpio kmod xz-utils" ;;
+    examples) packages="$packages qt6-base-dev libglib2.0-dev" ;;
+    deb) packages="$packages debhelper dpkg-dev fakeroot lintian debootstrap" ;;
+esac
 
 missing=""
 for package in $packages; do
