@@ -11,12 +11,12 @@ cmake ninja-build g++ clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev 
 libgtest-dev libgmock-dev libbenchmark-dev
 libcli11-dev nlohmann-json3-dev libsndfile1-dev libcairo2-dev libssl-dev
 libasound2-dev libudev-dev libusb-1.0-0-dev umockdev libumockdev-dev dbus-daemon
-ffmpeg sox libsox-fmt-all mediainfo wavpack python3 python3-mutagen sndfile-programs
+ffmpeg sox libsox-fmt-all mediainfo wavpack mandoc python3 python3-mutagen sndfile-programs
 "
 case "${1:-}" in
     e2e) packages="$packages qemu-system-x86 busybox-static cpio kmod xz-utils" ;;
     examples) packages="$packages qt6-base-dev libglib2.0-dev" ;;
-    deb) packages="$packages debhelper dpkg-dev fakeroot lintian debootstrap" ;;
+    deb) packages="$packages debhelper dpkg-dev fakeroot lintian debootstrap zsh" ;;
 esac
 
 missing=""
