@@ -34,6 +34,12 @@ examples: build/dev/CMakeCache.txt
 	cmake --build --preset dev -j $(JOBS) --target vorrel_examples
 	ctest --preset dev -R '^ExamplesTest'
 
+# Debian packages in build/deb, tried in a clean root; "skipped: ..." where a tool is missing.
+deb:
+	@scripts/install-deps.sh deb
+	packaging/build-deb.sh build/deb
+	packaging/smoke.sh build/deb
+
 sanitize: build/asan/CMakeCache.txt build/tsan/CMakeCache.txt
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS) -LE 'interop|stress'
