@@ -152,7 +152,8 @@ void TakeHost::JudgeFile() {
     const std::uintmax_t complete = kWavHeaderBytes + frames * channels * (kBits / 8);
     std::error_code error;
     if (std::filesystem::file_size(staging, error) != complete || !Synchronise(staging)) {
-        Finish(false, staging.string() + " is not complete");
+        std::filesystem::remove(staging, error);
+        Finish(false, take.out.string() + " could not be saved");
         return;
     }
     std::filesystem::rename(staging, take.out, error);

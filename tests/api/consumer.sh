@@ -11,6 +11,9 @@ prefix="$work/prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(find "$prefix" -name 'libvorrel.so.1')")
 export VORREL_BACKEND=simulated
+for file in man/man1/vorrel.1 man/man3/vorrel.3 bash-completion/completions/vorrel zsh/site-functions/_vorrel; do
+    [ -s "$prefix/share/$file" ] || { echo "share/$file is not installed" >&2; exit 1; }
+done
 
 cmake -S "$sources" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" \
     -DCMAKE_CXX_FLAGS="$flags" >/dev/null
