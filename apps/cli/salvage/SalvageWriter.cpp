@@ -144,7 +144,7 @@ void WriteWav(std::FILE* file, const SpillFiles& files, const TakeFormat& format
 std::uint8_t Reverse(std::uint8_t byte) {
     unsigned reversed = 0;
     for (unsigned bit = 0; bit < 8; ++bit) {
-        reversed |= ((byte >> bit) & 1U) << (7U - bit);
+        reversed |= (static_cast<unsigned>(byte) >> bit & 1U) << (7U - bit);
     }
     return static_cast<std::uint8_t>(reversed);
 }
