@@ -51,7 +51,10 @@ VrError ConvertThread::Start(RecordData* record, PreviewData* preview) {
     recordData = record;
     previewData = preview;
     try {
-        run = Run(channels, StoredBytes(kChunkFrames * SamplesPerFrame(*sampleType)));
+        // Without a sample type there is nothing to convert, ever.
+        run = sampleType == nullptr
+                  ? Run()
+                  : Run(channels, StoredBytes(kChunkFrames * SamplesPerFrame(*sampleType)));
     } catch (const std::bad_alloc&) {
         return VrErrorFailed;
     }
