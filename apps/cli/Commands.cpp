@@ -30,6 +30,11 @@ void SayIfSimulated(const Options& options, Reporter& reporter) {
     }
 }
 
+int Done(Reporter& reporter) {
+    const bool written = reporter.Finish(static_cast<int>(ExitCode::Done));
+    return static_cast<int>(written ? ExitCode::Done : ExitCode::Storage);
+}
+
 int RunDevices(const Options& options, Reporter& reporter) {
     const std::shared_ptr<Notifications> notifications = OpenEngine(options.common);
     const std::vector<std::string> names = ListDevices();
@@ -46,7 +51,7 @@ int RunDevices(const Options& options, Reporter& reporter) {
         }
     }
     reporter.RequireWritten();
-    return static_cast<int>(ExitCode::Done);
+    return Done(reporter);
 }
 
 int RunInfo(const Options& options, Reporter& reporter) {
@@ -69,7 +74,7 @@ int RunInfo(const Options& options, Reporter& reporter) {
         reporter.Answer("DSD rates: " + RatesText(info->DSD_supported_freq));
     }
     reporter.RequireWritten();
-    return static_cast<int>(ExitCode::Done);
+    return Done(reporter);
 }
 
 }  // namespace

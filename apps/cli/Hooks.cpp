@@ -86,7 +86,7 @@ std::string Hooks::StartNext() {
     ::posix_spawn_file_actions_addclosefrom_np(&setup.actions, STDERR_FILENO + 1);
     sigset_t usual;
     ::sigemptyset(&usual);
-    for (const int number : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXFSZ}) {
+    for (const int number : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTTOU, SIGXFSZ}) {
         ::sigaddset(&usual, number);
     }
     ::posix_spawnattr_setsigdefault(&setup.attributes, &usual);
@@ -158,8 +158,8 @@ std::string Hooks::Finish(std::chrono::milliseconds limit) {
                 childDescriptor >= 0 ? left.count() : std::min<std::int64_t>(left.count(), 20);
             std::ignore = ::poll(&source, 1, static_cast<int>(wait));
         }
-        if (const std::string said = Reap(); wrong.empty()) {
-            wrong = said;
+        if (const std::string said = Reap(); !said.empty()) {
+            wrong += (wrong.empty() ? "" : "; ") + said;
         }
     }
     return wrong;

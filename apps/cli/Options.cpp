@@ -285,6 +285,9 @@ void ReadRecord(const CLI::App& command, const RecordTexts& texts, RecordOptions
     }
     if (IsGiven(command, "--max-file-time")) {
         record.maxFileTime = RequireLength("--max-file-time", texts.maxFileTime);
+        if (*record.maxFileTime < 1.0) {
+            throw Refusal("--max-file-time is one second at least");
+        }
     }
     CheckRanges(record);
     CheckSplits(record);

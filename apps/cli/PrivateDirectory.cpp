@@ -8,10 +8,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string_view>
+#include <thread>
 
 #include "ExitCode.h"
 
@@ -20,6 +22,8 @@ namespace {
 
 constexpr std::string_view kPrefix = "vorrel-";
 constexpr std::size_t kUniqueCharacters = 6;
+constexpr int kLockAttempts = 20;
+constexpr std::chrono::milliseconds kLockPause(10);
 
 int OpenDirectory(const std::string& path) {
     return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -35,8 +39,9 @@ bool IsAbandoned(const std::string& path) {
     if (descriptor < 0) {
         return false;
     }
-    // Given back at once; its owner, should it be about to take it, waits for so long.
-    const bool free = ::flock(descriptor, LOCK_EX | LOCK_NB) == 0;
+    // Given back at once; its owner, should it be about to take it, waits for so long. Shared, so
+    // that two who look do not hide it from each other.
+    const bool free = ::flock(descriptor, LOCK_SH | LOCK_NB) == 0;
     ::close(descriptor);
     return free;
 }
@@ -93,7 +98,15 @@ LeftoverLock::LeftoverLock(const std::string& path) : descriptor(OpenDirectory(p
     if (descriptor < 0) {
         throw Failure(ExitCode::Storage, path + ": " + std::strerror(errno));
     }
-    if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+    bool locked = false;
+    for (int attempt = 0; !locked && attempt < kLockAttempts; ++attempt) {
+        // Somebody may only be looking at it.
+        if (attempt > 0) {
+            std::this_thread::sleep_for(kLockPause);
+        }
+        locked = ::flock(descriptor, LOCK_EX | LOCK_NB) == 0;
+    }
+    if (!locked) {
         ::close(descriptor);
         throw Failure(ExitCode::Storage, path + " is in use by another program");
     }

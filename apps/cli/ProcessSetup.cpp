@@ -20,6 +20,7 @@ bool PrepareProcess() {
     }
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN);
+    ::signal(SIGTTOU, SIG_IGN);  // a recording in the background must not be stopped by a message
     return stdoutClosed;
 }
 

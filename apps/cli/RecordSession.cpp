@@ -255,6 +255,12 @@ void RecordSession::HandleSignal(int number) {
         default:
             break;
     }
+    // A terminal that closes says so twice, by its shell and by itself, and nobody has decided
+    // anything: it stops, and never abandons.
+    if (number == SIGHUP) {
+        RequestStop();
+        return;
+    }
     if (abandonedBy != 0) {
         LeaveAtOnce(number);
     }
@@ -294,6 +300,8 @@ void RecordSession::HandleKey(char key) {
 void RecordSession::Tick() {
     const auto now = Clock::now();
     nextTick = now + kTickPeriod;
+    keyboard->Resume();  // the job may have come to the foreground, of which not every shell tells
+    journal->Look();
     if (record.startAt && !taken && !takeAsked && std::time(nullptr) >= *record.startAt) {
         BeginTake();
     }
@@ -435,6 +443,10 @@ void RecordSession::AddMark() {
         reporter.Info("a mark cuts the whole recording, which has no file here");
         return;
     }
+    if (!HasRoomForNumber(record.out)) {
+        reporter.Info("no mark: the name of the file is too long for a number");
+        return;
+    }
     const std::uint64_t stored = StoredFrames();
     const std::optional<Tracks::Cut> cut = tracks->Add(stored - std::min(stored, takeStart));
     if (!cut) {
@@ -522,6 +534,8 @@ void RecordSession::Abandon(int number) {
 }
 
 void RecordSession::LeaveAtOnce(int number) {
+    Signals::EndWith(kSignalExit + number);
+    reporter.DropHook();  // one that hangs would be waited for
     keyboard->Suspend();
     if (current) {
         current->Discard();

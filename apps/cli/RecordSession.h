@@ -134,6 +134,7 @@ private:
     TakeFormat format;
 
     std::vector<WantedFile> wanted;
+    std::string picturePath;        // "" = none
     std::deque<PlannedFile> queue;  // not yet saved; the front is being saved
     std::optional<OutputFile> current;
     std::uint64_t framesSaved = 0, framesToSave = 0;

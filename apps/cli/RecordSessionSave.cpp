@@ -89,7 +89,12 @@ void RecordSession::SaveNext() {
     const PlannedFile& file = queue.front();
     // What this run has written is never replaced, whatever --force says.
     const bool fresh = file.place > 0 || written.count(file.path) > 0;
-    current.emplace(fresh ? FreeName(file.path) : file.path, record.force && !fresh);
+    const std::string name = fresh ? FreeName(file.path) : file.path;
+    if (fresh && file.place == 0) {
+        reporter.Warning(file.path + " is another file of this recording; this one becomes " +
+                         name);
+    }
+    current.emplace(name, record.force && !fresh);
     currentSkipped = false;
     VrSaveSetting setting;
     setting.path = current->StagingPath();
@@ -155,10 +160,10 @@ void RecordSession::JudgeFile() {
     if (!name.empty()) {
         if (name != current->Target()) {
             storageFailed = true;
-            Fail(Failure(ExitCode::Storage, current->Target() +
-                                                (record.force ? " cannot be replaced"
-                                                              : " has come into being meanwhile") +
-                                                "; saved as " + name));
+            Fail(Failure(ExitCode::Storage,
+                         current->Target() +
+                             (record.force ? " cannot be replaced" : " is there already") +
+                             "; saved as " + name));
         }
         doneName = name;
         doneSummary = summary;
@@ -302,18 +307,34 @@ void RecordSession::DrawPicture() {
     const auto rate = static_cast<double>(format.PreviewRateHz());
     PictureTexts texts;
     texts.seconds = static_cast<double>(end - first) / rate;
-    texts.title = wanted.front().path.substr(wanted.front().path.rfind('/') + 1) + "   " +
-                  ClockText(texts.seconds);
+    texts.title = wanted.front().path.substr(wanted.front().path.rfind('/') + 1);
+    if (!IsUtf8(texts.title)) {
+        // A name is any bytes, a text is not.
+        std::replace_if(
+            texts.title.begin(), texts.title.end(), [](char c) { return (c & 0x80) != 0; }, '?');
+    }
+    texts.title += "   " + ClockText(texts.seconds);
     for (const std::uint64_t cut : tracks->Cuts()) {
         const double seconds = static_cast<double>(cut) / static_cast<double>(format.rateHz);
         if (seconds < texts.seconds) {
             texts.marks.push_back(seconds);
         }
     }
-    OutputFile file(ResolveTarget(record.waveform), record.force);
-    DrawWaveform(peaks, texts, file.StagingPath(),
-                 EndingOf(record.waveform) == ".svg" ? PictureKind::Svg : PictureKind::Png);
-    reporter.Drawn(file.Commit());
+    OutputFile file(picturePath, record.force);
+    try {
+        DrawWaveform(peaks, texts, file.StagingPath(),
+                     EndingOf(picturePath) == ".svg" ? PictureKind::Svg : PictureKind::Png);
+    } catch (const Failure& failure) {
+        const std::string reason = WhyNotWritten(picturePath, 0.0);
+        throw Failure(ExitCode::Storage, picturePath + " could not be drawn: " +
+                                             (reason.empty() ? failure.what() : reason));
+    }
+    const std::string name = file.Commit();
+    reporter.Drawn(name);
+    if (name != picturePath) {
+        throw Failure(ExitCode::Storage,
+                      picturePath + " is another file by now; the picture is " + name);
+    }
 }
 
 int RecordSession::Finish() {

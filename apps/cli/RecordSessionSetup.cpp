@@ -31,7 +31,13 @@ void RecordSession::CheckTargets() {
     for (const Range& range : record.ranges) {
         asked.emplace_back(range.file, Kind::Range);
     }
-    const std::size_t trackCount = record.splitAt.empty() ? 0 : record.splitAt.size() + 1;
+    // Of a limit of length it is known only that the second file comes next, if any.
+    const std::size_t trackCount = !record.splitAt.empty() ? record.splitAt.size() + 1
+                                   : record.maxFileTime    ? 2
+                                                           : 0;
+    if (trackCount > 0 && !HasRoomForNumber(record.out)) {
+        throw Failure(ExitCode::Usage, record.out + ": the name is too long for a number in it");
+    }
     for (std::size_t number = 1; number <= trackCount; ++number) {
         asked.emplace_back(TrackPath(record.out, number, trackCount), Kind::Track);
     }
@@ -45,6 +51,9 @@ void RecordSession::CheckTargets() {
             throw Failure(ExitCode::Usage, name + " would be written twice");
         }
         OutputFile(path, record.force).Check();
+        if (kind == Kind::Picture) {
+            picturePath = path;
+        }
         if (kind == Kind::Whole || kind == Kind::Range) {
             WantedFile wish;
             wish.path = path;

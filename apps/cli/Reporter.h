@@ -24,6 +24,8 @@ public:
 
     /// From now on runs a shell command at every event.
     void UseHook(const std::string& command) { hooks.emplace(command); }
+    /// Neither runs nor awaits it any more.
+    void DropHook() { hooks.reset(); }
     /// What to poll for `LookAtHook`, -1 = nothing.
     int HookDescriptor() const { return hooks ? hooks->Descriptor() : -1; }
     void LookAtHook();

@@ -29,9 +29,11 @@ bool WantsUtf8() {
 }  // namespace
 
 Screen::Screen(int target, Output& texts)
-    : output(texts), descriptor(target), isTerminal(::isatty(target) != 0) {
+    : output(texts),
+      descriptor(target),
+      isTerminal(::isatty(target) != 0 && Variable("TERM") != "dumb") {
     // The convention of https://no-color.org.
-    terminal.colour = Variable("NO_COLOR").empty() && Variable("TERM") != "dumb";
+    terminal.colour = Variable("NO_COLOR").empty();
     terminal.utf8 = WantsUtf8();
 }
 
@@ -41,6 +43,11 @@ std::string Screen::ToTop() const {
 
 void Screen::Draw(const StatusLine& status) {
     if (!isTerminal || !output.Idle()) {
+        return;
+    }
+    // A background job must not draw over what the shell or another program shows.
+    if (const pid_t foreground = ::tcgetpgrp(descriptor);
+        foreground > 0 && foreground != ::getpgrp()) {
         return;
     }
     winsize size{};

@@ -25,7 +25,9 @@ std::atomic<int> lateSignals{0};
 
 extern "C" void VorrelCliOnSignal(int number) {
     if (const int exitCode = decidedExit.load(); exitCode >= 0) {
-        if (number != SIGCONT && number != SIGTSTP && number != SIGUSR1 && ++lateSignals > 1) {
+        const bool asksForTheEnd =
+            number != SIGCONT && number != SIGTSTP && number != SIGUSR1 && number != SIGHUP;
+        if (asksForTheEnd && ++lateSignals > 1) {
             ::_exit(exitCode);
         }
         return;

@@ -55,6 +55,13 @@ std::vector<WantedFile> Tracks::Split(const WantedFile& whole, std::uint64_t tot
     return tracks;
 }
 
+bool HasRoomForNumber(const std::string& path) {
+    // "-12345"; a file system's names have 255 bytes.
+    constexpr std::size_t kNumber = 6;
+    constexpr std::size_t kLongestName = 255;
+    return path.size() - (path.rfind('/') + 1) + kNumber <= kLongestName;
+}
+
 std::string TrackPath(const std::string& path, std::size_t number, std::size_t count) {
     const std::size_t nameStart = path.rfind('/') + 1;  // 0 without a "/"
     std::size_t dot = path.rfind('.');

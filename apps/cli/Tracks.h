@@ -47,6 +47,9 @@ private:
     std::optional<std::uint64_t> longest;
 };
 
+/// Whether the number of a track fits into the last part of the path, and the staging name's own.
+bool HasRoomForNumber(const std::string& path);
+
 /// "take.wav", track 3 of 12 gives "take-03.wav"; always at least two digits.
 std::string TrackPath(const std::string& path, std::size_t number, std::size_t count);
 

@@ -154,6 +154,7 @@ void DrawWaveform(const PeakSummary& peaks, const PictureTexts& texts, const std
                               : ::cairo_image_surface_create(CAIRO_FORMAT_RGB24,
                                                              static_cast<int>(width),
                                                              static_cast<int>(height)));
+    cairo_status_t status = CAIRO_STATUS_SUCCESS;
     {
         const Context context(::cairo_create(surface.get()));
         ::cairo_select_font_face(context.get(), "sans-serif", CAIRO_FONT_SLANT_NORMAL,
@@ -167,8 +168,12 @@ void DrawWaveform(const PeakSummary& peaks, const PictureTexts& texts, const std
                         top + static_cast<double>(channel) * (strip + 6.0), strip);
         }
         DrawScale(context.get(), texts, top, bottom);
+        // A context that has met an error draws nothing any more, and the surface does not know.
+        status = ::cairo_status(context.get());
     }
-    cairo_status_t status = ::cairo_surface_status(surface.get());
+    if (status == CAIRO_STATUS_SUCCESS) {
+        status = ::cairo_surface_status(surface.get());
+    }
     if (!svg && status == CAIRO_STATUS_SUCCESS) {
         status = ::cairo_surface_write_to_png(surface.get(), path.c_str());
     }
@@ -177,8 +182,7 @@ void DrawWaveform(const PeakSummary& peaks, const PictureTexts& texts, const std
         status = ::cairo_surface_status(surface.get());
     }
     if (status != CAIRO_STATUS_SUCCESS) {
-        throw Failure(ExitCode::Storage,
-                      path + " could not be drawn: " + ::cairo_status_to_string(status));
+        throw Failure(ExitCode::Storage, ::cairo_status_to_string(status));
     }
 }
 

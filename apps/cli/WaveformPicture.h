@@ -21,7 +21,9 @@ inline constexpr std::size_t kPictureColumns = 1600;
 enum class PictureKind { Png, Svg };
 
 /// Draws a waveform, a strip a channel with a time scale below.
-/// @throws Failure (storage): the file cannot be written; a part of it may be there.
+/// @param texts  UTF-8.
+/// @throws Failure (storage) that says why, and not what: the file cannot be written; a part of it
+///         may be there.
 void DrawWaveform(const PeakSummary& peaks, const PictureTexts& texts, const std::string& path,
                   PictureKind kind);
 

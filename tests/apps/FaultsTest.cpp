@@ -540,7 +540,7 @@ TEST_F(FaultsTest, AnAnswerSaysThatARecorderIsSimulated) {
 
         EXPECT_THAT(silent.Error(), HasSubstr("SIMULATED"));
         EXPECT_EQ(asked.Error(), "this is the simulated recorder\n");
-        EXPECT_EQ(JsonLines(asked.Out()).back().at("simulated"), true);
+        EXPECT_EQ(JsonLines(asked.Out()).front().at("simulated"), true);
     }
 }
 
@@ -825,6 +825,7 @@ protected:
                               const std::vector<std::string>& arguments) const {
         Process::Setup setup = Record(engine, arguments);
         setup.terminal = true;
+        setup.environment["TERM"] = "xterm";
         return setup;
     }
 };

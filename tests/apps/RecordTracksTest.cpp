@@ -176,14 +176,15 @@ TEST_F(RecordTracksTest, ATrackThatIsThereAlreadyIsSaidBeforeTheRecording) {
 
 TEST_F(RecordTracksTest, EvenWithForceNoFileOfTheSameRunIsReplaced) {
     // A mark's track takes the name of a range: one of them has to give way.
-    Process program(Record({places.File("a.wav"), kCounter, "--duration", "2", "--max-file-time",
-                            "1", "--force", "--range", "0-0.5=" + places.File("a-02.wav")}));
+    Process program(Record({places.File("a.wav"), kCounter, "--duration", "3", "--max-file-time",
+                            "1", "--force", "--range", "0-0.5=" + places.File("a-03.wav")}));
 
     EXPECT_EQ(program.Wait(), 0) << program.Error();
 
-    EXPECT_EQ(Events(program.Out(), "saved").size(), 3U);
-    EXPECT_EQ(places.Files().size(), 3U);
-    EXPECT_EQ(ReadWav(places.File("a-02.wav")).Frames(), 48'000U);
+    EXPECT_EQ(Events(program.Out(), "saved").size(), 4U);
+    EXPECT_THAT(program.Error(), HasSubstr("is another file of this recording"));
+    EXPECT_THAT(places.Files(), ElementsAre("a-01.wav", "a-02.wav", "a-03-2.wav", "a-03.wav"));
+    EXPECT_EQ(ReadWav(places.File("a-03.wav")).Frames(), 48'000U);
 }
 
 TEST_F(RecordTracksTest, ASavedFileIsToldWithItsDigest) {
@@ -223,6 +224,77 @@ TEST_F(RecordTracksTest, APictureThatIsThereAlreadyIsSaidBeforeTheRecording) {
 
     EXPECT_THAT(program.Error(), HasSubstr("--force"));
     EXPECT_THAT(places.Files(), ElementsAre("a.png"));
+}
+
+TEST_F(RecordTracksTest, APictureOfAFileWhoseNameIsNoTextIsDrawnAllTheSame) {
+    Process program(Record({places.File("a\xff.wav"), kCounter, "--duration", "1", "--waveform",
+                            places.File("a.svg")}));
+
+    ASSERT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_GT(ReadBytes(places.File("a.svg")).size(), 10'000U);
+}
+
+TEST_F(RecordTracksTest, ANameWithoutRoomForNumbersIsSaidBeforeTheRecording) {
+    const std::string name = places.File(std::string(248, 'y') + ".wav");
+    Process limited(Record({name, kCounter, "--max-file-time", "1"}));
+    EXPECT_EQ(limited.Wait(), 1);
+    EXPECT_THAT(limited.Error(), HasSubstr("too long for a number"));
+
+    Process marked(Record({name, kCounter}));
+    ASSERT_TRUE(AwaitPosition(marked, 0.5));
+    marked.Send(SIGUSR1);
+    ASSERT_TRUE(marked.AwaitError("too long for a number"));
+    marked.Send(SIGTERM);
+
+    EXPECT_EQ(marked.Wait(), 0) << marked.Error();
+    EXPECT_EQ(places.Files().size(), 1U);
+}
+
+TEST_F(RecordTracksTest, ATerminalThatClosesSavesHoweverOftenItSaysSo) {
+    Process program(Record({places.File("a.wav"), kCounter}));
+    ASSERT_TRUE(AwaitPosition(program, 0.5));
+
+    for (int hangUp = 0; hangUp < 5; ++hangUp) {
+        program.Send(SIGHUP);
+    }
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+    EXPECT_GT(ReadWav(places.File("a.wav")).Frames(), 0U);
+}
+
+TEST_F(RecordTracksTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
+    const std::string pipe = places.File("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    Process program(Record({places.File("a.wav"), kCounter, "--hook",
+                            "exec 2> /dev/null > /dev/null; read line < " + pipe}));
+    ASSERT_TRUE(AwaitPosition(program, 0.5));
+
+    program.Send(SIGINT);
+    program.Send(SIGTERM);
+    ASSERT_TRUE(program.AwaitError("abandoned"));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGTERM);
+    EXPECT_TRUE(places.TempIsEmpty());
+    const int end = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);  // lets the hook go
+    ASSERT_EQ(::write(end, "x\n", 2), 2);
+    ::close(end);
+}
+
+TEST_F(RecordTracksTest, EveryJsonOutputEndsWithTheExitCode) {
+    for (const char* command : {"devices", "info", "salvage"}) {
+        Process::Setup setup;
+        setup.arguments = {VORREL_CLI, command, "--json"};
+        setup.environment["VORREL_BACKEND"] = "simulated";
+        setup.environment["XDG_CACHE_HOME"] = places.TempPath();
+        Process program(setup);
+
+        EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+        EXPECT_EQ(JsonLines(program.Out()).back().at("event"), "finish") << command;
+        EXPECT_EQ(JsonLines(program.Out()).back().at("exit_code"), 0);
+    }
 }
 
 TEST_F(RecordTracksTest, EveryEventRunsTheHook) {

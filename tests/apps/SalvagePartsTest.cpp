@@ -237,6 +237,25 @@ TEST_F(SpillFilesTest, AFullFileOfAnotherSizeIsDoubted) {
     EXPECT_THAT(SpillFiles(directory.Path(), record).Doubt(), testing::HasSubstr("tmp000001"));
 }
 
+TEST_F(SpillFilesTest, AMissingFileKeepsItsPlaceAndIsDoubted) {
+    Spill("tmp000001", {1});
+    record.spills.emplace_back("tmp000002");
+    Spill("tmp000003", {6});  // the preview
+
+    const SpillFiles files(directory.Path(), record);
+
+    EXPECT_EQ(files.Frames(), 0U);
+    EXPECT_THAT(files.Doubt(), testing::HasSubstr("tmp000002"));
+}
+
+TEST_F(SpillFilesTest, ChannelsOfUnequalLengthAreDoubted) {
+    record.format.rateHz = 1;  // five frames a step
+    Spill("tmp000001", std::vector<float>(20));
+    Spill("tmp000002", std::vector<float>(10));
+
+    EXPECT_THAT(SpillFiles(directory.Path(), record).Doubt(), testing::HasSubstr("same length"));
+}
+
 TEST_F(SpillFilesTest, ALinkIsNoSpillFile) {
     Write(directory.File("secret"), Floats({7}));
     ASSERT_EQ(::symlink(directory.File("secret").c_str(), directory.File("tmpabcdef").c_str()), 0);

@@ -153,7 +153,8 @@ TEST_F(SalvageTest, ATakeThatStillRunsIsNotLeftBehind) {
     EXPECT_EQ(list.Wait(), 0);
     EXPECT_THAT(Events(list.Out(), "take"), IsEmpty());
     Process save(Salvage({"vorrel-", places.File("b.wav")}));
-    EXPECT_EQ(save.Wait(), 1);
+    EXPECT_EQ(save.Wait(), 3);
+    EXPECT_THAT(save.Error(), HasSubstr("in use"));
     running.Send(SIGTERM);
     EXPECT_EQ(running.Wait(), 0);
 }
@@ -191,6 +192,10 @@ TEST_F(SalvageTest, WhatCannotBeSavedIsSaidAndTheTakeStays) {
     expect({"vorrel-", places.File("a.dsf")}, 1, "*.wav");
     expect({"vorrel-"}, 1, "--remove");
     expect({"vorrel-", "/proc/a.wav"}, 1, "cannot be written");
+    const std::string inside =
+        std::filesystem::directory_iterator(places.TempPath())->path().string();
+    expect({"vorrel-", inside + "/a.wav", "--remove"}, 1, "inside the take");
+    expect({"vorrel-", inside + "/journal.jsonl", "--force"}, 1, "inside the take");
     EXPECT_THAT(places.Files(), IsEmpty());
 }
 
@@ -205,6 +210,31 @@ TEST_F(SalvageTest, ADirectoryWithoutAJournalIsListedButNotRead) {
     EXPECT_EQ(save.Wait(), 1);
     EXPECT_EQ(Events(list.Out(), "take").at(0).at("frames"), 0);
     EXPECT_THAT(save.Error(), HasSubstr("no journal"));
+}
+
+TEST_F(SalvageTest, WhatTheJournalMissesIsDoubted) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    const std::string take =
+        std::filesystem::directory_iterator(places.TempPath())->path().string();
+    const Bytes bytes = ReadBytes(take + "/journal.jsonl");
+    std::string text(bytes.begin(), bytes.end());
+    const std::size_t line = text.find("{\"spill\"");
+    text.erase(line, text.find('\n', line) + 1 - line);
+    std::ofstream(take + "/journal.jsonl") << text;
+
+    Process save(Salvage({"vorrel-", places.File("a.wav")}));
+
+    EXPECT_EQ(save.Wait(), 0) << save.Error();
+    EXPECT_THAT(save.Error(), HasSubstr("listen to what is saved"));
+}
+
+TEST_F(SalvageTest, ASavedTakeIsToldWithItsDigest) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    Process save(Salvage({"vorrel-", places.File("a.wav")}));
+
+    EXPECT_EQ(save.Wait(), 0) << save.Error();
+
+    EXPECT_EQ(Events(save.Out(), "saved").at(0).at("sha256").get<std::string>().size(), 64U);
 }
 
 TEST_F(SalvageTest, NothingLeftBehindIsNoError) {

@@ -23,6 +23,7 @@ protected:
         setup.columns = columns;
         setup.rows = rows;
         setup.environment["LC_ALL"] = "C.UTF-8";
+        setup.environment["TERM"] = "xterm";
         return setup;
     }
     /// What the terminal shows of what has come so far.
@@ -103,6 +104,18 @@ TEST_F(ScreenTest, WhoWantsNoColourGetsNone) {
 
     ASSERT_TRUE(program.Type("q"));
     EXPECT_EQ(program.Wait(), 0);
+}
+
+TEST_F(ScreenTest, ADumbTerminalGetsMessagesAlone) {
+    Process::Setup setup = OnTerminal(100, 24);
+    setup.arguments.insert(setup.arguments.end(), {"--duration", "0.5"});
+    setup.environment["TERM"] = "dumb";
+    Process program(setup);
+
+    EXPECT_EQ(program.Wait(), 0);
+
+    EXPECT_THAT(program.Error(), HasSubstr("saved "));
+    EXPECT_THAT(program.Error(), Not(HasSubstr("\x1b")));
 }
 
 TEST_F(ScreenTest, AQuietRecordingDrawsNothing) {

@@ -1,6 +1,7 @@
 #include "salvage/LeftTake.h"
 
 #include <algorithm>
+#include <exception>
 #include <filesystem>
 
 #include "salvage/SpillFiles.h"
@@ -16,10 +17,14 @@ LeftTake ReadLeftTake(const std::string& directory, std::uint64_t bytes) {
     take.directory = directory;
     take.name = std::filesystem::path(directory).filename().string();
     take.bytes = bytes;
-    take.record = TakeJournal::Read(directory);
-    if (take.record) {
-        const std::uint64_t stored = SpillFiles(directory, *take.record).Frames();
-        take.frames = stored - std::min(stored, take.record->startFrame);
+    try {
+        take.record = TakeJournal::Read(directory);
+        if (take.record) {
+            const std::uint64_t stored = SpillFiles(directory, *take.record).Frames();
+            take.frames = stored - std::min(stored, take.record->startFrame);
+        }
+    } catch (const std::exception&) {
+        take.record.reset();  // a damaged one costs only its own line
     }
     return take;
 }

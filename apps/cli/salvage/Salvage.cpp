@@ -1,14 +1,17 @@
 #include "salvage/Salvage.h"
 
-#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <ctime>
 #include <filesystem>
 #include <system_error>
+#include <tuple>
 #include <vector>
 
+#include "FileDigest.h"
 #include "OptionValues.h"
 #include "OutputFile.h"
 #include "SavePlan.h"
@@ -21,6 +24,11 @@
 
 namespace vorrel::cli {
 namespace {
+
+int Done(Reporter& reporter) {
+    const bool written = reporter.Finish(static_cast<int>(ExitCode::Done));
+    return static_cast<int>(written ? ExitCode::Done : ExitCode::Storage);
+}
 
 std::string MomentText(std::time_t moment) {
     std::tm local{};
@@ -58,7 +66,22 @@ int List(const std::string& base, bool json, Reporter& reporter) {
         }
     }
     reporter.RequireWritten();
-    return static_cast<int>(ExitCode::Done);
+    return Done(reporter);
+}
+
+/// Whether a take is there, and in use: one that still runs, or is salvaged at this moment.
+bool IsInUse(const std::string& base, const std::string& name) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(base, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string found = entry->path().filename().string();
+        std::error_code unknown;
+        if (found.find(name) != std::string::npos && found.rfind("vorrel-", 0) == 0 &&
+            entry->is_directory(unknown)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /// By its whole name, or by what makes it the only one.
@@ -71,6 +94,9 @@ LeftTake FindTake(const std::string& base, const std::string& name) {
         if (take.name.find(name) != std::string::npos) {
             fitting.push_back(std::move(take));
         }
+    }
+    if (fitting.empty() && IsInUse(base, name)) {
+        throw Failure(ExitCode::Storage, "\"" + name + "\" is in use by another program");
     }
     if (fitting.empty()) {
         throw Failure(ExitCode::Usage, "no take called \"" + name + "\" is left behind in " + base);
@@ -92,10 +118,41 @@ void RemoveTake(const LeftTake& take, Reporter& reporter) {
     reporter.Info("deleted " + take.directory);
 }
 
-/// Whether a signal asks for the end.
-bool IsInterrupted(Signals& signals) {
-    pollfd source = {signals.Descriptor(), POLLIN, 0};
-    return ::poll(&source, 1, 0) > 0 && !signals.Take().empty();
+/// The signal that asks for the end, 0 = none.
+int EndSignal(Signals& signals) {
+    for (const int number : signals.Take()) {
+        if (number == SIGTSTP) {
+            ::kill(::getpid(), SIGSTOP);
+        } else if (number != SIGCONT && number != SIGUSR1) {
+            return number;
+        }
+    }
+    return 0;
+}
+
+/// A salvage that a signal has ended; the take stays.
+struct Ended {
+    int signal;
+};
+
+/// A file must not be made out of what it is made of, or go with it.
+void RefuseInside(const std::string& path, const LeftTake& take) {
+    std::error_code error;
+    const std::string directory = std::filesystem::canonical(take.directory, error).string() + "/";
+    if (!error && path.compare(0, directory.size(), directory) == 0) {
+        throw Failure(ExitCode::Usage, path + " would be inside the take itself");
+    }
+}
+
+std::string DigestOf(const std::string& path, Signals& signals) {
+    constexpr std::size_t kStep = std::size_t{32} << 20;
+    FileDigest digest(path);
+    while (!digest.Step(kStep)) {
+        if (const int number = EndSignal(signals); number != 0) {
+            throw Ended{number};
+        }
+    }
+    return digest.Text();
 }
 
 void SaveOne(const SpillFiles& files, const TakeFormat& format, const PlannedFile& planned,
@@ -104,15 +161,25 @@ void SaveOne(const SpillFiles& files, const TakeFormat& format, const PlannedFil
     file.Check();
     const auto total = static_cast<double>(planned.end - planned.start);
     int said = -1;
-    WriteSalvaged(
-        files, format, planned.start, planned.end, file.StagingPath(), [&](std::uint64_t frames) {
-            const int percent = static_cast<int>(100.0 * static_cast<double>(frames) / total);
-            if (percent != said) {
-                reporter.Progress(planned.path, percent);
-                said = percent;
-            }
-            return !IsInterrupted(signals);
-        });
+    int endedBy = 0;
+    try {
+        WriteSalvaged(files, format, planned.start, planned.end, file.StagingPath(),
+                      [&](std::uint64_t frames) {
+                          const int percent =
+                              static_cast<int>(100.0 * static_cast<double>(frames) / total);
+                          if (percent != said) {
+                              reporter.Progress(planned.path, percent);
+                              said = percent;
+                          }
+                          endedBy = EndSignal(signals);
+                          return endedBy == 0;
+                      });
+    } catch (const Failure&) {
+        if (endedBy != 0) {
+            throw Ended{endedBy};
+        }
+        throw;
+    }
     const FileSummary summary =
         format.dsd ? SummarizeDsf(file.StagingPath()) : SummarizeWav(file.StagingPath());
     if (!summary.complete) {
@@ -120,7 +187,8 @@ void SaveOne(const SpillFiles& files, const TakeFormat& format, const PlannedFil
     }
     const std::string name = file.Commit();
     reporter.Saved(name, summary.bytes, summary.frames,
-                   static_cast<double>(summary.frames) / static_cast<double>(format.rateHz), "");
+                   static_cast<double>(summary.frames) / static_cast<double>(format.rateHz),
+                   reporter.HasProgram() ? DigestOf(name, signals) : "");
 }
 
 void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) {
@@ -144,9 +212,13 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
     }
     WantedFile wanted;
     wanted.path = ResolveTarget(wish.out);
+    RefuseInside(wanted.path, take);
     wanted.whole = true;
     wanted.start = take.record->startFrame;
     const SavePlan plan = MakeSavePlan({wanted}, format, files.Frames(), 0);
+    if (plan.files.empty()) {
+        throw Failure(ExitCode::Storage, "nothing of " + take.name + " is left");
+    }
     double bytes = 0.0;
     for (const PlannedFile& planned : plan.files) {
         OutputFile(planned.path, wish.force).Check();
@@ -180,15 +252,22 @@ int RunSalvage(const Options& options, Reporter& reporter) {
     }
     const LeftoverLock lock(take.directory);
     if (!wish.out.empty()) {
-        Save(take, wish, reporter);
+        try {
+            Save(take, wish, reporter);
+        } catch (const Ended& ended) {
+            const int code = kSignalExit + ended.signal;
+            reporter.Warning("ended by signal " + std::to_string(ended.signal) +
+                             "; the take stays in " + take.directory);
+            std::ignore = reporter.Finish(code);
+            return code;
+        }
     }
     if (wish.remove) {
         RemoveTake(take, reporter);
     } else {
         reporter.Info("the take stays in " + take.directory + "; --remove deletes it");
     }
-    const bool written = reporter.Finish(static_cast<int>(ExitCode::Done));
-    return static_cast<int>(written ? ExitCode::Done : ExitCode::Storage);
+    return Done(reporter);
 }
 
 }  // namespace vorrel::cli

@@ -16,17 +16,6 @@ namespace {
 constexpr std::uint64_t kLargestSpill = std::uint64_t{1} << 30;
 constexpr std::uint64_t kStepSeconds = 5;
 
-/// When a file was made, in nanoseconds; the last change where the volume does not know.
-std::int64_t MadeAt(const std::string& path) {
-    struct statx status {};
-    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME | STATX_MTIME, &status) !=
-        0) {
-        return std::numeric_limits<std::int64_t>::max();
-    }
-    const auto& time = (status.stx_mask & STATX_BTIME) != 0 ? status.stx_btime : status.stx_mtime;
-    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
-}
-
 bool IsSpillName(const std::string& name) {
     return name.size() == 9 && name.compare(0, 3, "tmp") == 0;
 }
@@ -71,7 +60,7 @@ std::vector<std::size_t> SpillOwners(const TakeFormat& format, std::size_t files
 SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
     : channels(record.format.channels) {
     std::vector<SpillFile> files;
-    std::vector<std::pair<std::int64_t, SpillFile>> unnamed;
+    std::vector<std::pair<FileAge, SpillFile>> unnamed;
     std::error_code error;
     const auto sizeOf = [](const std::string& path) -> std::uint64_t {
         std::error_code unknown;
@@ -82,6 +71,9 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
         const std::string path = directory + "/" + name;
         if (std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error))) {
             files.push_back({path, sizeOf(path)});
+        } else {
+            files.push_back({path, 0});  // keeps its place: what follows belongs to others
+            doubt = path + " is missing";
         }
     }
     for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
@@ -90,14 +82,18 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
         std::error_code unknown;
         if (IsSpillName(name) && std::filesystem::is_regular_file(entry->symlink_status(unknown)) &&
             std::find(record.spills.begin(), record.spills.end(), name) == record.spills.end()) {
-            unnamed.push_back({MadeAt(entry->path().string()),
+            unnamed.push_back({AgeOf(entry->path().string()),
                                {entry->path().string(), sizeOf(entry->path().string())}});
         }
     }
     std::sort(unnamed.begin(), unnamed.end(),
               [](const auto& one, const auto& other) { return one.first < other.first; });
-    for (auto& [when, file] : unnamed) {
+    for (auto& [age, file] : unnamed) {
+        doubt = "the journal does not name " + file.path;
         files.push_back(std::move(file));
+    }
+    if (record.guessed) {
+        doubt = "which channel is which was told by the clock alone";
     }
 
     const std::vector<std::size_t> owners = SpillOwners(record.format, files.size());
@@ -110,6 +106,7 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
     const std::uint64_t step = ChannelStep(record.format);
     const std::uint64_t full = StepsAFile(step) * step;
     std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t most = 0;
     for (const std::vector<SpillFile>& run : channels) {
         std::uint64_t length = 0;
         for (std::size_t index = 0; index < run.size(); ++index) {
@@ -119,6 +116,11 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
             length += run[index].bytes;
         }
         least = std::min(least, length);
+        most = std::max(most, length);
+    }
+    // All are stored in one go; the kill fell into it, or something is not what it is taken for.
+    if (!channels.empty() && most - least > step) {
+        doubt = "the channels have not the same length";
     }
     frames = channels.empty() ? 0 : record.format.dsd ? least * 8 : least / sizeof(float);
 }

@@ -2,14 +2,17 @@
 
 #include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <filesystem>
+#include <limits>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string_view>
 
 namespace vorrel::cli {
@@ -36,13 +39,43 @@ bool IsPlausible(const TakeRecord& record) {
 }
 
 bool IsSpill(std::string_view name) {
-    return name.size() == kSpillNameLength && name.substr(0, kSpillPrefix.size()) == kSpillPrefix;
+    return name.size() == kSpillNameLength && name.substr(0, kSpillPrefix.size()) == kSpillPrefix &&
+           name.find('/') == std::string_view::npos;
+}
+
+/// A journal's text; "" = it is none. No link, no pipe, and no more than a long take writes.
+std::string ReadText(const std::string& path) {
+    constexpr off_t kMostBytes = off_t{16} << 20;
+    std::string text;
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    if (descriptor >= 0 && ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+        status.st_size <= kMostBytes) {
+        text.resize(static_cast<std::size_t>(status.st_size));
+        std::size_t got = 0;
+        while (got < text.size()) {
+            const ssize_t count = ::read(descriptor, text.data() + got, text.size() - got);
+            if (count < 0 && errno == EINTR) {
+                continue;
+            }
+            if (count <= 0) {
+                break;
+            }
+            got += static_cast<std::size_t>(count);
+        }
+        text.resize(got);
+    }
+    if (descriptor >= 0) {
+        ::close(descriptor);
+    }
+    return text;
 }
 
 }  // namespace
 
 TakeJournal::TakeJournal(const std::string& directory)
-    : file(::open((directory + "/" + kName).c_str(),
+    : place(directory),
+      file(::open((directory + "/" + kName).c_str(),
                   O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600)),
       watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     if (watch >= 0 &&
@@ -112,6 +145,7 @@ void TakeJournal::Saved(const std::string& name) {
 void TakeJournal::Look() {
     alignas(inotify_event) std::array<char, 4096> events{};
     ssize_t count = 0;
+    bool added = false;
     while (watch >= 0 && (count = ::read(watch, events.data(), events.size())) > 0) {
         for (std::size_t at = 0; at < static_cast<std::size_t>(count);) {
             inotify_event event{};
@@ -120,13 +154,48 @@ void TakeJournal::Look() {
             at += sizeof event + event.len;
             if (event.len > 0 && IsSpill(name)) {
                 Write(Line({{(event.mask & IN_CREATE) != 0 ? "spill" : "spill_gone", name}}));
+                added = true;
             }
         }
     }
+    if (watch < 0) {
+        added = LookAtNames();
+    }
+    if (added && file >= 0) {
+        ::fdatasync(file);  // once in a gibibyte and channel
+    }
+}
+
+/// What the kernel does not tell is looked for; made between two looks, by the time of making.
+bool TakeJournal::LookAtNames() {
+    std::vector<std::pair<FileAge, std::string>> fresh;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(place, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (IsSpill(name) && seen.insert(name).second) {
+            fresh.emplace_back(AgeOf(entry->path().string()), name);
+        }
+    }
+    std::sort(fresh.begin(), fresh.end());
+    for (const auto& [age, name] : fresh) {
+        Write(Line({{"spill", name}, {"looked_for", true}}));
+    }
+    return !fresh.empty();
+}
+
+FileAge AgeOf(const std::string& path) {
+    struct statx status {};
+    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME | STATX_MTIME | STATX_INO,
+                &status) != 0) {
+        return {std::numeric_limits<std::int64_t>::max(), 0};
+    }
+    const auto& time = (status.stx_mask & STATX_BTIME) != 0 ? status.stx_btime : status.stx_mtime;
+    return {time.tv_sec * 1'000'000'000 + time.tv_nsec, status.stx_ino};
 }
 
 std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
-    std::ifstream lines(directory + "/" + kName);
+    std::istringstream lines(ReadText(directory + "/" + kName));
     std::optional<TakeRecord> record;
     for (std::string line; std::getline(lines, line);) {
         const json object = json::parse(line, nullptr, false);
@@ -149,7 +218,11 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                 record->gain = object.at("gain_db").get<double>();
                 record->tags = object.at("tags").get<std::map<std::string, std::string>>();
             } else if (object.contains("spill")) {
-                record->spills.push_back(object.at("spill").get<std::string>());
+                const auto name = object.at("spill").get<std::string>();
+                if (IsSpill(name)) {
+                    record->spills.push_back(name);
+                    record->guessed = record->guessed || object.contains("looked_for");
+                }
             } else if (object.contains("spill_gone")) {
                 std::erase(record->spills, object.at("spill_gone").get<std::string>());
             } else if (object.contains("mark")) {

@@ -4,7 +4,9 @@
 #include <ctime>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "SavePlan.h"
@@ -22,10 +24,15 @@ struct TakeRecord {
     std::map<std::string, std::string> tags;
     std::uint64_t startFrame = 0;      ///< Where the take begins in what is stored.
     std::vector<std::uint64_t> marks;  ///< Frames from there.
-    std::vector<std::string>
-        spills;         ///< Names of the engine's files, in the order of their making.
-    std::string state;  ///< The last that was entered.
+    std::vector<std::string> spills;   ///< Names of the engine's files, as they were made.
+    bool guessed = false;              ///< The order of some is by the clock alone.
+    std::string state;                 ///< The last that was entered.
 };
+
+/// When a file was made, in nanoseconds (the last change where the volume does not know), and its
+/// number, which mostly grows: clocks of file systems have steps in which several files are made.
+using FileAge = std::pair<std::int64_t, std::uint64_t>;
+FileAge AgeOf(const std::string& path);
 
 /// The journal of a take that runs: a file beside the spill files, a JSON object a line, each
 /// written at once, so that a killed process has left all of it. It also sees the engine's files
@@ -51,7 +58,8 @@ public:
 
     /// Readable when the engine has made or deleted a file; -1 where that cannot be told.
     int Descriptor() const { return watch; }
-    /// Writes down what it has made or deleted.
+    /// Writes down what it has made or deleted. Where the kernel does not tell, it is looked for:
+    /// to be called now and then.
     void Look();
 
     /// @return None where there is no journal, or none of a format that this program knows.
@@ -61,7 +69,10 @@ public:
 
 private:
     void Write(const std::string& line);
+    bool LookAtNames();
 
+    const std::string place;
+    std::set<std::string> seen;  // names, where the kernel tells of none
     int file = -1;
     int watch = -1;
 };
