@@ -262,10 +262,8 @@ VrError CoreAudioManager::SaveDeviceState(const AudioDevice& candidate,
 VrError CoreAudioManager::AttachDevice(const AudioDevice& candidate, const FoundDeviceInfo& found) {
     if ((found.excludedRateMask & kHasControlInterface) != 0) {
         usbInterface = SearchInterface(found.uid);
-        if (usbInterface == nullptr) {
-            return VrErrorFailed;
-        }
-        // Whatever the device was used for before, a selection begins in PCM mode.
+        // Whatever the device was used for before, a selection begins in PCM mode. An interface
+        // that was not found refuses that like one that fails.
         if (SetDSDMethod(false) != VrSuccess) {
             return VrErrorFailed;
         }

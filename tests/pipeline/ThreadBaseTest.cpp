@@ -3,15 +3,20 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 #include <utility>
+
+#include "platform/ThreadPriority.h"
 
 namespace vorrel {
 namespace {
@@ -371,6 +376,40 @@ TEST(ThreadBaseTest, AnUnknownPriorityIsTheNormalOne) {
     worker.Join();
 
     EXPECT_EQ(policy, SCHED_OTHER);
+}
+
+/// How the calling thread is scheduled: class, real-time priority, nice value.
+using Scheduled = std::tuple<int, int, int>;
+
+Scheduled OfThisThread() {
+    sched_param parameters{};
+    EXPECT_EQ(::sched_getparam(0, &parameters), 0);
+    return {::sched_getscheduler(0), parameters.sched_priority, ::getpriority(PRIO_PROCESS, 0)};
+}
+
+TEST(ThreadBaseTest, RunsAtTheSystemsPriorityForItsOwn) {
+    constexpr std::pair<Priority, double> kPriorities[] = {
+        {PriorityNormal, 0.5}, {PriorityHigh, 0.75}, {PriorityHighest, 1.0}};
+    std::set<Scheduled> different;
+    for (const auto& [priority, ofTheSystem] : kPriorities) {
+        Scheduled expected;
+        std::thread([&expected, number = ofTheSystem] {
+            SetCurrentThreadPriority(number);
+            expected = OfThisThread();
+        }).join();
+        Scheduled scheduled;
+        Worker worker([&](Worker&) { scheduled = OfThisThread(); });
+
+        ASSERT_TRUE(worker.Create(priority));
+        worker.Join();
+
+        EXPECT_EQ(scheduled, expected) << ofTheSystem;
+        different.insert(scheduled);
+    }
+    if (different.size() == 1) {
+        GTEST_SKIP() << "the system grants no raised priority here";
+    }
+    EXPECT_EQ(different.size(), 3U);
 }
 
 }  // namespace
