@@ -36,7 +36,7 @@ BUILD = WORK / "build"
 PROGRAMS = {
     "store": ["store/vorrel_store_tests", "store/vorrel_store_memory_tests", "pipeline/vorrel_pipeline_tests"],
     "writer": ["writer/vorrel_writer_tests"],
-    "manager": ["manager/vorrel_manager_tests", "manager/vorrel_realtime_tests"],
+    "manager": ["manager/vorrel_manager_tests", "manager/vorrel_manager_memory_tests", "manager/vorrel_realtime_tests"],
     "pipeline": ["pipeline/vorrel_pipeline_tests", "manager/vorrel_manager_tests"],
     "device": ["device/vorrel_device_tests"],
 }

@@ -237,6 +237,9 @@ TEST_F(CaptureTest, ABufferWithoutSamplesIsSilence) {
 
     const auto preview = Preview(8, 2);
     EXPECT_EQ(std::vector(preview.begin() + 8, preview.end()), std::vector<std::int16_t>(8, 0));
+    std::vector<std::uint8_t> stored;
+    ASSERT_EQ(VorrelManagerParts::Record(manager).GetData(1, 4, 8, stored, true), VrSuccess);
+    EXPECT_EQ(stored, std::vector<std::uint8_t>(4 * sizeof(float), 0));
 }
 
 TEST_F(CaptureTest, BytesPastTheLastWholeFrameAreLeftOut) {

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "store/AllocationLimit.h"
 #include "store/PreviewData.h"
 #include "store/RecordData.h"
 #include "store/StoreTestSupport.h"
+#include "support/AllocationLimit.h"
 #include "support/FakeManager.h"
 #include "support/TempDirectory.h"
 
@@ -93,22 +93,23 @@ TEST_F(OutOfMemoryTest, ASpillWithoutMemoryForTheExcessIsTriedAgain) {
     ASSERT_EQ(store.Add(Pattern(0, 5000), kAll), VrErrorFailed);
     ASSERT_EQ(store.Add(Pattern(5000, 5010), kAll), VrErrorFailed);  // leaves room for the next
     manager.tempDirectoryExists = true;
-    const Bytes next = Pattern(5010, 5020);
+    // The buffer has room for 6,250 bytes, the other one for 5,000, and the excess is 5,200.
+    const Bytes next = Pattern(5010, 6200);
     VrError result = VrSuccess;
     {
-        const AllocationLimit limit(4000);  // the excess is 4,020 bytes
+        const AllocationLimit limit(5001);
         result = store.Add(next, kAll);
     }
 
     EXPECT_EQ(result, VrErrorFailed);
     EXPECT_TRUE(Files(directory.Path()).empty());
     Bytes out;
-    ASSERT_EQ(store.GetData(0, 5020, out, kAvailable), VrSuccess);
-    EXPECT_EQ(out, Pattern(0, 5020));
-    EXPECT_EQ(store.Add(Pattern(5020, 5030), kAll), VrSuccess);
+    ASSERT_EQ(store.GetData(0, 6200, out, kAvailable), VrSuccess);
+    EXPECT_EQ(out, Pattern(0, 6200));
+    EXPECT_EQ(store.Add(Pattern(6200, 6210), kAll), VrSuccess);
     EXPECT_EQ(FileSizes(directory.Path()), std::vector<std::uint64_t>{1000});
-    ASSERT_EQ(store.GetData(0, 5030, out, kAvailable), VrSuccess);
-    EXPECT_EQ(out, Pattern(0, 5030));
+    ASSERT_EQ(store.GetData(0, 6210, out, kAvailable), VrSuccess);
+    EXPECT_EQ(out, Pattern(0, 6210));
 }
 
 TEST_F(OutOfMemoryTest, AReadWithoutMemoryFailsAndEmptiesTheOutput) {

@@ -1,4 +1,4 @@
-#include "store/AllocationLimit.h"
+#include "support/AllocationLimit.h"
 
 #include <cstdint>
 #include <cstdlib>
