@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <ostream>
 
+#include "convert/BitReversal.h"
 #include "support/FileSizeLimit.h"
 #include "writer/DsfHeader.h"
 #include "writer/DsfWriterRig.h"
@@ -11,8 +13,10 @@
 namespace vorrel {
 namespace {
 
+using test::Bytes;
 using test::DsfWriterTest;
 using test::FileSizeLimit;
+using test::RandomBytes;
 
 /// A range in blocks against a recording of `recorded` blocks: everything that a save leaves
 /// behind is that of the literal, block by block writer.
@@ -57,6 +61,28 @@ TEST_P(DsfBatchTest, FailsAWriteWhereBlockByBlockFails) {
          {50U, 92U, 3'000U, 30'000U, 90'000U, 1'048'575U, 1'048'576U, 1'060'000U, 1'200'000U}) {
         const FileSizeLimit limit(bytes);
         ExpectLikeBlockByBlock(setting);
+    }
+}
+
+TEST_F(DsfWriterTest, WhatTheFileStillKeepsIsNotReadOver) {
+    // Batches of three channels end anywhere in the mebibytes in which the file takes them, and
+    // their memory comes round twice.
+    constexpr std::size_t kBlocks = 40 * kDsfBatchBlocks;
+    MakeRecording(3, kBlocks * 4'096);
+
+    ASSERT_EQ(Save(0, kBlocks), VrSuccess);
+
+    const Bytes bytes = Saved();
+    ASSERT_EQ(bytes.size(), 92U + kBlocks * 3 * 4'096);
+    for (std::uint16_t channel = 0; channel < 3; ++channel) {
+        Bytes expected = RandomBytes(kBlocks * 4'096, channel + 1U);
+        ReverseBits(expected.data(), expected.size());
+        for (std::size_t block = 0; block < kBlocks; ++block) {
+            ASSERT_EQ(std::memcmp(&bytes[92 + (block * 3 + channel) * 4'096],
+                                  &expected[block * 4'096], 4'096),
+                      0)
+                << channel << ", " << block;
+        }
     }
 }
 

@@ -5,13 +5,17 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "support/SmallVolume.h"
 #include "support/TempDirectory.h"
+#include "writer/OtherSystem.h"
 
 namespace vorrel {
 namespace {
 
+using test::FatVolume;
 using test::SmallVolume;
 using test::TempDirectory;
 
@@ -132,6 +136,18 @@ TEST(SaveChecksTest, TheVolumeOfTheTestsTakesLargeFiles) {
     }
 
     EXPECT_TRUE(CheckFileSystemFileSizeLimit(volume.File("take.wav"), 100 * kGiB));
+}
+
+TEST(SaveChecksTest, OnAFatVolumeTheCountOfItsBlocksSetsTheLimit) {
+    const TempDirectory directory;
+    const std::string path = directory.File("take.wav");
+    for (const auto& [blocks, limit] : std::vector<std::pair<std::uint64_t, std::uint64_t>>{
+             {4'084, 32 * kMiB}, {4'085, 2 * kGiB}, {65'524, 2 * kGiB}, {65'525, 4 * kGiB}}) {
+        const FatVolume volume(blocks);
+
+        EXPECT_TRUE(CheckFileSystemFileSizeLimit(path, limit)) << blocks;
+        EXPECT_FALSE(CheckFileSystemFileSizeLimit(path, limit + 1)) << blocks;
+    }
 }
 
 TEST(SaveChecksTest, DeletingTakesTheFileAndItsEmptyDirectory) {

@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/Recording.h"
 #include "writer/SaveThreadRig.h"
 
 namespace vorrel {
@@ -11,6 +12,7 @@ namespace {
 
 using test::Messages;
 using test::onBlock;
+using test::Recording;
 using test::SaveThreadTest;
 
 TEST_F(SaveThreadTest, ProgressBeforeAnyRequestIsAnInvalidStateAndWritesNothing) {
@@ -89,6 +91,24 @@ TEST_F(SaveThreadTest, ProgressStaysWithinAThousandForAbsurdRanges) {
     EXPECT_EQ(thread.GetProgress(file, total), VrSuccess);
     EXPECT_EQ(file, 1'000);
     EXPECT_EQ(total, 1'000);
+}
+
+TEST_F(SaveThreadTest, BelowTenHertzABlockIsAFrame) {
+    recording.Make(1, 9, 4, Recording::Steps, &callingType);
+    thread.SetBits(16);
+    std::vector<int> seen;
+    onBlock = [&](int) {
+        int file = -1;
+        int total = -1;
+        EXPECT_EQ(thread.GetProgress(file, total), VrSuccess);
+        seen.push_back(total);
+    };
+
+    Save(List({Setting("take.wav", 1.0)}));
+
+    // The end lies past the recording: four frames of the nine that were asked for.
+    EXPECT_EQ(seen, (std::vector<int>{111, 222, 333, 444}));
+    EXPECT_EQ(SizeOf("take.wav"), 44U + 4 * 2);
 }
 
 }  // namespace

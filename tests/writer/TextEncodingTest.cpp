@@ -6,6 +6,8 @@
 #include <clocale>
 #include <string>
 
+#include "writer/OtherSystem.h"
+
 namespace vorrel {
 namespace {
 
@@ -143,6 +145,16 @@ TEST(TextEncodingTest, StrReplaceGoesOnBehindEachReplacement) {
     EXPECT_EQ(StrReplace("abc", "x", "y"), "abc");
     EXPECT_EQ(StrReplace("abc", "", "y"), "abc");
     EXPECT_EQ(StrReplace("abab", "ab", ""), "");
+}
+
+TEST(TextEncodingTest, WithoutTablesOfEncodingsAsciiRemains) {
+    const test::NoEncodings none;
+
+    EXPECT_EQ(Utf8ToShiftJIS("A日B~"), "A?B~");
+    EXPECT_EQ(Utf8ToUtf16("A日B~"),
+              "A\0\xFD\xFF"
+              "B\0~\0"s);
+    EXPECT_EQ(Utf8ToShiftJIS("日本"), "??");
 }
 
 }  // namespace
