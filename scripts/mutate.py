@@ -230,10 +230,12 @@ def main():
     build(programs, arguments.jobs)
     reached = {program: trace(program) for program in programs}
 
-    tried = [mutant for mutant in found if mutant.key not in equivalent]
+    # In an order drawn by the seed, so that those before a limit stand for all; of all of them, so
+    # that the sample stays when one more is known to be equivalent.
+    order = list(found)
+    random.Random(arguments.seed).shuffle(order)
+    tried = [mutant for mutant in order if mutant.key not in equivalent]
     left_out = len(found) - len(tried)
-    # In an order drawn by the seed, so that those before a limit stand for all.
-    random.Random(arguments.seed).shuffle(tried)
     tried = tried[:arguments.limit] if arguments.limit else tried
     end = time.monotonic() + 60 * arguments.minutes if arguments.minutes else float("inf")
 
