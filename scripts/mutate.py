@@ -210,6 +210,13 @@ def main():
     copy_tree({mutant.file for mutant in found})
     equivalent = {line.split(" -- ")[0].strip() for line in (ROOT / "scripts/mutation/equivalent.txt").read_text().splitlines()
                   if line and not line.startswith("#")}
+    # Of lines that a file has more than once, "[2]" behind the line names the second.
+    counts = collections.Counter()
+    known = set()
+    for mutant in found:
+        counts[mutant.key] += 1
+        if {mutant.key, f"{mutant.key} [{counts[mutant.key]}]"} & equivalent:
+            known.add(mutant.number)
     if arguments.kinds:
         found = [mutant for mutant in found if mutant.kind in arguments.kinds.split(",")]
     if arguments.state_checks:
@@ -234,7 +241,7 @@ def main():
     # that the sample stays when one more is known to be equivalent.
     order = list(found)
     random.Random(arguments.seed).shuffle(order)
-    tried = [mutant for mutant in order if mutant.key not in equivalent]
+    tried = [mutant for mutant in order if mutant.number not in known]
     left_out = len(found) - len(tried)
     tried = tried[:arguments.limit] if arguments.limit else tried
     end = time.monotonic() + 60 * arguments.minutes if arguments.minutes else float("inf")

@@ -1,6 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <string>
+#include <vector>
+
 #include "manager/ManagerRig.h"
+#include "platform/MainQueueTasks.h"
 #include "support/AllocationLimit.h"
 
 namespace vorrel::test {
@@ -54,6 +59,49 @@ TEST_F(ManagerMemoryTest, AStopWithoutMemoryIsRefusedAndTheTakeGoesOn) {
 
     StopRecording();
     EXPECT_EQ(RecordedFrames(), Frames({{0, 30}}));
+}
+
+TEST_F(ManagerMemoryTest, ANotificationWithoutMemoryStillTellsItsKind) {
+    Init();
+
+    {
+        const AllocationLimit limit(1);
+        manager.NotifyOperationProc(VrRecOperationStopped);
+        manager.NotifyErrorMessageProc(VrMessageSaveFailed, "/takes/one.wav");
+    }
+
+    ASSERT_TRUE(DispatchUntil([&] { return delegate->log.size() >= 2; }));
+    EXPECT_EQ(delegate->log, (std::vector<std::string>{"operation 2", "message 3 "}));
+}
+
+TEST_F(ManagerMemoryTest, APositionWithoutMemoryIsLostAndTheNextArrives) {
+    Init();
+
+    {
+        const AllocationLimit limit(1);
+        manager.NotifyStreamPosProc(1.5);
+        manager.NotifyConvertPosProc(2.5);
+    }
+    manager.NotifyStreamPosProc(3.5);
+
+    ASSERT_TRUE(DispatchUntil([&] { return !delegate->streamPositions.empty(); }));
+    EXPECT_EQ(delegate->streamPositions, std::vector<double>{3.5});
+    EXPECT_TRUE(delegate->convertPositions.empty());
+}
+
+TEST_F(ManagerMemoryTest, NotificationsPastTheReserveAreLost) {
+    Init();
+
+    {
+        const AllocationLimit limit(1);
+        for (std::size_t count = 0; count <= RealtimeTask::kCopies; ++count) {
+            manager.NotifyOperationProc(VrRecOperationStopped);
+        }
+    }
+    manager.NotifyOperationProc(VrRecOperationDeviceStarted);
+
+    AwaitOperation(VrRecOperationDeviceStarted);
+    EXPECT_EQ(delegate->Count(VrRecOperationStopped), RealtimeTask::kCopies);
 }
 
 }  // namespace

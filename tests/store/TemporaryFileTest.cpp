@@ -6,8 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <filesystem>
+#include <string>
+#include <system_error>
 #include <utility>
 
 #include "store/StoreTestSupport.h"
@@ -20,6 +23,24 @@ namespace {
 
 AlignedBytes Aligned(const Bytes& bytes) {
     return {bytes.begin(), bytes.end()};
+}
+
+/// Puts a pipe in the place of the open file `path`: nothing can be sought in it any more.
+void ReplaceByPipe(const std::string& path) {
+    std::array<int, 2> pipe{};
+    ASSERT_EQ(::pipe(pipe.data()), 0);
+    int replaced = 0;
+    for (int descriptor = 0; descriptor < pipe[0]; ++descriptor) {
+        std::error_code error;
+        const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+        if (std::filesystem::read_symlink(link, error) == path) {
+            ASSERT_EQ(::dup2(pipe[0], descriptor), descriptor);
+            ++replaced;
+        }
+    }
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+    ASSERT_EQ(replaced, 1);
 }
 
 class TemporaryFileTest : public ::testing::Test {
@@ -457,6 +478,19 @@ TEST_P(TemporaryFileAppendTest, RepeatedFailuresDoNotHarmWhatWasStored) {
     AlignedBytes out;
     ASSERT_EQ(file.GetData(0, 2 * size, out), VrSuccess);
     EXPECT_EQ(out, Aligned(Pattern(0, 2 * size)));
+}
+
+TEST_F(TemporaryFileTest, ARangeThatCannotBeSoughtFailsAndKeepsTheOutput) {
+    ASSERT_EQ(file.Init(0), VrSuccess);
+    ASSERT_EQ(file.Add(Pattern(0, 100)), VrSuccess);
+    ReplaceByPipe(FilesLeft().at(0));
+    AlignedBytes out = {42};
+
+    EXPECT_EQ(file.GetData(0, 100, out), VrErrorFailed);
+
+    EXPECT_EQ(out, AlignedBytes{42});
+    EXPECT_EQ(file.Add(Pattern(100, 200)), VrErrorFailed);
+    EXPECT_EQ(file.GetLength(), 100U);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/FileBytes.h"
+#include "support/FileSizeLimit.h"
 #include "writer/SaveThreadRig.h"
 
 namespace vorrel {
@@ -13,6 +14,7 @@ namespace {
 
 using test::CheckFields;
 using test::FieldCheck;
+using test::FileSizeLimit;
 using test::Id;
 using test::ReadBytes;
 using test::SaveThreadTest;
@@ -130,6 +132,29 @@ TEST_F(PreviewFileTest, OfAnEmptyPreviewIsAHeader) {
     const std::filesystem::directory_iterator first(directory.Path());
     ASSERT_NE(first, std::filesystem::directory_iterator());
     EXPECT_EQ(std::filesystem::file_size(first->path()), 44U);
+}
+
+TEST_F(PreviewFileTest, FailsWhereThePreviewCannotBeRead) {
+    MakePreview(2'000'000);  // 8 MB: more than stays in memory
+    ASSERT_FALSE(std::filesystem::is_empty(spill.Path()));
+    for (const auto& entry : std::filesystem::directory_iterator(spill.Path())) {
+        std::filesystem::resize_file(entry.path(), 0);
+    }
+    const WorkingDirectory inside(directory.Path());
+
+    EXPECT_EQ(thread.SavePreviewFile(), VrErrorFailed);
+}
+
+TEST_F(PreviewFileTest, FailsWhereItCannotBeWritten) {
+    MakePreview(600'000);  // 2.4 MB: more than the stream buffers
+    const WorkingDirectory inside(directory.Path());
+    const FileSizeLimit limit(500'000);
+
+    EXPECT_EQ(thread.SavePreviewFile(), VrErrorFailed);
+
+    const std::filesystem::directory_iterator first(directory.Path());
+    ASSERT_NE(first, std::filesystem::directory_iterator());
+    EXPECT_EQ(std::filesystem::file_size(first->path()), 500'000U);
 }
 
 }  // namespace

@@ -375,5 +375,13 @@ TEST(TagWriterTest, AFailedId3ChunkShowsOnTheStreamOnly) {
     EXPECT_NE(std::ferror(stream.Get()), 0);
 }
 
+TEST(TagWriterTest, ATagOfTwoMebibytesUsesAllFourBytesOfItsSize) {
+    // 10 + 3 + 2 x 1,048,570 bytes: 2^21 + 1, which is 1, 0, 0, 1 in bytes of seven bits.
+    const Bytes bytes = SavedID3Tags({{"Title", std::string(1'048'570, 'x')}});
+
+    ASSERT_EQ(bytes.size(), 10U + 2'097'153);
+    EXPECT_EQ(Bytes(bytes.begin() + 6, bytes.begin() + 10), (Bytes{1, 0, 0, 1}));
+}
+
 }  // namespace
 }  // namespace vorrel

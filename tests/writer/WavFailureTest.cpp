@@ -1,0 +1,59 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "support/FakeManager.h"
+#include "support/Recording.h"
+#include "support/TempDirectory.h"
+#include "writer/SaveRun.h"
+#include "writer/WavWriter.h"
+
+namespace vorrel {
+namespace {
+
+using test::FakeManager;
+using test::Recording;
+using test::TempDirectory;
+
+class WavFailureTest : public testing::Test {
+protected:
+    WavFailureTest() {
+        recording.Make(1, 1'000, 100);
+        run.recording = recording.data.GetLayout();
+    }
+
+    const TempDirectory directory;
+    FakeManager manager{directory.Path()};
+    Recording recording{manager};
+    std::atomic<std::uint16_t> bits{16};
+    std::atomic<std::int32_t> cancelState{kSaveCancelNone};
+    SaveProgress progress;
+    SaveRun run{manager, recording.data, bits, cancelState, progress, {}};
+};
+
+TEST_F(WavFailureTest, ATakeThatHasBegunMeanwhileIsNotSaved) {
+    recording.Make(1, 1'000, 100);
+    const VrSaveSettingInternal setting{directory.File("take.wav"), 0, 1, 0, {}};
+
+    EXPECT_EQ(SaveWavFile(&setting, run), VrErrorFailed);
+
+    EXPECT_FALSE(std::filesystem::exists(setting.path));
+    EXPECT_EQ(progress.fileLength, 0U);
+}
+
+TEST_F(WavFailureTest, ACancelledFileThatFailsAtItsCloseIsCancelled) {
+    if (!std::filesystem::exists("/dev/full")) {
+        GTEST_SKIP() << "no /dev/full here";
+    }
+    const VrSaveSettingInternal setting{"/dev/full", 0, 1, 0, {}};
+    EXPECT_EQ(SaveWavFile(&setting, run), VrErrorFailed);
+    for (const std::int32_t pending : {kSaveCancelDelete, kSaveCancelKeep}) {
+        cancelState = pending;
+
+        EXPECT_EQ(SaveWavFile(&setting, run), VrErrorCanceled);
+    }
+}
+
+}  // namespace
+}  // namespace vorrel
