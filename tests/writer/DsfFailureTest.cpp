@@ -85,5 +85,16 @@ TEST_F(DsfWriterTest, ATakeThatHasBegunMeanwhileIsNotSaved) {
     EXPECT_FALSE(std::filesystem::exists(setting.path));
 }
 
+TEST_F(DsfWriterTest, TheFirstFailureOfAFileIsItsResult) {
+    if (!std::filesystem::exists("/dev/full")) {
+        GTEST_SKIP() << "no /dev/full here";
+    }
+    MakeRecording(1, 4'096);
+    VrSaveSettingInternal setting{"/dev/full", 0, 1, 0, {}};
+    setting.tags = {{"Title", "\x80\x80"}};  // counts no character
+
+    EXPECT_EQ(SaveFile(&setting), VrErrorInvalidParameter) << "not that of the close";
+}
+
 }  // namespace
 }  // namespace vorrel

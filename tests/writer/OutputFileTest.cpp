@@ -148,5 +148,23 @@ TEST_F(OutputFileTest, KeptBytesThatFailAtTheCloseAreAFailedFile) {
     EXPECT_EQ(OnDisk(), 500U);
 }
 
+TEST_F(OutputFileTest, ASingleKeptByteThatFillsTheMebibyteIsWritten) {
+    const Bytes all = Numbered(0, kMiB);
+    ASSERT_TRUE(file.Write(std::span(all).first(kMiB - 1)));
+
+    EXPECT_TRUE(file.WriteKept(std::span(all).last(1)));
+
+    EXPECT_EQ(file.KeptBytes(), 0U);
+    EXPECT_EQ(OnDisk(), kMiB);
+}
+
+TEST_F(OutputFileTest, WhatIsNotOpenCannotBeClosed) {
+    OutputFile never;
+
+    EXPECT_FALSE(never.Close());
+    ASSERT_TRUE(file.Close());
+    EXPECT_FALSE(file.Close());
+}
+
 }  // namespace
 }  // namespace vorrel

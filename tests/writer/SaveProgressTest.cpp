@@ -111,5 +111,18 @@ TEST_F(SaveThreadTest, BelowTenHertzABlockIsAFrame) {
     EXPECT_EQ(SizeOf("take.wav"), 44U + 4 * 2);
 }
 
+TEST_F(SaveThreadTest, AnEmptyRequestLeavesTheProgressOfTheOneBefore) {
+    MakeRecording(1'000);
+    Save(List({Setting("take.wav", 2.0)}));  // half of it is there
+
+    Save(List({}));
+
+    int file = 0;
+    int total = 0;
+    EXPECT_EQ(thread.GetProgress(file, total), VrSuccess);
+    EXPECT_EQ(file, 1'000);
+    EXPECT_EQ(total, 500);
+}
+
 }  // namespace
 }  // namespace vorrel
