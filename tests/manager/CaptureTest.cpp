@@ -540,5 +540,21 @@ TEST_F(CaptureTest, AFullQueueIsReportedOnceARecording) {
     ASSERT_EQ(manager.Stop(true), VrSuccess);
 }
 
+TEST_F(CaptureTest, AtDsdAnEventStandsAtAFrameOfThePreview) {
+    Select();
+    Set(1, 2'822'400, 0);
+    StartRecording();
+    std::vector<float> samples(2 * 260, 0.5F);  // 260 words: 4,160 one-bit samples, 65 frames
+    ASSERT_TRUE(recorder.Deliver(2, samples));
+    ASSERT_TRUE(DispatchUntil(
+        [&] { return VorrelManagerParts::Record(manager).GetLength(false) == 4'160; }));
+
+    ASSERT_EQ(manager.Pause(), VrSuccess);
+
+    EXPECT_EQ(VorrelManagerParts::Ranges(manager).GetAvailableRange_Frames(0, 1'000),
+              (std::vector<PositionRange>{{0, 65}}));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+}
+
 }  // namespace
 }  // namespace vorrel::test

@@ -276,6 +276,19 @@ TEST_F(DeviceSelectionTest, ARefusedRateLeavesTheNewTypeAndTheOldBits) {
     EXPECT_EQ(reported->bits, 24);
 }
 
+TEST_F(DeviceSelectionTest, ARefusedTypeLeavesTheSettingAsItWas) {
+    SelectPcm(48'000, 24);
+    recorder.registry->RefuseUsbValue(1);  // what asks for DSD
+
+    EXPECT_EQ(TrySet(1, 44'100, 1), VrErrorFailed);
+
+    std::shared_ptr<VrRecordSetting> setting;
+    ASSERT_EQ(manager.GetRecordSetting(&setting), VrSuccess);
+    EXPECT_EQ(setting->rec_type, 0);
+    EXPECT_EQ(setting->freq, 48'000U);
+    EXPECT_EQ(setting->bits, 24);
+}
+
 TEST_F(DeviceSelectionTest, SettingsAreRefusedDuringARecording) {
     SelectPcm();
     StartRecording();

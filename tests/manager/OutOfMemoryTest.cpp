@@ -66,12 +66,19 @@ TEST_F(ManagerMemoryTest, ANotificationWithoutMemoryStillTellsItsKind) {
 
     {
         const AllocationLimit limit(1);
-        manager.NotifyOperationProc(VrRecOperationStopped);
-        manager.NotifyErrorMessageProc(VrMessageSaveFailed, "/takes/one.wav");
+        for (int operation = 0; operation < 4; ++operation) {
+            manager.NotifyOperationProc(static_cast<VrRecOperation>(operation));
+        }
+        for (int kind = 0; kind < 6; ++kind) {
+            manager.NotifyErrorMessageProc(kind, "/takes/one.wav");
+        }
     }
 
-    ASSERT_TRUE(DispatchUntil([&] { return delegate->log.size() >= 2; }));
-    EXPECT_EQ(delegate->log, (std::vector<std::string>{"operation 2", "message 3 "}));
+    ASSERT_TRUE(DispatchUntil([&] { return delegate->log.size() >= 10; }));
+    EXPECT_EQ(delegate->log,
+              (std::vector<std::string>{"operation 0", "operation 1", "operation 2", "operation 3",
+                                        "message 0 ", "message 1 ", "message 2 ", "message 3 ",
+                                        "message 4 ", "message 5 "}));
 }
 
 TEST_F(ManagerMemoryTest, APositionWithoutMemoryIsLostAndTheNextArrives) {

@@ -205,5 +205,26 @@ TEST_F(OutOfMemoryTest, ABlockWithoutMemoryForItsRangesChangesNothing) {
     EXPECT_EQ(preview.GetLength(kRaw), 0U);
 }
 
+TEST_F(OutOfMemoryTest, ASpillWithoutMemoryForOneMoreFileWritesNone) {
+    TemporaryData small(manager, 1000);
+    ASSERT_EQ(small.Init(1000), VrSuccess);
+    ASSERT_EQ(small.Add(Pattern(0, 3000), kAll), VrSuccess);  // the list has room for three
+    const Bytes next = Pattern(3000, 4000);
+    VrError result = VrSuccess;
+    {
+        // What a file itself takes is less, or its stream's buffer.
+        const AllocationLimit limit(4 * sizeof(TemporaryFile), 1'000'000);
+        result = small.Add(next, kAll);
+    }
+
+    EXPECT_EQ(result, VrErrorFailed);
+    EXPECT_EQ(Files(directory.Path()).size(), 3U);
+    EXPECT_EQ(small.Add(Pattern(4000, 4001), kAll), VrSuccess);
+    Bytes out;
+    ASSERT_EQ(small.GetData(0, 4001, out, kAvailable), VrSuccess);
+    EXPECT_EQ(out, Pattern(0, 4001));
+    EXPECT_EQ(Files(directory.Path()).size(), 4U);
+}
+
 }  // namespace
 }  // namespace vorrel::test

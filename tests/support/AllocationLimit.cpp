@@ -7,9 +7,10 @@
 namespace {
 
 thread_local std::size_t smallestRefused = SIZE_MAX;
+thread_local std::size_t smallestGranted = SIZE_MAX;
 
 void* Allocate(std::size_t bytes, std::size_t alignment) {
-    if (bytes >= smallestRefused) {
+    if (bytes >= smallestRefused && bytes < smallestGranted) {
         throw std::bad_alloc();
     }
     // aligned_alloc asks for a multiple of the alignment.
@@ -62,8 +63,9 @@ void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
 
 namespace vorrel::test {
 
-AllocationLimit::AllocationLimit(std::size_t bytes) {
+AllocationLimit::AllocationLimit(std::size_t bytes, std::size_t granted) {
     smallestRefused = bytes;
+    smallestGranted = granted;
 }
 AllocationLimit::~AllocationLimit() {
     smallestRefused = SIZE_MAX;

@@ -151,6 +151,19 @@ TEST_F(DsfWriterTest, ASampleWidthThatFillsNoBlockFails) {
     EXPECT_FALSE(std::filesystem::exists(directory.File("take.dsf")));
 }
 
+TEST_F(DsfWriterTest, EverySampleWidthThatFillsABlockIsTaken) {
+    for (const std::uint8_t width : std::to_array<std::uint8_t>({1, 2, 4, 8, 16, 32})) {
+        SampleTypeInfo type = *DsdType();
+        type.bits = width;
+        MakeRecording(1, 2 * 4'096, kBlockRate, &type);
+        const double blockSeconds = 1.0 / width;
+
+        EXPECT_EQ(Save(0, 2 * blockSeconds), VrSuccess) << int{width};
+
+        EXPECT_EQ(Saved().size(), 92U + 2 * 4'096) << int{width};
+    }
+}
+
 TEST_F(DsfWriterTest, PaddingBitsCountInTheWidthOfASample) {
     SampleTypeInfo type = *DsdType();
     type.padBits = 7;

@@ -61,6 +61,20 @@ TEST_F(SaveThreadDsdTest, RunningOutOfMemoryUnderACancelIsACancel) {
     EXPECT_EQ(manager.Log(), (Log{"message 4", kFinished}));  // and no word of a failed save
 }
 
+TEST_F(SaveThreadDsdTest, RunningOutOfMemoryWithoutACancelIsAFailedSave) {
+    MakeDsdRecording(1, 4);
+    std::filesystem::create_directory(directory.File("taken.dsf"));  // cannot be opened: skipped
+    manager.onMessage = [&](int kind, const char*) {
+        if (kind == VrMessageFileSkipped) {
+            throw std::bad_alloc();
+        }
+    };
+
+    Save(List({Titled("taken.dsf", 2.0)}));
+
+    EXPECT_EQ(manager.Log(), (Log{"message 4", kFinished, "message 3"}));
+}
+
 TEST_F(SaveThreadDsdTest, ADsdRecordingIsSavedAsDsf) {
     MakeDsdRecording(2, 20);
 
