@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <semaphore>
+
 #include <filesystem>
 
 #include "support/FileBytes.h"
@@ -32,15 +34,19 @@ TEST_F(SaveThreadTest, TheFirstCancelOfASaveWins) {
 
 TEST_F(SaveThreadTest, ARequestThatIsRefusedDoesNotTakeBackTheCancelOfTheRunningOne) {
     MakeRecording(1'000, true);
+    std::binary_semaphore running(0);  // the caller knows of it, too
     onBlock = [&](int block) {
         if (block == 2) {
+            running.acquire();
             EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
             EXPECT_EQ(thread.SaveFiles(List({Setting("other.wav", 1.0)}), recording.data),
                       VrErrorFailed);
         }
     };
 
-    Save(List({Setting("take.wav", 1.0)}));
+    ASSERT_EQ(thread.SaveFiles(List({Setting("take.wav", 1.0)}), recording.data), VrSuccess);
+    running.release();
+    thread.WaitFinished();
 
     EXPECT_FALSE(Exists("take.wav"));
     EXPECT_FALSE(Exists("other.wav"));
