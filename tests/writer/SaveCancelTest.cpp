@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <semaphore>
-
 #include <filesystem>
+#include <semaphore>
 
 #include "support/FileBytes.h"
 #include "writer/SaveThreadRig.h"
