@@ -359,6 +359,7 @@ int RecordSession::Finish() {
     }
     keyboard->Suspend();
     if (abandonedBy != 0) {
+        reporter.DropHook();  // who abandons waits for nothing
         Signals::EndWith(kSignalExit + abandonedBy);
         return kSignalExit + abandonedBy;
     }

@@ -212,9 +212,10 @@ VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
         LetGo(AudioDevice(stillHeld));  // it would be refused to us as to everybody else
     }
     const SInt32 self = ::getpid();
+    const AudioDevice before(stillHeld);  // has been refused again
     stillHeld = candidate;  // a call that ends in an exception may have had its effect
     const VrError taken = ConvertErrorCode(candidate.SetProperty(kHogMode, self));
-    stillHeld = AudioDevice();
+    stillHeld = before;
     if (taken != VrSuccess) {
         return taken;
     }

@@ -50,17 +50,22 @@ VrError VorrelManager::Init(std::shared_ptr<IVorrelDelegate> newDelegate) {
     if (State() != ManagerState::Uninitialized) {
         return VrErrorAlreadyInitialized;
     }
-    delegate = std::move(newDelegate);
-    for (std::size_t index = 0; index < operationTasks.size(); ++index) {
-        operationTasks[index] = std::make_unique<RealtimeTask>([receiver = delegate, index] {
+    // All, or nothing of it: memory may run out between two.
+    decltype(operationTasks) operations;
+    for (std::size_t index = 0; index < operations.size(); ++index) {
+        operations[index] = std::make_unique<RealtimeTask>([receiver = newDelegate, index] {
             receiver->Vorrel_NotifyOperationProc(static_cast<VrRecOperation>(index));
         });
     }
-    for (std::size_t index = 0; index < messageTasks.size(); ++index) {
-        messageTasks[index] = std::make_unique<RealtimeTask>([receiver = delegate, index] {
+    decltype(messageTasks) messages;
+    for (std::size_t index = 0; index < messages.size(); ++index) {
+        messages[index] = std::make_unique<RealtimeTask>([receiver = newDelegate, index] {
             receiver->Vorrel_NotifyErrorMessageProc(static_cast<VrMessageKind>(index), "");
         });
     }
+    operationTasks = std::move(operations);
+    messageTasks = std::move(messages);
+    delegate = std::move(newDelegate);
     state = ManagerState::Initialized;
     return VrSuccess;
 }

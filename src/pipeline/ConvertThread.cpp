@@ -56,6 +56,7 @@ VrError ConvertThread::Start(RecordData* record, PreviewData* preview) {
                   ? Run()
                   : Run(channels, StoredBytes(kChunkFrames * SamplesPerFrame(*sampleType)));
     } catch (const std::bad_alloc&) {
+        run = Run();
         return VrErrorFailed;
     }
     return Create(PriorityHigh) ? VrSuccess : VrErrorFailed;
@@ -74,6 +75,7 @@ void ConvertThread::Stop() {
     stop.store(true, std::memory_order_release);
     SetEvent();
     Join();
+    run = Run();
 }
 
 void ConvertThread::ThreadImpl() {

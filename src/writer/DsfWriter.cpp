@@ -189,6 +189,7 @@ VrError SaveDsfFile(const VrSaveSettingInternal* setting, SaveRun& run) {
         run.SkipFile(setting->path, frames);
         return run.CancelRequested() ? VrErrorCanceled : VrSuccess;
     }
+    run.fileIsOpen = true;
     VrError result = VrErrorFailed;
     if (file.Write(BuildDsfHeader(format, sizes))) {
         BlockWriter blocks(run, format, startFrame, endFrame);

@@ -40,6 +40,8 @@ struct SaveRun {
     bool (*volumeTakes)(const std::string& path,
                         std::uint64_t bytes) = &CheckFileSystemFileSizeLimit;
 
+    bool fileIsOpen = false;  ///< The current DSF file has been opened: from there on it is ours.
+
     /// False once another recording has begun, or this one has been discarded: what is read is not
     /// of the take that was to be saved, and may be of another form.
     bool RecordingHolds() const;

@@ -36,8 +36,9 @@ VrError SaveFile(const VrSaveSettingInternal& file, bool isDsd, SaveRun& run) {
     try {
         return isDsd ? SaveDsfFile(&file, run) : SaveWavFile(&file, run);
     } catch (...) {  // out of memory: a failed file like any other
-        // In a DSF file a pending cancel goes before every other result.
-        return isDsd && run.CancelRequested() ? VrErrorCanceled : VrErrorFailed;
+        // In a DSF file that is open a pending cancel goes before every other result. Before that,
+        // a file of its name may be somebody else's, and a cancel might delete it.
+        return isDsd && run.fileIsOpen && run.CancelRequested() ? VrErrorCanceled : VrErrorFailed;
     }
 }
 

@@ -48,17 +48,20 @@ protected:
     }
 };
 
-TEST_F(SaveThreadDsdTest, RunningOutOfMemoryUnderACancelIsACancel) {
+TEST_F(SaveThreadDsdTest, ACancelDeletesNothingThatWasNotOpenedWhenMemoryRanOut) {
     MakeDsdRecording(1, 4);
     std::filesystem::create_directory(directory.File("taken.dsf"));  // cannot be opened: skipped
-    manager.onMessage = [&](int, const char*) {
-        EXPECT_EQ(thread.SaveCancel(false), VrSuccess);
-        throw std::bad_alloc();
+    manager.onMessage = [&](int kind, const char*) {
+        if (kind == VrMessageFileSkipped) {
+            EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
+            throw std::bad_alloc();
+        }
     };
 
     Save(List({Titled("taken.dsf", 2.0)}));
 
-    EXPECT_EQ(manager.Log(), (Log{"message 4", kFinished}));  // and no word of a failed save
+    EXPECT_EQ(manager.Log(), (Log{"message 4", kFinished, "message 3"}));
+    EXPECT_TRUE(Exists("taken.dsf"));
 }
 
 TEST_F(SaveThreadDsdTest, RunningOutOfMemoryWithoutACancelIsAFailedSave) {

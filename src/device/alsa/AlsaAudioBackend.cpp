@@ -78,8 +78,10 @@ std::vector<std::shared_ptr<AlsaDevice>> AlsaAudioBackend::Exchange(
             gone.push_back(device);
         }
     }
+    // All that may fail comes before the change: a device in no list would not be told that it is
+    // gone.
+    next.insert(next.end(), gone.begin(), gone.end());
     devices = std::move(next);
-    devices.insert(devices.end(), gone.begin(), gone.end());
     return gone;
 }
 

@@ -148,7 +148,10 @@ std::optional<OSStatus> AlsaCapture::Begin(AudioDeviceIOProcID id, const Capture
         }
         run = next;
         threadWake.NotifyAll();
-        while (!next->startStatus.has_value()) {
+        // A start that failed is told when the card has been given back, so that whoever hears of
+        // it can set the card up anew at once.
+        while (!next->startStatus.has_value() ||
+               (*next->startStatus != kAudioHardwareNoError && run == next)) {
             runChanged.Wait(mutex);
         }
         return next->startStatus;
@@ -433,6 +436,7 @@ VORREL_REALTIME std::optional<AlsaCapture::Outcome> AlsaCapture::Recover(Run& cu
     if (error == -ESTRPIPE) {
         CountGap(current);
         if (++current.restarts <= kMostRestarts && Resume(current)) {
+            current.lastBuffer = Clock::now();  // what it took was no silence
             return std::nullopt;
         }
     }

@@ -32,6 +32,18 @@ int SetRoundRobin() {
     sched_param parameters{};
     parameters.sched_priority = kRoundRobinPriority;
     // Reset-on-fork: what this thread starts has not asked for it.
+    if (::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0) {
+        return 0;
+    }
+    const int refused = errno;
+    // What the limits allow goes before RealtimeKit, which would put a limit of time on the workers
+    // that these limits have made real-time.
+    rlimit allowed{};
+    if (refused != EPERM || ::getrlimit(RLIMIT_RTPRIO, &allowed) != 0 || allowed.rlim_cur < 1 ||
+        allowed.rlim_cur >= static_cast<rlim_t>(kRoundRobinPriority)) {
+        return refused;
+    }
+    parameters.sched_priority = static_cast<int>(allowed.rlim_cur);
     return ::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0 ? 0 : errno;
 }
 

@@ -135,7 +135,7 @@ DeviceReservation::Outcome DeviceReservation::Acquire() {
     lost = false;
     try {
         thread = std::thread([this] { Serve(); });
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {
         // Nobody would answer for it.
         Trace(__FILE__, __LINE__, "no thread for the reservation: %s", error.what());
         End();

@@ -119,6 +119,7 @@ void AudioRegistry::AddEntries(const RegistryDevice& device) {
             {RegistryRole::Engine, RegistryRole::StreamingInterface},
             {{"IOAudioStreamDirection", kInputDirection}, {"IOAudioStreamID", std::int64_t{0}}});
     }
+    entries.reserve(entries.size() + added.size());  // all of them, or none
     for (ObjectPointer& entry : added) {
         entry->id = ++lastId;
         entries.push_back(std::move(entry));
