@@ -493,6 +493,26 @@ TEST_F(FaultsTest, ATemporaryPlaceThatTakesNothingIsAUsageErrorHoweverItIsNamed)
     EXPECT_EQ(Process(configured).Wait(), 1);
 }
 
+TEST_F(FaultsTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
+    const std::string pipe = places.File("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    Process program(Record("stop=hang", {places.File("a.wav"), "--hook",
+                                         "exec 2> /dev/null > /dev/null; read line < " + pipe}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+
+    program.Send(SIGINT);
+    ASSERT_TRUE(program.AwaitError("a second signal abandons"));
+    program.Send(SIGTERM);
+    ASSERT_TRUE(program.AwaitError("a further signal ends at once"));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGTERM);
+    EXPECT_TRUE(places.TempIsEmpty());
+    const int end = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);  // lets the hook go
+    ASSERT_EQ(::write(end, "x\n", 2), 2);
+    ::close(end);
+}
+
 TEST_F(FaultsTest, APictureThatCannotBeDrawnTakesNoFileWithIt) {
     Process unread(Record("preview=fail", {places.File("a.wav"), "--duration", "0.5", "--waveform",
                                            places.File("a.png")}));

@@ -263,25 +263,6 @@ TEST_F(RecordTracksTest, ATerminalThatClosesSavesHoweverOftenItSaysSo) {
     EXPECT_GT(ReadWav(places.File("a.wav")).Frames(), 0U);
 }
 
-TEST_F(RecordTracksTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
-    const std::string pipe = places.File("pipe");
-    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-    Process program(Record({places.File("a.wav"), kCounter, "--hook",
-                            "exec 2> /dev/null > /dev/null; read line < " + pipe}));
-    ASSERT_TRUE(AwaitPosition(program, 0.5));
-
-    program.Send(SIGINT);
-    program.Send(SIGTERM);
-    ASSERT_TRUE(program.AwaitError("abandoned"));
-    program.Send(SIGTERM);
-
-    EXPECT_EQ(program.Wait(), 128 + SIGTERM);
-    EXPECT_TRUE(places.TempIsEmpty());
-    const int end = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);  // lets the hook go
-    ASSERT_EQ(::write(end, "x\n", 2), 2);
-    ::close(end);
-}
-
 TEST_F(RecordTracksTest, EveryJsonOutputEndsWithTheExitCode) {
     for (const char* command : {"devices", "info", "salvage"}) {
         Process::Setup setup;
