@@ -9,7 +9,7 @@ set -eu
 packages="
 cmake ninja-build g++ clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev pkg-config
 libgtest-dev libgmock-dev libbenchmark-dev
-libcli11-dev nlohmann-json3-dev libsndfile1-dev libcairo2-dev libssl-dev
+libcli11-dev nlohmann-json3-dev libsndfile1-dev libcairo2-dev libfontconfig-dev libssl-dev
 libasound2-dev libudev-dev libusb-1.0-0-dev umockdev libumockdev-dev dbus-daemon
 ffmpeg sox libsox-fmt-all mediainfo wavpack mandoc python3 python3-mutagen sndfile-programs
 "

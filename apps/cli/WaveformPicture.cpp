@@ -2,6 +2,7 @@
 
 #include <cairo-svg.h>
 #include <cairo.h>
+#include <fontconfig/fontconfig.h>
 
 #include <algorithm>
 #include <array>
@@ -32,6 +33,17 @@ constexpr Colour kAverage{0.13, 0.29, 0.48};
 constexpr Colour kClipped{0.85, 0.15, 0.15};
 constexpr Colour kMark{0.85, 0.45, 0.10};
 constexpr Colour kText{0.20, 0.22, 0.25};
+
+/// Gives back what cairo keeps of fonts for a next picture, which there is not. Released last.
+struct FontRelease {
+    FontRelease() = default;
+    ~FontRelease() {
+        ::cairo_debug_reset_static_data();
+        ::FcFini();
+    }
+    FontRelease(const FontRelease&) = delete;
+    FontRelease& operator=(const FontRelease&) = delete;
+};
 
 struct SurfaceRelease {
     void operator()(cairo_surface_t* surface) const { ::cairo_surface_destroy(surface); }
@@ -142,6 +154,7 @@ double TimeStep(double seconds, std::size_t most) {
 
 void DrawWaveform(const PeakSummary& peaks, const PictureTexts& texts, const std::string& path,
                   PictureKind kind) {
+    const FontRelease fonts;
     const auto channels = static_cast<double>(std::max<std::size_t>(peaks.Channels(), 1));
     const double strip = std::clamp(kStripsHeight / channels, kLowestStrip, kTallestStrip);
     const double top = kMargin + kTitleHeight;
