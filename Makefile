@@ -42,9 +42,9 @@ deb:
 
 sanitize: build/asan/CMakeCache.txt build/tsan/CMakeCache.txt
 	cmake --build --preset asan -j $(JOBS)
-	ctest --preset asan -j $(JOBS) -LE 'interop|stress'
+	ctest --preset asan -j $(JOBS) -LE 'interop|stress|faults'
 	cmake --build --preset tsan -j $(JOBS)
-	ctest --preset tsan -j $(JOBS) -LE 'interop|stress'
+	ctest --preset tsan -j $(JOBS) -LE 'interop|stress|faults'
 
 # Ten minutes of each load: capture through the test card beside two programs that take the processors, eight
 # channels in real time beside a writer, a host that calls anything; a day's take, and ten thousand starts.
