@@ -30,11 +30,6 @@ void SayIfSimulated(const Options& options, Reporter& reporter) {
     }
 }
 
-int Done(Reporter& reporter) {
-    const bool written = reporter.Finish(static_cast<int>(ExitCode::Done));
-    return static_cast<int>(written ? ExitCode::Done : ExitCode::Storage);
-}
-
 int RunDevices(const Options& options, Reporter& reporter) {
     const std::shared_ptr<Notifications> notifications = OpenEngine(options.common);
     const std::vector<std::string> names = ListDevices();
@@ -51,7 +46,7 @@ int RunDevices(const Options& options, Reporter& reporter) {
         }
     }
     reporter.RequireWritten();
-    return Done(reporter);
+    return reporter.FinishDone();
 }
 
 int RunInfo(const Options& options, Reporter& reporter) {
@@ -74,7 +69,7 @@ int RunInfo(const Options& options, Reporter& reporter) {
         reporter.Answer("DSD rates: " + RatesText(info->DSD_supported_freq));
     }
     reporter.RequireWritten();
-    return Done(reporter);
+    return reporter.FinishDone();
 }
 
 }  // namespace

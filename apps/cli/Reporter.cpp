@@ -230,4 +230,9 @@ bool Reporter::Finish(int exitCode) {
     return written;
 }
 
+int Reporter::FinishDone() {
+    const bool written = Finish(static_cast<int>(ExitCode::Done));
+    return static_cast<int>(written ? ExitCode::Done : ExitCode::Storage);
+}
+
 }  // namespace vorrel::cli

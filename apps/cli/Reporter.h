@@ -74,6 +74,8 @@ public:
     /// @return false when stdout has refused an object; a reader that has gone, or
     ///         was never there, refuses nothing.
     bool Finish(int exitCode);
+    /// `Finish` of a command that has done its work. @return The exit code.
+    int FinishDone();
     /// Before the process stops or ends without this object's end.
     void ClearScreen();
 

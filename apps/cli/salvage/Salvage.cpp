@@ -25,11 +25,6 @@
 namespace vorrel::cli {
 namespace {
 
-int Done(Reporter& reporter) {
-    const bool written = reporter.Finish(static_cast<int>(ExitCode::Done));
-    return static_cast<int>(written ? ExitCode::Done : ExitCode::Storage);
-}
-
 std::string MomentText(std::time_t moment) {
     std::tm local{};
     ::localtime_r(&moment, &local);
@@ -66,7 +61,7 @@ int List(const std::string& base, bool json, Reporter& reporter) {
         }
     }
     reporter.RequireWritten();
-    return Done(reporter);
+    return reporter.FinishDone();
 }
 
 /// Whether a take is there, and in use: one that still runs, or is salvaged at this moment.
@@ -267,7 +262,7 @@ int RunSalvage(const Options& options, Reporter& reporter) {
     } else {
         reporter.Info("the take stays in " + take.directory + "; --remove deletes it");
     }
-    return Done(reporter);
+    return reporter.FinishDone();
 }
 
 }  // namespace vorrel::cli
