@@ -40,6 +40,7 @@ function(vorrel_add_tests)
     add_executable(${arg_NAME} ${arg_SOURCES})
     target_include_directories(${arg_NAME} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
     target_link_libraries(${arg_NAME} PRIVATE ${arg_LIBRARIES} vorrel_build_options GTest::gmock GTest::gtest_main)
-    gtest_discover_tests(${arg_NAME} DISCOVERY_TIMEOUT 60
+    # Without the bytes of a parameter, which differ from run to run and drown what a log has to say.
+    gtest_discover_tests(${arg_NAME} DISCOVERY_TIMEOUT 60 NO_PRETTY_VALUES
         PROPERTIES LABELS ${arg_LABEL} TIMEOUT ${arg_TIMEOUT})
 endfunction()
