@@ -1,0 +1,219 @@
+// How a recording ends by signals, closed streams and outputs that nobody reads.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FaultsRig.h"
+#include "WavReader.h"
+
+namespace vorrel::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class EndingTest : public FaultsTest {};
+
+TEST_F(EndingTest, ClosedStandardStreamsChangeNothing) {
+    Process program(
+        After("exec <&- >&- 2>&-", Record("", {places.File("a.wav"), "--duration", "20"})));
+
+    EXPECT_EQ(program.Wait(), 0);
+
+    EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 960'000U);
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+}
+
+TEST_F(EndingTest, AnOutputThatNobodyReadsHoldsNothingUp) {
+    const FullPipe pipe(places.File("pipe"));
+    for (const char* streams : {"exec >", "exec 2>", "exec >&2 2>"}) {
+        Process program(After(streams + places.File("pipe"),
+                              Record("", {places.File("a.wav"), "--force", "--duration", "1"})));
+
+        EXPECT_EQ(program.Wait(), 0) << streams;
+
+        EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 48'000U) << streams;
+    }
+}
+
+TEST_F(EndingTest, SignalsAreHeardWhileNobodyReads) {
+    const FullPipe pipe(places.File("pipe"));
+    Process program(After("exec 2>" + places.File("pipe"), Record("", {places.File("a.wav")})));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 0);
+    EXPECT_GT(ReadWav(places.File("a.wav")).Frames(), 0U);
+}
+
+TEST_F(EndingTest, ASignalAfterTheLastFileLeavesTheExitCodeAsItWasTold) {
+    const FullPipe pipe(places.File("pipe"));
+    // The full pipe holds the program up for a moment at its very end.
+    Process program(After("exec >" + places.File("pipe"),
+                          Record("", {places.File("a.wav"), "--duration", "0.5"})));
+    ASSERT_TRUE(program.AwaitError("saved "));
+    while (!places.TempIsEmpty()) {
+        std::this_thread::yield();
+    }
+
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0);
+}
+
+TEST_F(EndingTest, AJsonOutputThatCannotBeWrittenIsAStorageErrorAndTheRecordingIsSaved) {
+    Process program(
+        After("exec >/dev/full", Record("", {places.File("a.wav"), "--duration", "0.5"})));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(program.Error(), HasSubstr("warning: the JSON output could not be written"));
+    EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 24'000U);
+}
+
+TEST_F(EndingTest, AnAnswerThatCannotBeWrittenIsAStorageError) {
+    for (const std::vector<std::string>& asked : std::vector<std::vector<std::string>>{
+             {"devices"}, {"info"}, {"devices", "--json"}, {"--help"}, {"--version"}}) {
+        for (const char* out : {"exec >/dev/full", "exec >&-"}) {
+            Process::Setup setup;
+            setup.arguments = {VORREL_CLI_FAKE};
+            setup.arguments.insert(setup.arguments.end(), asked.begin(), asked.end());
+            Process program(After(out, setup));
+
+            EXPECT_EQ(program.Wait(), 3) << asked[0] << ' ' << out;
+
+            EXPECT_THAT(program.Error(), HasSubstr("output could not be written"));
+        }
+    }
+}
+
+TEST_F(EndingTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
+    const std::string pipe = places.File("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    Process program(Record("stop=hang", {places.File("a.wav"), "--hook",
+                                         "exec 2> /dev/null > /dev/null; read line < " + pipe}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+
+    program.Send(SIGINT);
+    ASSERT_TRUE(program.AwaitError("a second signal abandons"));
+    program.Send(SIGTERM);
+    ASSERT_TRUE(program.AwaitError("a further signal ends at once"));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGTERM);
+    EXPECT_TRUE(places.TempIsEmpty());
+    const int end = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);  // lets the hook go
+    ASSERT_EQ(::write(end, "x\n", 2), 2);
+    ::close(end);
+}
+
+TEST_F(EndingTest, TheFirstSignalSaves) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        const std::string name = "a" + std::to_string(signal) + ".wav";
+        Process program(Record("", {places.File(name)}));
+        ASSERT_TRUE(program.AwaitOut("\"position\""));
+
+        program.Send(signal);
+
+        EXPECT_EQ(program.Wait(), 0);
+        EXPECT_GT(ReadWav(places.File(name)).Frames(), 0U);
+    }
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(EndingTest, TheSecondSignalAbandonsARunningSave) {
+    Process program(Record("save=hang:", {places.File("a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    program.Send(SIGINT);
+    ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGINT);
+    EXPECT_THAT(places.Files(), IsEmpty());
+    EXPECT_TRUE(std::filesystem::exists(places.FilesPath()));
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(EndingTest, AnAbandonedSaveLeavesTheDirectoryAndWhatElseIsInIt) {
+    for (const char* other : {"", "other.txt"}) {
+        const TempDirectory directory;
+        if (*other != '\0') {
+            std::ofstream(directory.File(other)) << "mine";
+        }
+        Process program(Record("save=hang:", {directory.File("a.wav")}));
+        ASSERT_TRUE(program.AwaitOut("\"position\""));
+        program.Send(SIGINT);
+        ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+
+        program.Send(SIGINT);
+
+        EXPECT_EQ(program.Wait(), 128 + SIGINT);
+        ASSERT_TRUE(std::filesystem::exists(directory.Path()));
+        EXPECT_EQ(std::filesystem::is_empty(directory.Path()), *other == '\0');
+    }
+}
+
+TEST_F(EndingTest, AThirdSignalStillEndsTheJsonOutput) {
+    Process program(Record("stop=hang", {places.File("a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    for (const char* answer : {"stopping and saving", "abandoned"}) {
+        program.Send(SIGINT);
+        ASSERT_TRUE(program.AwaitError(answer));
+    }
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGINT);
+    EXPECT_EQ(JsonLines(program.Out()).back(),
+              nlohmann::json({{"event", "finish"}, {"exit_code", 128 + SIGINT}}));
+}
+
+TEST_F(EndingTest, WhatWasSavedBeforeTheSecondSignalStays) {
+    Process program(Record("save=hang:b.wav", {places.File("a.wav"), "--duration", "0.5", "--range",
+                                               "0-0.5=" + places.File("b.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+    program.Send(SIGTERM);
+    ASSERT_TRUE(program.AwaitError("second signal"));
+
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGTERM);
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+}
+
+TEST_F(EndingTest, TheThirdSignalEndsAProgramWhoseRecorderDoesNotStop) {
+    Process program(Record("stop=hang", {places.File("a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    program.Send(SIGINT);
+    ASSERT_TRUE(program.AwaitOut("\"stopping\""));
+    program.Send(SIGINT);
+    ASSERT_TRUE(program.AwaitError("abandoned"));
+
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 128 + SIGTERM);
+    EXPECT_THAT(places.Files(), IsEmpty());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(EndingTest, TheQuitSignalSavesAsTheOthersDo) {
+    Process program(Record("", {places.File("a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+
+    program.Send(SIGQUIT);
+
+    EXPECT_EQ(program.Wait(), 0);
+    EXPECT_GT(ReadWav(places.File("a.wav")).Frames(), 0U);
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+}  // namespace
+}  // namespace vorrel::test

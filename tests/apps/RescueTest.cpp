@@ -1,0 +1,276 @@
+// What becomes of files that cannot be written where they belong.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "FaultsRig.h"
+#include "WavReader.h"
+#include "support/SmallVolume.h"
+
+namespace vorrel::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class RescueTest : public FaultsTest {};
+
+TEST_F(RescueTest, AFailedSaveLeavesNothingHalfWrittenAndTheOtherFilesAreSaved) {
+    Process program(Record("save=fail:b.wav", {places.File("a.wav"), "--duration", "1", "--range",
+                                               "0-0.5=" + places.File("b.wav"), "--range",
+                                               "0.5-1=" + places.File("c.wav")}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(program.Error(), HasSubstr(places.File("b.wav") + " could not be saved"));
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav", "c.wav"));
+    EXPECT_EQ(FirstGap(ReadWav(places.File("c.wav")), 24'000), 24'000U);
+}
+
+TEST_F(RescueTest, AFileThatCannotBeSavedIsRescuedToTheTemporaryPlace) {
+    Process program(Record("save=fail:b.wav", {places.File("a.wav"), "--duration", "1", "--range",
+                                               "0.25-0.5=" + places.File("b.wav")}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(places.Rescued(), ElementsAre("b-rescued.wav"));
+    const std::string rescued = places.TempFile("b-rescued.wav");
+    EXPECT_EQ(ReadWav(rescued).Frames(), 12'000U);
+    EXPECT_EQ(FirstGap(ReadWav(rescued), 12'000), 12'000U);
+    EXPECT_THAT(program.Error(), HasSubstr("is in " + rescued));
+    const nlohmann::json event = Events(program.Out(), "rescued").at(0);
+    EXPECT_EQ(event.at("wanted"), places.File("b.wav"));
+    EXPECT_EQ(event.at("file"), rescued);
+    EXPECT_EQ(Events(program.Out(), "saved").at(1).at("file"), rescued);
+}
+
+TEST_F(RescueTest, ARescuedFileReplacesNothingEvenWithForce) {
+    std::ofstream(places.TempFile("a-rescued.wav")) << "theirs";
+    Process program(
+        Record("save=fail:a.wav", {places.File("a.wav"), "--duration", "0.5", "--force"}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_EQ(ReadBytes(places.TempFile("a-rescued.wav")), ToBytes("theirs"));
+    EXPECT_EQ(ReadWav(places.TempFile("a-rescued-2.wav")).Frames(), 24'000U);
+}
+
+TEST_F(RescueTest, ASkippedFileIsRescuedToo) {
+    Process program(Record("save=skip:b.wav", {places.File("a.wav"), "--duration", "1", "--range",
+                                               "0-0.5=" + places.File("b.wav")}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_THAT(places.Rescued(), ElementsAre("b-rescued.wav"));
+}
+
+TEST_F(RescueTest, WhenThePlaceOfTheRescueFailsTooTheNextIsTaken) {
+    const SmallVolume volume(4 << 20);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(After("cd " + volume.File(""),
+                          Record("save=fail:" + places.FilesPath() + "+" + places.TempPath(),
+                                 {places.File("a.wav"), "--duration", "1"})));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_TRUE(places.TempIsEmpty());
+    EXPECT_EQ(ReadWav(volume.File("a-rescued.wav")).Frames(), 48'000U);
+    EXPECT_EQ(Events(program.Out(), "rescued").at(0).at("wanted"), places.File("a.wav"));
+}
+
+TEST_F(RescueTest, WhenNothingTakesTheRecordingWhatTheEngineHasStoredStays) {
+    Process program(Record("save=fail:", {places.File("a.wav"), "--duration", "0.5"}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(places.Files(), IsEmpty());
+    const std::string kept = Events(program.Out(), "kept").at(0).at("directory");
+    EXPECT_EQ(ReadBytes(kept + "/tmpSTORE1"), ToBytes("samples"));
+    EXPECT_THAT(program.Error(), HasSubstr(kept));
+    EXPECT_EQ(JsonLines(program.Out()).back().at("exit_code"), 3);
+}
+
+TEST_F(RescueTest, ATargetThatBecomesReadOnlyIsSaidAndTheRecordingIsRescued) {
+    const SmallVolume volume(16 << 20);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record("", {volume.File("a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(volume.MakeReadOnly());
+
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 3);
+    EXPECT_THAT(program.Error(), HasSubstr("could not be saved: Read-only file system"));
+    EXPECT_GT(ReadWav(places.TempFile("a-rescued.wav")).Frames(), 0U);
+}
+
+TEST_F(RescueTest, ATargetThatIsFilledMeanwhileIsSaidAndTheRecordingIsRescued) {
+    const SmallVolume volume(4 << 20);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record("", {volume.File("a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    std::ofstream(volume.File("other")) << std::string(5 << 20, 'x');
+
+    // Seen by the program itself, which stops.
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(program.Error(), HasSubstr("the disk is full"));
+    EXPECT_THAT(program.Error(), HasSubstr("could not be saved: No space left on device"));
+    EXPECT_GT(ReadWav(places.TempFile("a-rescued.wav")).Frames(), 0U);
+}
+
+TEST_F(RescueTest, ATargetDirectoryThatGoesIsSaidAndTheRecordingIsRescued) {
+    std::filesystem::create_directory(places.File("d"));
+    Process program(Record("", {places.File("d/a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    std::filesystem::remove(places.File("d"));
+    std::ofstream(places.File("d")) << "a file";
+
+    program.Send(SIGINT);
+
+    EXPECT_EQ(program.Wait(), 3);
+    EXPECT_THAT(program.Error(), HasSubstr("could not be saved: Not a directory"));
+    EXPECT_GT(ReadWav(places.TempFile("a-rescued.wav")).Frames(), 0U);
+}
+
+TEST_F(RescueTest, AnOldFileThatLeavesNoRoomForItsSuccessorStaysAndTheRecordingIsRescued) {
+    const SmallVolume volume(4 << 20);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record("", {volume.File("a.wav"), "--force"}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    std::ofstream(volume.File("a.wav")) << std::string(4 << 20, 'x');
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_EQ(std::filesystem::file_size(volume.File("a.wav")), 4U << 20);
+    EXPECT_GT(ReadWav(places.TempFile("a-rescued.wav")).Frames(), 0U);
+}
+
+TEST_F(RescueTest, ALimitOfFileSizeSavesInPartsAndDoesNotEndTheProgram) {
+    // 1 MiB, in blocks of 512 bytes; the recording has 2.7 MiB.
+    Process program(
+        After("ulimit -f 2048", Record("", {places.File("a.wav"), "--duration", "10"})));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(program.Error(), HasSubstr("could not be saved: File too large"));
+    EXPECT_THAT(places.Files(), ElementsAre("a-rescued-2.wav", "a-rescued-3.wav", "a-rescued.wav"));
+    std::uint64_t next = 0;
+    for (const char* name : {"a-rescued.wav", "a-rescued-2.wav", "a-rescued-3.wav"}) {
+        const Wav part = ReadWav(places.File(name));
+        EXPECT_EQ(FirstGap(part, next), part.Frames()) << name;
+        next += part.Frames();
+    }
+    EXPECT_EQ(next, 480'000U);
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RescueTest, EveryVolumeThatAFileGoesToIsLookedAt) {
+    const SmallVolume volume(128 << 10);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record("", {places.File("a.wav"), "--range", "0-=" + volume.File("b.wav")}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(program.Error(), HasSubstr("no space left for a recording in " + volume.File("")));
+    EXPECT_THAT(places.Files(), IsEmpty());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RescueTest, AFileThatFailsOnOneVolumeCostsTheOtherNothing) {
+    const SmallVolume volume(4 << 20);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record(
+        "save=fail:" + volume.File(""),
+        {places.File("a.wav"), "--duration", "1", "--range", "0-0.5=" + volume.File("b.wav")}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 48'000U);
+    EXPECT_THAT(places.Rescued(), ElementsAre("b-rescued.wav"));
+}
+
+TEST_F(RescueTest, APictureThatCannotBeDrawnTakesNoFileWithIt) {
+    Process unread(Record("preview=fail", {places.File("a.wav"), "--duration", "0.5", "--waveform",
+                                           places.File("a.png")}));
+    EXPECT_EQ(unread.Wait(), 3);
+
+    EXPECT_THAT(unread.Error(), HasSubstr("a.png"));
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RescueTest, ARangeBehindTheEndIsSkippedAndOneAcrossItIsCut) {
+    Process program(Record("lose=1", {"--range", "0.5-60=" + places.File("a.wav"), "--range",
+                                      "60-61=" + places.File("b.wav")}));
+
+    EXPECT_EQ(program.Wait(), 2);
+
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_THAT(program.Error(), HasSubstr("shorter than wanted"));
+    EXPECT_THAT(program.Error(), HasSubstr("skipped " + places.File("b.wav")));
+    EXPECT_EQ(CounterStart(ReadWav(places.File("a.wav"))), 24'000U);
+}
+
+TEST_F(RescueTest, ATargetThatComesMeanwhileIsNotReplaced) {
+    Process program(Record("appear=1", {places.File("a.wav"), "--duration", "0.5"}));
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(places.Files(), ElementsAre("a-2.wav", "a.wav"));
+    EXPECT_EQ(std::filesystem::file_size(places.File("a.wav")), 0U);
+    EXPECT_EQ(ReadWav(places.File("a-2.wav")).Frames(), 24'000U);
+}
+
+TEST_F(RescueTest, ARangeBeyondFourGibibytesIsToldBeforeTheRecording) {
+    // At 48 kHz, stereo and 24 bits a file ends at 4 h 08 min.
+    Process program(Record("lose=0.5", {"--range", "0-5:00:00=" + places.File("a.wav")}));
+
+    EXPECT_EQ(program.Wait(), 2);
+
+    EXPECT_THAT(Events(program.Out(), "warning").at(0).at("message").get<std::string>(),
+                HasSubstr("4:08:33.0"));
+    EXPECT_LT(program.Out().find("4 GiB"), program.Out().find("\"starting\""));
+}
+
+TEST_F(RescueTest, ASaveThatFailsForItsGainOrTagsIsMadeWithoutThem) {
+    for (const std::vector<std::string>& wish :
+         std::vector<std::vector<std::string>>{{"--gain", "-3"}, {"--title", "T"}}) {
+        CliPlaces own;
+        Process::Setup setup =
+            own.Record(VORREL_CLI_FAKE, {own.File("a.wav"), "--duration", "0.5", "--simulate"});
+        setup.arguments.insert(setup.arguments.end(), wish.begin(), wish.end());
+        setup.environment["FAKE_ENGINE"] = "save=worked:";
+        setup.environment["HOME"] = "";
+        Process program(setup);
+
+        EXPECT_EQ(program.Wait(), 3);
+
+        EXPECT_THAT(program.Error(), HasSubstr("tried again without gain and tags"));
+        EXPECT_THAT(own.Files(), ElementsAre("a-rescued.wav"));
+        EXPECT_EQ(ReadWav(own.File("a-rescued.wav")).Frames(), 24'000U);
+        EXPECT_TRUE(own.TempIsEmpty());
+    }
+}
+
+}  // namespace
+}  // namespace vorrel::test
