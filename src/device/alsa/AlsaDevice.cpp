@@ -20,13 +20,6 @@ constexpr pid_t kNoOwner = -1;
 
 }  // namespace
 
-/// A card that is open, for hog mode, a run or both. It closes before its reservation is given
-/// back.
-struct AlsaDevice::OpenCard {
-    std::shared_ptr<void> reserved;  // set while the device's operation is held
-    std::unique_ptr<AlsaPcm> pcm;
-};
-
 AlsaDevice::AlsaDevice(SoundCard soundCard, std::shared_ptr<ObjectIds> objectIds,
                        std::shared_ptr<PropertyListeners> propertyListeners,
                        const std::string& procDirectory)
@@ -38,7 +31,7 @@ AlsaDevice::AlsaDevice(SoundCard soundCard, std::shared_ptr<ObjectIds> objectIds
       capture(std::make_shared<AlsaCapture>(
           listeners,
           [this](AlsaCapture::Ending ending) { GoAway(ending == AlsaCapture::Ending::Failed); })),
-      reservation(std::make_shared<DeviceReservation>(card.number)) {}
+      access(card, procDirectory) {}
 
 AlsaDevice::~AlsaDevice() {
     capture->Close();
@@ -216,24 +209,14 @@ OSStatus AlsaDevice::WriteProperty(AudioObjectID object, const AudioObjectProper
 }
 
 OSStatus AlsaDevice::OpenPcm(std::shared_ptr<AlsaPcm>& pcm) {
-    pcm = held != nullptr ? held : latest.lock();
-    if (pcm != nullptr) {
-        return kAudioHardwareNoError;
-    }
     if (!card.captureDevice.has_value()) {
         return kAudioHardwareUnsupportedOperationError;
     }
-    std::unique_ptr<AlsaPcm> opened;
-    const int error = AlsaPcm::Open(card.number, *card.captureDevice, opened);
+    const int error = access.Open(pcm);
     if (error < 0) {
-        TraceRefusal(error);
+        access.TraceRefusal(error);
         return RefusalStatus(error);
     }
-    const auto opening = std::make_shared<OpenCard>();
-    opening->pcm = std::move(opened);
-    pcm = std::shared_ptr<AlsaPcm>(opening, opening->pcm.get());
-    latest = pcm;
-    openCard = opening;
     return kAudioHardwareNoError;
 }
 
@@ -248,45 +231,22 @@ OSStatus AlsaDevice::RefusalStatus(int error) {
     return kAudioHardwareBadDeviceError;
 }
 
-void AlsaDevice::TraceRefusal(int error) {
-    if (error == -EBUSY || error == -EAGAIN) {
-        const std::string holder =
-            HolderText(FindDeviceHolder(card.number, card.captureDevice.value_or(0), proc));
-        Trace(__FILE__, __LINE__, "card %d (%s) is in use by %s", card.number, card.name.c_str(),
-              holder.c_str());
-        return;
-    }
-    if (error == -EACCES || error == -EPERM) {
-        Trace(__FILE__, __LINE__, "card %d (%s): this user may not open its nodes in /dev/snd",
-              card.number, card.name.c_str());
-        return;
-    }
-    const std::string reason = std::generic_category().message(-error);
-    Trace(__FILE__, __LINE__, "card %d (%s) cannot be opened: %s", card.number, card.name.c_str(),
-          reason.c_str());
-}
-
 void AlsaDevice::LearnFormats() {
     const MutexLock working(operation);
     if (formatsKnown || !card.captureDevice.has_value() || !IsPlugged() || capture->IsRunning()) {
         return;
     }
-    std::shared_ptr<AlsaPcm> pcm = held != nullptr ? held : latest.lock();
-    if (pcm == nullptr) {
-        std::unique_ptr<AlsaPcm> opened;
-        const int error = AlsaPcm::Open(card.number, *card.captureDevice, opened);
-        if (error < 0) {
-            // Asked again at each look until the card answers; said once.
-            if (!refusalTraced) {
-                refusalTraced = true;
-                TraceRefusal(error);
-                Trace(__FILE__, __LINE__, "card %d: its formats are those that it describes",
-                      card.number);
-            }
-            OfferDescribedFormats();
-            return;
+    std::shared_ptr<AlsaPcm> pcm;
+    if (const int error = access.Open(pcm); error < 0) {
+        // Asked again at each look until the card answers; said once.
+        if (!refusalTraced) {
+            refusalTraced = true;
+            access.TraceRefusal(error);
+            Trace(__FILE__, __LINE__, "card %d: its formats are those that it describes",
+                  card.number);
         }
-        pcm = std::move(opened);
+        OfferDescribedFormats();
+        return;
     }
     TakeFormats(*pcm);
 }
@@ -355,51 +315,34 @@ OSStatus AlsaDevice::FrameRangeOf(AlsaPcm& pcm, const PcmFormat& wanted,
 
 OSStatus AlsaDevice::WriteHogMode(pid_t processId) {
     if (processId == kNoOwner) {
-        if (held == nullptr) {
+        if (!access.IsHeld()) {
             // Only its owner lets it go; a device that nobody holds stays free.
             const pid_t owner = HogOwner();
             return owner == kNoOwner || owner == ::getpid() ? kAudioHardwareNoError
                                                             : kAudioDevicePermissionsError;
         }
-        held.reset();  // a run that is under way keeps it open, and reserved, until its end
+        access.LetGo();  // a run that is under way keeps it open, and reserved, until its end
         const MutexLock lock(mutex);
         hogged = false;
         return kAudioHardwareNoError;
     }
     // Refused to the owner as well: two users in one process would not know of each other.
-    if (held != nullptr || processId != ::getpid()) {
+    if (access.IsHeld() || processId != ::getpid()) {
         return kAudioHardwareIllegalOperationError;
     }
     if (!card.captureDevice.has_value()) {
         return kAudioHardwareUnsupportedOperationError;
     }
     std::shared_ptr<void> reserved;
-    switch (reservation->Acquire()) {
-        case DeviceReservation::Outcome::Granted:
-            reserved = {nullptr, [kept = reservation](void*) { kept->Release(); }};
-            break;
-        case DeviceReservation::Outcome::Refused:
-            Trace(__FILE__, __LINE__, "card %d (%s): whoever has its reservation keeps it",
-                  card.number, card.name.c_str());
-            return kAudioDevicePermissionsError;
-        case DeviceReservation::Outcome::NoAnswer:
-            Trace(__FILE__, __LINE__,
-                  "card %d (%s): whoever has its reservation does not answer; it is opened all the "
-                  "same",
-                  card.number, card.name.c_str());
-            break;
-        case DeviceReservation::Outcome::NoBus:
-            break;
+    if (!access.Reserve(reserved)) {
+        return kAudioDevicePermissionsError;
     }
     std::shared_ptr<AlsaPcm> pcm;
     if (const OSStatus status = OpenPcm(pcm); status != kAudioHardwareNoError) {
         return status;
     }
-    if (const std::shared_ptr<OpenCard> opened = openCard.lock(); opened != nullptr) {
-        opened->reserved = std::move(reserved);
-    }
     TakeFormats(*pcm);
-    held = std::move(pcm);
+    access.Hold(std::move(pcm), std::move(reserved));
     const MutexLock lock(mutex);
     hogged = true;
     return kAudioHardwareNoError;

@@ -9,7 +9,7 @@
 
 #include "device/alsa/AlsaCapture.h"
 #include "device/alsa/AlsaPcm.h"
-#include "device/alsa/DeviceReservation.h"
+#include "device/alsa/CardAccess.h"
 #include "device/alsa/PcmFormat.h"
 #include "device/alsa/SoundCard.h"
 #include "device/backend/ObjectProperties.h"
@@ -91,10 +91,8 @@ private:
     void OfferDescribedFormats() VORREL_REQUIRES(operation);
     void SetOffered(std::vector<OfferedFormat> formats, const AlsaPcm::FrameRange& range,
                     bool byTheCard) VORREL_EXCLUDES(mutex);
-    /// The PCM: the one that is held, that of the run, or a new one for as long as the caller keeps
-    /// it. A refusal is traced with its reason.
+    /// CardAccess::Open; a refusal is traced with its reason.
     OSStatus OpenPcm(std::shared_ptr<AlsaPcm>& pcm) VORREL_REQUIRES(operation);
-    void TraceRefusal(int error);
     /// Sets the format in the card; a refusal is traced.
     OSStatus Configure(AlsaPcm& pcm, const PcmFormat& wanted, UInt32 frames)
         VORREL_REQUIRES(operation);
@@ -118,12 +116,8 @@ private:
     /// One at a time opens, sets up and starts the card; held across calls of libasound and of the
     /// message bus, never while waiting for an IO proc. The IO thread never takes it by itself.
     Mutex operation;
-    std::shared_ptr<AlsaPcm> held VORREL_GUARDED_BY(operation);  // in hog mode
-    std::weak_ptr<AlsaPcm> latest VORREL_GUARDED_BY(operation);  // held, or a run's
-    struct OpenCard;
-    std::weak_ptr<OpenCard> openCard VORREL_GUARDED_BY(operation);  // that `latest` is part of
-    const std::shared_ptr<DeviceReservation> reservation;           // a run's as well
-    bool formatsKnown VORREL_GUARDED_BY(operation) = false;         // by the card's own word
+    CardAccess access VORREL_GUARDED_BY(operation);
+    bool formatsKnown VORREL_GUARDED_BY(operation) = false;  // by the card's own word
     bool refusalTraced VORREL_GUARDED_BY(operation) = false;
 
     Mutex mutex;  // taken after `operation`; held for a look at the state only
