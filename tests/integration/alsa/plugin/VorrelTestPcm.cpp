@@ -3,6 +3,7 @@
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_external.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/timerfd.h>
@@ -241,7 +242,11 @@ int SetParameters(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
 }
 
 int FreeParameters(snd_pcm_ioplug_t* io) {
-    ++CardOf(io).state->frees;
+    TestCardState& state = *CardOf(io).state;
+    ++state.frees;
+    while (state.heldFrees != 0) {
+        ::sched_yield();
+    }
     return 0;
 }
 
