@@ -45,6 +45,7 @@ protected:
         EXPECT_FALSE(recorder.IsRunning());
     }
     void ExpectTheNextTakeRecords() {
+        ASSERT_EQ(manager.State(), ManagerState::Ready);
         Forget();
         StartRecording();
         Deliver(20);
@@ -85,7 +86,7 @@ TEST_F(RefusedStartTest, AWorkerWithoutAThreadFailsTheStartAndNoOtherIsLeft) {
         }
 
         ExpectRefused();
-        ExpectTheNextTakeRecords();
+        ASSERT_NO_FATAL_FAILURE(ExpectTheNextTakeRecords()) << worker;
     }
 }
 

@@ -3,7 +3,6 @@
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_external.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/timerfd.h>
@@ -245,7 +244,9 @@ int FreeParameters(snd_pcm_ioplug_t* io) {
     TestCardState& state = *CardOf(io).state;
     ++state.frees;
     while (state.heldFrees != 0) {
-        ::sched_yield();
+        // Who waits here may be real-time, and would keep the processor from everybody else.
+        constexpr timespec kMillisecond = {0, 1'000'000};
+        ::nanosleep(&kMillisecond, nullptr);
     }
     return 0;
 }
