@@ -20,6 +20,18 @@ constexpr double kMaxRateHz = 4e9;
 // One 16-bit word of the device carries this many one-bit samples.
 constexpr std::size_t kDsdWordBytes = 2;
 
+/// One task for each code from 0 on, which calls `notify` with it.
+template <class Tasks, class Notify>
+Tasks MakeReserve(const Notify& notify) {
+    Tasks tasks;
+    int code = 0;
+    for (std::unique_ptr<RealtimeTask>& task : tasks) {
+        task = std::make_unique<RealtimeTask>([notify, code] { notify(code); });
+        ++code;
+    }
+    return tasks;
+}
+
 template <std::size_t Count>
 RealtimeTask* ReserveOf(const std::array<std::unique_ptr<RealtimeTask>, Count>& tasks, int code) {
     const auto index = static_cast<std::size_t>(code);  // a negative one lies past the end
@@ -51,18 +63,12 @@ VrError VorrelManager::Init(std::shared_ptr<IVorrelDelegate> newDelegate) {
         return VrErrorAlreadyInitialized;
     }
     // All, or nothing of it: memory may run out between two.
-    decltype(operationTasks) operations;
-    for (std::size_t index = 0; index < operations.size(); ++index) {
-        operations[index] = std::make_unique<RealtimeTask>([receiver = newDelegate, index] {
-            receiver->Vorrel_NotifyOperationProc(static_cast<VrRecOperation>(index));
-        });
-    }
-    decltype(messageTasks) messages;
-    for (std::size_t index = 0; index < messages.size(); ++index) {
-        messages[index] = std::make_unique<RealtimeTask>([receiver = newDelegate, index] {
-            receiver->Vorrel_NotifyErrorMessageProc(static_cast<VrMessageKind>(index), "");
-        });
-    }
+    auto operations = MakeReserve<decltype(operationTasks)>([receiver = newDelegate](int code) {
+        receiver->Vorrel_NotifyOperationProc(static_cast<VrRecOperation>(code));
+    });
+    auto messages = MakeReserve<decltype(messageTasks)>([receiver = newDelegate](int code) {
+        receiver->Vorrel_NotifyErrorMessageProc(static_cast<VrMessageKind>(code), "");
+    });
     operationTasks = std::move(operations);
     messageTasks = std::move(messages);
     delegate = std::move(newDelegate);

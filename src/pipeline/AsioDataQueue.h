@@ -56,6 +56,8 @@ public:
     static constexpr std::size_t kMaxPooledBlocks = 4096;
 
 private:
+    friend struct AsioDataQueueParts;  // for tests
+
     /// A ring of blocks that allocates when it grows, never for a single push.
     class BlockRing {
     public:

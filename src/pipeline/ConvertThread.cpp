@@ -56,10 +56,13 @@ VrError ConvertThread::Start(RecordData* record, PreviewData* preview) {
                   ? Run()
                   : Run(channels, StoredBytes(kChunkFrames * SamplesPerFrame(*sampleType)));
     } catch (const std::bad_alloc&) {
+        return VrErrorFailed;
+    }
+    if (!Create(PriorityHigh)) {
         run = Run();
         return VrErrorFailed;
     }
-    return Create(PriorityHigh) ? VrSuccess : VrErrorFailed;
+    return VrSuccess;
 }
 
 void ConvertThread::AddDataNotify() {

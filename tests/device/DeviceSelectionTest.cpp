@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "device/CoreAudioManager.h"
@@ -368,6 +369,73 @@ TEST_F(DeviceSelectionTest, AReleasedDeviceCanBeSelectedAgainInPcmMode) {
     std::int64_t type = -1;
     EXPECT_EQ(manager.GetSampleType(type), VrSuccess);
     EXPECT_EQ(type, 0);
+}
+
+/// A device that is given to nobody while somebody has it, and whose releases may fail.
+class HeldDeviceTest : public DeviceSelectionTest {
+protected:
+    HeldDeviceTest() {
+        recorder.audio->onSet = [this](AudioObjectID, AudioObjectPropertySelector selector,
+                                       std::vector<std::byte>& bytes) -> OSStatus {
+            if (selector != kAudioDevicePropertyHogMode) {
+                return kAudioHardwareNoError;
+            }
+            SInt32 owner = 0;
+            std::memcpy(&owner, bytes.data(), sizeof owner);
+            if (owner != -1) {
+                return recorder.HogOwner() == -1 ? kAudioHardwareNoError
+                                                 : kAudioDevicePermissionsError;
+            }
+            if (releasesToFail == 0) {
+                return kAudioHardwareNoError;
+            }
+            --releasesToFail;
+            return kAudioHardwareUnspecifiedError;
+        };
+    }
+    int releasesToFail = 0;
+};
+
+TEST_F(HeldDeviceTest, ADeviceWhoseReleaseFailedIsReleasedByTheNextSelection) {
+    ASSERT_EQ(Select(), VrSuccess);
+    releasesToFail = 1;
+
+    EXPECT_EQ(manager.ReleaseDevice(), VrSuccess);
+
+    EXPECT_TRUE(recorder.IsHeldByThisProcess());
+    EXPECT_EQ(Select(), VrSuccess);
+    EXPECT_EQ(manager.ReleaseDevice(), VrSuccess);
+    ExpectNothingLeftBehind();
+}
+
+TEST_F(HeldDeviceTest, ADeviceWhoseReleaseFailedTwiceCanBeSelectedAllTheSame) {
+    ASSERT_EQ(Select(), VrSuccess);
+    releasesToFail = 2;
+    EXPECT_EQ(manager.ReleaseDevice(), VrSuccess);
+    EXPECT_EQ(Select(), VrErrorFailed);
+    EXPECT_TRUE(recorder.IsHeldByThisProcess());
+
+    EXPECT_EQ(Select(), VrSuccess);
+
+    EXPECT_EQ(manager.ReleaseDevice(), VrSuccess);
+    ExpectNothingLeftBehind();
+}
+
+TEST_F(HeldDeviceTest, ADeviceThatWasTakenInACallThatFailedIsReleasedByTheNextSelection) {
+    const auto refusing = recorder.audio->onSet;
+    recorder.audio->onSet = [&](AudioObjectID, AudioObjectPropertySelector,
+                                std::vector<std::byte>&) -> OSStatus {
+        recorder.audio->SetValue<SInt32>(FakeRecorder::kDevice, kAudioDevicePropertyHogMode,
+                                         ::getpid());
+        throw std::bad_alloc();
+    };
+    EXPECT_THROW(std::ignore = Select(), std::bad_alloc);
+    recorder.audio->onSet = refusing;
+
+    EXPECT_EQ(Select(), VrSuccess);
+
+    EXPECT_EQ(manager.ReleaseDevice(), VrSuccess);
+    ExpectNothingLeftBehind();
 }
 
 TEST_F(DeviceSelectionTest, TheDestructorStopsARunningDeviceAndThenReleasesIt) {

@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <thread>
 #include <vector>
 
 #include "ManagerRig.h"
+#include "support/AsioDataQueueParts.h"
 
 namespace vorrel::test {
 namespace {
@@ -454,16 +458,22 @@ TEST_F(CaptureTest, ADsdBufferWithoutSamplesIsDsdSilence) {
     }
 }
 
-TEST_F(CaptureTest, AnEmptyBufferListQueuesNothingAtDsd) {
+TEST_F(CaptureTest, AnEmptyBufferListQueuesNothingAtDsdAndWakesTheRecordWorker) {
     Select();
     Set(1, 2'822'400, 0);
     StartRecording();
+    // Queued behind the callback's back, so that only the empty list can wake the worker.
+    AsioDataQueue& queue = VorrelManagerParts::Queue(manager);
+    ASSERT_EQ(queue.Enqueue(0, Block(2 * 96, 0)), VrSuccess);
+    ASSERT_EQ(queue.Enqueue(1, Block(2 * 96, 0)), VrSuccess);
     const AudioBufferList none{0, {}};
 
     ASSERT_TRUE(recorder.Deliver(&none));
-    ASSERT_EQ(manager.Stop(true), VrSuccess);
 
-    EXPECT_EQ(VorrelManagerParts::Record(manager).GetLength(false), 0U);
+    EXPECT_TRUE(DispatchUntil(
+        [&] { return VorrelManagerParts::Record(manager).GetLength(false) == 96 * 16; }));
+    ASSERT_EQ(manager.Stop(true), VrSuccess);
+    EXPECT_EQ(VorrelManagerParts::Record(manager).GetLength(false), 96U * 16);
 }
 
 TEST_F(CaptureTest, ChannelsStayInStepWhenTheQueueIsFull) {
@@ -508,6 +518,36 @@ TEST_F(CaptureTest, RecordStartedComesAfterTheBufferInWhichItWasSeen) {
     Deliver(10);
     MainQueue::Dispatch();
     EXPECT_EQ(delegate->Count(VrRecOperationRecordStarted), 1U);
+}
+
+TEST_F(CaptureTest, RecordStartedIsNotSentBeforeItsBufferIsQueued) {
+    SelectPcm();
+    StartPreRecording();
+    Deliver(10);
+    AwaitStored();
+    ASSERT_EQ(manager.Start(), VrSuccess);
+    MainQueue::Dispatch();
+    std::atomic<bool> called{false};
+    std::thread device;
+    {
+        // The callback comes no further than the queue.
+        const MutexLock full(AsioDataQueueParts::MutexOf(VorrelManagerParts::Queue(manager)));
+        device = std::thread([&] {
+            called = true;
+            called.notify_all();
+            Deliver(10);
+        });
+        called.wait(false);
+
+        // Long enough that a word which comes before is caught.
+        EXPECT_FALSE(MainQueue::Wait(std::chrono::milliseconds(50)));
+    }
+    device.join();
+
+    MainQueue::Dispatch();
+    EXPECT_EQ(delegate->Count(VrRecOperationRecordStarted), 1U);
+    StopRecording();
+    EXPECT_EQ(RecordedFrames(), Frames({{10, 20}}));
 }
 
 TEST_F(CaptureTest, AFullQueueIsReportedOnceARecording) {

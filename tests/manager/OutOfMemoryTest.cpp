@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "manager/ManagerRig.h"
@@ -20,6 +21,18 @@ protected:
         return call();
     }
 };
+
+TEST_F(ManagerMemoryTest, AnInitThatRunsOutOfMemoryKeepsNothingOfTheDelegate) {
+    const std::size_t allocations =
+        RefuseEachAllocation([&] { std::ignore = manager.Init(delegate); },
+                             [&] {
+                                 EXPECT_EQ(manager.State(), ManagerState::Uninitialized);
+                                 EXPECT_EQ(delegate.use_count(), 1);
+                             });
+
+    EXPECT_GE(allocations, 10U);  // a notification of each kind at least
+    EXPECT_EQ(manager.State(), ManagerState::Initialized);
+}
 
 TEST_F(ManagerMemoryTest, AStartWithoutMemoryIsRefusedAndTheNextOneRecords) {
     SelectPcm();

@@ -1,16 +1,31 @@
 #include "support/AllocationLimit.h"
 
+#include <malloc.h>
+
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <new>
 
 namespace {
 
-thread_local std::size_t smallestRefused = SIZE_MAX;
-thread_local std::size_t smallestGranted = SIZE_MAX;
+using Threads = vorrel::test::AllocationLimit::Threads;
+
+/// What is refused, by its size.
+struct Limit {
+    std::atomic<std::size_t> refused{SIZE_MAX};
+    std::atomic<std::size_t> granted{SIZE_MAX};
+
+    bool Refuses(std::size_t bytes) const { return bytes >= refused && bytes < granted; }
+};
+thread_local Limit own;
+Limit everybodys;
+thread_local std::size_t toTheRefused = 0;  // allocations, with the refused one; 0: none
+std::atomic<std::size_t> heldBytes{0};
 
 void* Allocate(std::size_t bytes, std::size_t alignment) {
-    if (bytes >= smallestRefused && bytes < smallestGranted) {
+    if (own.Refuses(bytes) || everybodys.Refuses(bytes) ||
+        (toTheRefused > 0 && --toTheRefused == 0)) {
         throw std::bad_alloc();
     }
     // aligned_alloc asks for a multiple of the alignment.
@@ -19,7 +34,13 @@ void* Allocate(std::size_t bytes, std::size_t alignment) {
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
+    heldBytes += ::malloc_usable_size(memory);
     return memory;
+}
+
+void Free(void* memory) noexcept {
+    heldBytes -= ::malloc_usable_size(memory);
+    std::free(memory);
 }
 
 }  // namespace
@@ -37,38 +58,54 @@ void* operator new[](std::size_t bytes, std::align_val_t alignment) {
     return ::operator new(bytes, alignment);
 }
 void operator delete[](void* memory) noexcept {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete[](void* memory, std::align_val_t) noexcept {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory) noexcept {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory, std::align_val_t) noexcept {
-    std::free(memory);
+    Free(memory);
 }
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-    std::free(memory);
+    Free(memory);
 }
 
 namespace vorrel::test {
 
-AllocationLimit::AllocationLimit(std::size_t bytes, std::size_t granted) {
-    smallestRefused = bytes;
-    smallestGranted = granted;
+AllocationLimit::AllocationLimit(std::size_t bytes, std::size_t granted, Threads threads) {
+    Limit& limit = threads == Threads::This ? own : everybodys;
+    limit.granted = granted;
+    limit.refused = bytes;
 }
 AllocationLimit::~AllocationLimit() {
-    smallestRefused = SIZE_MAX;
+    own.refused = SIZE_MAX;
+    everybodys.refused = SIZE_MAX;
+}
+
+RefusedAllocation::RefusedAllocation(std::size_t nth) {
+    toTheRefused = nth;
+}
+RefusedAllocation::~RefusedAllocation() {
+    toTheRefused = 0;
+}
+bool RefusedAllocation::WasMet() const {
+    return toTheRefused == 0;
+}
+
+std::size_t HeldBytes() {
+    return heldBytes;
 }
 
 }  // namespace vorrel::test

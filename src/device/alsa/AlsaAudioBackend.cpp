@@ -33,6 +33,7 @@ bool AlsaAudioBackend::LookAgain() {
         std::vector<std::shared_ptr<AlsaDevice>> gone;
         {
             const MutexLock lock(mutex);
+            dropped.reserve(devices.size());  // nothing may fail behind the exchange
             gone = Exchange(*found, added);
         }
         for (const std::shared_ptr<AlsaDevice>& device : gone) {
@@ -55,7 +56,13 @@ bool AlsaAudioBackend::LookAgain() {
 
 std::vector<std::shared_ptr<AlsaDevice>> AlsaAudioBackend::Exchange(
     const std::vector<SoundCard>& found, bool& added) {
-    std::vector<std::shared_ptr<AlsaDevice>> next;
+    // All that may fail comes before the change: a device in no list would not be told that it is
+    // gone, and one that is retired is answered for by its successor.
+    struct Choice {
+        std::shared_ptr<AlsaDevice> known;  // null: there is none
+        std::shared_ptr<AlsaDevice> made;   // null: the known one stays
+    };
+    std::vector<Choice> choices;
     for (const SoundCard& card : found) {
         const auto known =
             std::find_if(devices.begin(), devices.end(), [&card](const auto& device) {
@@ -63,23 +70,35 @@ std::vector<std::shared_ptr<AlsaDevice>> AlsaAudioBackend::Exchange(
                 // its card is there may be tried again.
                 return IsSamePlugging(card, device->Card()) && !device->HasFailed();
             });
+        Choice choice;
+        if (known != devices.end()) {
+            choice.known = *known;
+        }
+        if (choice.known == nullptr || choice.known->Card() != card) {
+            choice.made = std::make_shared<AlsaDevice>(card, ids, listeners, proc);
+        }
+        choices.push_back(std::move(choice));
+    }
+    std::vector<std::shared_ptr<AlsaDevice>> next;
+    std::vector<std::shared_ptr<AlsaDevice>> gone;
+    next.reserve(choices.size() + devices.size());
+    gone.reserve(devices.size());
+
+    for (Choice& choice : choices) {
         // A card may have been seen before it was complete. What nobody uses yet is described anew,
         // as a device of its own: formats and streams of one that is in use do not change.
-        if (known != devices.end() && ((*known)->Card() == card || !(*known)->RetireIfUnused())) {
-            next.push_back(*known);
-        } else {
-            next.push_back(std::make_shared<AlsaDevice>(card, ids, listeners, proc));
+        if (choice.made != nullptr && (choice.known == nullptr || choice.known->RetireIfUnused())) {
+            next.push_back(std::move(choice.made));
             added = true;
+        } else {
+            next.push_back(std::move(choice.known));
         }
     }
-    std::vector<std::shared_ptr<AlsaDevice>> gone;
     for (const std::shared_ptr<AlsaDevice>& device : devices) {
         if (std::find(next.begin(), next.end(), device) == next.end()) {
             gone.push_back(device);
         }
     }
-    // All that may fail comes before the change: a device in no list would not be told that it is
-    // gone.
     next.insert(next.end(), gone.begin(), gone.end());
     devices = std::move(next);
     return gone;

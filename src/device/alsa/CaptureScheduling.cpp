@@ -28,31 +28,39 @@ constexpr SdBus::Address kRealtimeKit = {"org.freedesktop.RealtimeKit1",
                                          "org.freedesktop.RealtimeKit1"};
 constexpr std::chrono::milliseconds kPatience{1'000};
 
-int SetRoundRobin() {
-    sched_param parameters{};
-    parameters.sched_priority = kRoundRobinPriority;
-    // Reset-on-fork: what this thread starts has not asked for it.
-    if (::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0) {
-        return 0;
-    }
-    const int refused = errno;
-    // What the limits allow goes before RealtimeKit, which would put a limit of time on the workers
-    // that these limits have made real-time.
-    rlimit allowed{};
-    if (refused != EPERM || ::getrlimit(RLIMIT_RTPRIO, &allowed) != 0 || allowed.rlim_cur < 1 ||
-        allowed.rlim_cur >= static_cast<rlim_t>(kRoundRobinPriority)) {
-        return refused;
-    }
-    parameters.sched_priority = static_cast<int>(allowed.rlim_cur);
-    return ::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0 ? 0 : errno;
-}
-
 int SetNice() {
     const auto thread = static_cast<id_t>(::syscall(SYS_gettid));
     return ::setpriority(PRIO_PROCESS, thread, kRaisedNice) == 0 ? 0 : errno;
 }
 
 }  // namespace
+
+RoundRobinCalls SystemRoundRobin() {
+    return {[](int priority) {
+                sched_param parameters{};
+                parameters.sched_priority = priority;
+                // Reset-on-fork: what this thread starts has not asked for it.
+                return ::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0
+                           ? 0
+                           : errno;
+            },
+            [](rlimit& limit) { return ::getrlimit(RLIMIT_RTPRIO, &limit) == 0 ? 0 : errno; }};
+}
+
+int AskRoundRobin(const RoundRobinCalls& calls) {
+    const int refused = calls.set(kRoundRobinPriority);
+    if (refused != EPERM) {
+        return refused;
+    }
+    // What the limits allow goes before RealtimeKit, which would put a limit of time on the workers
+    // that these limits have made real-time.
+    rlimit allowed{};
+    if (calls.limit(allowed) != 0 || allowed.rlim_cur < 1 ||
+        allowed.rlim_cur >= static_cast<rlim_t>(kRoundRobinPriority)) {
+        return refused;
+    }
+    return calls.set(static_cast<int>(allowed.rlim_cur));
+}
 
 RealtimeLimitCalls SystemRealtimeLimit() {
     return {
@@ -132,8 +140,8 @@ ThreadScheduling ApplyCaptureScheduling(const CaptureSchedulingCalls& calls,
 
 ThreadScheduling ScheduleCaptureThread() {
     static std::atomic<bool> refusalTraced{false};
-    return ApplyCaptureScheduling({&SetRoundRobin, [] { return AskRealtimeKit(); }, &SetNice},
-                                  refusalTraced);
+    return ApplyCaptureScheduling(
+        {[] { return AskRoundRobin(); }, [] { return AskRealtimeKit(); }, &SetNice}, refusalTraced);
 }
 
 }  // namespace vorrel

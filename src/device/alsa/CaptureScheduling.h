@@ -11,9 +11,9 @@
 namespace vorrel {
 
 /// Schedules the calling thread as the IO thread of a card: real-time round robin where the limits
-/// allow it; else by RealtimeKit over the system bus where there is one (`AskRealtimeKit`); else a
-/// raised nice value. What was got in the end is traced once in a process when it is not the first.
-/// Waits for at most a second.
+/// allow it (`AskRoundRobin`); else by RealtimeKit over the system bus where there is one
+/// (`AskRealtimeKit`); else a raised nice value. What was got in the end is traced once in a
+/// process when it is not the first. Waits for at most a second.
 ThreadScheduling ScheduleCaptureThread();
 
 /// What the rule behind it asks of the system. Each answers 0, or the error number of a refusal.
@@ -24,6 +24,19 @@ struct CaptureSchedulingCalls {
 };
 ThreadScheduling ApplyCaptureScheduling(const CaptureSchedulingCalls& calls,
                                         std::atomic<bool>& refusalTraced);
+
+/// Round robin for the calling thread at a priority, and the highest that the process may ask for
+/// without privileges (RLIMIT_RTPRIO). Each answers 0, or an error number.
+struct RoundRobinCalls {
+    std::function<int(int priority)> set;
+    std::function<int(rlimit& limit)> limit;
+};
+RoundRobinCalls SystemRoundRobin();
+
+/// Asks for round robin one step above the workers that store what the thread captures; where the
+/// limits allow less than that, at the most that they allow.
+/// @return 0 or an error number.
+int AskRoundRobin(const RoundRobinCalls& calls = SystemRoundRobin());
 
 /// The process's limit on real-time computing without a wait (RLIMIT_RTTIME). Each answers 0, or an
 /// error number.

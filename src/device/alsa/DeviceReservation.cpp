@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -26,6 +27,10 @@ constexpr char kPropertiesInterface[] = "org.freedesktop.DBus.Properties";
 /// A recording that runs is never given up for somebody's playback.
 constexpr std::int32_t kPriority = std::numeric_limits<std::int32_t>::max();
 
+/// Bytes of a program's name that are traced at most.
+constexpr std::size_t kLongestName = 64;
+constexpr unsigned char kDelete = 0x7F;  // the control character behind the printable ones
+
 constexpr SdBus::Address kBusDaemon = {"org.freedesktop.DBus", "/org/freedesktop/DBus",
                                        "org.freedesktop.DBus"};
 // Flags and answers of the bus's RequestName.
@@ -42,6 +47,26 @@ std::optional<bool> RequestName(SdBus& bus, const std::string& name, std::uint64
                  'u', deadline);
     return answer.has_value() ? std::optional(*answer == kPrimaryOwner || *answer == kAlreadyOwner)
                               : std::nullopt;
+}
+
+/// A foreign program's word for itself, as it may stand in a line of the log.
+std::string Readable(std::string text) {
+    if (text.size() > kLongestName) {
+        std::size_t end = kLongestName;
+        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) {
+            --end;  // a character of several bytes stays whole or goes
+        }
+        text.resize(end);
+    }
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char byte) { return byte < ' ' || byte == kDelete; },
+        '?');
+    return text;
+}
+
+/// Who has that name, in the words of the holder's object; empty when it does not say in time.
+std::string HolderOf(SdBus& bus, const SdBus::Address& holder, SdBus::Clock::time_point deadline) {
+    return Readable(bus.TextProperty(holder, "ApplicationName", deadline).value_or(""));
 }
 
 }  // namespace
@@ -69,10 +94,15 @@ DeviceReservation::Outcome DeviceReservation::Request(SdBus& connection,
     if (*free) {
         return Outcome::Granted;
     }
+    const SdBus::Address holder = {name.c_str(), path.c_str(), kInterface};
     const std::optional<std::uint32_t> let = connection.Call(
-        {name.c_str(), path.c_str(), kInterface}, "RequestRelease",
-        {.types = "i", .first = static_cast<std::uint32_t>(kPriority)}, 'b', deadline);
+        holder, "RequestRelease", {.types = "i", .first = static_cast<std::uint32_t>(kPriority)},
+        'b', deadline);
     if (let.has_value() && *let == 0) {
+        const std::string application = HolderOf(connection, holder, deadline);
+        if (!application.empty()) {
+            Trace(__FILE__, __LINE__, "%s is held by %s", name.c_str(), application.c_str());
+        }
         return Outcome::Refused;
     }
     // Who gave no answer may have ended, and its name is free then; it is not taken from anybody.

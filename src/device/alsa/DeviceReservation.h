@@ -20,7 +20,7 @@ class DeviceReservation {
 public:
     enum class Outcome {
         Granted,
-        Refused,   ///< whoever has it says that it keeps it
+        Refused,   ///< whoever has it says that it keeps it; traced with its name if it tells one
         NoAnswer,  ///< whoever has it says nothing, or does not do what it said
         NoBus,     ///< nobody to ask
     };

@@ -123,6 +123,22 @@ private:
     sd_bus_message* message = nullptr;
 };
 
+/// Asks for a property of that type. @param value  Receives it, or where it is in the answer.
+bool GetProperty(sd_bus* bus, const SdBus::Address& address, const char* name, char type,
+                 SdBus::Clock::time_point deadline, Message& answer, void* value) {
+    const Library& library = Functions();
+    Message call;
+    const std::array<char, 2> contents = {type, '\0'};
+    const SignalsHeldBack signals;
+    return library.newMethodCall(bus, call.Out(), address.service, address.path,
+                                 "org.freedesktop.DBus.Properties", "Get") >= 0 &&
+           library.appendBasic(call.Get(), 's', address.interface) >= 0 &&
+           library.appendBasic(call.Get(), 's', name) >= 0 &&
+           library.call(bus, call.Get(), MicrosecondsUntil(deadline), nullptr, answer.Out()) >= 0 &&
+           library.enterContainer(answer.Get(), 'v', contents.data()) > 0 &&
+           library.readBasic(answer.Get(), type, value) > 0;
+}
+
 }  // namespace
 
 std::unique_ptr<SdBus> SdBus::Connect(Which which, Clock::time_point deadline) {
@@ -195,27 +211,24 @@ std::optional<std::uint32_t> SdBus::Call(const Address& address, const char* met
 
 std::optional<std::int64_t> SdBus::Property(const Address& address, const char* name, char type,
                                             Clock::time_point deadline) {
-    const Library& library = Functions();
-    Message call;
     Message answer;
-    const std::array<char, 2> contents = {type, '\0'};
-    const SignalsHeldBack signals;
-    if (library.newMethodCall(bus, call.Out(), address.service, address.path,
-                              "org.freedesktop.DBus.Properties", "Get") < 0 ||
-        library.appendBasic(call.Get(), 's', address.interface) < 0 ||
-        library.appendBasic(call.Get(), 's', name) < 0 ||
-        library.call(bus, call.Get(), MicrosecondsUntil(deadline), nullptr, answer.Out()) < 0 ||
-        library.enterContainer(answer.Get(), 'v', contents.data()) <= 0) {
-        return std::nullopt;
-    }
     std::int64_t wide = 0;
     std::int32_t narrow = 0;
-    const int got = type == 'x' ? library.readBasic(answer.Get(), type, &wide)
-                                : library.readBasic(answer.Get(), type, &narrow);
-    if (got <= 0) {
+    void* const value = type == 'x' ? static_cast<void*>(&wide) : &narrow;
+    if (!GetProperty(bus, address, name, type, deadline, answer, value)) {
         return std::nullopt;
     }
     return type == 'x' ? wide : narrow;
+}
+
+std::optional<std::string> SdBus::TextProperty(const Address& address, const char* name,
+                                               Clock::time_point deadline) {
+    Message answer;  // which the text is part of
+    const char* text = nullptr;
+    if (!GetProperty(bus, address, name, 's', deadline, answer, &text)) {
+        return std::nullopt;
+    }
+    return text;
 }
 
 int SdBus::OnMessage(sd_bus_message* message, void* self, void*) {

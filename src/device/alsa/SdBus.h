@@ -50,6 +50,8 @@ public:
     /// A number property ('i', 'x' or 'u').
     std::optional<std::int64_t> Property(const Address& address, const char* name, char type,
                                          Clock::time_point deadline);
+    std::optional<std::string> TextProperty(const Address& address, const char* name,
+                                            Clock::time_point deadline);
 
     /// Answers calls of an object on this connection, in `Process`.
     /// @param answer  Gets each call; true when it has answered.

@@ -15,8 +15,9 @@ std::vector<RegistryDevice> UdevRegistry::Devices() {
     if (!found.has_value()) {
         return known;
     }
+    // All of it, or nothing: what is known stays when memory runs out between two.
     std::vector<RegistryDevice> devices;
-    usbSides.clear();
+    decltype(usbSides) sides;
     for (const SoundCard& card : *found) {
         RegistryDevice device;
         device.key = PluggingKey(card);
@@ -26,12 +27,14 @@ std::vector<RegistryDevice> UdevRegistry::Devices() {
         if (card.usb.has_value()) {
             device.usb = {card.usb->vendorId, card.usb->productId, card.usb->controlInterface,
                           card.usb->streamingInterface};
-            usbSides[device.key] = *card.usb;
+            sides[device.key] = *card.usb;
         }
         devices.push_back(std::move(device));
     }
-    known = devices;
-    return devices;
+    std::vector<RegistryDevice> answer = devices;
+    known = std::move(devices);
+    usbSides = std::move(sides);
+    return answer;
 }
 
 std::unique_ptr<UsbInterface> UdevRegistry::OpenUsbInterface(const RegistryDevice& device,

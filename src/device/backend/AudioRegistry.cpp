@@ -156,8 +156,8 @@ std::vector<AudioRegistry::ObjectPointer> AudioRegistry::Relatives(const Object&
 }
 
 io_object_t AudioRegistry::HandOut(const ObjectPointer& object) {
+    held[object->id] = object;  // first: what is counted is held
     ++object->userCount;
-    held[object->id] = object;
     return object->id;
 }
 
@@ -197,7 +197,9 @@ io_object_t AudioRegistry::IteratorNext(io_iterator_t iterator) {
     if (object == nullptr || !object->isIterator || object->next >= object->results.size()) {
         return IO_OBJECT_NULL;
     }
-    return HandOut(object->results[object->next++]);
+    const io_object_t next = HandOut(object->results[object->next]);
+    ++object->next;  // only what has been handed out
+    return next;
 }
 
 void AudioRegistry::IteratorReset(io_iterator_t iterator) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -323,6 +324,34 @@ struct Restarter {
         return 0;
     }
 };
+
+TEST(AlsaCaptureBeginTest, AStartThatFailedIsToldWhenTheCardHasBeenGivenBack) {
+    TestCard card;
+    std::unique_ptr<AlsaPcm> opened;
+    ASSERT_EQ(AlsaPcm::Open(card.Number(), 0, opened), 0);
+    const std::shared_ptr<AlsaPcm> pcm = std::move(opened);
+    ASSERT_EQ(pcm->Configure({48'000, SampleLayout::Int24In3, 2}, 480), 0);
+    const auto capture = std::make_shared<AlsaCapture>(std::make_shared<PropertyListeners>(),
+                                                       [](AlsaCapture::Ending) {});
+    Collector collector(1);
+    const AudioDeviceIOProcID id = capture->Create(&Collector::Proc, &collector);
+    const std::uint32_t frees = card.State().frees;
+    card.State().startError = EIO;
+    card.State().heldFrees = 1;
+
+    auto begun = std::async(std::launch::async, [&] {
+        return capture->Begin(id, {2, pcm, 2, 480});
+    });
+    Await([&] { return card.State().frees != frees; });
+
+    // Long enough that a word which comes before is caught.
+    EXPECT_EQ(begun.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    card.State().heldFrees = 0;
+    EXPECT_EQ(begun.get(), kAudioHardwareUnspecifiedError);
+    EXPECT_FALSE(capture->IsRunning());
+    EXPECT_EQ(pcm.use_count(), 1);  // and can be set up anew
+    capture->Close();
+}
 
 TEST(AlsaCaptureCloseTest, AProcThatStartsItselfDoesNotHoldUpTheEnd) {
     for (int round = 0; round < 50 && !testing::Test::HasFailure(); ++round) {

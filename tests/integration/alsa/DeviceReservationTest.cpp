@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -7,13 +6,13 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "PrivateBus.h"
-#include "device/alsa/CaptureScheduling.h"
 #include "device/alsa/DeviceReservation.h"
 #include "device/alsa/SdBus.h"
 #include "support/TraceCapture.h"
@@ -24,6 +23,28 @@ namespace {
 constexpr char kName[] = "org.freedesktop.ReserveDevice1.Audio7";
 constexpr char kPath[] = "/org/freedesktop/ReserveDevice1/Audio7";
 constexpr char kInterface[] = "org.freedesktop.ReserveDevice1";
+
+/// A program that keeps the reservation and calls itself so.
+std::function<bool(sd_bus_message*)> Keeper(const std::string& application) {
+    return [application](sd_bus_message* call) {
+        if (SdBus::IsCall(call, kInterface, "RequestRelease")) {
+            SdBus::AnswerBool(call, false);
+            return true;
+        }
+        EXPECT_EQ(SdBus::ReadText(call), kInterface);
+        EXPECT_EQ(SdBus::ReadText(call), "ApplicationName");
+        SdBus::AnswerTextVariant(call, application.c_str());
+        return true;
+    };
+}
+
+std::string Times(int count, const std::string& text) {
+    std::string all;
+    for (int i = 0; i < count; ++i) {
+        all += text;
+    }
+    return all;
+}
 
 class DeviceReservationTest : public testing::Test {
 protected:
@@ -78,6 +99,72 @@ TEST_F(DeviceReservationTest, AHolderThatKeepsItIsLeftAlone) {
 
     EXPECT_FALSE(reservation.IsHeld());
     EXPECT_TRUE(IsOwned());
+}
+
+TEST_F(DeviceReservationTest, AHolderThatKeepsItIsNamed) {
+    TraceCapture trace;
+    const FakeService holder(kName, kPath, Keeper("another recorder"));
+
+    EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Refused);
+
+    ASSERT_EQ(trace.Lines().size(), 1U);
+    EXPECT_NE(trace.Lines()[0].find(std::string(kName) + " is held by another recorder"),
+              std::string::npos);
+}
+
+TEST_F(DeviceReservationTest, AHolderThatKeepsItAndTellsNoNameIsNotNamed) {
+    TraceCapture trace;
+    for (const bool empty : {false, true}) {
+        const FakeService holder(kName, kPath, [empty](sd_bus_message* call) {
+            const bool asksForTheName = !SdBus::IsCall(call, kInterface, "RequestRelease");
+            if (asksForTheName && empty) {
+                SdBus::AnswerTextVariant(call, "");
+            } else if (!asksForTheName) {
+                SdBus::AnswerBool(call, false);
+            }
+            return empty || !asksForTheName;
+        });
+
+        EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Refused);
+    }
+    EXPECT_TRUE(trace.Lines().empty());
+}
+
+TEST_F(DeviceReservationTest, AHolderThatKeepsItAndDoesNotTellItsNameIsWaitedForInThatTimeToo) {
+    constexpr std::chrono::milliseconds kWait{300};
+    DeviceReservation impatient(7, kWait);
+    const FakeService holder(kName, kPath, [](sd_bus_message* call) {
+        if (SdBus::IsCall(call, kInterface, "RequestRelease")) {
+            SdBus::AnswerBool(call, false);
+        }
+        return true;
+    });
+    const auto begin = Clock::now();
+
+    EXPECT_EQ(impatient.Acquire(), DeviceReservation::Outcome::Refused);
+
+    const auto took = Clock::now() - begin;
+    EXPECT_GE(took, kWait);
+    EXPECT_LT(took, DeviceReservation::kPatience);
+}
+
+TEST_F(DeviceReservationTest, TheNameOfAHolderIsOneShortLine) {
+    const struct {
+        std::string name;
+        std::string traced;
+    } cases[] = {{"two\nlines\x7F", "two?lines?"},
+                 {std::string(100, 'x'), std::string(64, 'x')},
+                 // Of two bytes each; the 32nd would end behind the 64th byte.
+                 {"x" + Times(40, "\u00e9"), "x" + Times(31, "\u00e9")}};
+    for (const auto& [name, traced] : cases) {
+        TraceCapture trace;
+        const FakeService holder(kName, kPath, Keeper(name));
+
+        EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Refused);
+
+        ASSERT_EQ(trace.Lines().size(), 1U);
+        EXPECT_TRUE(trace.Lines()[0].ends_with(" is held by " + traced)) << trace.Lines()[0];
+    }
 }
 
 TEST_F(DeviceReservationTest, AHolderThatDoesNotAnswerIsWaitedForAsLongAsAllOfItMayTake) {
@@ -220,146 +307,6 @@ TEST_F(DeviceReservationTest, ABusThatDoesNotAnswerIsNoBus) {
     bus.Continue();
 }
 
-/// Reads a number of a call; the library is loaded at run time only.
-template <class Number>
-Number ReadNumber(sd_bus_message* call, char type) {
-    static void* const library = ::dlopen("libsystemd.so.0", RTLD_NOW);
-    using Read = int (*)(sd_bus_message*, char, void*);
-    static const auto read = reinterpret_cast<Read>(::dlsym(library, "sd_bus_message_read_basic"));
-    Number number{};
-    EXPECT_GT(read(call, type, &number), 0);
-    return number;
-}
-
-/// RealtimeKit as a program, beside a limit that is not the process's own.
-class RealtimeKitTest : public DeviceReservationTest {
-protected:
-    /// Makes threads real-time as `grants` says, at the most at that priority.
-    void Serve(std::int32_t mostPriority, std::function<bool()> grants) {
-        kit = std::make_unique<FakeService>(
-            "org.freedesktop.RealtimeKit1", "/org/freedesktop/RealtimeKit1",
-            [=, this](sd_bus_message* call) {
-                if (SdBus::IsCall(call, "org.freedesktop.RealtimeKit1", "MakeThreadRealtime")) {
-                    ++asked;
-                    thread = ReadNumber<std::uint64_t>(call, 't');
-                    priority = ReadNumber<std::uint32_t>(call, 'u');
-                    if (!grants()) {
-                        return false;
-                    }
-                    SdBus::AnswerNothing(call);
-                    return true;
-                }
-                if (SdBus::IsCall(call, "org.freedesktop.DBus.Properties", "Get")) {
-                    std::ignore = SdBus::ReadText(call);
-                    if (SdBus::ReadText(call) == "RTTimeUSecMax") {
-                        SdBus::AnswerLongVariant(call, kMostMicroseconds);
-                    } else {
-                        SdBus::AnswerNumberVariant(call, mostPriority);
-                    }
-                    return true;
-                }
-                return false;
-            });
-    }
-    int Ask() {
-        return AskRealtimeKit({[this](rlimit& now) {
-                                   now = {soft, hard};
-                                   return 0;
-                               },
-                               [this](const rlimit& wanted) {
-                                   if (wanted.rlim_max > hard && !mayRaise) {
-                                       return EPERM;
-                                   }
-                                   ++settings;
-                                   soft = wanted.rlim_cur;
-                                   hard = wanted.rlim_max;
-                                   return 0;
-                               }});
-    }
-    bool IsLowered() const { return hard == kMostMicroseconds; }
-
-    static constexpr std::int64_t kMostMicroseconds = 200'000;
-    std::atomic<rlim_t> soft{RLIM_INFINITY};
-    std::atomic<rlim_t> hard{RLIM_INFINITY};
-    bool mayRaise = true;
-    int settings = 0;
-    std::atomic<int> asked{0};
-    std::atomic<std::uint64_t> thread{0};
-    std::atomic<std::uint32_t> priority{0};
-    std::unique_ptr<FakeService> kit;
-};
-
-TEST_F(RealtimeKitTest, IsAskedForTheCallingThreadAtTheCapturePriority) {
-    Serve(20, [] { return true; });
-
-    EXPECT_EQ(Ask(), 0);
-
-    EXPECT_EQ(thread, static_cast<std::uint64_t>(::gettid()));
-    EXPECT_EQ(priority, 6U);
-    EXPECT_EQ(asked, 1);
-    EXPECT_EQ(settings, 0);  // nothing was demanded
-}
-
-TEST_F(RealtimeKitTest, IsAskedForNoMoreThanItGrants) {
-    Serve(3, [] { return true; });
-
-    EXPECT_EQ(Ask(), 0);
-
-    EXPECT_EQ(priority, 3U);
-}
-
-TEST_F(RealtimeKitTest, ThatGrantsNoPriorityIsNotAsked) {
-    Serve(0, [] { return true; });
-
-    EXPECT_EQ(Ask(), EPERM);
-
-    EXPECT_EQ(asked, 0);
-}
-
-TEST_F(RealtimeKitTest, GetsTheLimitThatItDemands) {
-    Serve(20, [this] { return IsLowered(); });
-
-    EXPECT_EQ(Ask(), 0);
-
-    EXPECT_EQ(asked, 2);
-    EXPECT_EQ(soft, 200'000U);
-    EXPECT_EQ(hard, 200'000U);
-}
-
-TEST_F(RealtimeKitTest, TheLimitIsAsBeforeWhenItRefusesAllTheSame) {
-    Serve(20, [] { return false; });
-    soft = 5'000'000;
-    hard = 6'000'000;
-
-    EXPECT_EQ(Ask(), EPERM);
-
-    EXPECT_EQ(settings, 2);
-    EXPECT_EQ(soft, 5'000'000U);
-    EXPECT_EQ(hard, 6'000'000U);
-}
-
-TEST_F(RealtimeKitTest, ALimitThatMayNotBeSetBackIsSaid) {
-    Serve(20, [] { return false; });
-    mayRaise = false;
-    TraceCapture trace;
-
-    EXPECT_EQ(Ask(), EPERM);
-
-    ASSERT_EQ(trace.Lines().size(), 1U);
-    EXPECT_NE(trace.Lines()[0].find("RLIMIT_RTTIME stays lowered to 200000 us"), std::string::npos);
-}
-
-TEST_F(RealtimeKitTest, ALowLimitIsLeftAlone) {
-    Serve(20, [] { return false; });
-    soft = 1'000;
-    hard = 2'000;
-
-    EXPECT_EQ(Ask(), EPERM);
-
-    EXPECT_EQ(settings, 0);
-    EXPECT_EQ(asked, 1);
-}
-
 TEST_F(DeviceReservationTest, ItIsGivenBackInTimeAlsoToABusThatDoesNotAnswer) {
     ASSERT_EQ(reservation.Acquire(), DeviceReservation::Outcome::Granted);
     bus.Stop();
@@ -374,36 +321,9 @@ TEST_F(DeviceReservationTest, ItIsGivenBackInTimeAlsoToABusThatDoesNotAnswer) {
 
 TEST(DeviceReservationWithoutABusTest, ThereIsNobodyToAsk) {
     ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
     DeviceReservation reservation(7);
 
     EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::NoBus);
-    EXPECT_NE(AskRealtimeKit(), 0);
-}
-
-class CaptureSchedulingTest : public testing::Test {
-protected:
-    ThreadScheduling Apply(int roundRobin, int realtimeKit, int nice) {
-        return ApplyCaptureScheduling(
-            {[=] { return roundRobin; }, [=] { return realtimeKit; }, [=] { return nice; }},
-            traced);
-    }
-    std::atomic<bool> traced{false};
-    TraceCapture trace;
-};
-
-TEST_F(CaptureSchedulingTest, WhatTheLimitsAllowIsTakenSilently) {
-    EXPECT_EQ(Apply(0, EPERM, EPERM), ThreadScheduling::RoundRobin);
-    EXPECT_TRUE(trace.Lines().empty());
-}
-
-TEST_F(CaptureSchedulingTest, EachStepDownIsTakenInTurnAndTracedOnce) {
-    EXPECT_EQ(Apply(EPERM, 0, EPERM), ThreadScheduling::RoundRobin);
-    EXPECT_EQ(Apply(EPERM, EPERM, 0), ThreadScheduling::RaisedNice);
-    EXPECT_EQ(Apply(EPERM, EPERM, EPERM), ThreadScheduling::Normal);
-
-    ASSERT_EQ(trace.Lines().size(), 1U);
-    EXPECT_NE(trace.Lines()[0].find("real-time by RealtimeKit"), std::string::npos);
 }
 
 }  // namespace

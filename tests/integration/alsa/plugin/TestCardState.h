@@ -46,8 +46,9 @@ struct TestCardState {
     std::atomic<std::int32_t> parametersError{0};
     std::atomic<std::int32_t> prepareError{0};
     std::atomic<std::int32_t> startError{0};
-    std::atomic<std::int32_t> readError{0};  ///< of a read call, once; the stream goes on
-    std::atomic<std::int32_t> stopError{0};  ///< stops the stream once
+    std::atomic<std::int32_t> readError{0};   ///< of a read call, once; the stream goes on
+    std::atomic<std::int32_t> stopError{0};   ///< stops the stream once
+    std::atomic<std::uint32_t> heldFrees{0};  ///< 1: who frees its parameters waits until it is 0
 
     // What it has seen.
     std::atomic<std::uint32_t> opens{0};

@@ -241,7 +241,13 @@ int SetParameters(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
 }
 
 int FreeParameters(snd_pcm_ioplug_t* io) {
-    ++CardOf(io).state->frees;
+    TestCardState& state = *CardOf(io).state;
+    ++state.frees;
+    while (state.heldFrees != 0) {
+        // Who waits here may be real-time, and would keep the processor from everybody else.
+        constexpr timespec kMillisecond = {0, 1'000'000};
+        ::nanosleep(&kMillisecond, nullptr);
+    }
     return 0;
 }
 
