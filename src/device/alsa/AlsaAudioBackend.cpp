@@ -59,13 +59,15 @@ std::vector<std::shared_ptr<AlsaDevice>> AlsaAudioBackend::Exchange(
     for (const SoundCard& card : found) {
         const auto known =
             std::find_if(devices.begin(), devices.end(), [&card](const auto& device) {
-                // One that is dead while its card is still listed stays so; one that failed though
-                // its card is there may be tried again.
-                return IsSamePlugging(card, device->Card()) && !device->HasFailed();
+                // One that has found itself dead while its card is listed all along stays so for
+                // as long as it is used. One that a look has missed, or that failed though its card
+                // is there, does not keep the card from being tried again.
+                return IsSamePlugging(card, device->Card()) && !device->GivesWay();
             });
         // A card may have been seen before it was complete. What nobody uses yet is described anew,
         // as a device of its own: formats and streams of one that is in use do not change.
-        if (known != devices.end() && ((*known)->Card() == card || !(*known)->RetireIfUnused())) {
+        if (known != devices.end() &&
+            (((*known)->IsPlugged() && (*known)->Card() == card) || !(*known)->RetireIfUnused())) {
             next.push_back(*known);
         } else {
             next.push_back(std::make_shared<AlsaDevice>(card, ids, listeners, proc));

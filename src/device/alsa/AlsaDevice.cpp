@@ -42,9 +42,9 @@ bool AlsaDevice::IsPlugged() {
     return plugged;
 }
 
-bool AlsaDevice::HasFailed() {
+bool AlsaDevice::GivesWay() {
     const MutexLock lock(mutex);
-    return failed;
+    return givesWay;
 }
 
 bool AlsaDevice::IsUnused() {
@@ -64,11 +64,16 @@ bool AlsaDevice::RetireIfUnused() {
     if (hogged) {
         return false;
     }
+    if (plugged) {
+        Trace(__FILE__, __LINE__, "card %d (%s) tells more of itself by now: it is a new device",
+              card.number, card.name.c_str());
+    } else {
+        Trace(__FILE__, __LINE__, "card %d (%s) is still listed: it is a new device", card.number,
+              card.name.c_str());
+    }
     // Who begins to use it in this moment is told that it is gone.
     plugged = false;
-    failed = true;
-    Trace(__FILE__, __LINE__, "card %d (%s) tells more of itself by now: it is a new device",
-          card.number, card.name.c_str());
+    givesWay = true;
     return true;
 }
 
@@ -496,6 +501,9 @@ OSStatus AlsaDevice::Stop(AudioObjectID device, AudioDeviceIOProcID id) {
 
 void AlsaDevice::Unplug() {
     GoAway(false);
+    // Also one that was dead before: the card that is listed next is another, or plugged in anew.
+    const MutexLock lock(mutex);
+    givesWay = true;
 }
 
 void AlsaDevice::GoAway(bool hasFailed) {
@@ -505,7 +513,7 @@ void AlsaDevice::GoAway(bool hasFailed) {
             return;
         }
         plugged = false;
-        failed = hasFailed;
+        givesWay = hasFailed;
     }
     Trace(__FILE__, __LINE__, "card %d (%s) %s", card.number, card.name.c_str(),
           hasFailed ? "captures no more, though it is there" : "is gone");
