@@ -161,6 +161,10 @@ OSStatus AlsaDevice::ReadText(AudioObjectID object, const AudioObjectPropertyAdd
     return Properties().ReadText(KindOf(object), address, text);
 }
 
+WritableValues AlsaDevice::Writable() const {
+    return {hogged ? ::getpid() : kNoOwner, bufferFrames, format.description.mFormat};
+}
+
 OSStatus AlsaDevice::WriteProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                    UInt32 size, const void* data) {
     const DeviceProperties::Object kind = KindOf(object);
@@ -170,23 +174,19 @@ OSStatus AlsaDevice::WriteProperty(AudioObjectID object, const AudioObjectProper
     bool changed = false;
     {
         const MutexLock working(operation);
-        PropertyValue before;
+        WritableValues before;
         {
             const MutexLock lock(mutex);
-            const OSStatus status = ObjectStatus(object);
-            const bool letsGo = object == deviceId && size == sizeof(pid_t) && data != nullptr &&
-                                address.mSelector == kAudioDevicePropertyHogMode &&
-                                WrittenValue<pid_t>(data) == kNoOwner;
-            // A card that is gone is let go all the same.
-            if (status != kAudioHardwareNoError && letsGo) {
-                hogged = false;
-            } else if (status != kAudioHardwareNoError) {
-                return status;
-            } else if (const OSStatus refusal = Properties().CheckWrite(kind, address, size, data);
-                       refusal != kAudioHardwareNoError) {
-                return refusal;
-            }
-            std::ignore = Properties().Read(kind, address, before);
+            before = Writable();
+            if (!IsRelease(kind, address, size, data)) {
+                OSStatus refusal = ObjectStatus(object);
+                if (refusal == kAudioHardwareNoError) {
+                    refusal = Properties().CheckWrite(kind, address, size, data);
+                }
+                if (refusal != kAudioHardwareNoError) {
+                    return refusal;
+                }
+            }  // a card that is gone is let go all the same
         }
         OSStatus status = kAudioHardwareNoError;
         if (address.mSelector == kAudioDevicePropertyHogMode) {
@@ -203,9 +203,8 @@ OSStatus AlsaDevice::WriteProperty(AudioObjectID object, const AudioObjectProper
         if (status != kAudioHardwareNoError) {
             return status;
         }
-        PropertyValue after;
-        std::ignore = Properties().Read(kind, address, after);
-        changed = after.bytes != before.bytes;
+        // From the change on nothing may fail: who is told of a failure takes it for undone.
+        changed = Writable() != before;
     }
     if (changed) {
         listeners->Notify(object, address.mSelector);

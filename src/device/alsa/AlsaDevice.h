@@ -80,6 +80,7 @@ private:
     OSStatus ObjectStatus(AudioObjectID object) const VORREL_REQUIRES(mutex);
     DeviceProperties::Object KindOf(AudioObjectID object) const;
     DeviceProperties Properties() const VORREL_REQUIRES(mutex);
+    WritableValues Writable() const VORREL_REQUIRES(mutex);
     /// Whether the property is known only after a look at the card.
     static bool NeedsFormats(AudioObjectPropertySelector selector);
     std::int32_t HogOwner() VORREL_EXCLUDES(mutex);
