@@ -156,8 +156,8 @@ std::vector<AudioRegistry::ObjectPointer> AudioRegistry::Relatives(const Object&
 }
 
 io_object_t AudioRegistry::HandOut(const ObjectPointer& object) {
+    held.try_emplace(object->id, object);  // first: there may be no memory for it
     ++object->userCount;
-    held[object->id] = object;
     return object->id;
 }
 
@@ -197,7 +197,9 @@ io_object_t AudioRegistry::IteratorNext(io_iterator_t iterator) {
     if (object == nullptr || !object->isIterator || object->next >= object->results.size()) {
         return IO_OBJECT_NULL;
     }
-    return HandOut(object->results[object->next++]);
+    const io_object_t entry = HandOut(object->results[object->next]);
+    ++object->next;  // one that could not be handed out comes again
+    return entry;
 }
 
 void AudioRegistry::IteratorReset(io_iterator_t iterator) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <set>
 #include <vector>
 
 #include "device/AudioDeviceList.h"
@@ -51,6 +52,24 @@ protected:
     FoundDeviceInfo found;
 };
 
+TEST_F(DeviceFaultsTest, ASelectionThatFailsLeavesNothingBehind) {
+    for (const bool forGood : {false, true}) {
+        Sweep("selection of a device", {.call = Call::Memory, .forGood = forGood},
+              [&](const Fault& fault) {
+                  ArmedFault armed(fault);
+                  const VrError result = Called([&] { return Select(); });
+                  armed.Disarm();
+                  if (result != VrSuccess) {
+                      ExpectNothingHeld();
+                      EXPECT_EQ(Select(), VrSuccess);
+                  }
+                  EXPECT_EQ(manager.ReleaseDevice(), VrSuccess);
+                  ExpectNothingHeld();
+                  return armed.Met();
+              });
+    }
+}
+
 TEST_F(DeviceFaultsTest, AReleaseLetsTheDeviceGoWithoutMemory) {
     for (const bool forGood : {false, true}) {
         Sweep("release of a device", {.call = Call::Memory, .forGood = forGood},
@@ -82,6 +101,36 @@ TEST_F(DeviceFaultsTest, TheRateInForceIsTheDevicesWhateverBecameOfASetting) {
                   return armed.Met();
               });
     }
+}
+
+TEST(RegistryFaultsTest, AnEntryThatCouldNotBeHandedOutIsTheNextOne) {
+    SimulatedBackends backends(std::vector<SimulatedRecorderConfig>(3));
+    SimulatedRegistry& registry = backends.Registry();
+    Sweep("entries of the registry", {.call = Call::Memory}, [&](const Fault& fault) {
+        io_iterator_t engines = IO_OBJECT_NULL;
+        EXPECT_EQ(registry.GetMatchingServices("IOAudioEngine", &engines), kIOReturnSuccess);
+        std::set<io_object_t> seen;
+        ArmedFault armed(fault);
+        for (bool ended = false; !ended;) {
+            io_object_t entry = IO_OBJECT_NULL;
+            if (Called([&] {
+                    entry = registry.IteratorNext(engines);
+                    return VrSuccess;
+                }) == VrSuccess) {
+                ended = entry == IO_OBJECT_NULL;
+                seen.insert(entry);
+            }
+        }
+        armed.Disarm();
+        seen.erase(IO_OBJECT_NULL);
+        EXPECT_EQ(seen.size(), 3U);
+        for (const io_object_t entry : seen) {
+            registry.Release(entry);
+        }
+        registry.Release(engines);
+        EXPECT_EQ(registry.References(), 0U);
+        return armed.Met();
+    });
 }
 
 }  // namespace
