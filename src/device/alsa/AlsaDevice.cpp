@@ -481,6 +481,10 @@ OSStatus AlsaDevice::Start(AudioObjectID device, AudioDeviceIOProcID id) {
             return status;
         }
         if (const std::optional<OSStatus> begun = capture->Begin(id, setup); begun.has_value()) {
+            if (*begun != kAudioHardwareNoError) {
+                // Hog mode keeps it open: its interface is to be idle, for a switch of the mode.
+                setup.pcm->Free();
+            }
             return *begun;
         }
     }
