@@ -1,13 +1,20 @@
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
+#include <array>
 #include <exception>
+#include <filesystem>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "AlsaRig.h"
 #include "device/AudioDeviceList.h"
 #include "device/CoreAudioManager.h"
+#include "device/alsa/DeviceHolder.h"
+#include "device/alsa/LockedBuffer.h"
 #include "faults/Tally.h"
 #include "support/FakeDeviceNotify.h"
 
@@ -191,6 +198,56 @@ TEST_F(AlsaFaultsTest, AStopAndAReleaseWithoutMemoryAreWhole) {
                   return armed.Met();
               });
     }
+}
+
+TEST_F(AlsaFaultsTest, TheSearchForAHolderWithoutMemoryEndsNoProcess) {
+    std::filesystem::create_directories(directory.File("4711/fd"));
+    std::filesystem::create_symlink("/dev/snd/pcmC2D0c", directory.File("4711/fd/5"));
+    std::filesystem::create_symlink("/dev/snd/pcmC2D0c.old", directory.File("4711/fd/4"));
+    for (int process = 4'712; process < 4'720; ++process) {
+        std::filesystem::create_directories(directory.File(std::to_string(process) + "/fd"));
+    }
+    Sweep("search for a card's holder", {.call = Call::Memory}, [&](const Fault& fault) {
+        ArmedFault armed(fault);
+        DeviceHolder holder;
+        const VrError result = Called([&] {
+            holder = FindDeviceHolder(2, 0, directory.Path());
+            return VrSuccess;
+        });
+        armed.Disarm();
+        EXPECT_EQ(holder.processId, result == VrSuccess ? 4'711 : -1);
+        return armed.Met();
+    });
+}
+
+/// Takes the right to lock memory beyond the limit from the calling thread.
+bool GiveUpLocking() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> rights{};
+    if (::syscall(SYS_capget, &header, rights.data()) != 0) {
+        return false;
+    }
+    rights[0].effective &= ~(1U << CAP_IPC_LOCK);
+    return ::syscall(SYS_capset, &header, rights.data()) == 0;
+}
+
+TEST(LockedBufferFaultsTest, ABufferThatIsNotLockedNeedsNoMemoryToSaySo) {
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_MEMLOCK, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    std::thread([&] {
+        ASSERT_TRUE(GiveUpLocking());
+        ASSERT_EQ(::setrlimit(RLIMIT_MEMLOCK, &none), 0);
+        ArmedFault armed({.call = Call::Memory, .forGood = true});
+        const VrError made = Called([] {
+            const LockedBuffer buffer(4'096);
+            return VrSuccess;
+        });
+        armed.Disarm();
+        EXPECT_EQ(made, VrSuccess);
+        EXPECT_GT(armed.Met(), 0U);  // the trace line, which is once in a process
+    }).join();
+    ASSERT_EQ(::setrlimit(RLIMIT_MEMLOCK, &limit), 0);
 }
 
 }  // namespace
