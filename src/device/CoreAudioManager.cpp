@@ -111,6 +111,21 @@ void Try(const Step& step) noexcept {
     }
 }
 
+/// Gives up the exclusive use of a device. @return False where it may still be this process's.
+bool GiveUp(const AudioDevice& held) noexcept {
+    OSStatus status = kAudioHardwareUnspecifiedError;
+    Try([&] { return status = held.SetProperty(kHogMode, kNobody); });
+    switch (status) {
+        case kAudioHardwareNoError:
+        case kAudioHardwareBadDeviceError:  // gone, and its exclusive use with it
+        case kAudioHardwareBadObjectError:
+        case kAudioDevicePermissionsError:  // another's
+            return true;
+        default:
+            return false;
+    }
+}
+
 /// Frames without their fraction. What no count can hold becomes the nearest that one can.
 std::uint32_t WholeFrames(double frames) {
     if (!(frames > 0.0)) {
@@ -129,6 +144,7 @@ CoreAudioManager::~CoreAudioManager() {
     // Both refuse on their own when there is nothing to stop or to release.
     std::ignore = Stop();
     std::ignore = ReleaseDevice();
+    LetGoOfTheStillHeld();
 }
 
 const DeviceBackends& CoreAudioManager::Backends() {
@@ -208,16 +224,18 @@ VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
     if (streams.empty()) {
         return VrErrorNotSupported;
     }
-    if (stillHeld.Id() != kAudioObjectUnknown) {
-        LetGo(AudioDevice(stillHeld));  // it would be refused to us as to everybody else
-    }
+    LetGoOfTheStillHeld();  // what is held would be refused to us as to everybody else
+    stillHeld.reserve(stillHeld.size() + 1);  // for this device, should it not let itself be let go
     const SInt32 self = ::getpid();
-    const AudioDevice before(stillHeld);  // has been refused again
-    stillHeld = candidate;  // a call that ends in an exception may have had its effect
-    const VrError taken = ConvertErrorCode(candidate.SetProperty(kHogMode, self));
-    stillHeld = before;
-    if (taken != VrSuccess) {
-        return taken;
+    try {
+        if (const VrError taken = ConvertErrorCode(candidate.SetProperty(kHogMode, self));
+            taken != VrSuccess) {
+            return taken;
+        }
+    } catch (const std::exception& failure) {
+        Trace(__FILE__, __LINE__, "exclusive use failed: %s", failure.what());
+        LetGo(candidate);  // the call may have had its effect before
+        return VrErrorFailed;
     }
     VrError error = VrErrorFailed;
     try {
@@ -257,6 +275,7 @@ VrError CoreAudioManager::SaveDeviceState(const AudioDevice& candidate,
         return error;
     }
     currentFormat = savedFormat;
+    formatInDoubt = false;
     return ConvertErrorCode(inputStream.GetAvailablePhysicalFormats(availableFormats));
 }
 
@@ -321,14 +340,13 @@ void CoreAudioManager::RestoreDeviceState() noexcept {
 }
 
 void CoreAudioManager::LetGo(const AudioDevice& held) noexcept {
-    stillHeld = held;
-    Try([&] {
-        const OSStatus status = held.SetProperty(kHogMode, kNobody);
-        if (status == kAudioHardwareNoError) {
-            stillHeld = AudioDevice();
-        }
-        return status;
-    });
+    if (!GiveUp(held)) {
+        stillHeld.push_back(held);  // there is room since it was taken
+    }
+}
+
+void CoreAudioManager::LetGoOfTheStillHeld() noexcept {
+    std::erase_if(stillHeld, GiveUp);
 }
 
 VrError CoreAudioManager::GetChannels(std::uint16_t& inputs, std::uint16_t& outputs) {
@@ -403,16 +421,35 @@ VrError CoreAudioManager::CanSampleRate(double rate) {
     return ChooseFormat(rate, ignored);
 }
 
+VrError CoreAudioManager::ReadFormat(AudioStreamBasicDescription& format) {
+    if (!formatInDoubt) {
+        format = currentFormat;
+        return VrSuccess;
+    }
+    std::vector<AudioStream> streams;
+    if (const VrError error =
+            ConvertErrorCode(device.GetStreams(kAudioObjectPropertyScopeInput, streams));
+        error != VrSuccess) {
+        return error;
+    }
+    return streams.empty() ? VrErrorFailed
+                           : ConvertErrorCode(streams.front().GetPhysicalFormat(format));
+}
+
 VrError CoreAudioManager::GetSampleRate(double& rate) {
     if (!IsSelected()) {
         return VrErrorInvalidState;
     }
+    AudioStreamBasicDescription format{};
+    if (const VrError error = ReadFormat(format); error != VrSuccess) {
+        return error;
+    }
     switch (sampleType) {
         case kSampleTypePcm:
-            rate = currentFormat.mSampleRate;
+            rate = format.mSampleRate;
             return VrSuccess;
         case kSampleTypeDsd:
-            rate = currentFormat.mSampleRate * kDsdWordBits;
+            rate = format.mSampleRate * kDsdWordBits;
             return VrSuccess;
         default:
             return VrErrorFailed;
@@ -436,11 +473,15 @@ VrError CoreAudioManager::SetSampleRate(double rate) {
     if (streams.empty()) {
         return VrErrorFailed;
     }
+    // A call that ends in an exception may have had its effect before.
+    const bool wasInDoubt = formatInDoubt.exchange(true);
     if (const VrError error = ConvertErrorCode(streams.front().SetPhysicalFormat(format));
         error != VrSuccess) {
+        formatInDoubt = wasInDoubt;
         return error;
     }
     currentFormat = format;
+    formatInDoubt = false;
     return VrSuccess;
 }
 
@@ -462,7 +503,10 @@ VrError CoreAudioManager::SetSampleType(std::int64_t type) {
         return VrErrorNotSupported;
     }
     if (usbInterface != nullptr) {
-        if (const VrError error = SetDSDMethod(dsd); error != VrSuccess) {
+        const bool wasInDoubt = formatInDoubt.exchange(true);  // as for a rate
+        const VrError error = SetDSDMethod(dsd);
+        formatInDoubt = wasInDoubt;
+        if (error != VrSuccess) {
             return error;
         }
     }

@@ -31,7 +31,7 @@ public:
     /// @param provider  Asked once, at the first device call. Without an audio back end there are
     ///                  no devices, without a registry no USB ids and interfaces.
     explicit CoreAudioManager(BackendProvider provider);
-    /// Stops a running device, then releases a selected one.
+    /// Stops a running device, then releases a selected one and what an earlier release could not.
     ~CoreAudioManager();
     CoreAudioManager(const CoreAudioManager&) = delete;
     CoreAudioManager& operator=(const CoreAudioManager&) = delete;
@@ -82,7 +82,9 @@ public:
     ///         has none; `VrErrorInvalidState` (none selected).
     VrError CanSampleRate(double rate);
     /// @param rate  Hz.
-    /// @return `VrErrorInvalidState` (none selected).
+    /// @return `VrErrorInvalidState` (none selected); the converted status of a device that is
+    /// asked
+    ///         because a setting has failed without an answer.
     VrError GetSampleRate(double& rate);
     /// Sets the best physical format for `rate` (Hz).
     /// @return `VrErrorInvalidState` (none selected, or running); `VrErrorNotSupported` (no format
@@ -129,8 +131,12 @@ private:
     VrError AttachDevice(const AudioDevice& candidate, const FoundDeviceInfo& found);
     void Unregister(const AudioDevice& candidate) noexcept;
     void RestoreDeviceState() noexcept;
-    /// Gives up the exclusive use of a device; one that could not be is `stillHeld`.
+    /// Gives up the exclusive use of a device; one that could not be is among the `stillHeld`.
     void LetGo(const AudioDevice& held) noexcept;
+    /// Tries again.
+    void LetGoOfTheStillHeld() noexcept;
+    /// The physical format in force; the device is asked where a failed call left it in doubt.
+    VrError ReadFormat(AudioStreamBasicDescription& format);
     /// The physical format that carries `rate` of the sample type in force, its rate filled in.
     VrError ChooseFormat(double rate, AudioStreamBasicDescription& format) const;
 
@@ -148,8 +154,8 @@ private:
     const BackendProvider provider;
     std::optional<DeviceBackends> backends;  // empty until the first device call
 
-    AudioDevice device;     // the selected one, else without an id
-    AudioDevice stillHeld;  // whose release failed, for want of memory perhaps; else without an id
+    AudioDevice device;                  // the selected one, else without an id
+    std::vector<AudioDevice> stillHeld;  // whose release failed; has room for the selected one
     FoundDeviceInfo selectedDevice;
     // Null while no device is selected; the device's thread and the notification thread read it.
     std::atomic<IAudioDeviceNotify*> notify{nullptr};
@@ -160,6 +166,7 @@ private:
     std::atomic<std::uint32_t> bufferSize{0};
     AudioStreamBasicDescription savedFormat{};
     AudioStreamBasicDescription currentFormat{};
+    std::atomic<bool> formatInDoubt{false};  // a call that should set it ended in an exception
     std::vector<AudioStreamRangedDescription> availableFormats;
     std::atomic<std::int64_t> sampleType{0};
 };

@@ -66,15 +66,16 @@ std::vector<std::shared_ptr<AlsaDevice>> AlsaAudioBackend::Exchange(
     for (const SoundCard& card : found) {
         const auto known =
             std::find_if(devices.begin(), devices.end(), [&card](const auto& device) {
-                // One that is dead while its card is still listed stays so; one that failed though
-                // its card is there may be tried again.
-                return IsSamePlugging(card, device->Card()) && !device->HasFailed();
+                // One that has found itself dead while its card is listed all along stays so for
+                // as long as it is used. One that a look has missed, or that failed though its card
+                // is there, does not keep the card from being tried again.
+                return IsSamePlugging(card, device->Card()) && !device->GivesWay();
             });
         Choice choice;
         if (known != devices.end()) {
             choice.known = *known;
         }
-        if (choice.known == nullptr || choice.known->Card() != card) {
+        if (choice.known == nullptr || !choice.known->IsPlugged() || choice.known->Card() != card) {
             choice.made = std::make_shared<AlsaDevice>(card, ids, listeners, proc);
         }
         choices.push_back(std::move(choice));

@@ -15,12 +15,13 @@
 namespace vorrel {
 
 /// The audio layer over the system's sound cards. Each card is a device from the first look that
-/// finds it until it is unplugged; plugged in again it is a new one, and so it is when a later look
-/// finds it more complete and nobody uses it yet. A device that is gone is answered for as long as
-/// a proc, a listener or hog mode refers to it. An object that never was, or that is no more,
-/// answers '!obj', a property that the object has not 'who?', a size that does not fit '!siz', a
-/// property that cannot be set 'unop'. Of an array, a reader gets as many whole elements as it has
-/// room for. Any thread may call.
+/// finds it until it is unplugged; plugged in again it is a new one, also where all that tells is
+/// that a look has missed it, and so it is when a later look finds it more complete and nobody uses
+/// it yet. A device that is gone is answered for as long as a proc, a listener or hog mode refers
+/// to it; one that is gone by its own word while its card is listed gives way to a new one then. An
+/// object that never was, or that is no more, answers '!obj', a property that the object has not
+/// 'who?', a size that does not fit '!siz', a property that cannot be set 'unop'. Of an array, a
+/// reader gets as many whole elements as it has room for. Any thread may call.
 class AlsaAudioBackend final : public AudioBackend {
 public:
     /// @param procDirectory  Where the process file system is.

@@ -42,9 +42,9 @@ bool AlsaDevice::IsPlugged() {
     return plugged;
 }
 
-bool AlsaDevice::HasFailed() {
+bool AlsaDevice::GivesWay() {
     const MutexLock lock(mutex);
-    return failed;
+    return givesWay;
 }
 
 bool AlsaDevice::IsUnused() {
@@ -64,11 +64,16 @@ bool AlsaDevice::RetireIfUnused() {
     if (hogged) {
         return false;
     }
+    if (plugged) {
+        Trace(__FILE__, __LINE__, "card %d (%s) tells more of itself by now: it is a new device",
+              card.number, card.name.c_str());
+    } else {
+        Trace(__FILE__, __LINE__, "card %d (%s) is still listed: it is a new device", card.number,
+              card.name.c_str());
+    }
     // Who begins to use it in this moment is told that it is gone.
     plugged = false;
-    failed = true;
-    Trace(__FILE__, __LINE__, "card %d (%s) tells more of itself by now: it is a new device",
-          card.number, card.name.c_str());
+    givesWay = true;
     return true;
 }
 
@@ -156,6 +161,10 @@ OSStatus AlsaDevice::ReadText(AudioObjectID object, const AudioObjectPropertyAdd
     return Properties().ReadText(KindOf(object), address, text);
 }
 
+WritableValues AlsaDevice::Writable() const {
+    return {hogged ? ::getpid() : kNoOwner, bufferFrames, format.description.mFormat};
+}
+
 OSStatus AlsaDevice::WriteProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                    UInt32 size, const void* data) {
     const DeviceProperties::Object kind = KindOf(object);
@@ -165,23 +174,19 @@ OSStatus AlsaDevice::WriteProperty(AudioObjectID object, const AudioObjectProper
     bool changed = false;
     {
         const MutexLock working(operation);
-        PropertyValue before;
+        WritableValues before;
         {
             const MutexLock lock(mutex);
-            const OSStatus status = ObjectStatus(object);
-            const bool letsGo = object == deviceId && size == sizeof(pid_t) && data != nullptr &&
-                                address.mSelector == kAudioDevicePropertyHogMode &&
-                                WrittenValue<pid_t>(data) == kNoOwner;
-            // A card that is gone is let go all the same.
-            if (status != kAudioHardwareNoError && letsGo) {
-                hogged = false;
-            } else if (status != kAudioHardwareNoError) {
-                return status;
-            } else if (const OSStatus refusal = Properties().CheckWrite(kind, address, size, data);
-                       refusal != kAudioHardwareNoError) {
-                return refusal;
-            }
-            std::ignore = Properties().Read(kind, address, before);
+            before = Writable();
+            if (!IsRelease(kind, address, size, data)) {
+                OSStatus refusal = ObjectStatus(object);
+                if (refusal == kAudioHardwareNoError) {
+                    refusal = Properties().CheckWrite(kind, address, size, data);
+                }
+                if (refusal != kAudioHardwareNoError) {
+                    return refusal;
+                }
+            }  // a card that is gone is let go all the same
         }
         OSStatus status = kAudioHardwareNoError;
         if (address.mSelector == kAudioDevicePropertyHogMode) {
@@ -198,9 +203,8 @@ OSStatus AlsaDevice::WriteProperty(AudioObjectID object, const AudioObjectProper
         if (status != kAudioHardwareNoError) {
             return status;
         }
-        PropertyValue after;
-        std::ignore = Properties().Read(kind, address, after);
-        changed = after.bytes != before.bytes;
+        // From the change on nothing may fail: who is told of a failure takes it for undone.
+        changed = Writable() != before;
     }
     if (changed) {
         listeners->Notify(object, address.mSelector);
@@ -477,6 +481,10 @@ OSStatus AlsaDevice::Start(AudioObjectID device, AudioDeviceIOProcID id) {
             return status;
         }
         if (const std::optional<OSStatus> begun = capture->Begin(id, setup); begun.has_value()) {
+            if (*begun != kAudioHardwareNoError) {
+                // Hog mode keeps it open: its interface is to be idle, for a switch of the mode.
+                setup.pcm->Free();
+            }
             return *begun;
         }
     }
@@ -496,6 +504,9 @@ OSStatus AlsaDevice::Stop(AudioObjectID device, AudioDeviceIOProcID id) {
 
 void AlsaDevice::Unplug() {
     GoAway(false);
+    // Also one that was dead before: the card that is listed next is another, or plugged in anew.
+    const MutexLock lock(mutex);
+    givesWay = true;
 }
 
 void AlsaDevice::GoAway(bool hasFailed) {
@@ -505,7 +516,7 @@ void AlsaDevice::GoAway(bool hasFailed) {
             return;
         }
         plugged = false;
-        failed = hasFailed;
+        givesWay = hasFailed;
     }
     Trace(__FILE__, __LINE__, "card %d (%s) %s", card.number, card.name.c_str(),
           hasFailed ? "captures no more, though it is there" : "is gone");

@@ -46,12 +46,13 @@ public:
         return object == deviceId || (object == streamId && streamId != kAudioObjectUnknown);
     }
     bool IsPlugged() VORREL_EXCLUDES(mutex);
-    /// It captured no more though the card is there: the card may be tried again as a new device.
-    bool HasFailed() VORREL_EXCLUDES(mutex);
+    /// It is dead, and a card found in its place is a device of its own: the card was missing from
+    /// a look, or captured no more though it was there.
+    bool GivesWay() VORREL_EXCLUDES(mutex);
     /// No proc, no run, no listener, not held: nobody would miss it.
     bool IsUnused() VORREL_EXCLUDES(mutex);
-    /// Where nobody uses it, makes it one that is gone, for a new device of the same card to take
-    /// its place; there is nobody to be told. @return False while it is used.
+    /// Where nobody uses it, makes it one that is gone and gives way, for a new device of the same
+    /// card to take its place; there is nobody to be told. @return False while it is used.
     bool RetireIfUnused() VORREL_EXCLUDES(mutex);
 
     OSStatus ReadProperty(AudioObjectID object, const AudioObjectPropertyAddress& address,
@@ -68,8 +69,8 @@ public:
     OSStatus Start(AudioObjectID device, AudioDeviceIOProcID id) VORREL_EXCLUDES(mutex, operation);
     OSStatus Stop(AudioObjectID device, AudioDeviceIOProcID id) VORREL_EXCLUDES(mutex);
 
-    /// The card is gone: a run ends, the alive listeners and those of the device list are called
-    /// once. Nothing happens to one that is gone already.
+    /// A look has missed the card: a run ends, the alive listeners and those of the device list are
+    /// called once. One that is gone already gives way from now on, and nothing else happens to it.
     void Unplug() VORREL_EXCLUDES(mutex);
 
     const AlsaCapture& Capture() const { return *capture; }
@@ -79,6 +80,7 @@ private:
     OSStatus ObjectStatus(AudioObjectID object) const VORREL_REQUIRES(mutex);
     DeviceProperties::Object KindOf(AudioObjectID object) const;
     DeviceProperties Properties() const VORREL_REQUIRES(mutex);
+    WritableValues Writable() const VORREL_REQUIRES(mutex);
     /// Whether the property is known only after a look at the card.
     static bool NeedsFormats(AudioObjectPropertySelector selector);
     std::int32_t HogOwner() VORREL_EXCLUDES(mutex);
@@ -122,7 +124,7 @@ private:
 
     Mutex mutex;  // taken after `operation`; held for a look at the state only
     bool plugged VORREL_GUARDED_BY(mutex) = true;
-    bool failed VORREL_GUARDED_BY(mutex) = false;
+    bool givesWay VORREL_GUARDED_BY(mutex) = false;  // of a dead one only
     bool hogged VORREL_GUARDED_BY(mutex) = false;
     UInt32 bufferFrames VORREL_GUARDED_BY(mutex) = 512;
     AlsaPcm::FrameRange frameRange VORREL_GUARDED_BY(mutex) = {16, kMostBufferFrames};

@@ -9,6 +9,7 @@
 #include <new>
 #include <string>
 #include <tuple>
+#include <utility>
 
 namespace vorrel {
 namespace {
@@ -90,7 +91,11 @@ int AlsaPcm::Open(int card, int device, std::unique_ptr<AlsaPcm>& pcm) {
     if (error < 0) {
         return TrueReason(error, card, device);
     }
-    pcm.reset(new AlsaPcm(handle));
+    pcm.reset(new (std::nothrow) AlsaPcm(handle));
+    if (pcm == nullptr) {
+        snd_pcm_close(handle);
+        return -ENOMEM;
+    }
     return 0;
 }
 
@@ -202,33 +207,36 @@ int AlsaPcm::Configure(const PcmFormat& format, std::uint32_t frames) {
     if (ring < frames) {
         return -EINVAL;
     }
+    // All memory is taken before the card is set up: a refusal leaves it idle.
+    const std::uint32_t newFrameBytes = ContainerBytes(format.layout) * format.channels;
+    std::unique_ptr<LockedBuffer> newRaw;
+    if (!useMap) {
+        try {
+            newRaw = std::make_unique<LockedBuffer>(std::size_t{frames} * newFrameBytes);
+        } catch (const std::bad_alloc&) {
+            return -ENOMEM;
+        }
+    }
+    std::vector<std::uint8_t> software(snd_pcm_sw_params_sizeof());
     if (const int error = snd_pcm_hw_params(pcm, parameters.Get()); error < 0) {
         return error;
     }
-    if (const int error = SetSoftware(frames, ring); error < 0) {
+    if (const int error =
+            SetSoftware(reinterpret_cast<snd_pcm_sw_params_t*>(software.data()), frames, ring);
+        error < 0) {
         Free();
         return error;
     }
     mapped = useMap;
     ringFrames = static_cast<std::uint32_t>(ring);
     channels = format.channels;
-    frameBytes = ContainerBytes(format.layout) * format.channels;
+    frameBytes = newFrameBytes;
     convert = ConverterOf(format.layout);
-    raw.reset();
-    if (!mapped) {
-        try {
-            raw = std::make_unique<LockedBuffer>(std::size_t{frames} * frameBytes);
-        } catch (const std::bad_alloc&) {
-            Free();
-            return -ENOMEM;
-        }
-    }
+    raw = std::move(newRaw);
     return 0;
 }
 
-int AlsaPcm::SetSoftware(std::uint32_t frames, unsigned long ring) {
-    std::vector<std::uint8_t> storage(snd_pcm_sw_params_sizeof());
-    auto* software = reinterpret_cast<snd_pcm_sw_params_t*>(storage.data());
+int AlsaPcm::SetSoftware(snd_pcm_sw_params_t* software, std::uint32_t frames, unsigned long ring) {
     snd_pcm_uframes_t boundary = 0;
     int error = snd_pcm_sw_params_current(pcm, software);
     if (error == 0) {

@@ -11,8 +11,9 @@
 #include "device/alsa/PcmFormat.h"
 #include "platform/Realtime.h"
 
-// The library's own name for it; its header stays in the .cpp.
+// The library's own names; its header stays in the .cpp.
 using snd_pcm_t = struct _snd_pcm;
+using snd_pcm_sw_params_t = struct _snd_pcm_sw_params;
 
 namespace vorrel {
 
@@ -40,7 +41,9 @@ public:
     /// Frees what was set before, then sets the format exactly as it is, a period of `frames` where
     /// the card grants that, a ring as large as granted, up to a second, and readiness at `frames`
     /// frames.
-    /// @return -EINVAL for what the card does not grant, -ENOMEM; then nothing is set.
+    /// @return -EINVAL for what the card does not grant, -ENOMEM; then nothing is set, nor is it
+    ///         behind an exception.
+    /// @throws std::bad_alloc.
     int Configure(const PcmFormat& format, std::uint32_t frames);
     /// Gives the hardware parameters back: the card's interface is idle then.
     void Free();
@@ -76,7 +79,7 @@ public:
 private:
     explicit AlsaPcm(snd_pcm_t* handle) : pcm(handle) {}
 
-    int SetSoftware(std::uint32_t frames, unsigned long ring);
+    int SetSoftware(snd_pcm_sw_params_t* software, std::uint32_t frames, unsigned long ring);
     int FindRing();
     VORREL_REALTIME std::uint32_t ReadRest(std::uint8_t* floats, std::uint32_t frames);
 

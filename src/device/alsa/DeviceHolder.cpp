@@ -1,17 +1,19 @@
 #include "device/alsa/DeviceHolder.h"
 
+#include <dirent.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <cstddef>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string_view>
-#include <system_error>
 
 namespace vorrel {
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string CommandOf(pid_t processId, const std::string& proc) {
     std::ifstream file(proc + "/" + std::to_string(processId) + "/comm");
@@ -41,16 +43,37 @@ pid_t OwnerInStatus(const std::string& path, const std::string& proc) {
     return thread < 0 ? -1 : NumberOf("Tgid", proc + "/" + std::to_string(thread) + "/status");
 }
 
-bool HasOpen(const fs::path& process, const std::string& node) {
-    std::error_code error;
-    for (fs::directory_iterator file(process / "fd", error), end; !error && file != end;
-         file.increment(error)) {
-        std::error_code unreadable;
-        if (fs::read_symlink(file->path(), unreadable) == node) {
+/// Calls `visit` with each name in a directory until it answers true. @return Whether one did.
+/// What cannot be read has no names. Not by the standard library's iterator, whose step ends the
+/// process when memory runs out in it.
+template <class Visit>
+bool AnyName(const std::string& path, const Visit& visit) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), &::closedir);
+    if (directory == nullptr) {
+        return false;
+    }
+    // The stream is this call's own, so nothing else moves its position.
+    while (const dirent* entry = ::readdir(directory.get())) {  // NOLINT(concurrency-mt-unsafe)
+        if (visit(*directory, entry->d_name)) {
             return true;
         }
     }
     return false;
+}
+
+bool HasOpen(const std::string& process, const std::string& node) {
+    return AnyName(process + "/fd", [&node](DIR& files, const char* file) {
+        // Longer than any node of a card: a longer target is another's, cut off or not.
+        std::array<char, 64> target{};
+        const ssize_t length = ::readlinkat(::dirfd(&files), file, target.data(), target.size());
+        return length >= 0 &&
+               std::string_view(target.data(), static_cast<std::size_t>(length)) == node;
+    });
+}
+
+bool IsNumber(std::string_view name) {
+    return std::all_of(name.begin(), name.end(),
+                       [](unsigned char digit) { return std::isdigit(digit) != 0; });
 }
 
 }  // namespace
@@ -62,15 +85,14 @@ DeviceHolder FindDeviceHolder(int card, int device, const std::string& proc) {
     holder.processId = OwnerInStatus(
         proc + "/asound/card" + cardText + "/pcm" + deviceText + "c/sub0/status", proc);
     const std::string node = "/dev/snd/pcmC" + cardText + "D" + deviceText + "c";
-    std::error_code error;
-    for (fs::directory_iterator process(proc, error), end;
-         holder.processId < 0 && !error && process != end; process.increment(error)) {
-        const std::string name = process->path().filename();
-        if (std::all_of(name.begin(), name.end(),
-                        [](unsigned char digit) { return std::isdigit(digit) != 0; }) &&
-            HasOpen(process->path(), node)) {
-            holder.processId = static_cast<pid_t>(std::strtol(name.c_str(), nullptr, 10));
-        }
+    if (holder.processId < 0) {
+        AnyName(proc, [&](DIR&, const char* name) {
+            const bool holds = IsNumber(name) && HasOpen(proc + "/" + name, node);
+            if (holds) {
+                holder.processId = static_cast<pid_t>(std::strtol(name, nullptr, 10));
+            }
+            return holds;
+        });
     }
     if (holder.processId >= 0) {
         holder.command = CommandOf(holder.processId, proc);

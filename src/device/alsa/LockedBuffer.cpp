@@ -6,9 +6,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <new>
-#include <string>
-#include <system_error>
 
 #include "platform/Trace.h"
 
@@ -29,8 +28,9 @@ LockedBuffer::LockedBuffer(std::size_t sizeBytes) : size(std::max<std::size_t>(s
     }
     static std::atomic<bool> traced{false};
     if (!locked && !traced.exchange(true)) {
-        const std::string reason = std::generic_category().message(refusal);
-        Trace(__FILE__, __LINE__, "capture buffers are not locked in memory: %s", reason.c_str());
+        // Its text is the C library's own: no memory is taken, the pages would be left behind.
+        const char* const reason = ::strerrordesc_np(refusal);
+        Trace(__FILE__, __LINE__, "capture buffers are not locked in memory: %s", reason);
     }
 }
 

@@ -5,6 +5,8 @@
 namespace vorrel {
 namespace {
 
+constexpr SInt32 kNobody = -1;
+
 template <class T>
 void Append(std::vector<std::uint8_t>& bytes, const T& value) {
     const auto* from = reinterpret_cast<const std::uint8_t*>(&value);
@@ -181,6 +183,18 @@ OSStatus DeviceProperties::CheckWrite(Object object, const AudioObjectPropertyAd
     }
     return size != now.bytes.size() || data == nullptr ? kAudioHardwareBadPropertySizeError
                                                        : kAudioHardwareNoError;
+}
+
+bool WritableValues::operator==(const WritableValues& other) const {
+    return hogOwner == other.hogOwner && bufferFrames == other.bufferFrames &&
+           std::memcmp(&format, &other.format, sizeof format) == 0;
+}
+
+bool IsRelease(DeviceProperties::Object object, const AudioObjectPropertyAddress& address,
+               UInt32 size, const void* data) {
+    return object == DeviceProperties::Object::Device &&
+           address.mSelector == kAudioDevicePropertyHogMode && IsKnownAddress(address) &&
+           size == sizeof(SInt32) && data != nullptr && WrittenValue<SInt32>(data) == kNobody;
 }
 
 }  // namespace vorrel

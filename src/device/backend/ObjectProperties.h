@@ -77,6 +77,21 @@ struct DeviceProperties {
                         const void* data) const;
 };
 
+/// The values of a device and its stream that may be written. To be compared: what is told of a
+/// change is decided behind it, when nothing may fail any more, and takes no memory.
+struct WritableValues {
+    std::int32_t hogOwner = -1;
+    UInt32 bufferFrames = 0;
+    AudioStreamBasicDescription format{};
+
+    bool operator==(const WritableValues& other) const;
+};
+
+/// Whether a write of a device's property gives its exclusive use up. That is always allowed to who
+/// has it, and takes no memory: else it would stay taken.
+bool IsRelease(DeviceProperties::Object object, const AudioObjectPropertyAddress& address,
+               UInt32 size, const void* data);
+
 /// The bytes of a written value, of whose size `CheckWrite` has made sure.
 template <class T>
 T WrittenValue(const void* data) {

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <tuple>
 #include <utility>
 
 #include "device/simulated/RecorderFormats.h"
@@ -128,6 +127,10 @@ DeviceProperties SimulatedRecorder::Properties() const {
             formats};
 }
 
+WritableValues SimulatedRecorder::Writable() const {
+    return {hogOwner, bufferFrames, format};
+}
+
 OSStatus SimulatedRecorder::ReadText(AudioObjectID object,
                                      const AudioObjectPropertyAddress& address, std::string& text) {
     const MutexLock lock(mutex);
@@ -155,12 +158,14 @@ OSStatus SimulatedRecorder::WriteProperty(AudioObjectID object,
             return status;
         }
         const DeviceProperties::Object kind = KindOf(object);
-        OSStatus status = Properties().CheckWrite(kind, address, size, data);
+        OSStatus status = kAudioHardwareNoError;
+        if (!IsRelease(kind, address, size, data)) {
+            status = Properties().CheckWrite(kind, address, size, data);
+        }
         if (status != kAudioHardwareNoError) {
             return status;
         }
-        PropertyValue before;
-        std::ignore = Properties().Read(kind, address, before);
+        const WritableValues before = Writable();
         if (address.mSelector == kAudioDevicePropertyHogMode) {
             status = WriteHogMode(WrittenValue<std::int32_t>(data));
         } else if (address.mSelector == kAudioDevicePropertyBufferFrameSize) {
@@ -171,9 +176,8 @@ OSStatus SimulatedRecorder::WriteProperty(AudioObjectID object,
         if (status != kAudioHardwareNoError) {
             return status;
         }
-        PropertyValue after;
-        std::ignore = Properties().Read(kind, address, after);
-        changed = after.bytes != before.bytes;
+        // From the change on nothing may fail: who is told of a failure takes it for undone.
+        changed = Writable() != before;
     }
     if (changed) {
         listeners->Notify(object, address.mSelector);

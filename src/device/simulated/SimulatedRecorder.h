@@ -154,6 +154,7 @@ private:
     DeviceProperties::Object KindOf(AudioObjectID object) const VORREL_REQUIRES(mutex);
     /// What the recorder tells of itself now.
     DeviceProperties Properties() const VORREL_REQUIRES(mutex);
+    WritableValues Writable() const VORREL_REQUIRES(mutex);
     /// Asks the predicate of `RefuseFormats` about a write that gets so far.
     OSStatus AskAboutFormat(AudioObjectID object, const AudioObjectPropertyAddress& address,
                             const AudioStreamBasicDescription& wanted) VORREL_EXCLUDES(mutex);

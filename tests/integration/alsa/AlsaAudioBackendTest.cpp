@@ -203,6 +203,60 @@ TEST_F(AlsaAudioBackendTest, AGoneDeviceIsKeptWhileSomebodyRefersToItAndNoLonger
     EXPECT_EQ(card.State().opens, card.State().closes);
 }
 
+TEST_F(AlsaAudioBackendTest, ACardThatALookHasMissedIsANewDeviceThoughTheOldOneIsHeld) {
+    Look({whole});
+    const AudioDeviceID before = Device();
+    ASSERT_EQ(Hog(), 0);
+
+    Look({});
+    EXPECT_TRUE(Devices().empty());
+    Look({whole});
+
+    ASSERT_EQ(Devices().size(), 1U);
+    const AudioDeviceID after = Device();
+    EXPECT_NE(after, before);
+    EXPECT_EQ(Value<UInt32>(before, kAudioDevicePropertyDeviceIsAlive), 0U);
+    EXPECT_EQ(Unhog(before), kAudioHardwareBadDeviceError);
+    EXPECT_THAT(Devices(), ElementsAre(after));
+    EXPECT_EQ(audio->Find(before), nullptr);
+    EXPECT_EQ(Hog(), 0);
+}
+
+TEST_F(AlsaAudioBackendTest, ADeviceThatFoundItselfGoneBeforeALookMissedItsCardGivesWayToo) {
+    Look({whole});
+    const AudioDeviceID before = Device();
+    ASSERT_EQ(Hog(), 0);
+    card.State().disconnected = 1;
+    EXPECT_NE(Set(Stream(), kAudioStreamPropertyPhysicalFormat, Format(48'000, 24)), 0);
+
+    Look({});
+    card.State().disconnected = 0;
+    Look({whole});
+
+    ASSERT_EQ(Devices().size(), 1U);
+    EXPECT_NE(Device(), before);
+}
+
+TEST_F(AlsaAudioBackendTest, ADeadDeviceOfAListedCardGivesWayWhenNobodyUsesItAnyMore) {
+    Look({whole});
+    const AudioDeviceID before = Device();
+    ASSERT_EQ(Hog(), 0);
+    card.State().disconnected = 1;
+    EXPECT_NE(Set(Stream(), kAudioStreamPropertyPhysicalFormat, Format(48'000, 24)), 0);
+
+    Look({whole});
+    EXPECT_TRUE(Devices().empty());  // the card may be on its way out
+    EXPECT_EQ(Unhog(before), kAudioHardwareBadDeviceError);
+    card.State().disconnected = 0;
+    Look({whole});
+
+    ASSERT_EQ(Devices().size(), 1U);
+    EXPECT_NE(Device(), before);
+    EXPECT_EQ(audio->Find(before), nullptr);
+    EXPECT_THAT(trace.Lines(), testing::Contains(HasSubstr("is still listed")));
+    EXPECT_EQ(Hog(), 0);
+}
+
 TEST_F(AlsaAudioBackendTest, NoIdIsUsedTwice) {
     std::set<AudioObjectID> ids;
     for (int count = 1; count <= 50; ++count) {

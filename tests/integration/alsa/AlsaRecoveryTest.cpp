@@ -179,7 +179,7 @@ TEST_F(AlsaRecoveryTest, ARestartThatFailsForGoodEndsTheRunAndTheCardMayBeTriedA
     card.State().startError = 0;
     EXPECT_EQ(Unhog(device), kAudioHardwareBadDeviceError);
     const AudioDeviceID failed = device;
-    EXPECT_TRUE(audio->Find(failed)->HasFailed());
+    EXPECT_TRUE(audio->Find(failed)->GivesWay());
     AlsaCaptureTest::SetUp();
     EXPECT_NE(device, failed);
     Collector again(1);
