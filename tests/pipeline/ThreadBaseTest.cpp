@@ -378,6 +378,25 @@ TEST(ThreadBaseTest, AnUnknownPriorityIsTheNormalOne) {
     EXPECT_EQ(policy, SCHED_OTHER);
 }
 
+TEST(ThreadBaseTest, ANormalWorkerOfARealtimeThreadIsNormal) {
+    int policy = -1;
+    bool permitted = false;
+    Worker worker([&](Worker&) { policy = ::sched_getscheduler(0); });
+    std::thread([&] {
+        sched_param parameters{};
+        parameters.sched_priority = 10;
+        permitted = ::sched_setscheduler(0, SCHED_RR, &parameters) == 0;
+        EXPECT_TRUE(worker.Create(PriorityNormal));
+    }).join();
+
+    worker.Join();
+
+    EXPECT_EQ(policy, SCHED_OTHER);
+    if (!permitted) {
+        GTEST_SKIP() << "real-time scheduling is not permitted here";
+    }
+}
+
 /// How the calling thread is scheduled: class, real-time priority, nice value.
 using Scheduled = std::tuple<int, int, int>;
 
