@@ -150,7 +150,8 @@ private:
     VrError GetAudioDeviceInfo(const FoundDeviceInfo& record);
     /// Deletes spill files that an earlier run left in the temporary directory.
     void DeleteLeftoverSpillFiles();
-    void SetCurrentTempDirectory(const char* path);
+    /// A text of `path` that stays as long as the manager. @throws std::bad_alloc
+    const std::string& KeepTempDirectory(const char* path);
 
     // Built in this order and released in the reverse one: the device goes first, then the
     // workers that it feeds, then what they work on.
@@ -163,7 +164,8 @@ private:
     std::array<std::unique_ptr<RealtimeTask>, VrMessageTempDirectoryMissing + 1> messageTasks;
     SaveList saveSettings;
     std::atomic<bool> recordStartPending{false};  // set by Start, cleared by the callback
-    // Every directory that was ever set stays, so that a text handed to a worker stays valid.
+    // Every directory that was ever set stays, so that a text handed to a worker stays valid. One
+    // may stand here that was refused afterwards.
     std::deque<std::string> tempDirectories;
     std::atomic<const std::string*> tempDirectory{nullptr};
     std::atomic<bool> overflowReported{false};  // cleared by a start, set by the callback

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -59,6 +62,32 @@ TEST_F(ManagerMemoryTest, AStopWithoutMemoryIsRefusedAndTheTakeGoesOn) {
 
     StopRecording();
     EXPECT_EQ(RecordedFrames(), Frames({{0, 30}}));
+}
+
+TEST_F(ManagerMemoryTest, ATempDirectoryThatIsRefusedForWantOfMemoryChangesNothing) {
+    ASSERT_EQ(manager.Init(delegate), VrSuccess);
+    const TempDirectory other;
+    const auto set = [&](const std::string& path) {
+        const char* const text = path.c_str();
+        return WithoutMemory([&] {
+            try {
+                return manager.SetTempDirectory(text);
+            } catch (const std::bad_alloc&) {
+                return VrErrorFailed;  // as the exported function has it
+            }
+        });
+    };
+    std::ofstream(directory.File("tmpABCdef")) << "left behind";
+
+    EXPECT_EQ(set(directory.Path()), VrErrorFailed);
+    EXPECT_STREQ(manager.GetTempDirectory(), "");
+    EXPECT_TRUE(std::filesystem::exists(directory.File("tmpABCdef")));
+
+    ASSERT_EQ(manager.SetTempDirectory(directory.Path().c_str()), VrSuccess);
+    std::ofstream(directory.File("tmpABCdef")) << "left behind";
+    EXPECT_EQ(set(other.Path()), VrErrorFailed);
+    EXPECT_EQ(manager.GetTempDirectory(), directory.Path());
+    EXPECT_TRUE(std::filesystem::exists(directory.File("tmpABCdef")));
 }
 
 TEST_F(ManagerMemoryTest, ANotificationWithoutMemoryStillTellsItsKind) {
