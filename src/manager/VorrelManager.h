@@ -122,6 +122,8 @@ private:
     void RecStartImpl(bool preRecording);
     /// Stop work, on the helper queue.
     void RecStopImpl();
+    /// Stops a device that runs, whatever comes of it.
+    void StopDevice() noexcept;
     /// Submits a notification.
     /// @param notification  Called with the delegate.
     /// @param reserve       What is submitted when there is no memory for it. Without one, it is

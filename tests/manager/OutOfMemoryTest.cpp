@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <fstream>
 #include <new>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -62,6 +64,29 @@ TEST_F(ManagerMemoryTest, AStopWithoutMemoryIsRefusedAndTheTakeGoesOn) {
 
     StopRecording();
     EXPECT_EQ(RecordedFrames(), Frames({{0, 30}}));
+}
+
+TEST_F(ManagerMemoryTest, AStartWithoutMemoryAndADeviceThatThrowsEndsInReadyWithItsMessage) {
+    SelectPcm();
+    // Memory ends with the device's start: none is left to log the record event.
+    std::optional<AllocationLimit> limit;
+    recorder.audio->onStart = [&] { limit.emplace(1); };
+    recorder.audio->onStop = [&] {
+        limit.reset();
+        throw std::runtime_error("the bus is gone");
+    };
+
+    ASSERT_EQ(manager.Start(), VrSuccess);
+
+    ASSERT_TRUE(DispatchUntil([&] { return !delegate->log.empty(); }));
+    EXPECT_EQ(delegate->log, std::vector<std::string>{"message 0 "});
+    EXPECT_EQ(manager.State(), ManagerState::Ready);
+    recorder.audio->onStart = nullptr;
+    recorder.audio->onStop = nullptr;
+    StartRecording();
+    Deliver(10);
+    StopRecording();
+    EXPECT_EQ(RecordedFrames(), Frames({{0, 10}}));
 }
 
 TEST_F(ManagerMemoryTest, ATempDirectoryThatIsRefusedForWantOfMemoryChangesNothing) {
