@@ -276,6 +276,7 @@ void VorrelManager::RecStartImpl(bool preRecording) {
             return error;
         }
         convertThreadStarted = true;
+        captureGate.Open();
         return audioManager.Start();
     };
 
@@ -315,6 +316,8 @@ void VorrelManager::StopDevice() noexcept {
     // error here. What a back end throws goes no further, for the workers are still to be stopped
     // and the host is to be told.
     RunGuarded([this] { std::ignore = audioManager.Stop(); }, kHelperQueueLabel);
+    // A device whose stop fails may go on: it must not come to what the next start makes anew.
+    captureGate.Close();
 }
 
 void VorrelManager::RecStopImpl() {

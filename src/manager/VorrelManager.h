@@ -14,6 +14,7 @@
 #include "device/BackendTable.h"
 #include "device/CoreAudioManager.h"
 #include "device/IAudioDeviceNotify.h"
+#include "manager/CaptureGate.h"
 #include "manager/IVorrelManager.h"
 #include "pipeline/AsioDataQueue.h"
 #include "pipeline/ConvertThread.h"
@@ -122,7 +123,7 @@ private:
     void RecStartImpl(bool preRecording);
     /// Stop work, on the helper queue.
     void RecStopImpl();
-    /// Stops a device that runs, whatever comes of it.
+    /// Stops a device that runs. Whatever comes of it, no callback is under way afterwards.
     void StopDevice() noexcept;
     /// Submits a notification.
     /// @param notification  Called with the delegate.
@@ -176,7 +177,8 @@ private:
     PreviewData previewData;
     RecordData recordData;
     AsioDataQueue dataQueue;
-    // One block of each channel, empty between two callbacks; sized before the device starts.
+    CaptureGate captureGate;  // open from just before the device starts until it has stopped
+    // One block of each channel, empty between two callbacks; sized while the gate is closed.
     std::vector<Block> captureBlocks;
     SaveThread saveThread;
     ConvertThread convertThread;
