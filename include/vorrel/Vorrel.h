@@ -93,7 +93,7 @@ VORREL_EXPORT VrError Vorrel_StartPreRecording() noexcept;
 /// pre-recording: what arrives from now on counts as recorded; `VrRecOperationRecordStarted` tells
 /// of the first device buffer after it.
 /// @note  An ordinary pause ends this way, too, with that notification; `Vorrel_Resume` ends it
-///        without.
+///        without. In a pause or a pre-recording it may wait for the disk, as `Vorrel_Stop`.
 /// @return `VrSuccess`; `VrErrorNotInitialized`; `VrErrorInvalidState` (no device, recording,
 ///         starting or stopping).
 VORREL_EXPORT VrError Vorrel_Start() noexcept;

@@ -6,11 +6,13 @@
 #include <utility>
 
 #include "convert/SampleTypeInfo.h"
+#include "platform/GuardedTask.h"
 #include "platform/Trace.h"
 
 namespace vorrel {
 namespace {
 
+constexpr char kHelperQueueLabel[] = "RecHelperQueue";
 // The device delivers buffers of 50 ms where its range allows it.
 constexpr std::uint64_t kBufferMilliseconds = 50;
 // A preview frame stands for this many one-bit samples.
@@ -42,7 +44,7 @@ RealtimeTask* ReserveOf(const std::array<std::unique_ptr<RealtimeTask>, Count>& 
 
 VorrelManager::VorrelManager(BackendProvider provider)
     : saveSettings(std::make_shared<const std::vector<VrSaveSettingInternal>>()),
-      helperQueue("RecHelperQueue"),
+      helperQueue(kHelperQueueLabel),
       previewData(*this),
       recordData(*this),
       saveThread(*this),
@@ -280,6 +282,7 @@ void VorrelManager::RecStartImpl(bool preRecording) {
             return error;
         }
         convertThreadStarted = true;
+        captureGate.Open();
         return audioManager.Start();
     };
 
@@ -293,10 +296,13 @@ void VorrelManager::RecStartImpl(bool preRecording) {
     } catch (const std::exception& error) {
         Trace(__FILE__, __LINE__, "start failed: %s", error.what());
         result = VrErrorFailed;
+    } catch (...) {
+        Trace(__FILE__, __LINE__, "start failed with something unknown");
+        result = VrErrorFailed;
     }
 
     if (result != VrSuccess) {
-        std::ignore = audioManager.Stop();  // runs only if what came after its start failed
+        StopDevice();  // runs only if what came after its start failed
         if (convertThreadStarted) {
             convertThread.Stop();
         }
@@ -311,10 +317,18 @@ void VorrelManager::RecStartImpl(bool preRecording) {
     NotifyOperationProc(VrRecOperationDeviceStarted);
 }
 
+void VorrelManager::StopDevice() noexcept {
+    // A start that failed leaves nothing to stop, and a device that is gone cannot be: both are no
+    // error here. What a back end throws goes no further, for the workers are still to be stopped
+    // and the host is to be told.
+    RunGuarded([this] { std::ignore = audioManager.Stop(); }, kHelperQueueLabel);
+    // A device whose stop fails may go on: it must not come to what the next start makes anew.
+    captureGate.Close();
+}
+
 void VorrelManager::RecStopImpl() {
-    // The device first: after it, no callback wakes a worker that has ended. A start that failed
-    // leaves nothing to stop, which is no error here.
-    std::ignore = audioManager.Stop();
+    // The device first: after it, no callback wakes a worker that has ended.
+    StopDevice();
     recThread.Stop();
     convertThread.Stop();
     recordStartPending = false;

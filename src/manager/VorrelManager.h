@@ -14,6 +14,7 @@
 #include "device/BackendTable.h"
 #include "device/CoreAudioManager.h"
 #include "device/IAudioDeviceNotify.h"
+#include "manager/CaptureGate.h"
 #include "manager/IVorrelManager.h"
 #include "pipeline/AsioDataQueue.h"
 #include "pipeline/ConvertThread.h"
@@ -122,6 +123,8 @@ private:
     void RecStartImpl(bool preRecording);
     /// Stop work, on the helper queue.
     void RecStopImpl();
+    /// Stops a device that runs. Whatever comes of it, no callback is under way afterwards.
+    void StopDevice() noexcept;
     /// Submits a notification.
     /// @param notification  Called with the delegate.
     /// @param reserve       What is submitted when there is no memory for it. Without one, it is
@@ -150,7 +153,8 @@ private:
     VrError GetAudioDeviceInfo(const FoundDeviceInfo& record);
     /// Deletes spill files that an earlier run left in the temporary directory.
     void DeleteLeftoverSpillFiles();
-    void SetCurrentTempDirectory(const char* path);
+    /// A text of `path` that stays as long as the manager. @throws std::bad_alloc
+    const std::string& KeepTempDirectory(const char* path);
 
     // Built in this order and released in the reverse one: the device goes first, then the
     // workers that it feeds, then what they work on.
@@ -163,7 +167,8 @@ private:
     std::array<std::unique_ptr<RealtimeTask>, VrMessageTempDirectoryMissing + 1> messageTasks;
     SaveList saveSettings;
     std::atomic<bool> recordStartPending{false};  // set by Start, cleared by the callback
-    // Every directory that was ever set stays, so that a text handed to a worker stays valid.
+    // Every directory that was ever set stays, so that a text handed to a worker stays valid. One
+    // may stand here that was refused afterwards.
     std::deque<std::string> tempDirectories;
     std::atomic<const std::string*> tempDirectory{nullptr};
     std::atomic<bool> overflowReported{false};  // cleared by a start, set by the callback
@@ -172,7 +177,8 @@ private:
     PreviewData previewData;
     RecordData recordData;
     AsioDataQueue dataQueue;
-    // One block of each channel, empty between two callbacks; sized before the device starts.
+    CaptureGate captureGate;  // open from just before the device starts until it has stopped
+    // One block of each channel, empty between two callbacks; sized while the gate is closed.
     std::vector<Block> captureBlocks;
     SaveThread saveThread;
     ConvertThread convertThread;

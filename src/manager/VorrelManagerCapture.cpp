@@ -50,6 +50,10 @@ struct VorrelManager::Lanes {
 VORREL_REALTIME void VorrelManager::AudioDevice_IOProc(const AudioBufferList* input,
                                                        AudioBufferList* output) {
     const RealtimeScope realtime;  // in tests, an allocation or a file call in here is a failure
+    const CaptureGate::Entry entry(captureGate);
+    if (!entry.Admitted()) {
+        return;  // told to stop, the device goes on
+    }
     std::int64_t type = kSampleTypePcm;
     try {
         if (audioManager.GetSampleType(type) == VrSuccess && type == kSampleTypeDsd) {

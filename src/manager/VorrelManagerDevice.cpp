@@ -1,12 +1,13 @@
 #include <algorithm>
 #include <array>
-#include <new>
+#include <exception>
 #include <span>
 #include <tuple>
 #include <utility>
 
 #include "convert/SampleTypeInfo.h"
 #include "manager/VorrelManager.h"
+#include "platform/Trace.h"
 
 namespace vorrel {
 namespace {
@@ -117,7 +118,8 @@ VrError VorrelManager::SetAudioDevice(const char* name) {
     VrError described = VrErrorFailed;
     try {
         described = GetAudioDeviceInfo(*device);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception& error) {
+        Trace(__FILE__, __LINE__, "the device cannot be described: %s", error.what());
     }
     if (described != VrSuccess) {
         std::ignore = audioManager.ReleaseDevice();

@@ -91,22 +91,26 @@ VrError VorrelManager::SetTempDirectory(const char* path) {
         return VrErrorInvalidState;
     }
     const bool isFirst = *GetTempDirectory() == '\0';
-    if (path == nullptr || !PathIsDirectory(path)) {
+    const bool isDirectory = PathIsDirectory(path) != 0;
+    if (path == nullptr || (!isDirectory && !isFirst)) {
+        return VrErrorInvalidParameter;
+    }
+    // All that memory may be short for comes first: files that are deleted do not come back.
+    const std::string& kept = KeepTempDirectory(path);
+    if (!isDirectory) {
         // Kept: the first path stays although it is refused, so that storing fails cleanly with a
         // missing directory (SaveRequestTest.KeepsTheFirstTempDirectoryAlthoughItIsRefused).
-        if (path != nullptr && isFirst) {
-            SetCurrentTempDirectory(path);
-        }
+        tempDirectory = &kept;
         return VrErrorInvalidParameter;
     }
     if (isFirst) {
-        SetCurrentTempDirectory(path);
+        tempDirectory = &kept;
     }
     if (IsTempDirectoryExists()) {
         // Errors are silent: what cannot be deleted is no reason to refuse the directory.
         DeleteLeftoverSpillFiles();
     }
-    SetCurrentTempDirectory(path);
+    tempDirectory = &kept;
     return VrSuccess;
 }
 
@@ -130,9 +134,9 @@ void VorrelManager::DeleteLeftoverSpillFiles() {
     }
 }
 
-void VorrelManager::SetCurrentTempDirectory(const char* path) {
+const std::string& VorrelManager::KeepTempDirectory(const char* path) {
     const auto known = std::ranges::find(tempDirectories, std::string_view(path));
-    tempDirectory = known != tempDirectories.end() ? &*known : &tempDirectories.emplace_back(path);
+    return known != tempDirectories.end() ? *known : tempDirectories.emplace_back(path);
 }
 
 const char* VorrelManager::GetTempDirectory() {

@@ -31,14 +31,17 @@ public:
     void ReserveBlocks(std::size_t blockBytes) VORREL_EXCLUDES(mutex);
     /// A block of `sizeBytes`, contents undefined, from the pool: the one given back last.
     /// Allocates only when the pool is empty or its block is too small.
+    /// @throws std::bad_alloc  No block.
     VORREL_REALTIME Block TakeBlock(std::size_t sizeBytes) VORREL_EXCLUDES(mutex);
     /// `TakeBlock` for all of `blocks` under one lock; what they held goes back to the pool.
+    /// @throws std::bad_alloc  Some of `blocks` have another size; the next call takes them back.
     VORREL_REALTIME void TakeBlocks(std::size_t sizeBytes, std::span<Block> blocks)
         VORREL_EXCLUDES(mutex);
     /// Appends a block. `VrErrorInvalidParameter` (no such channel); `VrErrorFailed` (the channel
     /// is full: size x blocks waiting would pass 10,485,759): the block is dropped. An empty
     /// channel takes a block of any size. The first form copies; the second leaves `block` empty
     /// whatever comes of it, and what it drops goes to the pool.
+    /// @throws std::bad_alloc  The first form alone: no memory for the copy, nothing is appended.
     VrError Enqueue(std::uint16_t channel, const Block& block) VORREL_EXCLUDES(mutex);
     VORREL_REALTIME VrError Enqueue(std::uint16_t channel, Block&& block) VORREL_EXCLUDES(mutex);
     /// Appends one device buffer, `blocks[channel]` for each channel from 0 on, under one lock and

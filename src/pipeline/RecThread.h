@@ -15,6 +15,8 @@ namespace vorrel {
 /// record store, reports the recorded length in tenths of a second and wakes the convert worker.
 /// A block that cannot be stored ends the worker, with message `VrMessageRecordWriteFailed` or,
 /// where the temporary directory is gone, `VrMessageTempDirectoryMissing`; `Stop` then joins it.
+/// The rest of that turn, taken from the queue with the block that failed, is dropped: no later one
+/// could be stored in step with it. What still waits in the queue stays there.
 class RecThread final : public ThreadBase {
 public:
     explicit RecThread(IVorrelManager& manager);

@@ -6,6 +6,12 @@
 #include "platform/ThreadPriority.h"
 
 namespace vorrel {
+namespace {
+
+// Whatever the class of the thread that submitted the first task: nobody waits for sound here.
+constexpr double kNormalPriority = 0.5;
+
+}  // namespace
 
 SerialQueue::SerialQueue(std::string queueLabel) : label(std::move(queueLabel)) {}
 
@@ -63,6 +69,7 @@ void SerialQueue::Sync(std::function<void()> task) {
 
 void SerialQueue::Run() {
     SetCurrentThreadName(label.c_str());
+    SetCurrentThreadPriority(kNormalPriority);
     for (;;) {
         std::list<Task> task;
         {

@@ -38,6 +38,18 @@ int SetRoundRobin(int priority) {
     return ::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0 ? 0 : errno;
 }
 
+int LeaveRealtime() {
+    const int policy = ::sched_getscheduler(0);
+    const int policyClass = policy & ~SCHED_RESET_ON_FORK;
+    if (policy == -1 || (policyClass != SCHED_RR && policyClass != SCHED_FIFO)) {
+        return 0;
+    }
+    const sched_param parameters{};
+    // Who may not take reset-on-fork back is refused a call that leaves it out.
+    const int reset = policy & SCHED_RESET_ON_FORK;
+    return ::sched_setscheduler(0, SCHED_OTHER | reset, &parameters) == 0 ? 0 : errno;
+}
+
 int SetNice(int nice) {
     // The kernel keeps a nice value for each thread and takes a thread's id here.
     const auto thread = static_cast<id_t>(::syscall(SYS_gettid));
@@ -49,6 +61,8 @@ int SetNice(int nice) {
 ThreadScheduling ApplyThreadPriority(double priority, const SchedulingCalls& calls,
                                      std::atomic<bool>& refusalTraced) {
     if (!(priority > kNormalPriority)) {  // not-a-number included
+        // Nobody is to be told of a refusal: the system grants everyone the way down.
+        calls.leaveRealtime();
         return ThreadScheduling::Normal;
     }
     const int step = priority >= kHighestPriority ? 1 : 0;
@@ -56,6 +70,8 @@ ThreadScheduling ApplyThreadPriority(double priority, const SchedulingCalls& cal
     if (roundRobinError == 0) {
         return ThreadScheduling::RoundRobin;
     }
+    // Not the class of the thread that made this one either, where a nice value counts for nothing.
+    calls.leaveRealtime();
     const int niceError = calls.setNice(kRaisedNice - step);
     if (!refusalTraced.exchange(true)) {
         const std::string reason = std::generic_category().message(roundRobinError);
@@ -67,7 +83,7 @@ ThreadScheduling ApplyThreadPriority(double priority, const SchedulingCalls& cal
 
 void SetCurrentThreadPriority(double priority) {
     static std::atomic<bool> refusalTraced{false};
-    ApplyThreadPriority(priority, {&SetRoundRobin, &SetNice}, refusalTraced);
+    ApplyThreadPriority(priority, {&SetRoundRobin, &SetNice, &LeaveRealtime}, refusalTraced);
 }
 
 void SetCurrentThreadName(const char* name) {

@@ -76,7 +76,9 @@ protected:
         const std::string& inForce =
             result == VrSuccess ? other.Path() : rig.take.spillDirectory.Path();
         if (result != VrSuccess) {
+            // Nothing has changed: the directory in force has its files.
             EXPECT_EQ(result, failure);
+            EXPECT_TRUE(std::filesystem::exists(rig.take.spillDirectory.File("tmpabcdef")));
         }
         EXPECT_EQ(rig.take.manager.GetTempDirectory(), inForce);
         MakeTake();

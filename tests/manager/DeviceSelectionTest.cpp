@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -107,6 +108,78 @@ TEST_F(DeviceSelectionTest, ASelectedDeviceIsDescribedWithoutTheExcludedRates) {
               (std::vector<std::uint64_t>{44'100, 48'000, 96'000, 192'000, 384'000}));
     EXPECT_EQ(info->DSD_supported_freq,
               (std::vector<std::uint64_t>{2'822'400, 5'644'800, 11'289'600}));
+}
+
+TEST_F(DeviceSelectionTest, EachBitOfTheMaskTakesItsRateOff) {
+    Select();
+    const std::vector<std::uint64_t> allPcm = {44'100,  48'000,  88'200,  96'000,
+                                               176'400, 192'000, 352'800, 384'000};
+    const std::vector<std::uint64_t> allDsd = {2'822'400, 5'644'800, 11'289'600};
+    struct Case {
+        std::uint32_t mask;
+        std::vector<std::uint64_t> pcm;
+        std::vector<std::uint64_t> dsd;
+    };
+    const std::vector<Case> cases = {
+        {0, allPcm, allDsd},
+        {1U << 0, {44'100, 48'000, 96'000, 176'400, 192'000, 352'800, 384'000}, allDsd},
+        {1U << 1, {44'100, 48'000, 88'200, 96'000, 192'000, 352'800, 384'000}, allDsd},
+        {1U << 2, {44'100, 48'000, 88'200, 96'000, 176'400, 192'000, 384'000}, allDsd},
+        {1U << 3, allPcm, allDsd},  // 705,600 is never offered
+        {1U << 4, allPcm, {5'644'800, 11'289'600}},
+        {1U << 5, allPcm, {2'822'400, 11'289'600}},
+        {1U << 6, allPcm, {2'822'400, 5'644'800}},
+        {0x7F, {44'100, 48'000, 96'000, 192'000, 384'000}, {}},
+        {~0x7FU, allPcm, allDsd},  // the other bits stand for no rate
+    };
+    for (const Case& tried : cases) {
+        SCOPED_TRACE(tried.mask);
+        FoundDeviceInfo record = recorder.Found();
+        record.excludedRateMask = tried.mask;
+
+        ASSERT_EQ(VorrelManagerParts::Describe(manager, record), VrSuccess);
+
+        std::shared_ptr<VrAudioDeviceInfo> info;
+        ASSERT_EQ(manager.GetAudioDeviceInfo(&info), VrSuccess);
+        EXPECT_EQ(info->PCM_supported_freq, tried.pcm);
+        EXPECT_EQ(info->DSD_supported_freq, tried.dsd);
+    }
+}
+
+TEST_F(DeviceSelectionTest, ADeviceWhoseChannelsCannotBeReadIsLetGo) {
+    Init();
+    for (const AudioObjectPropertyScope side :
+         {kAudioObjectPropertyScopeInput, kAudioObjectPropertyScopeOutput}) {
+        recorder.audio->FailGet(kAudioDevicePropertyStreamConfiguration,
+                                kAudioHardwareUnsupportedOperationError, side);
+
+        EXPECT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrErrorNotSupported);
+
+        EXPECT_EQ(manager.State(), ManagerState::Initialized);
+        EXPECT_EQ(recorder.HogOwner(), -1);
+        EXPECT_TRUE(recorder.audio->IoProcs().empty());
+        EXPECT_TRUE(recorder.audio->Listeners().empty());
+        recorder.audio->FailGet(kAudioDevicePropertyStreamConfiguration, kAudioHardwareNoError,
+                                side);
+        EXPECT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
+    }
+}
+
+TEST_F(DeviceSelectionTest, ADeviceThatThrowsWhileItIsDescribedIsLetGo) {
+    Init();
+    recorder.audio->onGet = [](AudioObjectID, AudioObjectPropertySelector selector) {
+        if (selector == kAudioDevicePropertyStreamConfiguration) {
+            throw std::runtime_error("the bus is gone");
+        }
+    };
+
+    EXPECT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrErrorFailed);
+
+    EXPECT_EQ(manager.State(), ManagerState::Initialized);
+    EXPECT_EQ(recorder.HogOwner(), -1);
+    EXPECT_TRUE(recorder.audio->IoProcs().empty());
+    recorder.audio->onGet = nullptr;
+    EXPECT_EQ(manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
 }
 
 TEST_F(DeviceSelectionTest, TheDescriptionIsTheSameObjectEachTime) {

@@ -1,6 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -72,6 +77,55 @@ TEST_F(ManagerMemoryTest, AStopWithoutMemoryIsRefusedAndTheTakeGoesOn) {
 
     StopRecording();
     EXPECT_EQ(RecordedFrames(), Frames({{0, 30}}));
+}
+
+TEST_F(ManagerMemoryTest, AStartWithoutMemoryAndADeviceThatThrowsEndsInReadyWithItsMessage) {
+    SelectPcm();
+    // Memory ends with the device's start: none is left to log the record event.
+    std::optional<AllocationLimit> limit;
+    recorder.audio->onStart = [&] { limit.emplace(1); };
+    recorder.audio->onStop = [&] {
+        limit.reset();
+        throw std::runtime_error("the bus is gone");
+    };
+
+    ASSERT_EQ(manager.Start(), VrSuccess);
+
+    ASSERT_TRUE(DispatchUntil([&] { return !delegate->log.empty(); }));
+    EXPECT_EQ(delegate->log, std::vector<std::string>{"message 0 "});
+    EXPECT_EQ(manager.State(), ManagerState::Ready);
+    recorder.audio->onStart = nullptr;
+    recorder.audio->onStop = nullptr;
+    StartRecording();
+    Deliver(10);
+    StopRecording();
+    EXPECT_EQ(RecordedFrames(), Frames({{0, 10}}));
+}
+
+TEST_F(ManagerMemoryTest, ATempDirectoryThatIsRefusedForWantOfMemoryChangesNothing) {
+    ASSERT_EQ(manager.Init(delegate), VrSuccess);
+    const TempDirectory other;
+    const auto set = [&](const std::string& path) {
+        const char* const text = path.c_str();
+        return WithoutMemory([&] {
+            try {
+                return manager.SetTempDirectory(text);
+            } catch (const std::bad_alloc&) {
+                return VrErrorFailed;  // as the exported function has it
+            }
+        });
+    };
+    std::ofstream(directory.File("tmpABCdef")) << "left behind";
+
+    EXPECT_EQ(set(directory.Path()), VrErrorFailed);
+    EXPECT_STREQ(manager.GetTempDirectory(), "");
+    EXPECT_TRUE(std::filesystem::exists(directory.File("tmpABCdef")));
+
+    ASSERT_EQ(manager.SetTempDirectory(directory.Path().c_str()), VrSuccess);
+    std::ofstream(directory.File("tmpABCdef")) << "left behind";
+    EXPECT_EQ(set(other.Path()), VrErrorFailed);
+    EXPECT_EQ(manager.GetTempDirectory(), directory.Path());
+    EXPECT_TRUE(std::filesystem::exists(directory.File("tmpABCdef")));
 }
 
 TEST_F(ManagerMemoryTest, ANotificationWithoutMemoryStillTellsItsKind) {

@@ -333,6 +333,21 @@ TEST_F(SaveRequestTest, AnEmptyTempDirectoryIsNoneAtAll) {
     EXPECT_FALSE(std::filesystem::exists(directory.File("tmpABCdef")));  // as the first one
 }
 
+TEST_F(SaveRequestTest, ADirectoryBehindARefusedFirstOneComesIntoForceAndIsNotCleaned) {
+    ASSERT_EQ(manager.Init(delegate), VrSuccess);
+    ASSERT_EQ(manager.SetTempDirectory(directory.File("missing").c_str()), VrErrorInvalidParameter);
+    const std::string valid = directory.File("valid");
+    std::filesystem::create_directory(valid);
+    Touch(valid + "/tmpABCdef");
+
+    EXPECT_EQ(manager.SetTempDirectory(valid.c_str()), VrSuccess);
+
+    EXPECT_EQ(manager.GetTempDirectory(), valid);
+    EXPECT_TRUE(manager.IsTempDirectoryExists());
+    // It was not in force when the one in force was to be cleaned.
+    EXPECT_TRUE(std::filesystem::exists(valid + "/tmpABCdef"));
+}
+
 TEST_F(SaveRequestTest, AVanishedTempDirectoryEndsTheRecordingsStorage) {
     const std::string spill = directory.File("spill");
     std::filesystem::create_directory(spill);

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "platform/ThreadPriority.h"
+#include "support/ThreadBaseParts.h"
 
 namespace vorrel {
 namespace {
@@ -68,22 +69,30 @@ TEST(ThreadBaseTest, TwoSetsBeforeAWaitAreOneWakeUp) {
     Worker worker;
     worker.SetEvent();
     worker.SetEvent();
-    worker.WaitEvent();
-    std::atomic<bool> setAgain{false};
-    std::atomic<bool> setAgainWhenWoken{false};
-    Gate waits;
+    ASSERT_TRUE(ThreadBaseParts::IsSet(worker, 0));
 
+    worker.WaitEvent();
+
+    EXPECT_FALSE(ThreadBaseParts::IsSet(worker, 0));
+}
+
+TEST(ThreadBaseTest, AWaitReturnsByASetThatComesLater) {
+    Worker worker;
+    std::atomic<bool> set{false};
+    std::atomic<bool> setWhenWoken{false};
+    Gate waits;
     std::thread waiter([&] {
         waits.Open();
         worker.WaitEvent();
-        setAgainWhenWoken = setAgain.load();
+        setWhenWoken = set.load();
     });
     ASSERT_TRUE(waits.Wait());
-    setAgain = true;
+
+    set = true;
     worker.SetEvent();
     waiter.join();
 
-    EXPECT_TRUE(setAgainWhenWoken) << "the second wait returned by the first two sets";
+    EXPECT_TRUE(setWhenWoken);
 }
 
 TEST(ThreadBaseTest, AWaitConsumesTheEvent) {
@@ -116,22 +125,20 @@ TEST(ThreadBaseTest, AnEventWakesOnlyAWaiterOfItsOwn) {
     EXPECT_FALSE(zeroWokeEarly);
 }
 
-TEST(ThreadBaseTest, ResetEventTakesASetBack) {
-    Worker worker;
-    std::atomic<bool> setAgain{false};
-    std::atomic<bool> setAgainWhenWoken{false};
-    worker.SetEvent();
+TEST(ThreadBaseTest, ResetEventTakesASetOfItsOwnEventBack) {
+    Worker worker(3, {});
+    for (unsigned n = 0; n < 3; ++n) {
+        worker.SetEvent(n);
+    }
+
+    worker.ResetEvent(1);
+    EXPECT_TRUE(ThreadBaseParts::IsSet(worker, 0));
+    EXPECT_FALSE(ThreadBaseParts::IsSet(worker, 1));
+    EXPECT_TRUE(ThreadBaseParts::IsSet(worker, 2));
+
     worker.ResetEvent();
-
-    std::thread waiter([&] {
-        worker.WaitEvent();
-        setAgainWhenWoken = setAgain.load();
-    });
-    setAgain = true;
-    worker.SetEvent();
-    waiter.join();
-
-    EXPECT_TRUE(setAgainWhenWoken);
+    EXPECT_FALSE(ThreadBaseParts::IsSet(worker, 0));
+    EXPECT_TRUE(ThreadBaseParts::IsSet(worker, 2));
 }
 
 TEST(ThreadBaseTest, ResetEventNumGivesThatManyEventsAndOneForNone) {
@@ -145,20 +152,14 @@ TEST(ThreadBaseTest, ResetEventNumGivesThatManyEventsAndOneForNone) {
 
 TEST(ThreadBaseTest, ResetEventNumLeavesNoEventSet) {
     Worker worker(2, {});
-    std::atomic<bool> setAgain{false};
-    std::atomic<bool> setAgainWhenWoken{false};
+    worker.SetEvent(0);
     worker.SetEvent(1);
 
-    worker.ResetEventNum(2);
+    worker.ResetEventNum(3);
 
-    std::thread waiter([&] {
-        worker.WaitEvent(1);
-        setAgainWhenWoken = setAgain.load();
-    });
-    setAgain = true;
-    worker.SetEvent(1);
-    waiter.join();
-    EXPECT_TRUE(setAgainWhenWoken);
+    for (unsigned n = 0; n < 3; ++n) {
+        EXPECT_FALSE(ThreadBaseParts::IsSet(worker, n)) << n;
+    }
 }
 
 TEST(ThreadBaseTest, RunsTheBodyOnAThreadOfItsOwn) {
@@ -376,6 +377,25 @@ TEST(ThreadBaseTest, AnUnknownPriorityIsTheNormalOne) {
     worker.Join();
 
     EXPECT_EQ(policy, SCHED_OTHER);
+}
+
+TEST(ThreadBaseTest, ANormalWorkerOfARealtimeThreadIsNormal) {
+    int policy = -1;
+    bool permitted = false;
+    Worker worker([&](Worker&) { policy = ::sched_getscheduler(0); });
+    std::thread([&] {
+        sched_param parameters{};
+        parameters.sched_priority = 10;
+        permitted = ::sched_setscheduler(0, SCHED_RR, &parameters) == 0;
+        EXPECT_TRUE(worker.Create(PriorityNormal));
+    }).join();
+
+    worker.Join();
+
+    EXPECT_EQ(policy, SCHED_OTHER);
+    if (!permitted) {
+        GTEST_SKIP() << "real-time scheduling is not permitted here";
+    }
 }
 
 /// How the calling thread is scheduled: class, real-time priority, nice value.

@@ -8,10 +8,13 @@
 #include <array>
 #include <cerrno>
 #include <limits>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "platform/SerialQueue.h"
 #include "support/TraceCapture.h"
 
 namespace vorrel {
@@ -31,6 +34,10 @@ struct FakeScheduler {
                 [this](int nice) {
                     asked.push_back("nice " + std::to_string(nice));
                     return niceAnswer;
+                },
+                [this] {
+                    asked.emplace_back("leave");
+                    return 0;
                 }};
     }
 };
@@ -46,11 +53,15 @@ protected:
     test::TraceCapture trace;
 };
 
-TEST_F(ThreadPriorityTest, HalfAndBelowAskForNothing) {
+TEST_F(ThreadPriorityTest, HalfAndBelowLeaveARealtimeClassAndAskForNothing) {
     for (const double priority : {0.5, 0.25, 0.0, -1.0, std::numeric_limits<double>::quiet_NaN()}) {
+        scheduler.asked.clear();
+
         EXPECT_EQ(Apply(priority), ThreadScheduling::Normal);
+
+        EXPECT_EQ(scheduler.asked, std::vector<std::string>{"leave"}) << priority;
     }
-    EXPECT_TRUE(scheduler.asked.empty());
+    EXPECT_TRUE(trace.Lines().empty());
 }
 
 TEST_F(ThreadPriorityTest, ThreeQuartersAsksForLowRoundRobinAndOneForOneStepMore) {
@@ -67,7 +78,8 @@ TEST_F(ThreadPriorityTest, ARefusalFallsBackToARaisedNiceValue) {
     EXPECT_EQ(Apply(0.75), ThreadScheduling::RaisedNice);
     EXPECT_EQ(Apply(1.0), ThreadScheduling::RaisedNice);
 
-    EXPECT_EQ(scheduler.asked, (std::vector<std::string>{"rr 5", "nice -10", "rr 6", "nice -11"}));
+    EXPECT_EQ(scheduler.asked,
+              (std::vector<std::string>{"rr 5", "leave", "nice -10", "rr 6", "leave", "nice -11"}));
 }
 
 TEST_F(ThreadPriorityTest, TwoRefusalsLeaveTheThreadNormal) {
@@ -105,6 +117,64 @@ std::pair<int, int> ScheduledAfter(Body body) {
 
 TEST(SystemThreadPriorityTest, NormalStaysNormal) {
     EXPECT_EQ(ScheduledAfter([] { SetCurrentThreadPriority(0.5); }), std::pair(SCHED_OTHER, 0));
+}
+
+/// How a thread is scheduled that a real-time thread makes, after `body`; nothing where this
+/// process may not have real-time threads.
+template <class Body>
+std::optional<std::pair<int, int>> ScheduledUnderRealtime(int policy, Body body) {
+    std::optional<std::pair<int, int>> result;
+    std::thread([&] {
+        sched_param parameters{};
+        parameters.sched_priority = 10;
+        if (::sched_setscheduler(0, policy, &parameters) == 0) {
+            result = ScheduledAfter(body);
+        }
+    }).join();
+    return result;
+}
+
+TEST(SystemThreadPriorityTest, NormalLeavesTheRealtimeClassOfTheThreadThatMadeIt) {
+    for (const int policy : {SCHED_RR, SCHED_FIFO}) {
+        const auto inherited = ScheduledUnderRealtime(policy, [] {});
+        if (!inherited) {
+            GTEST_SKIP() << "real-time scheduling is not permitted here";
+        }
+        ASSERT_EQ(*inherited, std::pair(policy, 10));
+
+        EXPECT_EQ(*ScheduledUnderRealtime(policy, [] { SetCurrentThreadPriority(0.5); }),
+                  std::pair(SCHED_OTHER, 0));
+    }
+}
+
+TEST(SystemThreadPriorityTest, ARealtimeThreadWithResetOnForkBecomesNormalToo) {
+    const auto scheduled = ScheduledUnderRealtime(SCHED_RR, [] {
+        SetCurrentThreadPriority(0.75);
+        SetCurrentThreadPriority(0.5);
+    });
+    if (!scheduled) {
+        GTEST_SKIP() << "real-time scheduling is not permitted here";
+    }
+
+    EXPECT_EQ(scheduled->first & ~SCHED_RESET_ON_FORK, SCHED_OTHER);
+}
+
+TEST(SystemThreadPriorityTest, ASerialQueueRunsNormallyUnderARealtimeThread) {
+    SerialQueue queue("RecHelperQueue");
+    std::pair<int, int> scheduled;
+    const auto submitted = ScheduledUnderRealtime(SCHED_RR, [&] {
+        queue.Sync([&] {
+            sched_param parameters{};
+            ::sched_getparam(0, &parameters);
+            scheduled = {::sched_getscheduler(0), parameters.sched_priority};
+        });
+    });
+    if (!submitted) {
+        GTEST_SKIP() << "real-time scheduling is not permitted here";
+    }
+
+    EXPECT_EQ(*submitted, std::pair(SCHED_RR, 10));
+    EXPECT_EQ(scheduled, std::pair(SCHED_OTHER, 0));
 }
 
 TEST(SystemThreadPriorityTest, ARaisedThreadGetsWhatTheSystemGrantsAndItsThreadsBeginNormal) {

@@ -129,8 +129,13 @@ public:
     /// before threads start.
     std::function<OSStatus(AudioObjectID, AudioObjectPropertySelector, std::vector<std::byte>&)>
         onSet;
+    /// Called before a property is read; may throw. Set before threads start.
+    std::function<void(AudioObjectID, AudioObjectPropertySelector)> onGet;
     /// Called after a listener was added. Set before threads start.
     std::function<void(AudioObjectID, AudioObjectPropertySelector)> onListenerAdded;
+    /// Called at the end of a `Start` that succeeded: the IO proc can be delivered to. Set before
+    /// threads start.
+    std::function<void()> onStart;
     /// Called at the begin of `Stop`. Set before threads start.
     std::function<void()> onStop;
 
@@ -211,6 +216,9 @@ public:
     }
     OSStatus GetPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
                              UInt32* size, void* data) override {
+        if (onGet) {
+            onGet(object, address.mSelector);
+        }
         const MutexLock lock(mutex);
         const Property* property = nullptr;
         if (const OSStatus status = Find(object, address, property); status != 0) {
@@ -328,11 +336,19 @@ public:
         return kAudioHardwareNoError;
     }
     OSStatus Start(AudioObjectID device, AudioDeviceIOProcID id) override {
-        const MutexLock lock(mutex);
-        if (const OSStatus status = allStatus != 0 ? allStatus : startStatus; status != 0) {
-            return status;
+        {
+            const MutexLock lock(mutex);
+            if (const OSStatus status = allStatus != 0 ? allStatus : startStatus; status != 0) {
+                return status;
+            }
+            if (const OSStatus status = SetStarted(device, id, true, "start"); status != 0) {
+                return status;
+            }
         }
-        return SetStarted(device, id, true, "start");
+        if (onStart) {
+            onStart();
+        }
+        return kAudioHardwareNoError;
     }
     OSStatus Stop(AudioObjectID device, AudioDeviceIOProcID id) override {
         if (onStop) {
