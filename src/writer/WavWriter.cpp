@@ -52,7 +52,7 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
         return VrErrorInvalidParameter;
     }
     const SampleTypeInfo* sampleType = run.recording.sampleType;
-    if (sampleType == nullptr) {
+    if (sampleType == nullptr || run.recording.channels == 0) {
         return VrErrorFailed;
     }
 
