@@ -190,7 +190,7 @@ VrError SaveDsfFile(const VrSaveSettingInternal* setting, SaveRun& run) {
         run.SkipFile(setting->path, frames);
         return run.CancelRequested() ? VrErrorCanceled : VrSuccess;
     }
-    run.fileIsOpen = true;
+    run.fileIsOurs = true;
     VrError result = VrErrorFailed;
     if (file.Write(BuildDsfHeader(format, sizes))) {
         BlockWriter blocks(run, format, startFrame, endFrame);

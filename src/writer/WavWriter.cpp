@@ -92,6 +92,7 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
         run.SkipFile(setting->path, headerFrames);
         return VrSuccess;
     }
+    run.fileIsOurs = true;
     if (!file.Write(BuildWavHeader(format, sizes))) {
         return VrErrorFailed;
     }
