@@ -3,23 +3,25 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <array>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <system_error>
-#include <utility>
-#include <vector>
+#include <span>
+#include <tuple>
 
 namespace vorrel {
 
 namespace {
 
-/// Size of a type name as it stands in the system's record, its zero included.
-constexpr std::size_t kTypeNameBytes = 16;
+constexpr std::size_t kTypeNameBytes = FileSystemTypeName::kMostBytes + 1;
+/// What one line of the mount table takes as far as the type's name: a path of the longest kind,
+/// every byte escaped, and another one as it mostly is. Of a longer line the end is left out.
+constexpr std::size_t kTableBytes = 6 * PATH_MAX;
 constexpr std::string_view kMsdos = "msdos";
 constexpr std::string_view kHfs = "hfs";
 
@@ -41,30 +43,94 @@ constexpr std::uint32_t kHfsPlain = 128;
 /// The smallest number of clusters that makes a volume FAT32.
 constexpr std::uint64_t kFat32Clusters = 65'525;
 
-/// Undoes the mount table's escapes: a backslash and three octal digits for a byte.
-std::string Unescaped(std::string_view text) {
+/// Undoes the mount table's escapes, a backslash and three octal digits for a byte, in place.
+std::string_view Unescape(std::span<char> text) {
     const auto isOctal = [](char digit) { return digit >= '0' && digit <= '7'; };
-    std::string result;
+    std::size_t size = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
         if (text[at] == '\\' && at + 3 < text.size() && isOctal(text[at + 1]) &&
             isOctal(text[at + 2]) && isOctal(text[at + 3])) {
             const int value =
                 (text[at + 1] - '0') * 64 + (text[at + 2] - '0') * 8 + (text[at + 3] - '0');
-            result.push_back(static_cast<char>(value));
+            text[size++] = static_cast<char>(value);
             at += 3;
         } else {
-            result.push_back(text[at]);
+            text[size++] = text[at];
         }
     }
-    return result;
+    return {text.data(), size};
 }
 
 bool LiesUnder(std::string_view path, std::string_view mountPoint) {
     if (mountPoint == "/") {
-        return true;
+        return path.starts_with('/');
     }
     return path.starts_with(mountPoint) &&
            (path.size() == mountPoint.size() || path[mountPoint.size()] == '/');
+}
+
+/// Takes the first field off a line. @return Empty behind the last one.
+std::span<char> TakeField(std::span<char>& line) {
+    const auto begin = std::find_if(line.begin(), line.end(), [](char at) { return at != ' '; });
+    const auto end = std::find(begin, line.end(), ' ');
+    const std::span<char> field(begin, end);
+    line = std::span<char>(end, line.end());
+    return field;
+}
+
+std::string_view Text(std::span<char> field) {
+    return {field.data(), field.size()};
+}
+
+/// Looks for one mount in the lines of a table.
+class MountSearch {
+public:
+    MountSearch(std::uint64_t soughtId, std::string_view soughtPath)
+        : mountId(soughtId), path(soughtPath) {}
+
+    /// @return true when nothing behind this line can fit better.
+    bool Look(std::span<char> line) {
+        // 36 35 98:0 /root /mount/point options [optional fields] - type source options
+        const std::string_view idText = Text(TakeField(line));
+        std::uint64_t id = 0;
+        std::ignore = std::from_chars(idText.data(), idText.data() + idText.size(), id);
+        for (int skipped = 0; skipped < 3; ++skipped) {
+            TakeField(line);
+        }
+        const std::span<char> mountPoint = TakeField(line);
+        for (std::span<char> field = TakeField(line); !field.empty() && Text(field) != "-";) {
+            field = TakeField(line);
+        }
+        const FileSystemTypeName type(Text(TakeField(line)));
+        if (type.Text().empty()) {
+            return false;
+        }
+        if (mountId != 0 && id == mountId) {
+            found = type;
+            return true;
+        }
+        const std::string_view plain = Unescape(mountPoint);
+        if (LiesUnder(path, plain) && plain.size() >= foundLength) {
+            found = type;
+            foundLength = plain.size();
+        }
+        return false;
+    }
+    const FileSystemTypeName& Found() const { return found; }
+
+private:
+    const std::uint64_t mountId;
+    const std::string_view path;
+    FileSystemTypeName found;
+    std::size_t foundLength = 0;
+};
+
+ssize_t ReadSome(int descriptor, std::span<char> out) {
+    ssize_t count = 0;
+    do {
+        count = ::read(descriptor, out.data(), out.size());
+    } while (count < 0 && errno == EINTR);
+    return count;
 }
 
 std::uint64_t MountIdOf(const char* path) {
@@ -100,47 +166,50 @@ void WriteFileSystemName(std::string_view typeName, std::uint32_t subtype, char*
     std::memcpy(buffer, name.data(), name.size());
 }
 
-FileSystemType IdentifyFileSystem(std::uint64_t magic, std::uint64_t blocks,
-                                  std::string kernelName) {
+std::optional<FileSystemType> IdentifyFileSystem(std::uint64_t magic, std::uint64_t blocks) {
     switch (magic) {
         case kMsdosMagic:  // all of FAT12, FAT16 and FAT32
-            return {std::string(kMsdos), blocks >= kFat32Clusters ? kMsdosFat32 : kMsdosFat16};
+            return FileSystemType{FileSystemTypeName(kMsdos),
+                                  blocks >= kFat32Clusters ? kMsdosFat32 : kMsdosFat16};
         case kHfsMagic:
-            return {std::string(kHfs), kHfsPlain};
+            return FileSystemType{FileSystemTypeName(kHfs), kHfsPlain};
         case kHfsPlusMagic:
-            return {std::string(kHfs), kHfsPlus};
+            return FileSystemType{FileSystemTypeName(kHfs), kHfsPlus};
         default:
-            return {std::move(kernelName), 0};
+            return std::nullopt;
     }
 }
 
-std::string FindMountedType(std::istream& mountTable, std::uint64_t mountId,
-                            const std::string& path) {
-    // 36 35 98:0 /root /mount/point options [optional fields] - type source options
-    std::string found;
-    std::size_t foundLength = 0;
-    for (std::string line; std::getline(mountTable, line);) {
-        std::istringstream fields(line);
-        std::uint64_t id = 0;
-        std::string skipped;
-        std::string mountPoint;
-        fields >> id >> skipped >> skipped >> skipped >> mountPoint;
-        while (fields >> skipped && skipped != "-") {
+FileSystemTypeName FindMountedType(int mountTable, std::uint64_t mountId, std::string_view path) {
+    MountSearch search(mountId, path);
+    std::array<char, kTableBytes> buffer;
+    std::size_t size = 0;    // of what is in the buffer
+    bool isTooLong = false;  // the rest of a line that was looked at is still to come
+    for (;;) {
+        const ssize_t count = ReadSome(mountTable, std::span<char>(buffer).subspan(size));
+        if (count < 0) {
+            return {};
         }
-        std::string type;
-        if (!(fields >> type)) {
-            continue;
+        size += static_cast<std::size_t>(count);
+        std::span<char> text(buffer.data(), size);
+        while (!text.empty()) {
+            const auto end = std::find(text.begin(), text.end(), '\n');
+            const bool isWhole = end != text.end();
+            if (!isWhole && count > 0 && text.size() < buffer.size()) {
+                break;  // more of it follows
+            }
+            if (!isTooLong && search.Look(std::span<char>(text.begin(), end))) {
+                return search.Found();
+            }
+            isTooLong = !isWhole;
+            text = std::span<char>(isWhole ? end + 1 : end, text.end());
         }
-        if (mountId != 0 && id == mountId) {
-            return type;
+        if (count == 0) {
+            return search.Found();
         }
-        mountPoint = Unescaped(mountPoint);
-        if (LiesUnder(path, mountPoint) && mountPoint.size() >= foundLength) {
-            found = std::move(type);
-            foundLength = mountPoint.size();
-        }
+        std::memmove(buffer.data(), text.data(), text.size());
+        size = text.size();
     }
-    return found;
 }
 
 bool FileSystemTypeOf(const char* path, FileSystemType& type) {
@@ -148,11 +217,21 @@ bool FileSystemTypeOf(const char* path, FileSystemType& type) {
     if (::statfs(path, &volume) != 0) {
         return false;
     }
-    std::error_code error;
-    const std::string canonical = std::filesystem::canonical(path, error).string();
-    std::ifstream mountTable("/proc/self/mountinfo");
-    type = IdentifyFileSystem(static_cast<std::uint64_t>(volume.f_type), volume.f_blocks,
-                              FindMountedType(mountTable, MountIdOf(path), canonical));
+    const std::optional<FileSystemType> known =
+        IdentifyFileSystem(static_cast<std::uint64_t>(volume.f_type), volume.f_blocks);
+    type = known.value_or(FileSystemType());
+    if (known) {
+        return true;
+    }
+    const int mountTable = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    if (mountTable >= 0) {
+        std::array<char, PATH_MAX> canonical{};
+        if (::realpath(path, canonical.data()) == nullptr) {
+            canonical.front() = '\0';
+        }
+        type.name = FindMountedType(mountTable, MountIdOf(path), canonical.data());
+        ::close(mountTable);
+    }
     return true;
 }
 

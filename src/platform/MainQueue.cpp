@@ -1,6 +1,9 @@
 #include "vorrel/MainQueue.h"
 
+#include <array>
+#include <cstddef>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "platform/GuardedTask.h"
@@ -14,8 +17,10 @@ namespace {
 constexpr const char* kQueueName = "the main queue";
 
 VORREL_REALTIME NotificationQueue& TheQueue() {
-    // Never destroyed: threads post, and what they posted may wait, until the process is gone.
-    static NotificationQueue& queue = *new NotificationQueue;
+    // Never destroyed: threads post, and what they posted may wait, until the process is gone. In
+    // memory that is there, because the first use may be in a function that cannot fail.
+    alignas(NotificationQueue) static std::array<std::byte, sizeof(NotificationQueue)> memory;
+    static NotificationQueue& queue = *new (memory.data()) NotificationQueue;
     return queue;
 }
 

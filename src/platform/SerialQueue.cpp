@@ -1,5 +1,6 @@
 #include "platform/SerialQueue.h"
 
+#include <tuple>
 #include <utility>
 
 #include "platform/GuardedTask.h"
@@ -39,20 +40,32 @@ SerialQueue::Prepared SerialQueue::Prepare(std::function<void()> task) {
     // A queue that is closing has its thread, moved into the destructor.
     if (!thread.joinable() && !closing) {
         thread = std::thread([this] { Run(); });
+        running = true;
     }
     return prepared;
 }
 
-void SerialQueue::Async(Prepared prepared) noexcept {
+/// @return false when there is nobody to run it any more: it stays where it is.
+bool SerialQueue::Queue(std::list<Task>& task) noexcept {
     const MutexLock lock(mutex);
-    tasks.splice(tasks.end(), prepared.task);
+    if (!running) {
+        return false;
+    }
+    tasks.splice(tasks.end(), task);
     condition.NotifyAll();
+    return true;
+}
+
+void SerialQueue::Async(Prepared prepared) noexcept {
+    std::ignore = Queue(prepared.task);
 }
 
 void SerialQueue::Sync(Prepared prepared) noexcept {
     bool finished = false;  // under the mutex
     prepared.task.front().finished = &finished;
-    Async(std::move(prepared));
+    if (!Queue(prepared.task)) {
+        return;
+    }
     const MutexLock lock(mutex);
     while (!finished) {
         condition.Wait(mutex);
@@ -78,6 +91,7 @@ void SerialQueue::Run() {
                 condition.Wait(mutex);
             }
             if (tasks.empty()) {
+                running = false;
                 return;
             }
             task.splice(task.end(), tasks, tasks.begin());

@@ -32,15 +32,17 @@ public:
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
-    /// Runs what is still queued and ends the thread, as the destructor does; does nothing without
-    /// a thread. What is submitted afterwards is not run.
+    /// Runs what is still queued, tasks that these tasks submit included, and ends the thread, as
+    /// the destructor does. A task that is submitted when the thread has ended is dropped: `Async`
+    /// and `Sync` return at once. Not to be called from a task of this queue.
     void Close() VORREL_EXCLUDES(mutex);
 
     /// Queues `task` and returns at once. What a task throws is traced and goes no further.
     /// @throws std::system_error  The thread cannot be started; `task` is not queued then.
     /// @throws std::bad_alloc     No memory to queue it; likewise.
     void Async(std::function<void()> task) VORREL_EXCLUDES(mutex);
-    /// Queues `task` and returns after it has run. Not to be called from a task of this queue.
+    /// Queues `task` and returns after it has run, or at once behind the end of `Close`, when
+    /// nobody would run it. Not to be called from a task of this queue.
     /// @throws std::system_error, std::bad_alloc  As `Async`.
     void Sync(std::function<void()> task) VORREL_EXCLUDES(mutex);
 
@@ -53,12 +55,14 @@ public:
 
 private:
     void Run() VORREL_EXCLUDES(mutex);
+    bool Queue(std::list<Task>& task) noexcept VORREL_EXCLUDES(mutex);
 
     std::string label;
     Mutex mutex;
     ConditionVariable condition;
     std::list<Task> tasks VORREL_GUARDED_BY(mutex);
     bool closing VORREL_GUARDED_BY(mutex) = false;
+    bool running VORREL_GUARDED_BY(mutex) = false;  // until the thread takes no more tasks
     std::thread thread VORREL_GUARDED_BY(mutex);
 };
 

@@ -1,18 +1,19 @@
 #include "platform/SystemHelpers.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <limits>
-#include <string>
 #include <string_view>
-#include <system_error>
 
 #include "platform/FileSystemName.h"
 
@@ -20,19 +21,52 @@ namespace vorrel {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr mode_t kDirectoryMode = 0775;
 
-/// The file system's answer for `path`, symbolic links followed; `none` or `not_found` without one.
-fs::file_type TypeOf(const fs::path& path) {
-    std::error_code error;
-    return fs::status(path, error).type();
+bool IsDotEntry(const dirent& entry) {
+    const std::string_view name = entry.d_name;
+    return name == "." || name == "..";
 }
 
-bool IsRootDirectory(const fs::path& path) {
-    std::error_code error;
-    return fs::equivalent(path, "/", error);
+bool RemoveTree(int parent, const char* name);
+
+/// Removes everything in the directory `descriptor`, which it closes; stops at the first failure.
+bool RemoveContents(int descriptor) {
+    DIR* const directory = ::fdopendir(descriptor);
+    if (directory == nullptr) {
+        ::close(descriptor);
+        return false;
+    }
+    bool removed = true;
+    while (removed) {
+        errno = 0;
+        const dirent* const entry = ::readdir(directory);
+        if (entry == nullptr) {
+            removed = errno == 0;
+            break;
+        }
+        if (!IsDotEntry(*entry)) {
+            // What goes away by itself meanwhile is gone, too.
+            removed = ::unlinkat(descriptor, entry->d_name, 0) == 0 || errno == ENOENT ||
+                      RemoveTree(descriptor, entry->d_name);
+        }
+    }
+    ::closedir(directory);
+    return removed;
+}
+
+/// Removes the directory `name` of the directory `parent` with everything in it. Each step goes
+/// through a descriptor and through no link, so that nobody can put a link to somewhere else in a
+/// directory's place meanwhile.
+bool RemoveTree(int parent, const char* name) {
+    const int descriptor = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    return descriptor >= 0 && RemoveContents(descriptor) &&
+           ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
+}
+
+bool IsRootDirectory(const struct stat& status) {
+    struct stat root {};
+    return ::stat("/", &root) == 0 && root.st_dev == status.st_dev && root.st_ino == status.st_ino;
 }
 
 }  // namespace
@@ -134,26 +168,23 @@ std::size_t lstrlen(const wchar_t* text) {
 }
 
 int localtime_s(std::tm* result, const std::time_t* time) {
-    // The re-entrant form gives the same record; a time past the calendar gives an empty one.
+    // The re-entrant form does not look for a zone that has changed.
+    ::tzset();
+    // A time past the calendar gives an empty record.
     if (::localtime_r(time, result) == nullptr) {
         *result = {};
     }
     return 0;
 }
 
-int DeleteFile(const char* path) try {
-    if (path == nullptr) {
+int DeleteFile(const char* path) {
+    // Asks the system alone, not the C++ library, which needs memory to do it: a cancelled file
+    // goes also where there is none. And a directory that takes the file's place meanwhile stays.
+    struct stat status {};
+    if (path == nullptr || ::stat(path, &status) != 0 || S_ISDIR(status.st_mode)) {
         return 0;
     }
-    const fs::file_type type = TypeOf(path);
-    if (type == fs::file_type::none || type == fs::file_type::not_found ||
-        type == fs::file_type::directory) {
-        return 0;
-    }
-    std::error_code error;
-    return fs::remove(path, error) && !error ? 1 : 0;
-} catch (const std::bad_alloc&) {
-    return 0;
+    return ::unlink(path) == 0 ? 1 : 0;
 }
 
 // Kept: the pointer is only declared wide (SystemHelpersTest.WideDeleteFileReadsBytes).
@@ -166,8 +197,8 @@ int PathIsDirectory(const char* path) {
     return path != nullptr && ::stat(path, &status) == 0 && S_ISDIR(status.st_mode) ? 1 : 0;
 }
 
-// Kept: what cannot be listed is empty; the callers remove a directory, or treat it as gone, by
-// this answer (SystemHelpersTest.PathIsDirectoryEmptyIsTrueForAMissingPath).
+// Kept: what cannot be listed is empty
+// (SystemHelpersTest.PathIsDirectoryEmptyIsTrueForAMissingPath).
 int PathIsDirectoryEmpty(const char* path) {
     // The system's own listing: that of the C++ library ends the process when memory is short.
     DIR* const directory = path != nullptr ? ::opendir(path) : nullptr;
@@ -176,43 +207,45 @@ int PathIsDirectoryEmpty(const char* path) {
     }
     bool isEmpty = true;
     while (const dirent* const entry = isEmpty ? ::readdir(directory) : nullptr) {
-        const std::string_view name = entry->d_name;
-        isEmpty = name == "." || name == "..";
+        isEmpty = IsDotEntry(*entry);
     }
     ::closedir(directory);
     return isEmpty ? 1 : 0;
 }
 
-int RemoveDirectory(const char* path) try {
-    if (path == nullptr || PathIsDirectory(path) == 0) {
+int RemoveDirectory(const char* path) {
+    if (PathIsDirectory(path) == 0) {
         return 0;
     }
     // Without the slashes at its end, a link in the directory's place is seen as the link it is.
-    std::string plain = path;
-    plain.erase(plain.find_last_not_of('/') + 1);
-    // The root cannot go, and its contents must not go before that shows.
-    if (plain.empty() || (!fs::is_symlink(plain) && IsRootDirectory(plain))) {
+    std::string_view plain = path;
+    plain = plain.substr(0, plain.find_last_not_of('/') + 1);
+    std::array<char, PATH_MAX> name{};
+    if (plain.size() >= name.size()) {
         return 0;
     }
-    std::error_code error;
-    fs::remove_all(plain, error);
-    return error ? 0 : 1;
-} catch (const std::exception&) {  // no memory, or the path went away meanwhile
-    return 0;
+    plain.copy(name.data(), plain.size());
+    struct stat status {};
+    if (::lstat(name.data(), &status) != 0) {
+        return 0;
+    }
+    if (S_ISLNK(status.st_mode)) {
+        return ::unlink(name.data()) == 0 ? 1 : 0;
+    }
+    // The root cannot go, and its contents must not go before that shows.
+    return !IsRootDirectory(status) && RemoveTree(AT_FDCWD, name.data()) ? 1 : 0;
 }
 
 int GetVolumeInformation(const char* rootPath, char* /*volumeName*/, std::size_t /*volumeNameSize*/,
                          std::uint32_t* /*serialNumber*/, std::uint32_t* /*maximumComponentLength*/,
                          std::uint32_t* /*flags*/, char* fileSystemName,
-                         std::size_t fileSystemNameSize) try {
+                         std::size_t fileSystemNameSize) {
     FileSystemType type;
     if (rootPath == nullptr || !FileSystemTypeOf(rootPath, type)) {
         return 0;
     }
-    WriteFileSystemName(type.name, type.subtype, fileSystemName, fileSystemNameSize);
+    WriteFileSystemName(type.name.Text(), type.subtype, fileSystemName, fileSystemNameSize);
     return 1;
-} catch (const std::exception&) {  // no memory
-    return 0;
 }
 
 }  // namespace vorrel

@@ -9,9 +9,9 @@
 // lists and the kinds of result are the contract of their callers: the underscores, the `_s`, the
 // wide-declared overloads and the arguments that are never used stay as they are.
 //
-// All are free functions without state, callable from any thread (but see `localtime_s`). Paths
-// are UTF-8 bytes, also where they are declared wide. None throws or logs. Boolean results are 1
-// (true) and 0 (false).
+// All are free functions without state, callable from any thread. Paths are UTF-8 bytes, also where
+// they are declared wide. None throws, logs or asks for memory by operator new. Boolean results are
+// 1 (true) and 0 (false).
 namespace vorrel {
 
 /// Results of the helpers that answer with an error number: 0, or one of these, or `errno`.
@@ -71,9 +71,11 @@ std::size_t lstrlen(const char* text);
 /// Also bytes up to the first zero byte, not wide characters.
 std::size_t lstrlen(const wchar_t* text);
 
-/// Fills the whole record, zone included, with the local time. Arguments must not be null.
+/// Fills the whole record, zone included, with the local time; with zeros for a time that is past
+/// the calendar. Arguments must not be null.
 /// @return 0, always.
-/// @note Goes through the C library's one static record: one thread at a time.
+/// @note Looks for the zone (TZ) anew each time, in the environment: not while a thread changes
+/// that.
 int localtime_s(std::tm* result, const std::time_t* time);
 
 /// Removes a file, or a symbolic link to one (the link, not the file).
@@ -96,7 +98,7 @@ int PathIsDirectoryEmpty(const char* path);
 int RemoveDirectory(const char* path);
 
 /// The name of the file system that holds `rootPath`: "FAT", "FAT32", the names of the "hfs"
-/// family, else the system's name for it (at most 15 bytes).
+/// family, else the system's name for it (at most 15 bytes; empty where that cannot be read).
 /// @param fileSystemName      Receives the name with its terminating zero. May be null; stays
 ///                            untouched when `fileSystemNameSize` is too small: 4 bytes for "FAT",
 ///                            6 for "FAT32", the exact length for the "hfs" family, 16 for all

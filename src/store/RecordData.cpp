@@ -31,6 +31,7 @@ VrError RecordData::Init(std::uint16_t channels, std::uint64_t rate, const Sampl
     const ExclusiveLock lock(layout);
     ++generation;
     stores.clear();
+    form = {};
     VrError result = VrSuccess;
     try {
         stores.reserve(channels);
@@ -44,13 +45,13 @@ VrError RecordData::Init(std::uint16_t channels, std::uint64_t rate, const Sampl
         stores.clear();
         return result;
     }
-    bitsPerSample = bits;
+    form.bitsPerSample = bits;
     // Kept: 16 one-bit samples, although events are logged in units of 64
     // (RecordDataTest.TakesLoggedPositionsAsTwoByteFramesForDsd).
-    bytesPerFrame = type->isDsd != 0 ? 2U : bits / 8U;
-    sampleRate = rate;
-    sampleType = type;
-    rangeManager = ranges;
+    form.bytesPerFrame = type->isDsd != 0 ? 2U : bits / 8U;
+    form.sampleRate = rate;
+    form.sampleType = type;
+    form.rangeManager = ranges;
     return VrSuccess;
 }
 
@@ -65,14 +66,14 @@ VrError RecordData::Add(std::uint16_t channel, const AlignedBytes& block) {
 template <class Container>
 VrError RecordData::AddBlock(std::uint16_t channel, const Container& block) {
     const SharedLock lock(layout);
-    if (channel >= stores.size() || rangeManager == nullptr) {
+    if (channel >= stores.size() || form.rangeManager == nullptr) {
         return VrErrorInvalidParameter;
     }
     TemporaryData& store = stores[channel];
     const std::uint64_t length = store.GetLength(false);
     try {
-        return store.Add(block, rangeManager->GetAvailableRange_Bytes(length, length + block.size(),
-                                                                      bytesPerFrame));
+        return store.Add(block, form.rangeManager->GetAvailableRange_Bytes(
+                                    length, length + block.size(), form.bytesPerFrame));
     } catch (const std::bad_alloc&) {
         return VrErrorFailed;
     }
@@ -95,8 +96,8 @@ VrError RecordData::Read(std::uint16_t channel, std::uint64_t from, std::uint64_
     if (channel >= stores.size()) {
         return VrErrorInvalidParameter;
     }
-    return stores[channel].GetData(SaturatingProduct(from, bitsPerSample) / 8,
-                                   SaturatingProduct(to, bitsPerSample) / 8, out, available);
+    return stores[channel].GetData(SaturatingProduct(from, form.bitsPerSample) / 8,
+                                   SaturatingProduct(to, form.bitsPerSample) / 8, out, available);
 }
 
 std::uint64_t RecordData::GetLength(bool available) const {
@@ -108,7 +109,7 @@ std::uint64_t RecordData::GetLength(bool available) const {
     for (const TemporaryData& store : stores) {
         bytes = std::min(bytes, store.GetLength(available));
     }
-    return bytes * 8 / bitsPerSample;
+    return bytes * 8 / form.bitsPerSample;
 }
 
 VrError RecordData::TemporaryClear() {
@@ -125,7 +126,8 @@ VrError RecordData::TemporaryClear() {
 
 RecordLayout RecordData::GetLayout() const {
     const SharedLock lock(layout);
-    return {static_cast<std::uint16_t>(stores.size()), sampleRate, sampleType, generation};
+    return {static_cast<std::uint16_t>(stores.size()), form.sampleRate, form.sampleType,
+            generation};
 }
 
 std::uint16_t RecordData::GetChannels() const {
@@ -135,12 +137,12 @@ std::uint16_t RecordData::GetChannels() const {
 
 std::uint64_t RecordData::GetSampleRate() const {
     const SharedLock lock(layout);
-    return sampleRate;
+    return form.sampleRate;
 }
 
 const SampleTypeInfo* RecordData::GetSampleTypeInfo() const {
     const SharedLock lock(layout);
-    return sampleType;
+    return form.sampleType;
 }
 
 }  // namespace vorrel

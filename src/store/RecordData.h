@@ -15,7 +15,7 @@ namespace vorrel {
 struct RecordLayout {
     std::uint16_t channels = 0;
     std::uint64_t sampleRate = 0;                // Hz
-    const SampleTypeInfo* sampleType = nullptr;  // null before the first `Init`
+    const SampleTypeInfo* sampleType = nullptr;  // null before the first `Init`, after a failed one
     std::uint64_t generation = 0;                // another one once the data were discarded
 };
 
@@ -32,7 +32,8 @@ public:
     /// held is gone. `rangeManager` is not owned and may be null: then `Add` refuses.
     /// @return `VrErrorInvalidParameter` (no channel, rate or sample type; five seconds are less
     ///         than a byte or no 32-bit number of bytes) changes nothing; `VrErrorFailed` (no
-    ///         memory) leaves no channels.
+    ///         memory) leaves what there is before the first `Init`: no channels, no rate, no
+    ///         sample type. The old recording is gone then, too.
     VrError Init(std::uint16_t channels, std::uint64_t sampleRate, const SampleTypeInfo* sampleType,
                  RecordRangeManager* rangeManager) VORREL_EXCLUDES(layout);
     /// Stores one block of `channel`, cutting it by the range log. One thread adds.
@@ -62,7 +63,7 @@ public:
     RecordLayout GetLayout() const VORREL_EXCLUDES(layout);
     std::uint16_t GetChannels() const VORREL_EXCLUDES(layout);
     std::uint64_t GetSampleRate() const VORREL_EXCLUDES(layout);
-    /// Null before the first `Init`.
+    /// Null before the first `Init` and after one that had no memory.
     const SampleTypeInfo* GetSampleTypeInfo() const VORREL_EXCLUDES(layout);
 
     /// Held by the record worker around one turn (one block of every channel) and by the manager
@@ -77,16 +78,21 @@ private:
     VrError Read(std::uint16_t channel, std::uint64_t from, std::uint64_t to, Container& out,
                  bool available) VORREL_EXCLUDES(layout);
 
+    /// What the stores hold. One record, so that a failed `Init` leaves nothing of the old one.
+    struct Form {
+        std::uint16_t bitsPerSample = 0;
+        std::uint32_t bytesPerFrame = 0;  // of one channel
+        std::uint64_t sampleRate = 0;
+        const SampleTypeInfo* sampleType = nullptr;
+        RecordRangeManager* rangeManager = nullptr;
+    };
+
     IVorrelManager& manager;
     Mutex turn;
     mutable ReadWriteMutex layout;  // shared: the stores' own mutexes do the rest
     std::vector<TemporaryData> stores VORREL_GUARDED_BY(layout);
     std::uint64_t generation VORREL_GUARDED_BY(layout) = 0;
-    std::uint16_t bitsPerSample VORREL_GUARDED_BY(layout) = 0;
-    std::uint32_t bytesPerFrame VORREL_GUARDED_BY(layout) = 0;  // of one channel
-    std::uint64_t sampleRate VORREL_GUARDED_BY(layout) = 0;
-    const SampleTypeInfo* sampleType VORREL_GUARDED_BY(layout) = nullptr;
-    RecordRangeManager* rangeManager VORREL_GUARDED_BY(layout) = nullptr;
+    Form form VORREL_GUARDED_BY(layout);
 };
 
 }  // namespace vorrel

@@ -171,7 +171,8 @@ VrError SaveDsfFile(const VrSaveSettingInternal* setting, SaveRun& run) {
     }
     const std::uint64_t frames = endFrame - startFrame;
     run.progress.fileLength = frames;
-    const DsfSizes sizes(format, frames, CalculateSaveID3TagSize(setting->tags));
+    const Id3Texts tags(setting->tags);
+    const DsfSizes sizes(format, frames, CalculateSaveID3TagSize(tags));
 
     if (const VrError error = SaveCreateDirectory(setting->path, run.createdDirectory);
         error != VrSuccess) {
@@ -189,14 +190,14 @@ VrError SaveDsfFile(const VrSaveSettingInternal* setting, SaveRun& run) {
         run.SkipFile(setting->path, frames);
         return run.CancelRequested() ? VrErrorCanceled : VrSuccess;
     }
-    run.fileIsOpen = true;
+    run.fileIsOurs = true;
     VrError result = VrErrorFailed;
     if (file.Write(BuildDsfHeader(format, sizes))) {
         BlockWriter blocks(run, format, startFrame, endFrame);
         result = blocks.Write(file, SinglePrecisionGain(setting->gain));
         std::FILE* const stream = file.Stream();  // while the blocks are still there
         if (result == VrSuccess || result == VrErrorCanceled) {
-            result = SaveID3Tags(setting->tags, stream);
+            result = SaveID3Tags(tags, stream);
         }
     }
     if (!file.Close() && result == VrSuccess) {

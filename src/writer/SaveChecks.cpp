@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <tuple>
 
 #include "platform/SystemHelpers.h"
@@ -90,10 +91,16 @@ VrError DeleateSaveFile(const VrSaveSettingInternal* setting) {
     return VrSuccess;
 }
 
-void RemoveEmptyDirectory(const std::string& path) {
+void RemoveEmptyDirectory(std::string path) noexcept {
     // Asked and removed in one step, never with what is in it: somebody, the host's next save
     // perhaps, may put a file there at any moment.
-    std::ignore = ::rmdir(path.c_str());
+    if (::rmdir(path.c_str()) == 0 || errno != ENOTDIR || !PathIsDirectory(path.c_str()) ||
+        !PathIsDirectoryEmpty(path.c_str())) {
+        return;
+    }
+    // A link. The system takes one with a slash behind it for what it points to.
+    path.erase(path.find_last_not_of('/') + 1);
+    std::ignore = ::unlink(path.c_str());
 }
 
 }  // namespace vorrel

@@ -37,7 +37,8 @@ bool FileSystemTakes(std::string_view name, std::uint64_t totalBlocks, std::uint
 /// @return `VrErrorInvalidParameter` (null); else `VrSuccess`, deleted or not.
 VrError DeleateSaveFile(const VrSaveSettingInternal* setting);
 
-/// Removes the directory `path` if nothing is in it; else does nothing.
-void RemoveEmptyDirectory(const std::string& path);
+/// Removes the directory `path` if nothing is in it; else does nothing. Of a symbolic link to an
+/// empty directory the link is removed, and the directory stays. Asks for no memory.
+void RemoveEmptyDirectory(std::string path) noexcept;
 
 }  // namespace vorrel

@@ -16,7 +16,7 @@ bool SaveRun::RecordingHolds() const {
 void SaveRun::BeginFile() {
     progress.filePosition = 0;
     progress.fileLength = 0;
-    fileIsOpen = false;
+    fileIsOurs = false;
 }
 
 void SaveRun::Advance(std::uint64_t frames) {

@@ -40,7 +40,8 @@ struct SaveRun {
     bool (*volumeTakes)(const std::string& path,
                         std::uint64_t bytes) = &CheckFileSystemFileSizeLimit;
 
-    bool fileIsOpen = false;  ///< The current DSF file has been opened: from there on it is ours.
+    bool fileIsOurs = false;  ///< The current file has been opened; before that, a file of its name
+                              ///< is somebody else's.
 
     /// False once another recording has begun, or this one has been discarded: what is read is not
     /// of the take that was to be saved, and may be of another form.

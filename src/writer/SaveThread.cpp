@@ -38,7 +38,7 @@ VrError SaveFile(const VrSaveSettingInternal& file, bool isDsd, SaveRun& run) {
     } catch (...) {  // out of memory: a failed file like any other
         // In a DSF file that is open a pending cancel goes before every other result. Before that,
         // a file of its name may be somebody else's, and a cancel might delete it.
-        return isDsd && run.fileIsOpen && run.CancelRequested() ? VrErrorCanceled : VrErrorFailed;
+        return isDsd && run.fileIsOurs && run.CancelRequested() ? VrErrorCanceled : VrErrorFailed;
     }
 }
 
@@ -111,7 +111,7 @@ void SaveThread::ThreadImpl() {
     RecordData* const data = recordData;
     const RecordLayout layout = recording;
 
-    Outcome outcome{VrSuccess, nullptr};
+    Outcome outcome{VrSuccess, nullptr, false};
     std::string createdDirectory;
     if (files != nullptr && !files->empty() && layout.sampleType != nullptr) {
         SaveRun run{manager, *data, bits, cancelState, progress, {}, layout};
@@ -119,7 +119,14 @@ void SaveThread::ThreadImpl() {
         createdDirectory = std::move(run.createdDirectory);
     }
     if (outcome.result == VrErrorCanceled && cancelState == kSaveCancelDelete) {
-        EndWith([&] { std::ignore = DeleateSaveFile(outcome.file); });
+        EndWith([&] {
+            if (outcome.fileIsOurs) {
+                std::ignore = DeleateSaveFile(outcome.file);
+            } else {
+                // It could not be opened: what stands there is not of this save.
+                RemoveEmptyDirectory(DirectoryPart(outcome.file->path));
+            }
+        });
     }
 
     Detach();
@@ -129,7 +136,7 @@ void SaveThread::ThreadImpl() {
     }
     EndWith([&] { NotifyFailed(outcome.file->path); });
     if (!createdDirectory.empty()) {
-        RemoveEmptyDirectory(createdDirectory);
+        RemoveEmptyDirectory(std::move(createdDirectory));
     }
 }
 
@@ -139,10 +146,10 @@ SaveThread::Outcome SaveThread::WriteFiles(const std::vector<VrSaveSettingIntern
     const bool isDsd = run.recording.sampleType->isDsd != 0;
     for (const VrSaveSettingInternal& file : files) {
         if (const VrError error = SaveFile(file, isDsd, run); error != VrSuccess) {
-            return {error, &file};
+            return {error, &file, run.fileIsOurs};
         }
     }
-    return {VrSuccess, nullptr};
+    return {VrSuccess, nullptr, false};
 }
 
 void SaveThread::SetOverallLength(const std::vector<VrSaveSettingInternal>& files,

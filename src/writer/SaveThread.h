@@ -45,7 +45,7 @@ public:
     VrError Start(SaveList list, RecordData* recordData, PreviewData* previewData);
     /// Asks the running save to stop before its next block. The first request of a save wins.
     /// @param deleteFile  The partial file is deleted, and its directory if that is then empty;
-    ///                    else it is kept.
+    ///                    else it is kept. A file of its name that this save has not opened stays.
     /// @return `VrSuccess`, always. Any thread.
     VrError SaveCancel(bool deleteFile);
     /// @param fileProgress   Receives how much of the current file is done, in per mille.
@@ -73,6 +73,7 @@ private:
     struct Outcome {
         VrError result;
         const VrSaveSettingInternal* file;  // where it ended with a failure or a cancel
+        bool fileIsOurs;                    // and this save has opened it
     };
     Outcome WriteFiles(const std::vector<VrSaveSettingInternal>& files, SaveRun& run);
     void SetOverallLength(const std::vector<VrSaveSettingInternal>& files, std::uint64_t rateHz);

@@ -46,9 +46,12 @@ const std::string& Value(const TagMap& tags, const char* key) {
 }
 
 template <std::size_t Count>
-bool AllEmpty(const TagMap& tags, const std::array<TagPlace, Count>& places) {
-    return std::all_of(places.begin(), places.end(),
-                       [&](const TagPlace& place) { return Value(tags, place.key).empty(); });
+using Texts = std::array<std::optional<std::string>, Count>;
+
+template <std::size_t Count>
+bool AllEmpty(const Texts<Count>& texts) {
+    return std::none_of(texts.begin(), texts.end(),
+                        [](const auto& text) { return text.has_value(); });
 }
 
 bool Write(std::FILE* file, std::span<const std::uint8_t> bytes) {
@@ -81,6 +84,34 @@ std::string Id3Text(const std::string& value) {
     return text;
 }
 
+template <std::size_t Count>
+Texts<Count> Convert(const TagMap& tags, const std::array<TagPlace, Count>& places,
+                     std::string (*convert)(const std::string& value)) {
+    Texts<Count> texts;
+    for (std::size_t place = 0; place < Count; ++place) {
+        if (const std::string& value = Value(tags, places[place].key); !value.empty()) {
+            texts[place] = convert(value);
+        }
+    }
+    return texts;
+}
+
+VrError WriteInfo(const std::string& text, const char* id, std::FILE* file) {
+    return WriteChunkHead(file, id, text.size()) && Write(file, text) ? VrSuccess : VrErrorFailed;
+}
+
+VrError WriteFrame(const std::string& text, const char* id, std::FILE* file) {
+    if (text.empty()) {
+        return VrErrorInvalidParameter;
+    }
+    constexpr std::array<std::uint8_t, kId3TextPrefixBytes> kUtf16WithMark = {1, 0xFF, 0xFE};
+    std::array<std::uint8_t, kId3FrameHeadBytes> head{};  // the two flag bytes stay 0
+    std::memcpy(head.data(), id, kIdBytes);
+    PutBigEndian(head.data() + kIdBytes, text.size() + kId3TextPrefixBytes, 4);
+    return Write(file, head) && Write(file, kUtf16WithMark) && Write(file, text) ? VrSuccess
+                                                                                 : VrErrorFailed;
+}
+
 /// A number in four bytes of seven bits, most significant first.
 void PutSyncsafe(std::uint8_t* out, std::uint64_t value) {
     for (std::size_t index = 0; index < 4; ++index) {
@@ -90,51 +121,63 @@ void PutSyncsafe(std::uint8_t* out, std::uint64_t value) {
 
 }  // namespace
 
-std::uint64_t CalculateSaveID3TagSize(const TagMap& tags) {
-    std::uint64_t frames = 0;
-    for (const TagPlace& place : kId3Places) {
-        if (const std::string& value = Value(tags, place.key); !value.empty()) {
-            frames += kId3FrameHeadBytes + kId3TextPrefixBytes + Id3Text(value).size();
-        }
+Id3Texts::Id3Texts(const TagMap& tags) : frames(Convert(tags, kId3Places, &Id3Text)) {}
+
+RiffTexts::RiffTexts(const TagMap& tags) : info(Convert(tags, kInfoPlaces, &InfoText)) {
+    if (!AllEmpty(info)) {
+        id3 = Id3Texts(tags);
     }
-    return frames == 0 ? 0 : kId3HeadBytes + frames;
 }
 
-std::uint64_t CalculateSaveTagSize(const TagMap& tags) {
-    if (AllEmpty(tags, kInfoPlaces)) {
+std::uint64_t CalculateSaveID3TagSize(const Id3Texts& tags) {
+    if (AllEmpty(tags.frames)) {
+        return 0;
+    }
+    std::uint64_t size = kId3HeadBytes;
+    for (const auto& text : tags.frames) {
+        if (text) {
+            size += kId3FrameHeadBytes + kId3TextPrefixBytes + text->size();
+        }
+    }
+    return size;
+}
+
+std::uint64_t CalculateSaveTagSize(const RiffTexts& tags) {
+    if (AllEmpty(tags.info)) {
         return 0;
     }
     std::uint64_t list = kChunkHeadBytes + kIdBytes;  // "LIST", its size, "INFO"
-    for (const TagPlace& place : kInfoPlaces) {
-        if (const std::string& value = Value(tags, place.key); !value.empty()) {
-            list += kChunkHeadBytes + InfoText(value).size();
+    for (const auto& text : tags.info) {
+        if (text) {
+            list += kChunkHeadBytes + text->size();
         }
     }
-    const std::uint64_t id3 = CalculateSaveID3TagSize(tags);
+    const std::uint64_t id3 = CalculateSaveID3TagSize(tags.id3);
     return list + kChunkHeadBytes + id3 + id3 % 2;
 }
 
-VrError SaveTags(const TagMap& tags, std::FILE* file) {
+VrError SaveTags(const RiffTexts& tags, std::FILE* file) {
     if (file == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (AllEmpty(tags, kInfoPlaces)) {
+    if (AllEmpty(tags.info)) {
         return VrSuccess;
     }
-    const std::uint64_t id3 = CalculateSaveID3TagSize(tags);
+    const std::uint64_t id3 = CalculateSaveID3TagSize(tags.id3);
     const std::uint64_t list =
         CalculateSaveTagSize(tags) - kChunkHeadBytes - (id3 + id3 % 2) - kChunkHeadBytes;
     if (!WriteChunkHead(file, "LIST", list) || !Write(file, std::string_view("INFO"))) {
         return VrErrorFailed;
     }
-    for (const TagPlace& place : kInfoPlaces) {
-        if (const std::string& value = Value(tags, place.key); !value.empty()) {
-            if (const VrError error = SaveTag(value, place.id, file); error != VrSuccess) {
+    for (std::size_t place = 0; place < tags.info.size(); ++place) {
+        if (const auto& text = tags.info[place]) {
+            if (const VrError error = WriteInfo(*text, kInfoPlaces[place].id, file);
+                error != VrSuccess) {
                 return error;
             }
         }
     }
-    std::ignore = SaveID3TagAsRIFF(tags, file);  // a failed write shows when the file is closed
+    std::ignore = SaveID3TagAsRIFF(tags.id3, file);  // a failed write shows at the close
     return VrSuccess;
 }
 
@@ -142,11 +185,10 @@ VrError SaveTag(const std::string& value, const char* id, std::FILE* file) {
     if (value.empty() || file == nullptr) {
         return VrErrorInvalidParameter;
     }
-    const std::string text = InfoText(value);
-    return WriteChunkHead(file, id, text.size()) && Write(file, text) ? VrSuccess : VrErrorFailed;
+    return WriteInfo(InfoText(value), id, file);
 }
 
-VrError SaveID3TagAsRIFF(const TagMap& tags, std::FILE* file) {
+VrError SaveID3TagAsRIFF(const Id3Texts& tags, std::FILE* file) {
     const std::uint64_t size = CalculateSaveID3TagSize(tags);
     if (size == 0 || file == nullptr) {
         return VrErrorInvalidParameter;
@@ -163,11 +205,11 @@ VrError SaveID3TagAsRIFF(const TagMap& tags, std::FILE* file) {
     return VrSuccess;
 }
 
-VrError SaveID3Tags(const TagMap& tags, std::FILE* file) {
+VrError SaveID3Tags(const Id3Texts& tags, std::FILE* file) {
     if (file == nullptr) {
         return VrErrorInvalidParameter;
     }
-    if (AllEmpty(tags, kId3Places)) {
+    if (AllEmpty(tags.frames)) {
         return VrSuccess;
     }
     std::array<std::uint8_t, kId3HeadBytes> head = {'I', 'D', '3', 3};  // version 3, no flags
@@ -175,9 +217,10 @@ VrError SaveID3Tags(const TagMap& tags, std::FILE* file) {
     if (!Write(file, head)) {
         return VrErrorFailed;
     }
-    for (const TagPlace& place : kId3Places) {
-        if (const std::string& value = Value(tags, place.key); !value.empty()) {
-            if (const VrError error = SaveID3Tag(value, place.id, file); error != VrSuccess) {
+    for (std::size_t place = 0; place < tags.frames.size(); ++place) {
+        if (const auto& text = tags.frames[place]) {
+            if (const VrError error = WriteFrame(*text, kId3Places[place].id, file);
+                error != VrSuccess) {
                 return error;
             }
         }
@@ -186,16 +229,10 @@ VrError SaveID3Tags(const TagMap& tags, std::FILE* file) {
 }
 
 VrError SaveID3Tag(const std::string& value, const char* id, std::FILE* file) {
-    const std::string text = Id3Text(value);
-    if (text.empty() || file == nullptr) {
+    if (file == nullptr) {
         return VrErrorInvalidParameter;
     }
-    constexpr std::array<std::uint8_t, kId3TextPrefixBytes> kUtf16WithMark = {1, 0xFF, 0xFE};
-    std::array<std::uint8_t, kId3FrameHeadBytes> head{};  // the two flag bytes stay 0
-    std::memcpy(head.data(), id, kIdBytes);
-    PutBigEndian(head.data() + kIdBytes, text.size() + kId3TextPrefixBytes, 4);
-    return Write(file, head) && Write(file, kUtf16WithMark) && Write(file, text) ? VrSuccess
-                                                                                 : VrErrorFailed;
+    return WriteFrame(Id3Text(value), id, file);
 }
 
 }  // namespace vorrel

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <tuple>
 
 namespace vorrel {
@@ -55,7 +56,11 @@ std::size_t FindTagCharacter(std::string_view utf8) {
 /// A conversion from UTF-8. Not open where the C library comes without the encoding's table.
 class Conversion {
 public:
-    explicit Conversion(const char* name) : descriptor(::iconv_open(name, "UTF-8")) {}
+    explicit Conversion(const char* name) : descriptor(::iconv_open(name, "UTF-8")) {
+        if (const int error = errno; !IsOpen() && error != EINVAL) {
+            throw std::system_error(error, std::generic_category(), "iconv_open");
+        }
+    }
     ~Conversion() {
         if (IsOpen()) {
             ::iconv_close(descriptor);

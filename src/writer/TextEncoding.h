@@ -5,10 +5,14 @@
 #include <string>
 #include <string_view>
 
-// Text of tags: UTF-8 into the encodings of file formats. Nothing here fails: what cannot be
-// converted is substituted, one substitute for each character, where a character is a byte
-// together with the continuation bytes behind it. The process's locale is neither used nor
-// changed, it is the host's.
+// Text of tags: UTF-8 into the encodings of file formats. What cannot be converted is substituted,
+// one substitute for each character, where a character is a byte together with the continuation
+// bytes behind it; where the C library comes without an encoding's table, that is all but ASCII.
+// The process's locale is neither used nor changed, it is the host's.
+//
+// The conversions throw `std::bad_alloc`, and `std::system_error` where the C library cannot begin
+// one for another cause (no memory, no descriptor): such a text is not to be taken for one that
+// cannot be converted.
 namespace vorrel {
 
 /// The bytes of the text in Shift-JIS (code page 932), "?" for what that lacks and for malformed

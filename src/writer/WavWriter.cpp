@@ -52,7 +52,7 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
         return VrErrorInvalidParameter;
     }
     const SampleTypeInfo* sampleType = run.recording.sampleType;
-    if (sampleType == nullptr) {
+    if (sampleType == nullptr || run.recording.channels == 0) {
         return VrErrorFailed;
     }
 
@@ -71,7 +71,8 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
 
     const WavFormat format{run.recording.channels, static_cast<std::uint32_t>(rateHz),
                            run.bits.load()};
-    const auto tagBytes = static_cast<std::uint32_t>(CalculateSaveTagSize(setting->tags));
+    const RiffTexts tags(setting->tags);
+    const auto tagBytes = static_cast<std::uint32_t>(CalculateSaveTagSize(tags));
     if (!FitsWav(format, frames, tagBytes)) {
         run.SkipFile(setting->path, frames);
         return VrSuccess;
@@ -91,6 +92,7 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
         run.SkipFile(setting->path, headerFrames);
         return VrSuccess;
     }
+    run.fileIsOurs = true;
     if (!file.Write(BuildWavHeader(format, sizes))) {
         return VrErrorFailed;
     }
@@ -110,7 +112,7 @@ VrError SaveWavFile(const VrSaveSettingInternal* setting, SaveRun& run) {
                                   .bytes = static_cast<std::size_t>(blockFrames) * sampleBytes,
                                   .perBatch = 1});
     if (result == VrSuccess) {
-        result = SaveTags(setting->tags, file.Stream());
+        result = SaveTags(tags, file.Stream());
     }
     if (!file.Close() && result == VrSuccess) {
         result = VrErrorFailed;

@@ -14,9 +14,9 @@ namespace vorrel {
 /// A file that would reach 4 GiB, that its file system cannot hold or that cannot be opened is
 /// skipped: reported as such, counted as done, result `VrSuccess`.
 /// @return `VrErrorInvalidParameter` (null; the end lies before the start);
-///         `VrErrorFailed` (no sample type or no "/" in the path; too little space, or a missing
-///         directory: no file was made; a width other than 16, 24 and 32 bits or a sample type
-///         without converters: the header stands on the disk; a read or write failed: what was
+///         `VrErrorFailed` (no channels, no sample type or no "/" in the path; too little space, or
+///         a missing directory: no file was made; a width other than 16, 24 and 32 bits or a sample
+///         type without converters: the header stands on the disk; a read or write failed: what was
 ///         written stays);
 ///         `VrErrorCanceled` (what was written stays).
 ///         The header carries the sizes of the complete file from the beginning.

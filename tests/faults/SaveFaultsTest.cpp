@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "faults/FaultRig.h"
 
 namespace vorrel::test {
 namespace {
+
+constexpr const char* kEarlierFile = "an earlier take";
 
 /// How a save may end.
 enum Ending : unsigned {
@@ -66,12 +70,43 @@ public:
         return met;
     }
 
+    /// A cancel comes with the fault, and a file of somebody else stands at the path.
+    std::uint64_t CancelOverAnExistingFile(Fault fault, bool deleteFile) {
+        Clear();
+        const std::string& path = files.front().path;
+        const std::string witness = rig.take.directory.File("witness");
+        std::filesystem::create_directory(directory);
+        std::ofstream(path) << kEarlierFile;
+        std::filesystem::remove(witness);
+        std::filesystem::create_hard_link(path, witness);  // shows whether it was ever opened
+        fault.action = [&] { std::ignore = rig.take.manager.SaveFileCancel(deleteFile); };
+        fault.failsToo = true;
+        ArmedFault armed(fault);
+        if (AsHost([&] { return rig.take.manager.SaveFile(&files); }) == VrSuccess) {
+            EXPECT_TRUE(
+                SettlesUntil([&] { return rig.take.delegate->Has(VrRecOperationSaveFinished); }));
+        }
+        VorrelManagerParts::Saver(rig.take.manager).WaitFinished();
+        armed.Disarm();
+        const bool isUntouched = Text(witness) == kEarlierFile;
+        EXPECT_TRUE(std::filesystem::exists(path) || (deleteFile && !isUntouched));
+        if (isUntouched) {
+            EXPECT_EQ(Text(path), kEarlierFile);
+        }
+        return armed.Met();
+    }
+
     const std::string& Directory() const { return directory; }
 
 private:
     void Clear() {
         std::filesystem::remove_all(directory);
         rig.Forget();
+    }
+
+    static std::string Text(const std::string& path) {
+        const Bytes bytes = ReadBytes(path);
+        return {bytes.begin(), bytes.end()};
     }
 
     void CheckEnding(VrError result, unsigned allowed, const Fault& fault) {
@@ -89,7 +124,11 @@ private:
         } else if (log.size() == 1) {
             EXPECT_TRUE((allowed & kWritten) != 0) << all;
             EXPECT_EQ(log.front(), "operation 3");
-            EXPECT_TRUE(ReadBytes(path) == whole);
+            if (fault.call == Call::Encoding) {
+                ExpectSizesHold(ReadBytes(path));
+            } else {
+                EXPECT_TRUE(ReadBytes(path) == whole);
+            }
         } else if (log.size() == 2 && isMessage(log[1], "message 3 ")) {
             EXPECT_TRUE((allowed & kFailed) != 0) << all;
             EXPECT_EQ(log.front(), "operation 3");
@@ -103,6 +142,12 @@ private:
         } else {
             ADD_FAILURE() << all;
         }
+    }
+
+    /// The file is as long as its header says.
+    static void ExpectSizesHold(const Bytes& file) {
+        const bool isWav = LittleEndian(file, 0, 4) == Id("RIFF");
+        EXPECT_EQ(file.size(), isWav ? LittleEndian(file, 4, 4) + 8 : LittleEndian(file, 12, 8));
     }
 
     void ExpectTheNextSaveIsWhole() {
@@ -122,8 +167,9 @@ private:
     Bytes whole;
 };
 
+// Partly in characters of more than a byte, one of which Shift-JIS lacks.
 const std::map<std::string, std::string> kTags = {
-    {"Title", "Take"}, {"Alubum", "Nr. 1"}, {"Artist", "A"}, {"AlbumArtist", "B"}};
+    {"Title", "録音"}, {"Alubum", "Nr. 1"}, {"Artist", "é"}, {"AlbumArtist", "B"}};
 
 /// What is the same for both kinds of files.
 void SweepTheRoadToAFile(SaveFaults& faults) {
@@ -147,6 +193,31 @@ void SweepTheRoadToAFile(SaveFaults& faults) {
     }
 }
 
+/// Texts that cannot be converted, for this cause or that.
+void SweepTheTags(SaveFaults& faults) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM}) {
+        faults.Sweep({.call = Call::Encoding, .error = error}, kFailed);
+        faults.Sweep({.call = Call::Encoding, .error = error, .forGood = true}, kFailed);
+    }
+    // No table of the encoding: substitutes, and sizes that hold.
+    faults.Sweep({.call = Call::Encoding, .error = EINVAL}, kWritten);
+    faults.Sweep({.call = Call::Encoding, .error = EINVAL, .forGood = true}, kWritten);
+}
+
+/// A file of somebody else stands at the path, and goes only if this save has opened it.
+void SweepCancels(SaveFaults& faults, const std::string& operation) {
+    for (const bool deleteFile : {true, false}) {
+        for (const Fault& fault :
+             {Fault{.call = Call::Open, .error = EACCES},
+              Fault{.call = Call::Open, .error = EMFILE}, Fault{.call = Call::FileSystem},
+              Fault{.call = Call::Memory}, Fault{.call = Call::Memory, .forGood = true}}) {
+            Sweep("cancel of " + operation, fault, [&](const Fault& one) {
+                return faults.CancelOverAnExistingFile(one, deleteFile);
+            });
+        }
+    }
+}
+
 /// A directory that vanishes, threads and memory that are not there.
 void SweepTheSurroundings(SaveFaults& faults, const std::string& operation) {
     Sweep(operation,
@@ -159,15 +230,18 @@ void SweepTheSurroundings(SaveFaults& faults, const std::string& operation) {
           [&](const Fault& fault) { return faults.SaveWhileTheDirectoryVanishes(fault); });
     faults.Sweep({.call = Call::Thread}, kRefused | kFailed | kWritten);
     faults.Sweep({.call = Call::Thread, .forGood = true}, kRefused | kFailed | kWritten);
-    constexpr unsigned kAny = kRefused | kFailed | kSkipped | kWritten;
-    faults.Sweep({.call = Call::Memory}, kAny);
-    faults.Sweep({.call = Call::Memory, .forGood = true}, kAny);
+    // Left out is only a file that cannot stand where it is to stand.
+    constexpr unsigned kNotSkipped = kRefused | kFailed | kWritten;
+    faults.Sweep({.call = Call::Memory}, kNotSkipped);
+    faults.Sweep({.call = Call::Memory, .forGood = true}, kNotSkipped);
 }
 
 TEST(SaveFaultsTest, AWavFileIsWholeOrItsFailureIsToldOnce) {
     SaveFaults faults("save WAV", 44'100, Take::Pcm, {{}, 0.25, 10.5, -3.0, kTags});
     SweepTheRoadToAFile(faults);
+    SweepTheTags(faults);
     SweepTheSurroundings(faults, "save WAV");
+    SweepCancels(faults, "save WAV");
 }
 
 TEST(SaveFaultsTest, ADsfFileIsWholeOrItsFailureIsToldOnce) {
@@ -187,7 +261,9 @@ TEST(SaveFaultsTest, ADsfFileWithGainAndTagsIsWholeOrItsFailureIsToldOnce) {
     // From the end of the first block on the disk into the second.
     SaveFaults faults("save DSF, gain, tags", 2'822'400, Take::Dsd, {{}, 4.8, 5.4, -6.0, kTags});
     SweepTheRoadToAFile(faults);
+    SweepTheTags(faults);
     SweepTheSurroundings(faults, "save DSF, gain, tags");
+    SweepCancels(faults, "save DSF, gain, tags");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fstream>
 
 #include "faults/FaultRig.h"
+#include "support/FakeManager.h"
 
 namespace vorrel::test {
 namespace {
@@ -10,6 +11,7 @@ namespace {
 constexpr std::uint64_t kRateHz = 44'100;
 constexpr double kSeconds = 10.5;  // two blocks of each channel and of the preview are on the disk
 constexpr std::int16_t kUntouched = 0x5A5A;
+constexpr const char* kEarlierFile = "an earlier take";
 
 class StoreFaultsTest : public ::testing::Test {
 protected:
@@ -139,6 +141,103 @@ TEST_F(StoreFaultsTest, AStartThatCannotDeleteTheTakeBeforeItStillStarts) {
         Sweep("start after a take", {.call = call, .error = EIO, .forGood = true},
               [&](const Fault& fault) { return StartWith(fault); });
     }
+}
+
+/// A start that may fail, and a save after it over a file of somebody else.
+std::uint64_t StartAndSaveWith(const Fault& fault, FaultRig& rig) {
+    rig.Start();
+    rig.Deliver(3);
+    rig.Stop();
+    const std::string path = rig.take.directory.File("take.wav");
+    std::ofstream(path, std::ios::trunc) << kEarlierFile;
+    rig.Forget();
+    ArmedFault armed(fault);
+    if (AsHost([&] { return rig.take.manager.Start(); }) == VrSuccess) {
+        EXPECT_TRUE(SettlesUntil([&] { return !rig.take.delegate->log.empty(); }));
+    }
+    armed.Disarm();
+    if (rig.take.manager.State() == ManagerState::Recording) {
+        rig.Stop();
+    }
+    const RecordLayout layout = rig.take.Record().GetLayout();
+    EXPECT_EQ(layout.channels == 0, layout.sampleType == nullptr);
+    EXPECT_EQ(layout.channels == 0, layout.sampleRate == 0);
+
+    rig.Forget();
+    const std::vector<VrSaveSetting> files = {{path, 0.0, 1.0, 0.0, {}}};
+    EXPECT_EQ(rig.take.manager.SaveFile(&files), VrSuccess);
+    EXPECT_TRUE(SettlesUntil([&] { return rig.take.delegate->Has(VrRecOperationSaveFinished); }));
+    VorrelManagerParts::Saver(rig.take.manager).WaitFinished();
+    const Bytes file = ReadBytes(path);
+    if (layout.channels == 0) {
+        EXPECT_EQ(std::string(file.begin(), file.end()), kEarlierFile);
+    } else {
+        EXPECT_EQ(LittleEndian(file, 22, 2), 2U);  // channels
+    }
+    rig.ExpectTheNextTakeWorks();
+    return armed.Met();
+}
+
+TEST(SaveAfterStartFaultsTest, ASaveAfterAStartWithoutMemoryNeverWritesAFileWithoutChannels) {
+    // At this rate the capture queue's pool is a small part of what a start asks memory for.
+    FaultRig rig(384'000, Take::Pcm, 2, 1.0);
+    for (const bool forGood : {false, true}) {
+        Sweep("save after a start", {.call = Call::Memory, .forGood = forGood},
+              [&](const Fault& fault) { return StartAndSaveWith(fault, rig); });
+    }
+}
+
+/// The store of all channels by itself: two of them, each with a file.
+class RecordDataFaultsTest : public ::testing::Test {
+protected:
+    RecordDataFaultsTest() { log.AddRecordEvent(0, kRecordEventRecord); }
+
+    void Fill() {
+        ASSERT_EQ(data.Init(2, 1'000, GetSampleTypeInfo(kSampleTypePcm), &log), VrSuccess);
+        for (std::uint16_t channel = 0; channel < 2; ++channel) {
+            ASSERT_EQ(data.Add(channel, Bytes(20'000)), VrSuccess);
+        }
+        ASSERT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 2);
+    }
+    bool HasFiles() const { return !std::filesystem::is_empty(directory.Path()); }
+
+    TempDirectory directory;
+    FakeManager manager{directory.Path()};
+    RecordRangeManager log;
+    RecordData data{manager};
+};
+
+TEST_F(RecordDataFaultsTest, AnInitThatFailsForAnyChannelLeavesNothingOfTheOldRecording) {
+    Sweep("init of a recording", {.call = Call::Memory}, [&](const Fault& fault) {
+        Fill();
+        const std::uint64_t generation = data.GetLayout().generation;
+        ArmedFault armed(fault);
+        const VrError result =
+            AsHost([&] { return data.Init(3, 2'000, GetSampleTypeInfo(kSampleTypePcm), &log); });
+        armed.Disarm();
+        const RecordLayout layout = data.GetLayout();
+        EXPECT_EQ(result, armed.Met() == 0 ? VrSuccess : VrErrorFailed);
+        EXPECT_EQ(layout.channels, armed.Met() == 0 ? 3U : 0U);
+        EXPECT_EQ(layout.sampleRate, armed.Met() == 0 ? 2'000U : 0U);
+        EXPECT_EQ(layout.sampleType == nullptr, armed.Met() != 0);
+        EXPECT_EQ(layout.generation, generation + 1);
+        EXPECT_FALSE(HasFiles());
+        return armed.Met();
+    });
+}
+
+TEST_F(RecordDataFaultsTest, AClearThatFailsForOneChannelFailsAndEmptiesAll) {
+    Sweep("clear of a recording", {.call = Call::Memory}, [&](const Fault& fault) {
+        Fill();
+        ArmedFault armed(fault);
+        const VrError result = AsHost([&] { return data.TemporaryClear(); });
+        armed.Disarm();
+        EXPECT_EQ(result, armed.Met() == 0 ? VrSuccess : VrErrorFailed);
+        EXPECT_EQ(data.GetChannels(), 2U);
+        EXPECT_EQ(data.GetLength(false), 0U);
+        EXPECT_FALSE(HasFiles());
+        return armed.Met();
+    });
 }
 
 TEST_F(StoreFaultsTest, ATemporaryDirectoryIsSetOrTheFormerStays) {

@@ -23,7 +23,7 @@ Table& TheTable() {
 
 std::string Kind(const Fault& fault) {
     std::string kind = NameOf(fault.call);
-    if (fault.action) {
+    if (fault.action && !fault.failsToo) {
         return kind + ", something happens";
     }
     if (fault.isShort) {
@@ -32,6 +32,9 @@ std::string Kind(const Fault& fault) {
     if (!fault.isShort || fault.forGood) {
         const bool isRefused = fault.call == Call::Memory || fault.call == Call::Thread;
         kind += std::string(", ") + (isRefused ? "refused" : ::strerrorname_np(fault.error));
+    }
+    if (fault.action) {
+        kind += ", something happens";
     }
     return fault.forGood ? kind + " from there on" : kind;
 }

@@ -1,10 +1,16 @@
 #include "platform/FileSystemName.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <sstream>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace vorrel {
 namespace {
@@ -88,32 +94,33 @@ TEST(FileSystemNameTableTest, OtherNamesFillSixteenBytes) {
               std::string("ufs\0\0\0\0\0\0\0\0\0\0\0\0\0#", 17));
 }
 
-/// The name that a volume with this identification is reported by.
-std::string Reported(std::uint64_t magic, std::uint64_t blocks, const std::string& kernelName) {
-    const FileSystemType type = IdentifyFileSystem(magic, blocks, kernelName);
+/// The name that a volume with this identification is reported by, as far as that says it.
+std::string Reported(std::uint64_t magic, std::uint64_t blocks) {
+    const std::optional<FileSystemType> type = IdentifyFileSystem(magic, blocks);
+    if (!type) {
+        return "the mount table's";
+    }
     std::array<char, 32> buffer{};
-    WriteFileSystemName(type.name, type.subtype, buffer.data(), buffer.size());
+    WriteFileSystemName(type->name.Text(), type->subtype, buffer.data(), buffer.size());
     return buffer.data();
 }
 
 TEST(FileSystemIdentificationTest, ClustersTellFatFromFat32) {
-    EXPECT_EQ(Reported(0x4d44, 4'084, "vfat"), "FAT");
-    EXPECT_EQ(Reported(0x4d44, 4'085, "vfat"), "FAT");
-    EXPECT_EQ(Reported(0x4d44, 65'524, "vfat"), "FAT");
-    EXPECT_EQ(Reported(0x4d44, 65'525, "vfat"), "FAT32");
-    EXPECT_EQ(Reported(0x4d44, 65'525, "msdos"), "FAT32");
+    EXPECT_EQ(Reported(0x4d44, 4'084), "FAT");
+    EXPECT_EQ(Reported(0x4d44, 4'085), "FAT");
+    EXPECT_EQ(Reported(0x4d44, 65'524), "FAT");
+    EXPECT_EQ(Reported(0x4d44, 65'525), "FAT32");
 }
 
 TEST(FileSystemIdentificationTest, HfsAndHfsPlusGetTheirNames) {
-    EXPECT_EQ(Reported(0x4244, 1'000'000, "hfs"), "hfs");
-    EXPECT_EQ(Reported(0x482b, 1'000'000, "hfsplus"), "hfs plus");
+    EXPECT_EQ(Reported(0x4244, 1'000'000), "hfs");
+    EXPECT_EQ(Reported(0x482b, 1'000'000), "hfs plus");
 }
 
-TEST(FileSystemIdentificationTest, AllElseKeepsTheKernelsName) {
-    EXPECT_EQ(Reported(0xef53, 10, "ext4"), "ext4");
-    EXPECT_EQ(Reported(0x2011bab0, 100'000, "exfat"), "exfat");
-    EXPECT_EQ(Reported(0x00011954, 100'000, "ufs"), "ufs");
-    EXPECT_EQ(Reported(0x65735546, 100'000, "fuseblk"), "fuseblk");
+TEST(FileSystemIdentificationTest, AllElseIsLeftToTheMountTable) {
+    for (const std::uint64_t magic : {0xef53U, 0x2011bab0U, 0x00011954U, 0x65735546U}) {
+        EXPECT_EQ(Reported(magic, 100'000), "the mount table's") << magic;
+    }
 }
 
 constexpr const char* kMountTable =
@@ -125,15 +132,50 @@ constexpr const char* kMountTable =
     "33 32 0:41 / /tmp rw - ramfs second rw\n"
     "a line that is none\n";
 
+/// A table as a descriptor, which gives no more than `pieceBytes` at a time.
+class Table {
+public:
+    explicit Table(const std::string& text, std::size_t pieceBytes = 4'096) {
+        std::array<int, 2> ends{};
+        if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()) != 0) {
+            throw std::runtime_error("no socket");
+        }
+        descriptor = ends[0];
+        writer = std::thread([text, pieceBytes, out = ends[1]] {
+            for (std::size_t at = 0; at < text.size(); at += pieceBytes) {
+                const std::size_t bytes = std::min(pieceBytes, text.size() - at);
+                if (::send(out, text.data() + at, bytes, MSG_NOSIGNAL) < 0) {
+                    break;  // found before the end
+                }
+            }
+            ::close(out);
+        });
+    }
+    ~Table() {
+        ::close(descriptor);
+        writer.join();
+    }
+    Table(const Table&) = delete;
+    Table& operator=(const Table&) = delete;
+
+    std::string Find(std::uint64_t mountId, const std::string& path) const {
+        return std::string(FindMountedType(descriptor, mountId, path).Text());
+    }
+
+private:
+    int descriptor = -1;
+    std::thread writer;
+};
+
 std::string Found(std::uint64_t mountId, const std::string& path) {
-    std::istringstream table(kMountTable);
-    return FindMountedType(table, mountId, path);
+    return Table(kMountTable).Find(mountId, path);
 }
 
 TEST(MountTableTest, TheMountIdDecides) {
     EXPECT_EQ(Found(22, "/"), "proc");
     EXPECT_EQ(Found(27, "/proc"), "ext4");
     EXPECT_EQ(Found(32, "/tmp/x"), "tmpfs");
+    EXPECT_EQ(Found(32, ""), "tmpfs");
 }
 
 TEST(MountTableTest, WithoutAnIdTheLongestMountPointDecides) {
@@ -142,6 +184,11 @@ TEST(MountTableTest, WithoutAnIdTheLongestMountPointDecides) {
     EXPECT_EQ(Found(0, "/media/x"), "xfs");
     EXPECT_EQ(Found(0, "/proc"), "proc");
     EXPECT_EQ(Found(999, "/proc/1"), "proc");
+}
+
+TEST(MountTableTest, WithoutIdAndPathNothingFits) {
+    EXPECT_EQ(Found(0, ""), "");
+    EXPECT_EQ(Found(999, ""), "");
 }
 
 TEST(MountTableTest, AMountPointEndsAtASlash) {
@@ -156,18 +203,61 @@ TEST(MountTableTest, OfEqualMountPointsTheLastCovers) {
     EXPECT_EQ(Found(0, "/tmp"), "ramfs");
 }
 
-TEST(MountTableTest, AnEmptyTableNamesNothing) {
-    std::istringstream table;
+TEST(MountTableTest, ATableThatComesInPiecesIsReadTheSame) {
+    for (const std::size_t pieceBytes : {1U, 2U, 3U, 50U}) {
+        EXPECT_EQ(Table(kMountTable, pieceBytes).Find(0, "/tmp"), "ramfs") << pieceBytes;
+        EXPECT_EQ(Table(kMountTable, pieceBytes).Find(31, ""), "vfat") << pieceBytes;
+    }
+}
 
-    EXPECT_EQ(FindMountedType(table, 1, "/"), "");
+TEST(MountTableTest, ALastLineWithoutAnEndCounts) {
+    EXPECT_EQ(Table("27 1 254:0 / / rw - ext4").Find(27, ""), "ext4");
+}
+
+TEST(MountTableTest, OfALineThatIsTooLongTheEndIsLeftOut) {
+    const std::string layers = "lowerdir=" + std::string(100'000, 'x') + " 27 1 0:1 / / rw - no";
+    const std::string table = "26 1 0:30 / / rw - overlay overlay " + layers + "\n" + kMountTable;
+
+    EXPECT_EQ(Table(table).Find(26, ""), "overlay");
+    EXPECT_EQ(Table(table).Find(27, ""), "ext4");
+    EXPECT_EQ(Table(table).Find(0, "/media/x"), "xfs");
+}
+
+TEST(MountTableTest, ATypeIsCutOffBehindFifteenBytes) {
+    EXPECT_EQ(Table("27 1 254:0 / / rw - fuse.something-of-that-kind x rw\n").Find(27, ""),
+              "fuse.something-");
+}
+
+TEST(MountTableTest, AnEmptyTableNamesNothing) {
+    EXPECT_EQ(Table("").Find(1, "/"), "");
+}
+
+TEST(MountTableTest, ATableThatCannotBeReadNamesNothing) {
+    EXPECT_EQ(FindMountedType(-1, 27, "/").Text(), "");
 }
 
 TEST(FileSystemTypeTest, AMissingPathHasNoType) {
-    FileSystemType type{"kept", 5};
+    FileSystemType type{FileSystemTypeName("kept"), 5};
 
     EXPECT_FALSE(FileSystemTypeOf("/missing/directory", type));
-    EXPECT_EQ(type.name, "kept");
+    EXPECT_EQ(type.name.Text(), "kept");
     EXPECT_EQ(type.subtype, 5U);
+}
+
+TEST(FileSystemTypeTest, WithoutAMountTableTheNameIsEmpty) {
+    FileSystemType type{FileSystemTypeName("kept"), 5};
+    ASSERT_TRUE(FileSystemTypeOf("/proc", type));
+    EXPECT_EQ(type.name.Text(), "proc");
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+
+    const bool isKnown = FileSystemTypeOf("/proc", type);
+
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_TRUE(isKnown);
+    EXPECT_EQ(type.name.Text(), "");
 }
 
 }  // namespace

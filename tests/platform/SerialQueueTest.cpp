@@ -243,6 +243,61 @@ TEST(SerialQueueTest, CloseRunsWhatIsQueuedAndEndsTheThread) {
     EXPECT_EQ(order, OneTo(20)) << "what comes after the close is not run";
 }
 
+TEST(SerialQueueTest, AfterTheCloseSyncReturnsAtOnceAndItsTaskIsDropped) {
+    SerialQueue queue("test");
+    SerialQueue::Prepared prepared = queue.Prepare([] { ADD_FAILURE() << "prepared"; });
+    queue.Close();
+    const auto held = std::make_shared<int>(1);
+
+    queue.Sync([copy = held] { ADD_FAILURE() << *copy; });
+    queue.Async([copy = held] { ADD_FAILURE() << *copy; });
+    queue.Sync(std::move(prepared));
+
+    EXPECT_EQ(held.use_count(), 1);
+    queue.Close();
+}
+
+TEST(SerialQueueTest, AQueueThatIsClosedWithoutATaskTakesNone) {
+    SerialQueue queue("test");
+    queue.Close();
+
+    queue.Sync([] { ADD_FAILURE(); });
+}
+
+TEST(SerialQueueTest, SyncReturnsWhetherItMeetsTheCloseOrNot) {
+    for (int round = 0; round < 50; ++round) {
+        SerialQueue queue("test");
+        std::latch release(1);
+        queue.Async([&] { release.wait(); });
+        std::thread waiting([&] {
+            for (int task = 0; task < 20; ++task) {
+                queue.Sync([] {});
+            }
+        });
+        std::thread ending([&] { queue.Close(); });
+
+        release.count_down();
+
+        waiting.join();
+        ending.join();
+    }
+}
+
+TEST(SerialQueueTest, WhatATaskSubmitsWhileTheQueueClosesStillRuns) {
+    SerialQueue queue("test");
+    std::latch release(1);
+    bool ran = false;
+    queue.Async([&] {
+        release.wait();
+        queue.Async([&] { ran = true; });
+    });
+    std::thread ending([&] { queue.Close(); });
+    release.count_down();
+    ending.join();
+
+    EXPECT_TRUE(ran);
+}
+
 TEST(SerialQueueTest, AnUnusedQueueEndsAtOnce) {
     const SerialQueue queue("test");
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <mntent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/vfs.h>
@@ -13,7 +14,9 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/TempDirectory.h"
@@ -330,11 +333,33 @@ TEST(SystemHelpersTest, GetDiskFreeSpaceIsFalseForNullAndMissingPaths) {
 
 // localtime_s
 
+/// Sets the environment's time zone while it lives; tells nobody.
+class ZoneInEnvironment {
+public:
+    explicit ZoneInEnvironment(const char* zone) {
+        if (const char* const before = std::getenv("TZ")) {
+            saved = before;
+        }
+        ::setenv("TZ", zone, 1);
+    }
+    ~ZoneInEnvironment() {
+        if (saved) {
+            ::setenv("TZ", saved->c_str(), 1);
+        } else {
+            ::unsetenv("TZ");
+        }
+        ::tzset();
+    }
+    ZoneInEnvironment(const ZoneInEnvironment&) = delete;
+    ZoneInEnvironment& operator=(const ZoneInEnvironment&) = delete;
+
+private:
+    std::optional<std::string> saved;
+};
+
 TEST(SystemHelpersTest, LocaltimeFillsTheWholeRecordWithZone) {
-    const char* const before = std::getenv("TZ");
-    const std::string saved = before == nullptr ? "" : before;
-    ::setenv("TZ", "XYZ-05:30", 1);  // five and a half hours ahead, no daylight saving
-    ::tzset();
+    // Five and a half hours ahead, no daylight saving.
+    const ZoneInEnvironment zone("XYZ-05:30");
     const std::time_t time = 86'400 + 2;
     std::tm result;
     std::memset(&result, 0x55, sizeof(result));
@@ -352,12 +377,33 @@ TEST(SystemHelpersTest, LocaltimeFillsTheWholeRecordWithZone) {
     EXPECT_EQ(result.tm_isdst, 0);
     EXPECT_EQ(result.tm_gmtoff, 19'800);
     EXPECT_STREQ(result.tm_zone, "XYZ");
-    if (before == nullptr) {
-        ::unsetenv("TZ");
-    } else {
-        ::setenv("TZ", saved.c_str(), 1);
+}
+
+TEST(SystemHelpersTest, LocaltimeSeesAZoneThatChanged) {
+    const std::time_t time = 0;
+    std::tm result{};
+    for (const auto& [name, offset] :
+         {std::pair("ABC-01", 3'600), std::pair("DEF+02", -7'200), std::pair("GHI-03", 10'800)}) {
+        const ZoneInEnvironment zone(name);
+
+        EXPECT_EQ(localtime_s(&result, &time), 0);
+
+        EXPECT_EQ(result.tm_gmtoff, offset) << name;
+        EXPECT_EQ(std::string(result.tm_zone), std::string(name, 3));
     }
-    ::tzset();
+}
+
+TEST(SystemHelpersTest, LocaltimePastTheCalendarIsAnEmptyRecord) {
+    const std::time_t time = std::numeric_limits<std::time_t>::max();
+    std::tm result;
+    std::memset(&result, 0x55, sizeof(result));
+
+    EXPECT_EQ(localtime_s(&result, &time), 0);
+
+    EXPECT_EQ(result.tm_year, 0);
+    EXPECT_EQ(result.tm_mday, 0);
+    EXPECT_EQ(result.tm_gmtoff, 0);
+    EXPECT_EQ(result.tm_zone, nullptr);
 }
 
 // DeleteFile
@@ -501,6 +547,37 @@ TEST(SystemHelpersTest, RemoveDirectoryRemovesALinkInItsPlaceAndNotTheTarget) {
         EXPECT_FALSE(fs::exists(fs::symlink_status(directory.File("link")))) << name;
         EXPECT_TRUE(fs::exists(directory.File("outside/kept"))) << name;
     }
+}
+
+TEST(SystemHelpersTest, RemoveDirectoryOfTheRootIsFalse) {
+    EXPECT_EQ(RemoveDirectory("/"), 0);
+    EXPECT_EQ(RemoveDirectory("//"), 0);
+    EXPECT_EQ(RemoveDirectory("/proc/.."), 0);
+}
+
+TEST(SystemHelpersTest, RemoveDirectoryOfMoreLevelsThanFilesCanBeOpenIsFalse) {
+    const TempDirectory directory;
+    std::string deepest = directory.File("d");
+    for (int level = 0; level < 40; ++level) {
+        deepest += "/d";
+    }
+    fs::create_directories(deepest);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit few{30, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+
+    const int result = RemoveDirectory(directory.File("d").c_str());
+
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(fs::exists(directory.File("d")));
+    EXPECT_EQ(RemoveDirectory(directory.File("d").c_str()), 1) << "and leaves none open";
+}
+
+TEST(SystemHelpersTest, RemoveDirectoryOfAPathThatIsTooLongIsFalse) {
+    EXPECT_EQ(RemoveDirectory(("/tmp" + std::string(5'000, '/')).c_str()), 0);
+    EXPECT_EQ(RemoveDirectory(std::string(5'000, 'x').c_str()), 0);
 }
 
 TEST(SystemHelpersTest, RemoveDirectoryThatTheSystemRefusesIsFalse) {

@@ -140,9 +140,12 @@ TEST_F(OutOfMemoryTest, TheRawStreamAsksForNoMoreThanItHolds) {
     EXPECT_EQ(result, VrErrorInvalidParameter);
 }
 
-TEST_F(OutOfMemoryTest, ARecordingWithoutMemoryHasNoChannels) {
+TEST_F(OutOfMemoryTest, ARecordingWithoutMemoryIsAsBeforeTheFirst) {
     RecordData data(manager);
     ASSERT_EQ(data.Init(2, 1000, GetSampleTypeInfo(kSampleTypePcm), &log), VrSuccess);
+    ASSERT_EQ(data.Add(0, Bytes(20'000)), VrSuccess);
+    ASSERT_EQ(Files(directory.Path()).size(), 1U);
+    const std::uint64_t generation = data.GetLayout().generation;
     VrError result = VrSuccess;
     {
         const AllocationLimit limit(960'000);
@@ -150,9 +153,17 @@ TEST_F(OutOfMemoryTest, ARecordingWithoutMemoryHasNoChannels) {
     }
 
     EXPECT_EQ(result, VrErrorFailed);
-    EXPECT_EQ(data.GetChannels(), 0U);
+    EXPECT_TRUE(Files(directory.Path()).empty());
+    const RecordLayout layout = data.GetLayout();
+    EXPECT_EQ(layout.channels, 0U);
+    EXPECT_EQ(layout.sampleRate, 0U);
+    EXPECT_EQ(layout.sampleType, nullptr);
+    EXPECT_EQ(layout.generation, generation + 1);
     EXPECT_EQ(data.GetLength(kRaw), 0U);
     EXPECT_EQ(data.Add(0, Bytes(4)), VrErrorInvalidParameter);
+    ASSERT_EQ(data.Init(1, 1000, GetSampleTypeInfo(kSampleTypeDsd), &log), VrSuccess);
+    EXPECT_EQ(data.Add(0, Bytes(4)), VrSuccess);
+    EXPECT_EQ(data.GetLength(kAvailable), 32U);
 }
 
 TEST_F(OutOfMemoryTest, AClearWithoutMemoryFailsAndStillDeletesTheFiles) {

@@ -158,6 +158,19 @@ TEST_F(RecordDataTest, ANewInitReplacesChannelsAndDeletesTheFiles) {
     EXPECT_EQ(data.GetSampleTypeInfo(), dsd);
 }
 
+TEST_F(RecordDataTest, TheGenerationRisesWhenDataGoAndNotOtherwise) {
+    const std::uint64_t first = data.GetLayout().generation;
+
+    ASSERT_EQ(data.Init(2, 48'000, pcm, &log), VrSuccess);
+    EXPECT_EQ(data.GetLayout().generation, first + 1);
+    ASSERT_EQ(data.TemporaryClear(), VrSuccess);
+    EXPECT_EQ(data.GetLayout().generation, first + 2);
+    ASSERT_EQ(data.Init(0, 48'000, pcm, &log), VrErrorInvalidParameter);
+    ASSERT_EQ(data.Init(1, 1, dsd, &log), VrErrorInvalidParameter);
+    ASSERT_EQ(data.Add(0, Bytes(40)), VrSuccess);
+    EXPECT_EQ(data.GetLayout().generation, first + 2);
+}
+
 TEST_F(RecordDataTest, ReadsPcmSamplesOfFourBytes) {
     ASSERT_EQ(data.Init(2, 48'000, pcm, &log), VrSuccess);
     ASSERT_EQ(data.Add(0, Pattern(0, 40)), VrSuccess);

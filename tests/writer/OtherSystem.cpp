@@ -24,14 +24,14 @@ namespace {
 
 constexpr std::int64_t kFatMagic = 0x4d44;
 
-bool noEncodings = false;
+int noEncodings = 0;  // the cause
 std::optional<std::uint64_t> fatBlocks;
 
 }  // namespace
 
 iconv_t __wrap_iconv_open(const char* to, const char* from) {
-    if (noEncodings) {
-        errno = EINVAL;
+    if (noEncodings != 0) {
+        errno = noEncodings;
         return reinterpret_cast<iconv_t>(-1);  // the failure value, by its definition
     }
     return __real_iconv_open(to, from);
@@ -63,11 +63,11 @@ int __wrap_statvfs(const char* path, struct statvfs* volume) {
 
 namespace vorrel::test {
 
-NoEncodings::NoEncodings() {
-    noEncodings = true;
+NoEncodings::NoEncodings(int cause) {
+    noEncodings = cause;
 }
 NoEncodings::~NoEncodings() {
-    noEncodings = false;
+    noEncodings = 0;
 }
 
 FatVolume::FatVolume(std::uint64_t blocks) {

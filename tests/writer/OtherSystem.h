@@ -1,13 +1,15 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 namespace vorrel::test {
 
-/// While it lives, the C library comes without its tables of encodings.
+/// While it lives, the C library begins no conversion.
 class NoEncodings {
 public:
-    NoEncodings();
+    /// @param cause  What it says; `EINVAL`: it comes without its tables of encodings.
+    explicit NoEncodings(int cause = EINVAL);
     ~NoEncodings();
     NoEncodings(const NoEncodings&) = delete;
     NoEncodings& operator=(const NoEncodings&) = delete;

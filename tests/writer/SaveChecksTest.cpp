@@ -174,6 +174,45 @@ TEST(SaveChecksTest, DeletingLeavesADirectoryWithOtherFiles) {
     EXPECT_TRUE(std::filesystem::exists(directory.File("other.wav")));
 }
 
+TEST(SaveChecksTest, DeletingTakesALinkToADirectoryThatIsEmptyThen) {
+    const TempDirectory directory;
+    std::filesystem::create_directory(directory.File("real"));
+    for (const char* path : {"link/take.wav", "link//take.wav"}) {
+        std::filesystem::create_directory_symlink(directory.File("real"), directory.File("link"));
+        Touch(directory.File("real/take.wav"));
+        const VrSaveSettingInternal setting{directory.File(path), 0, 1, 0, {}};
+
+        EXPECT_EQ(DeleateSaveFile(&setting), VrSuccess);
+
+        EXPECT_FALSE(std::filesystem::is_symlink(directory.File("link"))) << path;
+        EXPECT_TRUE(std::filesystem::is_empty(directory.File("real"))) << path;
+    }
+}
+
+TEST(SaveChecksTest, DeletingLeavesALinkToADirectoryWithOtherFiles) {
+    const TempDirectory directory;
+    std::filesystem::create_directory(directory.File("real"));
+    std::filesystem::create_directory_symlink(directory.File("real"), directory.File("link"));
+    Touch(directory.File("real/take.wav"));
+    Touch(directory.File("real/other.wav"));
+    const VrSaveSettingInternal setting{directory.File("link/take.wav"), 0, 1, 0, {}};
+
+    EXPECT_EQ(DeleateSaveFile(&setting), VrSuccess);
+
+    EXPECT_TRUE(std::filesystem::is_symlink(directory.File("link")));
+    EXPECT_TRUE(std::filesystem::exists(directory.File("real/other.wav")));
+}
+
+TEST(SaveChecksTest, DeletingLeavesAFileInTheDirectorysPlace) {
+    const TempDirectory directory;
+    Touch(directory.File("file"));
+    const VrSaveSettingInternal setting{directory.File("file/take.wav"), 0, 1, 0, {}};
+
+    EXPECT_EQ(DeleateSaveFile(&setting), VrSuccess);
+
+    EXPECT_TRUE(std::filesystem::exists(directory.File("file")));
+}
+
 TEST(SaveChecksTest, DeletingLeavesADirectoryOfTheFilesNameAlone) {
     const TempDirectory directory;
     std::filesystem::create_directory(directory.File("take.wav"));

@@ -232,8 +232,8 @@ TEST(TagWriterTest, LeavesEmptyValuesOut) {
 }
 
 TEST(TagWriterTest, NoTagsGiveNoBytes) {
-    EXPECT_EQ(CalculateSaveTagSize({}), 0U);
-    EXPECT_EQ(CalculateSaveID3TagSize({}), 0U);
+    EXPECT_EQ(CalculateSaveTagSize(TagMap{}), 0U);
+    EXPECT_EQ(CalculateSaveID3TagSize(TagMap{}), 0U);
     EXPECT_EQ(SavedTags({}), Bytes());
     EXPECT_EQ(SavedID3Tags({}), Bytes());
 }
@@ -308,7 +308,7 @@ TEST(TagWriterTest, AnEmptyValueIsRefusedAndWritesNothing) {
 
     EXPECT_EQ(SaveTag("", "INAM", stream.Get()), VrErrorInvalidParameter);
     EXPECT_EQ(SaveID3Tag("", "TIT2", stream.Get()), VrErrorInvalidParameter);
-    EXPECT_EQ(SaveID3TagAsRIFF({}, stream.Get()), VrErrorInvalidParameter);
+    EXPECT_EQ(SaveID3TagAsRIFF(TagMap{}, stream.Get()), VrErrorInvalidParameter);
 
     EXPECT_EQ(stream.Written(), Bytes());
 }
@@ -326,7 +326,7 @@ TEST(TagWriterTest, AMissingStreamIsRefused) {
 TEST(TagWriterTest, AnOddId3ChunkReportsFailureAfterItsPadByte) {
     MemoryStream stream;
 
-    EXPECT_EQ(SaveID3TagAsRIFF({{"Title", "AB"}}, stream.Get()), VrErrorFailed);
+    EXPECT_EQ(SaveID3TagAsRIFF(TagMap{{"Title", "AB"}}, stream.Get()), VrErrorFailed);
 
     EXPECT_EQ(stream.Written().size(), 8U + 28);
 }
@@ -334,7 +334,7 @@ TEST(TagWriterTest, AnOddId3ChunkReportsFailureAfterItsPadByte) {
 TEST(TagWriterTest, AnEvenId3ChunkReportsSuccess) {
     MemoryStream stream;
 
-    EXPECT_EQ(SaveID3TagAsRIFF({{"Title", "AB"}, {"Artist", "A"}}, stream.Get()), VrSuccess);
+    EXPECT_EQ(SaveID3TagAsRIFF(TagMap{{"Title", "AB"}, {"Artist", "A"}}, stream.Get()), VrSuccess);
 
     EXPECT_EQ(stream.Written().size(), 8U + 10 + 17 + 15);
 }
@@ -359,7 +359,7 @@ TEST(TagWriterTest, AFailedSubChunkEndsTheTags) {
         GTEST_SKIP() << "no /dev/full here";
     }
 
-    EXPECT_EQ(SaveTags({{"Title", std::string(FullStream::kBufferBytes, 'x')}}, stream.Get()),
+    EXPECT_EQ(SaveTags(TagMap{{"Title", std::string(FullStream::kBufferBytes, 'x')}}, stream.Get()),
               VrErrorFailed);
 }
 
@@ -370,7 +370,7 @@ TEST(TagWriterTest, AFailedId3ChunkShowsOnTheStreamOnly) {
     }
 
     // LIST/INFO of 50 letters takes 72 bytes, the id3 chunk 132 more.
-    EXPECT_EQ(SaveTags({{"Title", std::string(50, 'x')}}, stream.Get()), VrSuccess);
+    EXPECT_EQ(SaveTags(TagMap{{"Title", std::string(50, 'x')}}, stream.Get()), VrSuccess);
 
     EXPECT_NE(std::ferror(stream.Get()), 0);
 }

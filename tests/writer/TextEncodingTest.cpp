@@ -5,6 +5,7 @@
 #include <array>
 #include <clocale>
 #include <string>
+#include <system_error>
 
 #include "writer/OtherSystem.h"
 
@@ -155,6 +156,17 @@ TEST(TextEncodingTest, WithoutTablesOfEncodingsAsciiRemains) {
               "A\0\xFD\xFF"
               "B\0~\0"s);
     EXPECT_EQ(Utf8ToShiftJIS("日本"), "??");
+}
+
+TEST(TextEncodingTest, AConversionThatCannotBeginForAnotherCauseIsNoTextWithoutATable) {
+    for (const int cause : {EMFILE, ENFILE, ENOMEM}) {
+        const test::NoEncodings none(cause);
+        std::string out;
+
+        EXPECT_THROW(Utf8ToShiftJIS("A"), std::system_error);
+        EXPECT_THROW(Utf8ToUtf16("A"), std::system_error);
+        EXPECT_THROW(ToUtf16(out, "A"), std::system_error);
+    }
 }
 
 }  // namespace

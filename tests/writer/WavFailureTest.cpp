@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 
 #include "support/FakeManager.h"
 #include "support/Recording.h"
@@ -40,6 +41,16 @@ TEST_F(WavFailureTest, ATakeThatHasBegunMeanwhileIsNotSaved) {
 
     EXPECT_FALSE(std::filesystem::exists(setting.path));
     EXPECT_EQ(progress.fileLength, 0U);
+}
+
+TEST_F(WavFailureTest, ARecordingWithoutChannelsFailsAndLeavesAnExistingFile) {
+    run.recording.channels = 0;
+    const VrSaveSettingInternal setting{directory.File("take.wav"), 0, 1, 0, {}};
+    std::ofstream(setting.path) << "an earlier take";
+
+    EXPECT_EQ(SaveWavFile(&setting, run), VrErrorFailed);
+
+    EXPECT_EQ(std::filesystem::file_size(setting.path), 15U);
 }
 
 TEST_F(WavFailureTest, ACancelledFileThatFailsAtItsCloseIsCancelled) {

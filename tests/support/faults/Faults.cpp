@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <iconv.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -60,6 +61,9 @@ Outcome Meet(Call call) {
                 letAlone = true;
                 fault->action();
                 letAlone = false;
+            }
+            if (fault->action && !fault->failsToo) {
+                outcome = Outcome::GoOn;
             } else if (fault->isShort && number == fault->nth) {
                 outcome = Outcome::BeShort;
             } else {
@@ -188,6 +192,9 @@ VORREL_TEST_WRAP(int, -1, Call::Unlink, unlink, (const char* path), (path))
 VORREL_TEST_WRAP(int, -1, Call::Remove, unlinkat, (int directory, const char* path, int flags),
                  (directory, path, flags))
 VORREL_TEST_WRAP(DIR*, nullptr, Call::List, opendir, (const char* path), (path))
+// The failure value is a pointer made of -1 by its definition.
+VORREL_TEST_WRAP(iconv_t, reinterpret_cast<iconv_t>(-1), Call::Encoding, iconv_open,
+                 (const char* to, const char* from), (to, from))
 
 #undef VORREL_TEST_WRAP
 
@@ -368,10 +375,10 @@ void operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noe
 namespace vorrel::test {
 
 const char* NameOf(Call call) {
-    constexpr std::array kNames = {"open",    "make file", "adopt",  "write",  "write at",
-                                   "writev",  "read",      "seek",   "close",  "stat",
-                                   "statvfs", "statfs",    "mkdir",  "rmdir",  "unlink",
-                                   "remove",  "list",      "thread", "memory", "any file call"};
+    constexpr std::array kNames = {
+        "open",   "make file", "adopt", "write",    "write at", "writev", "read",
+        "seek",   "close",     "stat",  "statvfs",  "statfs",   "mkdir",  "rmdir",
+        "unlink", "remove",    "list",  "encoding", "thread",   "memory", "any file call"};
     return kNames[static_cast<std::size_t>(call)];
 }
 

@@ -26,6 +26,7 @@ enum class Call : unsigned {
     Unlink,           // unlink
     Remove,           // remove, unlinkat
     List,             // opendir
+    Encoding,         // iconv_open
     Thread,           // pthread_create
     Memory,           // operator new, outside the device's callback
     AnyFileCall,      // every one of them but the last two
@@ -44,6 +45,8 @@ struct Fault {
     /// Run in the call that it meets, which then goes on and does not fail. No memory is refused
     /// and nothing fails while it runs.
     std::function<void()> action{};
+    /// The call fails when the action has run.
+    bool failsToo = false;
 };
 
 /// While it lives, the fault is armed. One at a time.
