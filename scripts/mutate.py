@@ -37,7 +37,7 @@ PROGRAMS = {
     "store": ["store/vorrel_store_tests", "store/vorrel_store_memory_tests", "pipeline/vorrel_pipeline_tests"],
     "writer": ["writer/vorrel_writer_tests"],
     "manager": ["manager/vorrel_manager_tests", "manager/vorrel_manager_memory_tests", "manager/vorrel_realtime_tests"],
-    "pipeline": ["pipeline/vorrel_pipeline_tests", "manager/vorrel_manager_tests"],
+    "pipeline": ["pipeline/vorrel_pipeline_tests", "pipeline/vorrel_pipeline_memory_tests", "manager/vorrel_manager_tests"],
     "device": ["device/vorrel_device_tests"],
 }
 # Of these folders only the sources with state checks.

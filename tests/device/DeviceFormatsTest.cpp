@@ -115,6 +115,17 @@ TEST_F(CoreAudioManagerTest, ADsdRateNeedsAFormatOfExactly16BitsAtASixteenthOfIt
     EXPECT_EQ(manager.CanSampleRate(352'800), VrErrorNotSupported);
 }
 
+TEST_F(CoreAudioManagerTest, WithoutAnAvailableFormatNoRateIsPossibleInEitherMode) {
+    SelectWith({});
+    for (const std::int64_t mode : {0, 1}) {
+        ASSERT_EQ(manager.SetSampleType(mode), VrSuccess);
+
+        EXPECT_EQ(manager.CanSampleRate(2'822'400), VrErrorNotSupported) << mode;
+        EXPECT_EQ(manager.SetSampleRate(176'400), VrErrorNotSupported) << mode;
+    }
+    EXPECT_EQ(recorder.PhysicalFormat().mSampleRate, 44'100.0);
+}
+
 TEST_F(CoreAudioManagerTest, SetSampleRatePicks32BitsOver24AtThatRate) {
     SelectWith({Ranged(96'000, 24, 2), Ranged(96'000, 32, 2), Ranged(192'000, 32, 2)});
 

@@ -80,44 +80,50 @@ void AudioRegistry::Update() {
 void AudioRegistry::AddEntries(const RegistryDevice& device) {
     const auto shared = std::make_shared<const RegistryDevice>(device);
     std::vector<ObjectPointer> added;
-    const auto add = [&added, &shared](RegistryRole role, const char* className,
-                                       std::vector<RegistryRole> parents, Properties properties,
-                                       std::optional<std::uint8_t> interfaceNumber = {}) {
+    // Values are made in their places: a variant whose own copying throws is not safe.
+    const auto add = [&added, &shared](
+                         RegistryRole role, const char* className,
+                         std::vector<RegistryRole> parents,
+                         std::optional<std::uint8_t> interfaceNumber = {}) -> Properties& {
+        auto entry = std::make_shared<Object>();
         if (shared->usb.has_value() && role != RegistryRole::Control &&
             role != RegistryRole::Stream) {
-            properties["idVendor"] = std::int64_t{shared->usb->vendorId};
-            properties["idProduct"] = std::int64_t{shared->usb->productId};
+            entry->properties["idVendor"] = std::int64_t{shared->usb->vendorId};
+            entry->properties["idProduct"] = std::int64_t{shared->usb->productId};
         }
         if (interfaceNumber.has_value()) {
-            properties["bInterfaceNumber"] = std::int64_t{*interfaceNumber};
+            entry->properties["bInterfaceNumber"] = std::int64_t{*interfaceNumber};
         }
-        auto entry = std::make_shared<Object>();
         entry->classes = {"OSObject", "IORegistryEntry", "IOService", className};
         entry->device = shared;
         entry->role = role;
         entry->interfaceNumber = interfaceNumber;
-        entry->properties = std::move(properties);
         entry->parents = std::move(parents);
         added.push_back(std::move(entry));
+        return added.back()->properties;
     };
     if (device.usb.has_value()) {
-        add(RegistryRole::UsbDevice, "IOUSBDevice", {}, {{"USB Product Name", device.name}});
+        Properties& usb = add(RegistryRole::UsbDevice, "IOUSBDevice", {});
+        usb["USB Product Name"] = std::string(device.name);
         if (device.usb->controlInterface.has_value()) {
-            add(RegistryRole::ControlInterface, "IOUSBInterface", {RegistryRole::UsbDevice}, {},
+            add(RegistryRole::ControlInterface, "IOUSBInterface", {RegistryRole::UsbDevice},
                 device.usb->controlInterface);
         }
         if (device.usb->streamingInterface.has_value()) {
-            add(RegistryRole::StreamingInterface, "IOUSBInterface", {RegistryRole::UsbDevice}, {},
+            add(RegistryRole::StreamingInterface, "IOUSBInterface", {RegistryRole::UsbDevice},
                 device.usb->streamingInterface);
         }
     }
-    add(RegistryRole::Engine, "IOAudioEngine", {RegistryRole::ControlInterface},
-        {{"IOAudioEngineGlobalUniqueID", device.uid}, {"IOAudioEngineDescription", device.name}});
-    add(RegistryRole::Control, "IOAudioControl", {RegistryRole::Engine}, {});
+    Properties& engine =
+        add(RegistryRole::Engine, "IOAudioEngine", {RegistryRole::ControlInterface});
+    engine["IOAudioEngineGlobalUniqueID"] = std::string(device.uid);
+    engine["IOAudioEngineDescription"] = std::string(device.name);
+    add(RegistryRole::Control, "IOAudioControl", {RegistryRole::Engine});
     if (device.hasInputStream) {
-        add(RegistryRole::Stream, "IOAudioStream",
-            {RegistryRole::Engine, RegistryRole::StreamingInterface},
-            {{"IOAudioStreamDirection", kInputDirection}, {"IOAudioStreamID", std::int64_t{0}}});
+        Properties& stream = add(RegistryRole::Stream, "IOAudioStream",
+                                 {RegistryRole::Engine, RegistryRole::StreamingInterface});
+        stream["IOAudioStreamDirection"] = kInputDirection;
+        stream["IOAudioStreamID"] = std::int64_t{0};
     }
     entries.reserve(entries.size() + added.size());  // all of them, or none
     for (ObjectPointer& entry : added) {

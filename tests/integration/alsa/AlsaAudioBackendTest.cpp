@@ -4,6 +4,7 @@
 #include <array>
 #include <memory>
 #include <set>
+#include <vector>
 
 #include "AlsaRig.h"
 #include "support/TraceCapture.h"
@@ -255,6 +256,35 @@ TEST_F(AlsaAudioBackendTest, ADeadDeviceOfAListedCardGivesWayWhenNobodyUsesItAny
     EXPECT_EQ(audio->Find(before), nullptr);
     EXPECT_THAT(trace.Lines(), testing::Contains(HasSubstr("is still listed")));
     EXPECT_EQ(Hog(), 0);
+}
+
+TEST_F(AlsaAudioBackendTest, WhatIsGoneIsToldBeforeWhatHasCome) {
+    // The listeners are called one after another.
+    struct Told {
+        static OSStatus Proc(AudioObjectID, UInt32, const AudioObjectPropertyAddress* address,
+                             void* self) {
+            static_cast<Told*>(self)->selectors.push_back(address->mSelector);
+            return kAudioHardwareNoError;
+        }
+        std::vector<AudioObjectPropertySelector> selectors;
+    } told;
+    Look({whole});
+    const AudioDeviceID before = Device();
+    ASSERT_EQ(audio->AddPropertyListener(before, Address(kAudioDevicePropertyDeviceIsAlive),
+                                         &Told::Proc, &told),
+              0);
+    ASSERT_EQ(
+        audio->AddPropertyListener(kAudioObjectSystemObject, Address(kAudioHardwarePropertyDevices),
+                                   &Told::Proc, &told),
+        0);
+    const TestCard another;
+
+    Look({another.Found()});
+
+    EXPECT_THAT(told.selectors, ElementsAre(kAudioDevicePropertyDeviceIsAlive,
+                                            kAudioHardwarePropertyDevices,    // without the one
+                                            kAudioHardwarePropertyDevices));  // and with the other
+    EXPECT_NE(Device(), before);
 }
 
 TEST_F(AlsaAudioBackendTest, NoIdIsUsedTwice) {
