@@ -15,8 +15,9 @@ std::vector<RegistryDevice> UdevRegistry::Devices() {
     if (!found.has_value()) {
         return known;
     }
+    // Built apart: a look that ends half way leaves what is known as it was, with its USB sides.
     std::vector<RegistryDevice> devices;
-    usbSides.clear();
+    std::map<std::string, UsbSide> sides;
     for (const SoundCard& card : *found) {
         RegistryDevice device;
         device.key = PluggingKey(card);
@@ -26,12 +27,14 @@ std::vector<RegistryDevice> UdevRegistry::Devices() {
         if (card.usb.has_value()) {
             device.usb = {card.usb->vendorId, card.usb->productId, card.usb->controlInterface,
                           card.usb->streamingInterface};
-            usbSides[device.key] = *card.usb;
+            sides[device.key] = *card.usb;
         }
         devices.push_back(std::move(device));
     }
-    known = devices;
-    return devices;
+    std::vector<RegistryDevice> told = devices;
+    known.swap(devices);
+    usbSides.swap(sides);
+    return told;
 }
 
 std::unique_ptr<UsbInterface> UdevRegistry::OpenUsbInterface(const RegistryDevice& device,
