@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "faults/FaultRig.h"
 
 namespace vorrel::test {
 namespace {
 
 constexpr std::uint64_t kFastHz = 384'000;
+constexpr std::uint64_t kOtherHz = 192'000;
 
 class SelectionFaultsTest : public ::testing::Test {
 protected:
@@ -14,6 +17,21 @@ protected:
         ASSERT_EQ(rig.take.manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
         rig.take.SetBits(16);
         rig.ExpectTheNextTakeWorks();
+    }
+
+    /// A device that is not selected is nobody's.
+    void ExpectNothingHeld() {
+        EXPECT_EQ(rig.take.Recorder().HogOwner(), -1);
+        EXPECT_EQ(rig.take.Recorder().IoProcCount(), 0U);
+        EXPECT_EQ(rig.take.backends.ListenerCount(), 0U);
+        EXPECT_EQ(rig.take.backends.Registry().References(), 0U);
+        EXPECT_EQ(rig.take.backends.Registry().UsbInterfaces(), 0U);
+    }
+    /// What the engine takes for the rate in force is the recorder's.
+    void ExpectTheRecordersRate() {
+        std::shared_ptr<VrRecordSetting> inForce;
+        ASSERT_EQ(rig.take.manager.GetRecordSetting(&inForce), VrSuccess);
+        EXPECT_EQ(static_cast<double>(inForce->freq), rig.take.Recorder().Format().mSampleRate);
     }
 
     FaultRig rig{kFastHz, Take::Pcm, 1, 1.0};
@@ -29,6 +47,9 @@ TEST_F(SelectionFaultsTest, ADeviceIsSelectedOrThereIsNone) {
                   armed.Disarm();
                   EXPECT_EQ(rig.take.manager.State(),
                             result == VrSuccess ? ManagerState::Ready : ManagerState::Initialized);
+                  if (result != VrSuccess) {
+                      ExpectNothingHeld();
+                  }
                   ExpectASelectionAndATake();
                   EXPECT_EQ(rig.take.Recorder().IoProcCount(), 1U);
                   return armed.Met();
@@ -40,12 +61,13 @@ TEST_F(SelectionFaultsTest, ASettingIsTakenOrRefused) {
     for (const bool forGood : {false, true}) {
         Sweep("record setting", {.call = Call::Memory, .forGood = forGood},
               [&](const Fault& fault) {
-                  const VrRecordSetting setting{.rec_type = 0, .freq = kFastHz, .bits = 24};
+                  const VrRecordSetting setting{.rec_type = 0, .freq = kOtherHz, .bits = 24};
                   ArmedFault armed(fault);
                   const VrError result =
                       AsHost([&] { return rig.take.manager.SetRecordSetting(&setting); });
                   armed.Disarm();
                   EXPECT_EQ(result, armed.Met() == 0 ? VrSuccess : VrErrorFailed);
+                  ExpectTheRecordersRate();
                   rig.take.SetBits(16);
                   rig.ExpectTheNextTakeWorks();
                   return armed.Met();

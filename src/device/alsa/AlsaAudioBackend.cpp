@@ -25,6 +25,7 @@ bool AlsaAudioBackend::LookAgain() {
     bool added = false;
     {
         const MutexLock look(looking);
+        upToDate = false;
         const std::optional<std::vector<SoundCard>> found = cards->Find();
         if (!found.has_value()) {
             return looked;  // nothing is known of what came and went: all stays as it was
@@ -47,11 +48,17 @@ bool AlsaAudioBackend::LookAgain() {
                 dropped.push_back(device);
             }
         }
+        upToDate = true;
     }
     if (added) {
         listeners->Notify(kAudioObjectSystemObject, kAudioHardwarePropertyDevices);
     }
     return true;
+}
+
+bool AlsaAudioBackend::IsUpToDate() {
+    const MutexLock look(looking);
+    return upToDate;
 }
 
 std::vector<std::shared_ptr<AlsaDevice>> AlsaAudioBackend::Exchange(

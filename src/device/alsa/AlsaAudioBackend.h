@@ -54,6 +54,8 @@ public:
     /// real-time thread.
     /// @return False while no look has succeeded: nothing is known then.
     bool LookAgain() VORREL_EXCLUDES(mutex, looking);
+    /// Whether the last look has succeeded.
+    bool IsUpToDate() VORREL_EXCLUDES(looking);
 
     /// The device with that id, gone ones too while somebody uses them; null for none.
     std::shared_ptr<AlsaDevice> Find(AudioObjectID object) VORREL_EXCLUDES(mutex);
@@ -74,6 +76,7 @@ private:
     const std::shared_ptr<PropertyListeners> listeners = std::make_shared<PropertyListeners>();
     Mutex looking;                                   // one look at a time, before `mutex`
     bool looked VORREL_GUARDED_BY(looking) = false;  // with success
+    bool upToDate VORREL_GUARDED_BY(looking) = false;
     Mutex mutex;
     std::vector<std::shared_ptr<AlsaDevice>> devices VORREL_GUARDED_BY(mutex);
 };

@@ -1,6 +1,7 @@
 #include "device/alsa/AlsaBackends.h"
 
 #include <memory>
+#include <tuple>
 #include <utility>
 
 #include "device/alsa/AlsaAudioBackend.h"
@@ -14,7 +15,10 @@ namespace {
 /// The audio side and what keeps it up to date.
 struct FollowedBackend {
     explicit FollowedBackend(std::shared_ptr<const SoundCards> cards)
-        : audio(std::move(cards)), monitor([this](const CardEvent&) { audio.LookAgain(); }) {}
+        : audio(std::move(cards)), monitor([this](const CardEvent&) {
+              std::ignore = audio.LookAgain();
+              return audio.IsUpToDate();  // else a card that went would stay for want of a look
+          }) {}
 
     AlsaAudioBackend audio;
     CardMonitor monitor;  // ends first

@@ -23,6 +23,9 @@ namespace vorrel {
 namespace {
 
 constexpr char kThreadName[] = "CardMonitor";
+constexpr std::size_t kMostSources = 2;
+/// What kept the listener from doing what it was asked for (no descriptor or memory left) lasts.
+constexpr int kPauseMilliseconds = 1'000;
 
 /// The card's part of a path in sysfs: the path of a device that belongs to it, or its own.
 std::optional<std::string> CardPath(std::string_view path) {
@@ -96,17 +99,43 @@ bool CardMonitor::IsListening() const {
     return thread.joinable();
 }
 
+bool CardMonitor::Receive(std::size_t source, bool& empty) {
+    errno = 0;
+    const UdevDevicePointer device(::udev_monitor_receive_device(sources->monitors[source].get()));
+    if (device == nullptr) {
+        empty = errno != ENOBUFS && errno != ENOMEM;
+        return empty || listener({CardEvent::Kind::Lost, {}});
+    }
+    const char* path = ::udev_device_get_syspath(device.get());
+    const char* action = ::udev_device_get_action(device.get());
+    const std::optional<std::string> card = CardPath(path == nullptr ? "" : path);
+    if (!card.has_value() || action == nullptr) {
+        return true;
+    }
+    // A card is complete when its last node is: each of them counts as news of the card.
+    if (std::string_view(action) != "remove") {
+        return listener({CardEvent::Kind::Added, *card});
+    }
+    return *card != path || listener({CardEvent::Kind::Removed, *card});
+}
+
 void CardMonitor::Listen() {
     SetCurrentThreadName(kThreadName);
-    std::vector<pollfd> waits = {{sources->stop, POLLIN, 0}};
-    for (const UdevMonitorPointer& monitor : sources->monitors) {
-        waits.push_back({::udev_monitor_get_fd(monitor.get()), POLLIN, 0});
+    std::array<pollfd, 1 + kMostSources> waits{};
+    waits[0] = {sources->stop, POLLIN, 0};
+    const std::size_t count = 1 + sources->monitors.size();
+    for (std::size_t index = 1; index < count; ++index) {
+        waits[index] = {::udev_monitor_get_fd(sources->monitors[index - 1].get()), POLLIN, 0};
     }
-    const auto report = [this](CardEvent::Kind kind, std::string path) {
-        RunGuarded([&] { listener({kind, std::move(path)}); }, kThreadName);
+    bool behind = false;  // something could not be told
+    const auto tell = [&behind](const auto& call) {
+        bool told = false;
+        RunGuarded([&] { told = call(); }, kThreadName);
+        behind = behind || !told;
     };
     while (true) {
-        if (::poll(waits.data(), waits.size(), -1) < 0) {
+        const int ready = ::poll(waits.data(), count, behind ? kPauseMilliseconds : -1);
+        if (ready < 0) {
             if (errno == EINTR) {
                 continue;
             }
@@ -115,32 +144,17 @@ void CardMonitor::Listen() {
         if (waits[0].revents != 0) {
             return;
         }
-        for (std::size_t index = 1; index < waits.size(); ++index) {
+        if (std::exchange(behind, false)) {
+            tell([this] { return listener({CardEvent::Kind::Lost, {}}); });
+        }
+        for (std::size_t index = 1; index < count && ready > 0; ++index) {
             if (waits[index].revents == 0) {
                 continue;
             }
-            errno = 0;
-            const UdevDevicePointer device(
-                ::udev_monitor_receive_device(sources->monitors[index - 1].get()));
-            if (device == nullptr) {
-                if (errno == ENOBUFS) {
-                    report(CardEvent::Kind::Lost, {});
-                } else if ((waits[index].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-                    waits[index].fd = -1;  // it would be ready for ever
-                }
-                continue;
-            }
-            const char* path = ::udev_device_get_syspath(device.get());
-            const char* action = ::udev_device_get_action(device.get());
-            const std::optional<std::string> card = CardPath(path == nullptr ? "" : path);
-            if (!card.has_value() || action == nullptr) {
-                continue;
-            }
-            // A card is complete when its last node is: each of them counts as news of the card.
-            if (std::string_view(action) != "remove") {
-                report(CardEvent::Kind::Added, *card);
-            } else if (*card == path) {
-                report(CardEvent::Kind::Removed, *card);
+            bool empty = false;
+            tell([&] { return Receive(index - 1, empty); });
+            if (empty && (waits[index].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+                waits[index].fd = -1;  // it would be ready for ever
             }
         }
     }

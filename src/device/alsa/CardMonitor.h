@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,7 +13,7 @@ struct CardEvent {
     enum class Kind {
         Added,
         Removed,
-        Lost,  ///< events were lost: anything may have happened to any card
+        Lost,  ///< events were lost, or what came of one: anything may have happened to any card
     };
     Kind kind = Kind::Lost;
     std::string systemPath;  ///< of the card in sysfs; empty for `Lost`
@@ -23,7 +24,10 @@ struct CardEvent {
 /// thread of its own ("CardMonitor"), on which the listener is called, no lock held.
 class CardMonitor {
 public:
-    using Listener = std::function<void(const CardEvent&)>;
+    /// @return False where it could not do what the event asks for: it is called again, with
+    /// `Lost`,
+    ///         after a pause or with the next event. So it is when it throws.
+    using Listener = std::function<bool(const CardEvent&)>;
 
     /// Begins to listen; events from here on are reported. Where the system offers no events that
     /// is traced, and none come.
@@ -40,6 +44,9 @@ private:
     struct Sources;
 
     void Listen();
+    /// Takes an event from a source and tells of it.
+    /// @param empty  Set where the source has none. @return False where it is to be told again.
+    bool Receive(std::size_t source, bool& empty);
 
     const Listener listener;
     std::unique_ptr<Sources> sources;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <thread>
 #include <tuple>
@@ -13,7 +12,6 @@
 #include "platform/GuardedTask.h"
 #include "platform/Mutex.h"
 #include "platform/ThreadPriority.h"
-#include "platform/Trace.h"
 
 namespace vorrel {
 namespace {
@@ -25,6 +23,14 @@ struct Listener {
     AudioObjectPropertyAddress address;
     AudioObjectPropertyListenerProc proc;
     void* clientData;
+};
+
+/// A listener and the calls of it that are due. They are counted where it stands: making them due
+/// takes no memory.
+struct Registration {
+    Listener listener;
+    std::uint64_t due = 0;
+    std::uint64_t turn = 0;  // the oldest turn among those that are due is served next
 };
 
 bool Same(const Listener& a, const Listener& b) {
@@ -67,30 +73,33 @@ private:
 
 /// All that the notification thread touches; it outlives its owner when a listener destroys that.
 struct PropertyListeners::State {
-    std::vector<Listener>::iterator Find(const Listener& wanted) VORREL_REQUIRES(mutex) {
+    std::vector<Registration>::iterator Find(const Listener& wanted) VORREL_REQUIRES(mutex) {
         return std::find_if(listeners.begin(), listeners.end(),
-                            [&wanted](const Listener& listener) { return Same(listener, wanted); });
+                            [&wanted](const Registration& registration) {
+                                return Same(registration.listener, wanted);
+                            });
     }
     /// Makes the calls of a change due.
-    void Due(AudioObjectID object, AudioObjectPropertySelector selector) VORREL_REQUIRES(mutex) {
-        for (const Listener& listener : listeners) {
-            if (listener.object == object && listener.address.mSelector == selector) {
-                due.push_back(listener);
-                ++notified;
+    void Due(AudioObjectID object, AudioObjectPropertySelector selector, std::uint64_t times = 1)
+        VORREL_REQUIRES(mutex) {
+        for (Registration& registration : listeners) {
+            if (registration.listener.object == object &&
+                registration.listener.address.mSelector == selector) {
+                if (registration.due == 0) {
+                    registration.turn = ++lastTurn;
+                }
+                registration.due += times;
+                notified += times;
             }
         }
     }
     /// Makes due what signals were raised for.
-    void CollectSignals() noexcept VORREL_REQUIRES(mutex) {
-        try {
-            for (const std::shared_ptr<Signal>& signal : signals) {
-                std::uint32_t times = signal->raised.exchange(0, std::memory_order_acquire);
-                for (; times > 0; --times) {
-                    Due(signal->object, signal->selector);
-                }
+    void CollectSignals() VORREL_REQUIRES(mutex) {
+        for (const std::shared_ptr<Signal>& signal : signals) {
+            if (const std::uint32_t times = signal->raised.exchange(0, std::memory_order_acquire);
+                times > 0) {
+                Due(signal->object, signal->selector, times);
             }
-        } catch (const std::exception& error) {
-            Trace(__FILE__, __LINE__, "a notification is lost: %s", error.what());
         }
         std::erase_if(signals, [](const std::shared_ptr<Signal>& signal) {
             // Only this list holds it: nobody can raise it any more.
@@ -98,7 +107,7 @@ struct PropertyListeners::State {
         });
     }
     /// Waits for a call that is due. @return false at the end.
-    bool Next(Listener& next, bool& registered) VORREL_EXCLUDES(mutex);
+    bool Next(Listener& next) VORREL_EXCLUDES(mutex);
     /// The notification thread.
     void Run() noexcept VORREL_EXCLUDES(mutex);
     void StartThread(const std::shared_ptr<State>& shared) VORREL_REQUIRES(mutex) {
@@ -111,9 +120,9 @@ struct PropertyListeners::State {
         std::make_shared<WakeUp>();  // something is due, or the end
     Mutex mutex;
     ConditionVariable callEnded;  // a call that was due has been made or dropped
-    std::vector<Listener> listeners VORREL_GUARDED_BY(mutex);
+    std::vector<Registration> listeners VORREL_GUARDED_BY(mutex);
     std::vector<std::shared_ptr<Signal>> signals VORREL_GUARDED_BY(mutex);
-    std::deque<Listener> due VORREL_GUARDED_BY(mutex);
+    std::uint64_t lastTurn VORREL_GUARDED_BY(mutex) = 0;
     std::uint64_t notified VORREL_GUARDED_BY(mutex) = 0;  // calls that became due so far
     std::uint64_t settled VORREL_GUARDED_BY(mutex) = 0;   // of these, made or dropped
     bool calling VORREL_GUARDED_BY(mutex) = false;
@@ -123,18 +132,24 @@ struct PropertyListeners::State {
     std::thread::id caller VORREL_GUARDED_BY(mutex);
 };
 
-bool PropertyListeners::State::Next(Listener& next, bool& registered) {
+bool PropertyListeners::State::Next(Listener& next) {
     for (;;) {
         // Read before the look: what is raised or notified during it ends the wait at once.
         const std::uint32_t seen = wake->count.load(std::memory_order_acquire);
         {
             const MutexLock lock(mutex);
             CollectSignals();
-            if (!due.empty()) {
-                next = due.front();
-                due.pop_front();
-                registered = Find(next) != listeners.end();
-                calling = registered;
+            Registration* first = nullptr;
+            for (Registration& registration : listeners) {
+                if (registration.due > 0 && (first == nullptr || registration.turn < first->turn)) {
+                    first = &registration;
+                }
+            }
+            if (first != nullptr) {
+                --first->due;
+                first->turn = ++lastTurn;  // the others that wait come before its next call
+                next = first->listener;
+                calling = true;
                 called = next;
                 caller = std::this_thread::get_id();
                 return true;
@@ -150,12 +165,9 @@ bool PropertyListeners::State::Next(Listener& next, bool& registered) {
 void PropertyListeners::State::Run() noexcept {
     SetCurrentThreadName(kThreadName);
     Listener next{};
-    bool registered = false;
-    while (Next(next, registered)) {
-        if (registered) {
-            RunGuarded([&next] { next.proc(next.object, 1, &next.address, next.clientData); },
-                       kThreadName);
-        }
+    while (Next(next)) {
+        RunGuarded([&next] { next.proc(next.object, 1, &next.address, next.clientData); },
+                   kThreadName);
         const MutexLock lock(mutex);
         calling = false;
         ++settled;
@@ -172,7 +184,9 @@ PropertyListeners::~PropertyListeners() {
         state->closing = true;
         ending = std::move(state->thread);
         if (ending.get_id() == std::this_thread::get_id()) {
-            state->due.clear();
+            for (Registration& registration : state->listeners) {
+                registration.due = 0;
+            }
             state->signals.clear();
         }
         state->wake->Notify();
@@ -188,8 +202,15 @@ void PropertyListeners::Add(AudioObjectID object, const AudioObjectPropertyAddre
                             AudioObjectPropertyListenerProc listener, void* clientData) {
     const Listener added{object, address, listener, clientData};
     const MutexLock lock(state->mutex);
-    if (state->Find(added) == state->listeners.end()) {
-        state->listeners.push_back(added);
+    if (state->Find(added) != state->listeners.end()) {
+        return;
+    }
+    state->listeners.push_back({added});
+    try {
+        state->StartThread(state);
+    } catch (const std::exception&) {
+        state->listeners.pop_back();
+        throw;
     }
 }
 
@@ -200,7 +221,9 @@ bool PropertyListeners::Remove(AudioObjectID object, const AudioObjectPropertyAd
     const auto found = state->Find(removed);
     const bool registered = found != state->listeners.end();
     if (registered) {
+        state->settled += found->due;
         state->listeners.erase(found);
+        state->callEnded.NotifyAll();
     }
     while (state->calling && state->caller != std::this_thread::get_id() &&
            Same(state->called, removed)) {
@@ -211,26 +234,9 @@ bool PropertyListeners::Remove(AudioObjectID object, const AudioObjectPropertyAd
 
 void PropertyListeners::Notify(AudioObjectID object,
                                AudioObjectPropertySelector selector) noexcept {
-    try {
-        const MutexLock lock(state->mutex);
-        try {
-            state->Due(object, selector);
-            if (!state->due.empty()) {
-                state->StartThread(state);
-            }
-        } catch (const std::exception&) {
-            if (!state->thread.joinable()) {
-                // Nobody would make these calls.
-                state->settled += state->due.size();
-                state->due.clear();
-            }
-            state->wake->Notify();
-            throw;
-        }
-        state->wake->Notify();
-    } catch (const std::exception& error) {
-        Trace(__FILE__, __LINE__, "a notification is lost: %s", error.what());
-    }
+    const MutexLock lock(state->mutex);
+    state->Due(object, selector);
+    state->wake->Notify();
 }
 
 std::shared_ptr<PropertySignal> PropertyListeners::MakeSignal(
@@ -256,7 +262,9 @@ bool PropertyListeners::HasAny(AudioObjectID object) {
     const MutexLock lock(state->mutex);
     return (state->calling && state->called.object == object) ||
            std::any_of(state->listeners.begin(), state->listeners.end(),
-                       [object](const Listener& listener) { return listener.object == object; });
+                       [object](const Registration& registration) {
+                           return registration.listener.object == object;
+                       });
 }
 
 void PropertyListeners::Flush() {

@@ -29,7 +29,9 @@ public:
     PropertyListeners(const PropertyListeners&) = delete;
     PropertyListeners& operator=(const PropertyListeners&) = delete;
 
-    /// Registers a listener; the same one twice counts once.
+    /// Registers a listener, with the notification thread running from here on: what is notified
+    /// later needs neither memory nor a thread. The same one twice counts once.
+    /// @throws std::system_error, std::bad_alloc; it is not registered then.
     void Add(AudioObjectID object, const AudioObjectPropertyAddress& address,
              AudioObjectPropertyListenerProc listener, void* clientData);
     /// Afterwards the listener is not called any more; waits for a call that is under way, unless
@@ -37,9 +39,8 @@ public:
     /// @return false when it was not registered.
     bool Remove(AudioObjectID object, const AudioObjectPropertyAddress& address,
                 AudioObjectPropertyListenerProc listener, void* clientData);
-    /// Has every listener of the property called once, on the notification thread. Without memory
-    /// or a thread for it they are not called, which is traced: the callers are threads of the
-    /// device, which have nobody to tell.
+    /// Has every listener of the property called once, on the notification thread. It cannot fail:
+    /// the callers are threads of the device, which have nobody to tell.
     void Notify(AudioObjectID object, AudioObjectPropertySelector selector) noexcept;
 
     /// A signal for the property, with the notification thread running from here on. It reports

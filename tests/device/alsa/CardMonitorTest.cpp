@@ -89,7 +89,10 @@ protected:
     }
 
     Events events;
-    CardMonitor::Listener listener = [this](const CardEvent& event) { events.Add(event); };
+    CardMonitor::Listener listener = [this](const CardEvent& event) {
+        events.Add(event);
+        return true;
+    };
 };
 
 TEST_F(CardMonitorTest, TellsWhichCardWasRemoved) {
@@ -121,12 +124,31 @@ TEST_F(CardMonitorTest, AListenerThatThrowsIsCalledAgain) {
             throw std::runtime_error("first");
         }
         events.Add(event);
+        return true;
     });
 
     system->SendEvent(Recorder(), "change");
     system->SendEvent(Recorder(), "change");
 
     EXPECT_TRUE(events.WaitFor(CardEvent::Kind::Added, test::MockedSystem::CardPath(Recorder())));
+}
+
+TEST_F(CardMonitorTest, WhatTheListenerCouldNotDoIsAskedForAgainThoughNothingElseHappens) {
+    system->Add(Recorder());
+    std::atomic<int> failures = 0;
+    CardMonitor monitor([&](const CardEvent& event) {
+        if (event.kind == CardEvent::Kind::Removed) {
+            ++failures;
+            return false;
+        }
+        events.Add(event);
+        return true;
+    });
+
+    system->Remove(Recorder());
+
+    EXPECT_TRUE(events.WaitFor(CardEvent::Kind::Lost, ""));
+    EXPECT_GE(failures, 1);
 }
 
 TEST_F(CardMonitorTest, TellsWhenEventsWereLostAndGoesOn) {
@@ -147,7 +169,10 @@ TEST_F(CardMonitorTest, OneOfBothSourcesIsEnough) {
         SCOPED_TRACE(source);
         withoutSource = source;
         Events heard;
-        CardMonitor monitor([&heard](const CardEvent& event) { heard.Add(event); });
+        CardMonitor monitor([&heard](const CardEvent& event) {
+            heard.Add(event);
+            return true;
+        });
         ASSERT_TRUE(monitor.IsListening());
 
         system->SendEvent(Recorder(), "change");

@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <stdexcept>
+#include <string>
 
 #include "device/simulated/ManualClock.h"
 #include "device/simulated/SimulatedFixture.h"
@@ -173,21 +174,66 @@ TEST_F(PropertyListenersTest, AListenerMayDestroyThem) {
     EXPECT_EQ(second.calls, 0);
 }
 
-TEST_F(PropertyListenersTest, WithoutAThreadANotificationIsLostAndTraced) {
-    test::TraceCapture trace;
-    Add(first, kAlive);
+TEST_F(PropertyListenersTest, WithoutAThreadThereIsNoListener) {
     {
         const test::NoNewThreads none;
 
-        listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+        EXPECT_THROW(Add(first, kAlive), std::exception);
     }
-    listeners.Flush();
 
-    EXPECT_THAT(trace.Lines(), testing::ElementsAre(testing::HasSubstr("notification is lost")));
-    EXPECT_EQ(first.calls, 0);
+    EXPECT_EQ(listeners.Count(), 0U);
+    Add(first, kAlive);
     listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
     listeners.Flush();
     EXPECT_EQ(first.calls, 1);
+}
+
+TEST_F(PropertyListenersTest, TheFirstNotificationNeedsNoThreadOfItsOwn) {
+    test::TraceCapture trace;
+    Add(first, kAlive);
+    const test::NoNewThreads none;
+
+    listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+    listeners.Flush();
+
+    EXPECT_EQ(first.calls, 1);
+    EXPECT_THAT(trace.Lines(), testing::IsEmpty());
+}
+
+TEST_F(PropertyListenersTest, ListenersTakeTurnsInTheOrderOfTheChanges) {
+    std::string calls;
+    std::promise<void> go;
+    first.onCall = [&calls, future = go.get_future().share()] {
+        future.wait();
+        calls += 'a';
+    };
+    second.onCall = [&calls] { calls += 'o'; };
+    Add(second, kOverload);
+    Add(first, kAlive);
+
+    listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+    listeners.Notify(kObject, kAudioDeviceProcessorOverload);
+    listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+    listeners.Notify(kObject, kAudioDeviceProcessorOverload);
+    go.set_value();
+    listeners.Flush();
+
+    EXPECT_EQ(calls, "aoao");
+}
+
+TEST_F(PropertyListenersTest, OneThatIsAddedAnewIsNotCalledForWhatWasNotifiedBefore) {
+    std::promise<void> go;
+    first.onCall = [future = go.get_future().share()] { future.wait(); };
+    Add(first, kAlive);
+    Add(second, kAlive);
+    listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
+
+    EXPECT_TRUE(Remove(second, kAlive));
+    Add(second, kAlive);
+    go.set_value();
+    listeners.Flush();
+
+    EXPECT_EQ(second.calls, 0);
 }
 
 TEST_F(PropertyListenersTest, WhatAListenerThrowsIsTracedAndTheOthersAreCalled) {

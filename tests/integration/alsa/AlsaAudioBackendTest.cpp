@@ -115,12 +115,14 @@ TEST_F(AlsaAudioBackendTest, ALookThatFailsChangesNothing) {
 
     cards->SetFailing(true);
     EXPECT_TRUE(audio->LookAgain());
+    EXPECT_FALSE(audio->IsUpToDate());
     EXPECT_THAT(Devices(), ElementsAre(device));
     audio->FlushNotifications();
     EXPECT_EQ(alive.calls, 0);
 
     cards->SetFailing(false);
     Look({});
+    EXPECT_TRUE(audio->IsUpToDate());
     EXPECT_EQ(alive.calls, 1);
 }
 

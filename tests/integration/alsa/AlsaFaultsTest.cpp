@@ -105,7 +105,7 @@ protected:
 };
 
 TEST_F(AlsaFaultsTest, ASelectionWithoutMemoryOrThreadsIsWholeOrLeavesNothing) {
-    for (const Call call : {Call::Memory}) {
+    for (const Call call : {Call::Memory, Call::Thread}) {
         for (const bool forGood : {false, true}) {
             Sweep("selection of a card", {.call = call, .forGood = forGood},
                   [&](const Fault& fault) {
@@ -197,6 +197,26 @@ TEST_F(AlsaFaultsTest, AStopAndAReleaseWithoutMemoryAreWhole) {
                   ExpectNothingHeld();
                   return armed.Met();
               });
+    }
+}
+
+TEST_F(AlsaFaultsTest, ACardThatGoesIsToldOfWithoutMemory) {
+    for (const bool forGood : {false, true}) {
+        Once("removal of a card", {.call = Call::Memory, .nth = 1, .forGood = forGood},
+             [&](const Fault& fault) {
+                 card.PlugIn();
+                 MakeAnew();
+                 SelectAndSetUp();
+                 EXPECT_EQ(manager->Start(), VrSuccess);
+                 const int told = notify.aliveChanges;
+                 ArmedFault armed(fault);
+                 card.State().disconnected = 1;
+                 Await([&] { return notify.aliveChanges > told; });
+                 armed.Disarm();
+                 EXPECT_EQ(manager->Stop(), VrErrorDeviceNotFound);
+                 EXPECT_EQ(manager->ReleaseDevice(), VrSuccess);
+                 return armed.Met();
+             });
     }
 }
 
