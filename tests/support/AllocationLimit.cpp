@@ -1,65 +1,21 @@
 #include "support/AllocationLimit.h"
 
 #include <cstdint>
-#include <cstdlib>
-#include <new>
 
 namespace {
 
 thread_local std::size_t smallestRefused = SIZE_MAX;
 thread_local std::size_t smallestGranted = SIZE_MAX;
 
-void* Allocate(std::size_t bytes, std::size_t alignment) {
-    if (bytes >= smallestRefused && bytes < smallestGranted) {
-        throw std::bad_alloc();
-    }
-    // aligned_alloc asks for a multiple of the alignment.
-    const std::size_t rounded = (bytes + alignment - 1) / alignment * alignment;
-    void* const memory = std::aligned_alloc(alignment, rounded == 0 ? alignment : rounded);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
+bool Grants(std::size_t bytes) noexcept {
+    return bytes < smallestRefused || bytes >= smallestGranted;
 }
+
+void BeforeFree() noexcept {}
 
 }  // namespace
 
-void* operator new(std::size_t bytes) {
-    return Allocate(bytes, alignof(std::max_align_t));
-}
-void* operator new(std::size_t bytes, std::align_val_t alignment) {
-    return Allocate(bytes, static_cast<std::size_t>(alignment));
-}
-void* operator new[](std::size_t bytes) {
-    return ::operator new(bytes);
-}
-void* operator new[](std::size_t bytes, std::align_val_t alignment) {
-    return ::operator new(bytes, alignment);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::align_val_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::align_val_t) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-    std::free(memory);
-}
+#include "support/ReplacedNew.h"
 
 namespace vorrel::test {
 
