@@ -108,8 +108,9 @@ void ConvertThread::Drain() {
             ConvertChannel(channel, samples, frames);
         }
         Interleave(run.interleaved, run.output, static_cast<std::size_t>(frames));
-        // A preview with a gap is better than none; what cannot be recorded is reported by the
-        // record worker, which writes to the same directory.
+        // A preview that lacks a chunk is better than none, although what comes behind a refused
+        // one moves forward by it; what cannot be recorded is reported by the record worker, which
+        // writes to the same directory.
         std::ignore = previewData->Add(run.interleaved);
         run.converted += samples;
         ReportPosition();

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <semaphore>
 
 #include "faults/FaultRig.h"
@@ -46,12 +47,33 @@ protected:
         rig.ExpectTheNextTakeWorks();
     }
 
+    /// The preview is that of what was delivered. A refused scrap of memory may cost it a chunk,
+    /// never more: what comes behind follows at once.
     void ExpectPreview(std::uint64_t frames) {
-        // A refused scrap of memory may cost the preview a chunk, never more.
-        ASSERT_GE(rig.take.Length(true) + ConvertThread::kChunkFrames, frames);
-        std::vector<std::int16_t> preview(rig.take.Length(true) * 2);
-        EXPECT_EQ(rig.take.manager.GetPreviewData(0, rig.take.Length(true), preview.data(), true),
-                  VrSuccess);
+        const std::uint64_t length = rig.take.Length(true);
+        ASSERT_LE(length, frames);
+        ASSERT_GE(length + ConvertThread::kChunkFrames, frames);
+        std::vector<std::int16_t> preview(length * 2);
+        ASSERT_EQ(rig.take.manager.GetPreviewData(0, length, preview.data(), true), VrSuccess);
+        const std::vector<std::int16_t> whole = PreviewOf(frames);
+        const auto [lost, lostInWhole] =
+            std::mismatch(preview.begin(), preview.end(), whole.begin());
+        EXPECT_TRUE(std::equal(lost, preview.end(),
+                               lostInWhole + static_cast<std::ptrdiff_t>((frames - length) * 2)))
+            << "from sample " << lost - preview.begin() << " on";
+    }
+
+    /// What was delivered, as 16-bit samples: the nearest whole multiples of 2^-15.
+    std::vector<std::int16_t> PreviewOf(std::uint64_t frames) const {
+        std::vector<std::int16_t> preview(frames * 2);
+        for (std::size_t index = 0; index < preview.size(); ++index) {
+            float sample = 0.0F;
+            std::memcpy(&sample, &rig.expected[index % 2][index / 2 * sizeof(float)],
+                        sizeof(float));
+            const float scaled = std::nearbyint(sample * 32'768.0F);
+            preview[index] = static_cast<std::int16_t>(std::clamp(scaled, -32'768.0F, 32'767.0F));
+        }
+        return preview;
     }
 
     /// What is stored can be saved: as many samples as there are, at both ends the right ones.
@@ -78,6 +100,46 @@ TEST_F(TakeFaultsTest, EveryFailedCallOfASpillIsToldOnceAndKeepsWhatWasStored) {
               [&](const Fault& fault) { return TakeWith(fault); });
         Sweep("take", {.call = call, .error = EMFILE, .forGood = true},
               [&](const Fault& fault) { return TakeWith(fault); });
+    }
+}
+
+TEST_F(TakeFaultsTest, APauseBehindAFailedSpillIsLeftOutAllTheSame) {
+    for (const bool forGood : {false, true}) {
+        Sweep("take with a pause", {.call = Call::WriteAt, .error = ENOSPC, .forGood = forGood},
+              [&](const Fault& fault) {
+                  rig.Start();
+                  ArmedFault armed(fault);
+                  rig.Deliver(rig.BuffersOf(5.2));
+                  const std::uint64_t before = rig.Delivered();
+                  EXPECT_EQ(rig.take.manager.Pause(), VrSuccess);
+                  rig.Deliver(3);
+                  const std::uint64_t paused = rig.Delivered() - before;
+                  EXPECT_EQ(rig.take.manager.Resume(), VrSuccess);
+                  rig.Deliver(rig.BuffersOf(5.1));
+                  armed.Disarm();
+                  const std::uint64_t delivered = rig.Delivered();
+                  rig.Stop();
+
+                  std::vector<Bytes> cut = rig.expected;
+                  for (Bytes& channel : cut) {
+                      const auto from = channel.begin() + static_cast<std::ptrdiff_t>(before * 4);
+                      channel.erase(from, from + static_cast<std::ptrdiff_t>(paused * 4));
+                  }
+                  cut.swap(rig.expected);
+                  const auto& messages = rig.take.delegate->messages;
+                  const std::uint64_t stored = rig.take.Record().GetLength(true);
+                  if (messages.empty()) {
+                      EXPECT_EQ(stored, delivered - paused);
+                  } else {
+                      EXPECT_EQ(messages, (std::vector<RecordingDelegate::Message>{
+                                              {VrMessageRecordWriteFailed, ""}}));
+                      EXPECT_LE(stored, delivered - paused);
+                  }
+                  rig.ExpectRecorded(stored);
+                  cut.swap(rig.expected);
+                  rig.ExpectTheNextTakeWorks();
+                  return armed.Met();
+              });
     }
 }
 

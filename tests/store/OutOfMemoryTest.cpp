@@ -182,8 +182,11 @@ TEST_F(OutOfMemoryTest, AClearWithoutMemoryFailsAndStillDeletesTheFiles) {
     EXPECT_EQ(data.GetLength(kRaw), 0U);
 }
 
-TEST_F(OutOfMemoryTest, APreviewWithoutMemoryIsEmpty) {
+TEST_F(OutOfMemoryTest, APreviewWithoutMemoryIsEmptyAndTheNextOneWorks) {
     PreviewData data(manager);
+    ASSERT_EQ(data.Init(1, 1000, &log), VrSuccess);
+    ASSERT_EQ(data.Add(std::vector<std::int16_t>(5'000)), VrSuccess);
+    ASSERT_EQ(Files(directory.Path()).size(), 1U);
     VrError result = VrSuccess;
     {
         const AllocationLimit limit(882'000);
@@ -191,8 +194,14 @@ TEST_F(OutOfMemoryTest, APreviewWithoutMemoryIsEmpty) {
     }
 
     EXPECT_EQ(result, VrErrorFailed);
+    EXPECT_TRUE(Files(directory.Path()).empty());
     EXPECT_EQ(data.GetLength(kRaw), 0U);
     EXPECT_EQ(data.Add(std::vector<std::int16_t>(2)), VrErrorFailed);
+    ASSERT_EQ(data.Init(2, 44'100, &log), VrSuccess);
+    ASSERT_EQ(data.Add({1, 2, 3, 4}), VrSuccess);
+    std::vector<std::int16_t> out;
+    ASSERT_EQ(data.GetData(0, 2, out, kAvailable), VrSuccess);
+    EXPECT_EQ(out, (std::vector<std::int16_t>{1, 2, 3, 4}));
 }
 
 TEST_F(OutOfMemoryTest, ABlockWithoutMemoryForItsRangesChangesNothing) {

@@ -9,7 +9,6 @@
 #include "store/StoreTestSupport.h"
 #include "support/FakeManager.h"
 #include "support/Property.h"
-#include "support/TempDirectory.h"
 #include "support/models/TakeModel.h"
 
 namespace vorrel::test {
@@ -207,28 +206,12 @@ private:
     ChannelModel previewModel;
 };
 
-Replay ReplayTake(bool isDsd) {
-    return [isDsd](const Steps& steps) -> std::optional<std::string> {
-        const TempDirectory directory;
-        if (steps.empty()) {
-            return std::nullopt;
-        }
-        TakeRun run(steps.front(), isDsd, directory.Path());
-        for (std::size_t index = 1; index < steps.size(); ++index) {
-            if (const auto wrong = run.Do(steps[index])) {
-                return "step " + std::to_string(index) + ": " + *wrong;
-            }
-        }
-        return run.All();
-    };
-}
-
 TEST(TakePropertyTest, APcmTakeWithPausesAnywhereIsTheOneOfThePlainAccount) {
-    CheckProperty(60, 300, 10, ReplayTake(false));
+    CheckProperty(60, 300, 10, ReplayOf<TakeRun>(false));
 }
 
 TEST(TakePropertyTest, ADsdTakeWithPausesAnywhereIsTheOneOfThePlainAccount) {
-    CheckProperty(60, 300, 10, ReplayTake(true));
+    CheckProperty(60, 300, 10, ReplayOf<TakeRun>(true));
 }
 
 }  // namespace

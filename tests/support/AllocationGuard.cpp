@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <new>
 
 #include "platform/Realtime.h"
 
@@ -22,97 +21,20 @@ void Note(std::atomic<std::size_t>& counter) noexcept {
     }
 }
 
-void* Allocate(std::size_t size) noexcept {
+bool Grants(std::size_t /*bytes*/) noexcept {
     Note(allocations);
-    return std::malloc(size == 0 ? 1 : size);
+    return true;
 }
 
-void* Allocate(std::size_t size, std::align_val_t alignment) noexcept {
-    Note(allocations);
-    const auto boundary = static_cast<std::size_t>(alignment);
-    // The size that `aligned_alloc` takes is a multiple of the alignment.
-    const std::size_t rounded = (size + boundary - 1) / boundary * boundary;
-    return std::aligned_alloc(boundary, rounded == 0 ? boundary : rounded);
-}
+void Allocated(void* /*block*/) noexcept {}
 
-void* OrThrow(void* block) {
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return block;
-}
-
-void Free(void* block) noexcept {
-    if (block == nullptr) {
-        return;
-    }
+void BeforeFree(void* /*block*/) noexcept {
     Note(frees);
-    std::free(block);
 }
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-    return OrThrow(Allocate(size));
-}
-void* operator new[](std::size_t size) {
-    return OrThrow(Allocate(size));
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    return OrThrow(Allocate(size, alignment));
-}
-void* operator new[](std::size_t size, std::align_val_t alignment) {
-    return OrThrow(Allocate(size, alignment));
-}
-void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return Allocate(size, alignment);
-}
-void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return Allocate(size, alignment);
-}
-
-void operator delete(void* block) noexcept {
-    Free(block);
-}
-void operator delete[](void* block) noexcept {
-    Free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    Free(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    Free(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-    Free(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
-    Free(block);
-}
-void operator delete(void* block, std::align_val_t) noexcept {
-    Free(block);
-}
-void operator delete[](void* block, std::align_val_t) noexcept {
-    Free(block);
-}
-void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
-    Free(block);
-}
-void operator delete[](void* block, std::size_t, std::align_val_t) noexcept {
-    Free(block);
-}
-void operator delete(void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    Free(block);
-}
-void operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    Free(block);
-}
+#include "support/ReplacedNew.h"
 
 namespace vorrel::test {
 

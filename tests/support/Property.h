@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/TempDirectory.h"
+
 namespace vorrel::test {
 
 /// One operation of a random sequence: numbers without a meaning of their own, which the test reads
@@ -44,6 +46,26 @@ inline Steps RandomSteps(std::uint64_t seed, std::size_t count, std::uint64_t ki
         }
     }
     return steps;
+}
+
+/// The replay of runs that are made of the first step, a variant of the property and a fresh
+/// directory; that `Do` one step after the other, and look at `All` there is in the end. Both
+/// say what is wrong, if anything is.
+template <class Run>
+Replay ReplayOf(bool variant) {
+    return [variant](const Steps& steps) -> std::optional<std::string> {
+        if (steps.empty()) {
+            return std::nullopt;
+        }
+        const TempDirectory directory;
+        Run run(steps.front(), variant, directory.Path());
+        for (std::size_t index = 1; index < steps.size(); ++index) {
+            if (const auto wrong = run.Do(steps[index])) {
+                return "step " + std::to_string(index) + ": " + *wrong;
+            }
+        }
+        return run.All();
+    };
 }
 
 /// Leaves out of a failing sequence what it fails without: first halves, at last single steps.

@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <new>
 #include <utility>
 
 #include "platform/Realtime.h"
@@ -285,92 +284,17 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 
 namespace {
 
-void* Allocate(std::size_t size) noexcept {
-    if (!vorrel::RealtimeScope::Active() && Fails(Call::Memory)) {
-        return nullptr;
-    }
-    return std::malloc(size == 0 ? 1 : size);
+bool Grants(std::size_t /*bytes*/) noexcept {
+    return vorrel::RealtimeScope::Active() || !Fails(Call::Memory);
 }
 
-void* Allocate(std::size_t size, std::align_val_t alignment) noexcept {
-    if (!vorrel::RealtimeScope::Active() && Fails(Call::Memory)) {
-        return nullptr;
-    }
-    const auto boundary = static_cast<std::size_t>(alignment);
-    // The size that `aligned_alloc` takes is a multiple of the alignment.
-    const std::size_t rounded = (size + boundary - 1) / boundary * boundary;
-    return std::aligned_alloc(boundary, rounded == 0 ? boundary : rounded);
-}
+void Allocated(void* /*block*/) noexcept {}
 
-void* OrThrow(void* block) {
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return block;
-}
+void BeforeFree(void* /*block*/) noexcept {}
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-    return OrThrow(Allocate(size));
-}
-void* operator new[](std::size_t size) {
-    return OrThrow(Allocate(size));
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    return OrThrow(Allocate(size, alignment));
-}
-void* operator new[](std::size_t size, std::align_val_t alignment) {
-    return OrThrow(Allocate(size, alignment));
-}
-void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return Allocate(size, alignment);
-}
-void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return Allocate(size, alignment);
-}
-void operator delete(void* block) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, std::align_val_t) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::align_val_t) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::size_t, std::align_val_t) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
+#include "support/ReplacedNew.h"
 
 namespace vorrel::test {
 

@@ -16,10 +16,12 @@ public:
     TemporaryDataModel(std::uint64_t bufferSize, std::uint64_t segmentCap)
         : memorySize(bufferSize), segmentBytes(segmentCap) {}
 
-    /// @param canCreate  Whether a new segment's file can be made.
+    /// @param canCreate   Whether a new segment's file can be made.
+    /// @param fileLimit   Bytes that a file can have.
     /// @return false when a spill failed.
     bool Add(const std::vector<std::uint8_t>& block,
-             const std::vector<std::pair<std::uint64_t, std::uint64_t>>& ranges, bool canCreate) {
+             const std::vector<std::pair<std::uint64_t, std::uint64_t>>& ranges, bool canCreate,
+             std::uint64_t fileLimit = ~std::uint64_t{0}) {
         const std::uint64_t end = raw.size() + block.size();
         std::uint64_t recorded = 0;
         for (const auto& [first, second] : ranges) {
@@ -41,7 +43,7 @@ public:
                 writing = 1 - lastRead;
                 slots[writing] = {raw.size(), 0};
             }
-            if (available.size() - spilled >= memorySize && !Spill(canCreate)) {
+            if (available.size() - spilled >= memorySize && !Spill(canCreate, fileLimit)) {
                 return false;
             }
             consumed += count;
@@ -90,14 +92,19 @@ private:
                 bytes.begin() + static_cast<std::ptrdiff_t>(to)};
     }
 
-    bool Spill(bool canCreate) {
-        if (!segments.empty() && segments.back() + memorySize <= segmentBytes) {
-            segments.back() += memorySize;
-        } else if (canCreate) {
-            segments.push_back(memorySize);
-        } else {
+    bool Spill(bool canCreate, std::uint64_t fileLimit) {
+        const bool appends = !segments.empty() && segments.back() + memorySize <= segmentBytes;
+        if (!appends && !canCreate) {
             return false;
         }
+        const std::uint64_t bytes = (appends ? segments.back() : 0) + memorySize;
+        if (bytes > fileLimit) {
+            return false;
+        }
+        if (!appends) {
+            segments.push_back(0);
+        }
+        segments.back() = bytes;
         spilled += memorySize;
         return true;
     }
