@@ -13,7 +13,7 @@ struct VorrelManagerParts {
     static PreviewData& Preview(VorrelManager& manager) { return manager.previewData; }
     static SerialQueue& HelperQueue(VorrelManager& manager) { return manager.helperQueue; }
     static RealtimeTask& MessageTask(VorrelManager& manager, VrMessageKind kind) {
-        return *manager.messageTasks[kind];
+        return *manager.messageTasks[static_cast<std::size_t>(kind)];
     }
     /// Describes the selected device as one with that record.
     static VrError Describe(VorrelManager& manager, const FoundDeviceInfo& record) {
