@@ -207,10 +207,9 @@ void SweepTheTags(SaveFaults& faults) {
 /// A file of somebody else stands at the path, and goes only if this save has opened it.
 void SweepCancels(SaveFaults& faults, const std::string& operation) {
     for (const bool deleteFile : {true, false}) {
-        for (const Fault& fault :
-             {Fault{.call = Call::Open, .error = EACCES},
-              Fault{.call = Call::Open, .error = EMFILE}, Fault{.call = Call::FileSystem},
-              Fault{.call = Call::Memory}, Fault{.call = Call::Memory, .forGood = true}}) {
+        for (const Fault& fault : {Fault{.call = Call::Open, .error = EACCES},
+                                   Fault{.call = Call::Open, .error = EMFILE},
+                                   Fault{.call = Call::FileSystem}, Fault{.call = Call::Memory}}) {
             Sweep("cancel of " + operation, fault, [&](const Fault& one) {
                 return faults.CancelOverAnExistingFile(one, deleteFile);
             });
