@@ -47,7 +47,8 @@ protected:
     void ExpectTheNextTakeRecords() {
         ASSERT_EQ(manager.State(), ManagerState::Ready);
         Forget();
-        StartRecording();
+        Start();
+        ASSERT_EQ(delegate->log, std::vector<std::string>{"operation 1"});
         Deliver(20);
         StopRecording();
         EXPECT_EQ(RecordedFrames(), Frames({{0, 20}}));
