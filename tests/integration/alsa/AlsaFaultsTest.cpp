@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 
 #include <array>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -252,6 +253,8 @@ bool GiveUpLocking() {
 }
 
 TEST(LockedBufferFaultsTest, ABufferThatIsNotLockedNeedsNoMemoryToSaySo) {
+    bool locked = false;
+    std::uint64_t met = 0;
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_MEMLOCK, &limit), 0);
     const rlimit none{0, limit.rlim_max};
@@ -259,15 +262,19 @@ TEST(LockedBufferFaultsTest, ABufferThatIsNotLockedNeedsNoMemoryToSaySo) {
         ASSERT_TRUE(GiveUpLocking());
         ASSERT_EQ(::setrlimit(RLIMIT_MEMLOCK, &none), 0);
         ArmedFault armed({.call = Call::Memory, .forGood = true});
-        const VrError made = Called([] {
-            const LockedBuffer buffer(4'096);
+        const VrError made = Called([&] {
+            locked = LockedBuffer(4'096).IsLocked();
             return VrSuccess;
         });
         armed.Disarm();
         EXPECT_EQ(made, VrSuccess);
-        EXPECT_GT(armed.Met(), 0U);  // the trace line, which is once in a process
+        met = armed.Met();
     }).join();
     ASSERT_EQ(::setrlimit(RLIMIT_MEMLOCK, &limit), 0);
+    if (locked) {
+        GTEST_SKIP() << "the address sanitizer locks nothing and refuses nothing";
+    }
+    EXPECT_GT(met, 0U);  // the trace line, which is once in a process
 }
 
 }  // namespace
