@@ -406,6 +406,21 @@ TEST(SystemHelpersTest, LocaltimePastTheCalendarIsAnEmptyRecord) {
     EXPECT_EQ(result.tm_zone, nullptr);
 }
 
+TEST(SystemHelpersTest, LocaltimeGivesAnEmptyRecordForATimePastTheCalendar) {
+    // 2^63 - 1 seconds are the year 292,277,026,596, for which tm_year has no room.
+    const std::time_t time = std::numeric_limits<std::time_t>::max();
+    std::tm result;
+    std::memset(&result, 0x55, sizeof(result));
+
+    EXPECT_EQ(localtime_s(&result, &time), 0);
+
+    EXPECT_EQ(result.tm_year, 0);
+    EXPECT_EQ(result.tm_mday, 0);
+    EXPECT_EQ(result.tm_hour, 0);
+    EXPECT_EQ(result.tm_gmtoff, 0);
+    EXPECT_EQ(result.tm_zone, nullptr);
+}
+
 // DeleteFile
 
 TEST(SystemHelpersTest, DeleteFileRemovesAFile) {

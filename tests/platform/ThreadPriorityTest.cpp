@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <string>
@@ -204,6 +205,33 @@ TEST(SystemThreadPriorityTest, ARaisedThreadGetsWhatTheSystemGrantsAndItsThreads
         EXPECT_EQ(trace.Lines().size(), 1U);
     }
     EXPECT_EQ(ofItsThread, std::pair(SCHED_OTHER, 0));
+}
+
+/// Ends the process, whose limit cannot be taken back: with 7 when a worker of the highest priority
+/// has but the nice value that the system grants.
+[[noreturn]] void RaiseAWorkerUnderALimitOfComputing() {
+    rlimit second{};
+    second.rlim_cur = 1'000'000;  // microseconds
+    second.rlim_max = second.rlim_cur;
+    const bool limited = ::setrlimit(RLIMIT_RTTIME, &second) == 0;
+    bool mayBeRaised = false;
+    std::thread([&] { mayBeRaised = ::setpriority(PRIO_PROCESS, 0, -11) == 0; }).join();
+
+    int nice = 0;
+    const std::pair<int, int> scheduled = ScheduledAfter([&] {
+        SetCurrentThreadPriority(1.0);
+        nice = ::getpriority(PRIO_PROCESS, 0);
+    });
+
+    const bool isNormal = scheduled == std::pair(SCHED_OTHER, 0);
+    std::exit(limited && isNormal && nice == (mayBeRaised ? -11 : 0) ? 7 : 1);
+}
+
+TEST(SystemThreadPriorityDeathTest, ALimitOfRealTimeComputingLeavesWorkersToTheirNiceValue) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+
+    EXPECT_EXIT(RaiseAWorkerUnderALimitOfComputing(), testing::ExitedWithCode(7),
+                "real-time scheduling refused");
 }
 
 TEST(SystemThreadPriorityTest, ThreadNamesAreCutToFifteenBytes) {

@@ -132,11 +132,6 @@ void IoProcs::WaitForCycle() {
     }
 }
 
-bool IoProcs::IsCycleThread() {
-    const MutexLock lock(mutex);
-    return inCycle && cycleThread == std::this_thread::get_id();
-}
-
 bool IoProcs::IsInCycle() {
     const MutexLock lock(mutex);
     return inCycle;

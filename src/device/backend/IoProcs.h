@@ -44,8 +44,6 @@ public:
     VORREL_REALTIME void EndCycle() VORREL_EXCLUDES(mutex);
     /// Waits until no cycle that began before is under way, unless the caller is in it.
     void WaitForCycle() VORREL_EXCLUDES(mutex);
-    /// Whether the calling thread is in a cycle.
-    bool IsCycleThread() VORREL_EXCLUDES(mutex);
     bool IsInCycle() VORREL_EXCLUDES(mutex);
 
 private:

@@ -114,6 +114,18 @@ TEST_F(UsbControlTest, ANodeThatIsNoUsbDeviceIsAnError) {
     EXPECT_THAT(TraceLine("cannot be used"), HasSubstr("/dev/bus/usb/001/004"));
 }
 
+TEST_F(UsbControlTest, ANodeThatCannotBeOpenedIsAnErrorWithItsReason) {
+    const std::string node = system->RealPath(test::MockedSystem::Node(Recorder()));
+    std::filesystem::remove(node);
+    std::filesystem::create_directory(node);
+
+    EXPECT_EQ(control->ControlRequest(kSwitchToDsd), kIOReturnError);
+
+    EXPECT_THAT(TraceLine("cannot be opened"),
+                HasSubstr("/dev/bus/usb/001/004 cannot be opened: Is a directory"));
+    EXPECT_THAT(system->Requests(), IsEmpty());
+}
+
 TEST_F(UsbControlTest, WithoutPermissionTheTraceNamesTheNodeAndTheRule) {
     system->Forbid(Recorder());
     IOReturn result = kIOReturnSuccess;
