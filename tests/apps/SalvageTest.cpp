@@ -204,9 +204,9 @@ TEST_F(SalvageTest, ADirectoryWithoutAJournalIsListedButNotRead) {
     std::ofstream(places.TempFile("vorrel-abcdef") + "/tmp123456") << "samples";
 
     Process list(Salvage({}));
-    Process save(Salvage({"abcdef", places.File("a.wav")}));
-
     EXPECT_EQ(list.Wait(), 0);
+    Process save(Salvage({"abcdef", places.File("a.wav")}));  // what it has is not listed
+
     EXPECT_EQ(save.Wait(), 1);
     EXPECT_EQ(Events(list.Out(), "take").at(0).at("frames"), 0);
     EXPECT_THAT(save.Error(), HasSubstr("no journal"));
