@@ -82,8 +82,7 @@ public:
     ///         has none; `VrErrorInvalidState` (none selected).
     VrError CanSampleRate(double rate);
     /// @param rate  Hz.
-    /// @return `VrErrorInvalidState` (none selected); the converted status of a device that is
-    /// asked
+    /// @return `VrErrorInvalidState` (none selected); the converted status of a device that is asked
     ///         because a setting has failed without an answer.
     VrError GetSampleRate(double& rate);
     /// Sets the best physical format for `rate` (Hz).
