@@ -82,8 +82,8 @@ public:
     ///         has none; `VrErrorInvalidState` (none selected).
     VrError CanSampleRate(double rate);
     /// @param rate  Hz.
-    /// @return `VrErrorInvalidState` (none selected); the converted status of a device that is asked
-    ///         because a setting has failed without an answer.
+    /// @return `VrErrorInvalidState` (none selected); where a setting has failed without an answer,
+    ///         the converted status of the device that is asked.
     VrError GetSampleRate(double& rate);
     /// Sets the best physical format for `rate` (Hz).
     /// @return `VrErrorInvalidState` (none selected, or running); `VrErrorNotSupported` (no format
