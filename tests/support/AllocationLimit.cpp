@@ -36,6 +36,17 @@ void* operator new[](std::size_t bytes) {
 void* operator new[](std::size_t bytes, std::align_val_t alignment) {
     return ::operator new(bytes, alignment);
 }
+// Those that a sanitizer brings do not come here by themselves.
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+    try {
+        return ::operator new(bytes);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
+    return ::operator new(bytes, std::nothrow);
+}
 void operator delete[](void* memory) noexcept {
     std::free(memory);
 }

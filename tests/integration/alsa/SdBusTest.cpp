@@ -3,7 +3,10 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -88,14 +91,15 @@ TEST_F(SdBusTest, AServiceThatThrowsSaysSoAndServesTheNextCall) {
 TEST_F(SdBusTest, AnArgumentThatIsNotThereIsReadAsNothing) {
     std::string text = "untouched";
     std::optional<std::int32_t> number = 1;
-    const FakeService service(kService.service, kService.path, [&](sd_bus_message* call) {
-        text = SdBus::ReadText(call);
-        number = SdBus::ReadInt(call);
-        SdBus::AnswerNothing(call);
-        return true;
-    });
-
-    EXPECT_EQ(client->Call(kService, "Nothing", {}, '\0', Soon()), 0U);
+    {
+        const FakeService service(kService.service, kService.path, [&](sd_bus_message* call) {
+            text = SdBus::ReadText(call);
+            number = SdBus::ReadInt(call);
+            SdBus::AnswerNothing(call);
+            return true;
+        });
+        EXPECT_EQ(client->Call(kService, "Nothing", {}, '\0', Soon()), 0U);
+    }
 
     EXPECT_EQ(text, "");
     EXPECT_EQ(number, std::nullopt);
