@@ -1,9 +1,10 @@
 #!/bin/sh
 # Installs the Debian packages that building, testing and the demo need. Asks for nothing and does
 # nothing when all of them are there.
-#   scripts/install-deps.sh [e2e|examples|deb]
+#   scripts/install-deps.sh [e2e|examples|deb|coverage]
 # With `e2e` also those of the end-to-end tests, which emulate a machine, with `examples` those of the
-# example hosts, with `deb` those that make Debian packages and look at them.
+# example hosts, with `deb` those that make Debian packages and look at them, with `coverage` what
+# reads a coverage build's counts.
 set -eu
 
 packages="
@@ -17,6 +18,7 @@ case "${1:-}" in
     e2e) packages="$packages qemu-system-x86 busybox-static cpio kmod xz-utils" ;;
     examples) packages="$packages qt6-base-dev libglib2.0-dev" ;;
     deb) packages="$packages debhelper dpkg-dev fakeroot lintian debootstrap zsh" ;;
+    coverage) packages="$packages gcovr" ;;
 esac
 
 missing=""
