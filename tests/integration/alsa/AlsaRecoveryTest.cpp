@@ -304,6 +304,9 @@ TEST_F(AlsaRecoveryTest, LooksThatFindNothingAreSlowedDownAndSaid) {
 }
 
 TEST_F(AlsaRecoveryTest, AWaitThatFailsDoesNotStopTheCapture) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer needs descriptors itself, to look at an object's type";
+#else
     Start();
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -318,6 +321,7 @@ TEST_F(AlsaRecoveryTest, AWaitThatFailsDoesNotStopTheCapture) {
 
     ExpectGaps(0);
     EXPECT_THAT(trace.Lines(), ElementsAre(HasSubstr("slowed down: Invalid argument")));
+#endif
 }
 
 TEST_F(AlsaRecoveryTest, ACardWithNothingToWaitOnIsNotStarted) {
