@@ -1,7 +1,5 @@
 #include "device/CoreAudioManager.h"
 
-#include <unistd.h>
-
 #include <exception>
 #include <limits>
 #include <tuple>
@@ -10,18 +8,12 @@
 #include "convert/SampleTypeInfo.h"
 #include "device/AudioHardware.h"
 #include "device/AudioStream.h"
-#include "device/IORegistryEntry.h"
-#include "device/IOService.h"
 #include "device/StreamFormats.h"
+#include "device/UsbLookup.h"
 #include "platform/Trace.h"
 
 namespace vorrel {
 namespace {
-
-constexpr char kServicePlane[] = "IOService";
-constexpr char kEngineClass[] = "IOAudioEngine";
-constexpr char kEngineUidKey[] = "IOAudioEngineGlobalUniqueID";
-constexpr std::int32_t kInputDirection = 1;
 
 /// Bit of `excludedRateMask`: the device has the USB control interface.
 constexpr std::uint32_t kHasControlInterface = 1U << 16;
@@ -37,11 +29,8 @@ constexpr std::uint8_t kSetTransferMode = 0;
 constexpr std::uint16_t kTransferPcm = 0;
 constexpr std::uint16_t kTransferDsd = 1;
 
-constexpr SInt32 kNobody = -1;
-
 constexpr AudioObjectPropertyAddress kOverload = GlobalProperty(kAudioDeviceProcessorOverload);
 constexpr AudioObjectPropertyAddress kIsAlive = GlobalProperty(kAudioDevicePropertyDeviceIsAlive);
-constexpr AudioObjectPropertyAddress kHogMode = GlobalProperty(kAudioDevicePropertyHogMode);
 constexpr AudioObjectPropertyAddress kBufferFrameSize =
     GlobalProperty(kAudioDevicePropertyBufferFrameSize);
 constexpr AudioObjectPropertyAddress kBufferFrameSizeRange =
@@ -60,34 +49,6 @@ bool ReadDevice(const AudioDevice& device, FoundDeviceInfo& record) {
                kAudioHardwareNoError &&
            device.GetProperty(GlobalProperty(kAudioDevicePropertyModelUID), record.modelUid) ==
                kAudioHardwareNoError;
-}
-
-bool IsEngineOf(const IORegistryEntry& engine, const std::string& uid) {
-    std::string engineUid;
-    return engine.SearchProperty(kServicePlane, kEngineUidKey, engineUid) && engineUid == uid;
-}
-
-IORegistryEntry FindInputStream(const IORegistryEntry& engine) {
-    const IOIterator children = engine.GetChildIterator(kServicePlane);
-    while (IORegistryEntry child = children.Next()) {
-        std::int32_t direction = 0;
-        if (child.ConformsTo("IOAudioStream") &&
-            child.SearchProperty(kServicePlane, "IOAudioStreamDirection", direction) &&
-            direction == kInputDirection) {
-            return child;
-        }
-    }
-    return {};
-}
-
-IORegistryEntry FindUsbParent(const IORegistryEntry& inputStream) {
-    const IOIterator parents = inputStream.GetParentIterator(kServicePlane);
-    while (IORegistryEntry parent = parents.Next()) {
-        if (parent.ConformsTo("IOUSBInterface")) {
-            return parent;
-        }
-    }
-    return {};
 }
 
 VrError ConvertUsbError(IOReturn result) {
@@ -111,21 +72,6 @@ void Try(const Step& step) noexcept {
     }
 }
 
-/// Gives up the exclusive use of a device. @return False where it may still be this process's.
-bool GiveUp(const AudioDevice& held) noexcept {
-    OSStatus status = kAudioHardwareUnspecifiedError;
-    Try([&] { return status = held.SetProperty(kHogMode, kNobody); });
-    switch (status) {
-        case kAudioHardwareNoError:
-        case kAudioHardwareBadDeviceError:  // gone, and its exclusive use with it
-        case kAudioHardwareBadObjectError:
-        case kAudioDevicePermissionsError:  // another's
-            return true;
-        default:
-            return false;
-    }
-}
-
 /// Frames without their fraction. What no count can hold becomes the nearest that one can.
 std::uint32_t WholeFrames(double frames) {
     if (!(frames > 0.0)) {
@@ -144,7 +90,6 @@ CoreAudioManager::~CoreAudioManager() {
     // Both refuse on their own when there is nothing to stop or to release.
     std::ignore = Stop();
     std::ignore = ReleaseDevice();
-    LetGoOfTheStillHeld();
 }
 
 const DeviceBackends& CoreAudioManager::Backends() {
@@ -178,31 +123,11 @@ VrError CoreAudioManager::GetAudioDevices(std::vector<FoundDeviceInfo>& list) {
 
 bool CoreAudioManager::GetVidPid(const std::string& uid, std::int32_t& vendorId,
                                  std::int32_t& productId) {
-    vendorId = -1;
-    productId = -1;
-    const IOIterator engines = IOServiceGetMatchingServices(Backends().registry, kEngineClass);
-    while (const IORegistryEntry engine = engines.Next()) {
-        std::int32_t vendor = 0;
-        std::int32_t product = 0;
-        if (engine.SearchProperty(kServicePlane, "idVendor", vendor) &&
-            engine.SearchProperty(kServicePlane, "idProduct", product) && IsEngineOf(engine, uid)) {
-            vendorId = vendor;
-            productId = product;
-            return true;
-        }
-    }
-    return false;
+    return FindUsbIds(Backends().registry, uid, vendorId, productId);
 }
 
 std::unique_ptr<UsbInterface> CoreAudioManager::SearchInterface(const std::string& uid) {
-    const IOIterator engines = IOServiceGetMatchingServices(Backends().registry, kEngineClass);
-    while (const IORegistryEntry engine = engines.Next()) {
-        if (IsEngineOf(engine, uid)) {
-            // The first engine with the id decides; a null entry on the way ends in null.
-            return FindUsbParent(FindInputStream(engine)).CreateUsbInterface();
-        }
-    }
-    return nullptr;
+    return FindUsbInterface(Backends().registry, uid);
 }
 
 VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
@@ -224,18 +149,8 @@ VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
     if (streams.empty()) {
         return VrErrorNotSupported;
     }
-    LetGoOfTheStillHeld();  // what is held would be refused to us as to everybody else
-    stillHeld.reserve(stillHeld.size() + 1);  // for this device, should it not let itself be let go
-    const SInt32 self = ::getpid();
-    try {
-        if (const VrError taken = ConvertErrorCode(candidate.SetProperty(kHogMode, self));
-            taken != VrSuccess) {
-            return taken;
-        }
-    } catch (const std::exception& failure) {
-        Trace(__FILE__, __LINE__, "exclusive use failed: %s", failure.what());
-        LetGo(candidate);  // the call may have had its effect before
-        return VrErrorFailed;
+    if (const VrError taken = ConvertErrorCode(exclusiveUse.Take(candidate)); taken != VrSuccess) {
+        return taken;
     }
     VrError error = VrErrorFailed;
     try {
@@ -251,7 +166,7 @@ VrError CoreAudioManager::SetAudioDevice(const FoundDeviceInfo& found,
     if (error != VrSuccess) {
         Unregister(candidate);
         usbInterface.reset();
-        LetGo(candidate);
+        exclusiveUse.GiveUp(candidate);
         return error;
     }
     sampleType.store(kSampleTypePcm, std::memory_order_relaxed);
@@ -336,17 +251,7 @@ void CoreAudioManager::RestoreDeviceState() noexcept {
                                : streams.front().SetPhysicalFormat(savedFormat);
     });
     Try([&] { return device.SetProperty(kBufferFrameSize, savedBufferSize); });
-    LetGo(device);
-}
-
-void CoreAudioManager::LetGo(const AudioDevice& held) noexcept {
-    if (!GiveUp(held)) {
-        stillHeld.push_back(held);  // there is room since it was taken
-    }
-}
-
-void CoreAudioManager::LetGoOfTheStillHeld() noexcept {
-    std::erase_if(stillHeld, GiveUp);
+    exclusiveUse.GiveUp(device);
 }
 
 VrError CoreAudioManager::GetChannels(std::uint16_t& inputs, std::uint16_t& outputs) {

@@ -9,6 +9,7 @@
 
 #include "device/AudioDevice.h"
 #include "device/FoundDeviceInfo.h"
+#include "device/HogMode.h"
 #include "device/IAudioDeviceNotify.h"
 #include "device/backend/DeviceBackends.h"
 #include "platform/Realtime.h"
@@ -130,10 +131,6 @@ private:
     VrError AttachDevice(const AudioDevice& candidate, const FoundDeviceInfo& found);
     void Unregister(const AudioDevice& candidate) noexcept;
     void RestoreDeviceState() noexcept;
-    /// Gives up the exclusive use of a device; one that could not be is among the `stillHeld`.
-    void LetGo(const AudioDevice& held) noexcept;
-    /// Tries again.
-    void LetGoOfTheStillHeld() noexcept;
     /// The physical format in force; the device is asked where a failed call left it in doubt.
     VrError ReadFormat(AudioStreamBasicDescription& format);
     /// The physical format that carries `rate` of the sample type in force, its rate filled in.
@@ -153,8 +150,8 @@ private:
     const BackendProvider provider;
     std::optional<DeviceBackends> backends;  // empty until the first device call
 
-    AudioDevice device;                  // the selected one, else without an id
-    std::vector<AudioDevice> stillHeld;  // whose release failed; has room for the selected one
+    AudioDevice device;  // the selected one, else without an id
+    HogMode exclusiveUse;
     FoundDeviceInfo selectedDevice;
     // Null while no device is selected; the device's thread and the notification thread read it.
     std::atomic<IAudioDeviceNotify*> notify{nullptr};
