@@ -187,7 +187,7 @@ int DeleteFile(const char* path) {
     return ::unlink(path) == 0 ? 1 : 0;
 }
 
-// Kept: the pointer is only declared wide (SystemHelpersTest.WideDeleteFileReadsBytes).
+// Kept: the pointer is only declared wide (FileHelpersTest.WideDeleteFileReadsBytes).
 int DeleteFile(const wchar_t* path) {
     return DeleteFile(reinterpret_cast<const char*>(path));
 }
@@ -198,7 +198,7 @@ int PathIsDirectory(const char* path) {
 }
 
 // Kept: what cannot be listed is empty
-// (SystemHelpersTest.PathIsDirectoryEmptyIsTrueForAMissingPath).
+// (FileHelpersTest.PathIsDirectoryEmptyIsTrueForAMissingPath).
 int PathIsDirectoryEmpty(const char* path) {
     // The system's own listing: that of the C++ library ends the process when memory is short.
     DIR* const directory = path != nullptr ? ::opendir(path) : nullptr;
