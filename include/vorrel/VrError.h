@@ -23,7 +23,8 @@ enum [[nodiscard]] VrError : std::int32_t{
     VrErrorInvalidState = -6,
     /// The platform reports an unsupported format or operation, or the operation is a placeholder.
     VrErrorNotSupported = -99,
-    /// A save ended because the host cancelled it.
+    /// A save ended because the host cancelled it. Within the engine only: no call returns it, the
+    /// host is told of the end of a save alone.
     VrErrorCanceled = -100,
 };
 

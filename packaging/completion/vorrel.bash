@@ -66,7 +66,7 @@ _vorrel() {
         --type) words="pcm dsd" ;;
         --bits) words="16 24 32" ;;
         --rate)
-            words="44100 48000 88200 96000 176400 192000 352800 384000"
+            words="44100 48000 96000 192000 384000"
             [[ $type == dsd ]] && words="2822400 5644800 11289600" ;;
         --device)
             _vorrel_from_lines "$current" < <("${COMP_WORDS[0]}" devices 2>/dev/null)

@@ -137,7 +137,7 @@ Findings CheckStorage(const std::string& directory) {
         findings.push_back(
             {"storage", Verdict::Note,
              "a run that was killed has left " + SizeText(leftover.bytes) + " in " + leftover.path,
-             "remove it when nothing in it is wanted any more"});
+             "\"vorrel salvage\" lists, saves or removes it"});
     }
     return findings;
 }
