@@ -45,6 +45,11 @@ function(vorrel_add_tests)
     target_include_directories(${arg_NAME} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
     target_link_libraries(${arg_NAME} PRIVATE ${arg_LIBRARIES} vorrel_build_options GTest::gmock GTest::gtest_main)
     # Without the bytes of a parameter, which differ from run to run and drown what a log has to say.
+    # Heavy load has the machine for itself: beside it others would lose buffers, and beside them it would.
+    set(alone FALSE)
+    if(arg_LABEL STREQUAL stress)
+        set(alone TRUE)
+    endif()
     gtest_discover_tests(${arg_NAME} DISCOVERY_TIMEOUT 60 NO_PRETTY_VALUES
-        PROPERTIES LABELS ${arg_LABEL} TIMEOUT ${arg_TIMEOUT})
+        PROPERTIES LABELS ${arg_LABEL} TIMEOUT ${arg_TIMEOUT} RUN_SERIAL ${alone})
 endfunction()

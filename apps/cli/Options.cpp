@@ -94,7 +94,8 @@ void AddRecordOptions(CLI::App& command, Options& options, RecordTexts& texts) {
     text("--rate", texts.rate, "Sampling rate in Hz (default: 48000; with dsd 2822400)", "HZ");
     text("--bits", texts.bits, "Sample width: 16, 24 or 32 (default: 24); pcm only", "BITS");
     text("--duration", texts.duration, "Stop by itself after so much recording", "SECONDS");
-    text("--start-at", texts.startAt, "Begin by itself at a time (20:15, 20:15:30, "2026-11-21 20:15")", "TIME");
+    text("--start-at", texts.startAt,
+         "Begin by itself at a time (20:15, 20:15:30, 2026-11-21 20:15)", "TIME");
     command
         .add_flag("--pre-record", record.preRecord,
                   "The recorder runs; the recording begins with the key r or SIGUSR1")

@@ -98,8 +98,8 @@ TEST_F(ArmedTest, AtDsdTheTakeBeginsWithAWholeByte) {
 }
 
 TEST_F(ArmedTest, ALongWaitGivesBackWhatItHasStored) {
-    // 600 seconds and the pre-roll of a recording, at 400 times its speed.
-    Process program(Record({places.File("a.wav"), "--simulate=source=counter,speed=400,channels=1",
+    // 600 seconds and the pre-roll of a recording, at 100 times its speed.
+    Process program(Record({places.File("a.wav"), "--simulate=source=counter,speed=100,channels=1",
                             "--pre-roll", "1", "--duration", "2"}));
     ASSERT_TRUE(program.AwaitOut("\"armed\""));
     ASSERT_TRUE(program.AwaitOut("\"armed\"")) << program.Error();  // anew

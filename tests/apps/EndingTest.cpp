@@ -1,6 +1,7 @@
 // How a recording ends by signals, closed streams and outputs that nobody reads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 
 #include <csignal>
 #include <filesystem>
@@ -11,6 +12,7 @@
 
 #include "FaultsRig.h"
 #include "WavReader.h"
+#include "support/Await.h"
 
 namespace vorrel::test {
 namespace {
@@ -98,6 +100,7 @@ TEST_F(EndingTest, AnAnswerThatCannotBeWrittenIsAStorageError) {
 TEST_F(EndingTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
     const std::string pipe = places.File("pipe");
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const int end = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);
     Process program(Record("stop=hang", {places.File("a.wav"), "--hook",
                                          "exec 2> /dev/null > /dev/null; read line < " + pipe}));
     ASSERT_TRUE(program.AwaitOut("\"position\""));
@@ -110,8 +113,11 @@ TEST_F(EndingTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
 
     EXPECT_EQ(program.Wait(), 128 + SIGTERM);
     EXPECT_TRUE(places.TempIsEmpty());
-    const int end = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);  // lets the hook go
-    ASSERT_EQ(::write(end, "x\n", 2), 2);
+    ASSERT_EQ(::write(end, "x\n", 2), 2);  // lets the hook go
+    Await([end] {
+        int left = 0;
+        return ::ioctl(end, FIONREAD, &left) == 0 && left == 0;
+    });
     ::close(end);
 }
 

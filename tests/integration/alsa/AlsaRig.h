@@ -19,6 +19,7 @@
 #include "device/backend/AudioRegistry.h"
 #include "device/backend/DeviceBackends.h"
 #include "manager/VorrelManager.h"
+#include "support/Await.h"
 #include "support/FileBytes.h"
 #include "support/RecordingDelegate.h"
 #include "support/TempDirectory.h"
@@ -219,21 +220,6 @@ private:
     ConditionVariable changed;
     std::vector<float> collected VORREL_GUARDED_BY(mutex);
 };
-
-/// Waits until `holds`, which is asked again and again; a failure after a minute.
-inline void Await(const std::function<bool()>& holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    Mutex mutex;
-    ConditionVariable nobody;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            ADD_FAILURE() << "waited in vain";
-            return;
-        }
-        const MutexLock lock(mutex);
-        nobody.WaitFor(mutex, std::chrono::milliseconds(1));
-    }
-}
 
 /// Counts the calls of a listener.
 struct CountingListener {

@@ -45,6 +45,7 @@ struct TestCardState {
     std::atomic<std::uint32_t> openErrors{0};   ///< so many opens answer it; 0: all
     std::atomic<std::int32_t> parametersError{0};
     std::atomic<std::int32_t> prepareError{0};
+    std::atomic<std::uint32_t> prepareErrors{0};  ///< so many calls answer it; 0: all
     std::atomic<std::int32_t> startError{0};
     std::atomic<std::int32_t> readError{0};   ///< of a read call, once; the stream goes on
     std::atomic<std::int32_t> stopError{0};   ///< stops the stream once

@@ -258,6 +258,9 @@ int Prepare(snd_pcm_ioplug_t* io) {
     }
     ++card.state->prepares;
     if (const int error = card.state->prepareError.load(); error != 0) {
+        if (TakeOne(card.state->prepareErrors) && card.state->prepareErrors == 0) {
+            card.state->prepareError = 0;
+        }
         return -error;
     }
     card.firstFrame = card.nextFirstFrame;
