@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,9 +38,12 @@ public:
     HeldFile(const HeldFile&) = delete;
     HeldFile& operator=(const HeldFile&) = delete;
 
-    /// All that is written until the writer closes the file.
+    /// All that is written until the writer, who may still be to come, closes the file.
     Bytes ReadToEnd() const {
         Bytes bytes;
+        pollfd written{descriptor, POLLIN, 0};
+        while (::poll(&written, 1, -1) < 0 && errno == EINTR) {
+        }
         std::array<std::uint8_t, 65'536> piece{};
         for (;;) {
             const ssize_t count = ::read(descriptor, piece.data(), piece.size());
