@@ -41,7 +41,7 @@ class FaultRig {
 public:
     /// @param seconds  Longest take.
     FaultRig(std::uint64_t rateHz, Take::Type type, std::uint32_t channels, double seconds)
-        : take(Config(channels), rateHz, type) {
+        : take(Noise(channels), rateHz, type) {
         take.Select();
         expected = ExpectedBytes(seconds);
     }
@@ -117,13 +117,6 @@ public:
     std::vector<Bytes> expected;  // of each channel, from the first sample on
 
 private:
-    static SimulatedRecorderConfig Config(std::uint32_t channels) {
-        SimulatedRecorderConfig config;
-        config.source = SimulatedSource::Noise;
-        config.channels = channels;
-        config.levelDb = 0.0;
-        return config;
-    }
     std::vector<Bytes> ExpectedBytes(double seconds) {
         const auto samples =
             static_cast<std::uint64_t>((seconds + 1.0) * static_cast<double>(take.rateHz));
