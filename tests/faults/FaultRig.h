@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -16,18 +15,6 @@
 #include "integration/TakeRig.h"
 
 namespace vorrel::test {
-
-/// A call of the host, in which what the engine does on the host's thread may fail too. What it
-/// throws is a failure, as behind the exported functions.
-template <class Operation>
-VrError AsHost(const Operation& operation) {
-    const HostCall host;
-    try {
-        return operation();
-    } catch (const std::exception&) {
-        return VrErrorFailed;
-    }
-}
 
 /// Dispatches notifications until `holds`. @return false after a time that nothing here takes.
 inline bool SettlesUntil(const std::function<bool()>& holds) {

@@ -11,17 +11,11 @@
 #include "device/simulated/ManualClock.h"
 #include "device/simulated/RecorderCaptureRig.h"
 
-namespace vorrel {
+namespace vorrel::test {
 namespace {
 
-using test::Collector;
-using test::Counter;
-using test::CountingListener;
-using test::ExpectCounter;
-using test::Global;
-
 /// With the capture thread, at a thousand times real time.
-class ThreadedCaptureTest : public test::SimulatedTest {
+class ThreadedCaptureTest : public SimulatedTest {
 protected:
     ThreadedCaptureTest() : SimulatedTest(Counter(1'000.0, false)) {}
     Collector collector;
@@ -151,9 +145,7 @@ TEST_F(ThreadedCaptureTest, AProcMayAskForPropertiesWhileAnotherThreadStopsIt) {
 
 TEST_F(ThreadedCaptureTest, UnpluggedWhileItRunsItStopsAndTellsOnce) {
     CountingListener alive;
-    ASSERT_EQ(audio.AddPropertyListener(Device(), Global(kAudioDevicePropertyDeviceIsAlive),
-                                        &CountingListener::Proc, &alive),
-              0);
+    Listen(Device(), kAudioDevicePropertyDeviceIsAlive, alive);
     recorder.UnplugAfterBuffers(5);
     StartProc(collector);
 
@@ -234,7 +226,7 @@ TEST_F(ThreadedCaptureTest, AskedForItsPropertiesWhileItIsReplacedAnObjectAnswer
 }
 
 TEST(TwoRecordersTest, EachDeliversItsOwnStreamAtItsOwnPace) {
-    const auto clock = std::make_shared<test::ManualClock>();
+    const auto clock = std::make_shared<ManualClock>();
     SimulatedRecorderConfig slow = Counter(1.0, false);
     slow.clock = clock;
     slow.bufferFrames = 24'000;
@@ -285,7 +277,7 @@ TEST(CaptureLifetimeTest, TheBackEndsMayGoWhileTheDeviceRuns) {
 }
 
 /// In real time: 64 frames at 44.1 kHz, a buffer every 1.45 ms.
-class RealTimeCaptureTest : public test::SimulatedTest {
+class RealTimeCaptureTest : public SimulatedTest {
 protected:
     RealTimeCaptureTest() : SimulatedTest(Counter(1.0, false)) {}
 };
@@ -325,4 +317,4 @@ TEST_F(RealTimeCaptureTest, StopDoesNotWaitForTheNextBuffer) {
 }
 
 }  // namespace
-}  // namespace vorrel
+}  // namespace vorrel::test

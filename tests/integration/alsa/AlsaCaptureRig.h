@@ -35,12 +35,6 @@ protected:
     static void AwaitCalls(const Collector& collector, std::uint64_t count) {
         Await([&] { return collector.calls >= count; });
     }
-    /// Counts what the listeners of a property of the device are called.
-    void Listen(CountingListener& listener, AudioObjectPropertySelector selector) {
-        ASSERT_EQ(audio->AddPropertyListener(device, Address(selector), &CountingListener::Proc,
-                                             &listener),
-                  0);
-    }
     const AlsaCapture& Capture() { return audio->Find(device)->Capture(); }
     /// Keeps the IO thread for so long, as a proc that computes.
     static void Compute(std::chrono::milliseconds time) {

@@ -26,8 +26,8 @@ protected:
 
     void SetUp() override {
         AlsaCaptureTest::SetUp();
-        Listen(overloads, kAudioDeviceProcessorOverload);
-        Listen(alive, kAudioDevicePropertyDeviceIsAlive);
+        Listen(device, kAudioDeviceProcessorOverload, overloads);
+        Listen(device, kAudioDevicePropertyDeviceIsAlive, alive);
         id = Create(collector);
     }
     void Start() {

@@ -97,6 +97,33 @@ inline std::size_t CountOf(const char* directory) {
     return count;
 }
 
+/// Waits until `holds`, which is asked again and again; a failure after a minute.
+inline void Await(const std::function<bool()>& holds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    Mutex mutex;
+    ConditionVariable nobody;
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << "waited in vain";
+            return;
+        }
+        const MutexLock lock(mutex);
+        nobody.WaitFor(mutex, std::chrono::milliseconds(1));
+    }
+}
+
+/// Counts the calls of a listener.
+struct CountingListener {
+    static OSStatus Proc(AudioObjectID, UInt32, const AudioObjectPropertyAddress*, void* self) {
+        ++static_cast<CountingListener*>(self)->calls;
+        return 0;
+    }
+    void Await(int count) const {
+        test::Await([&] { return calls >= count; });
+    }
+    std::atomic<int> calls{0};
+};
+
 /// One test card with the audio layer over it.
 class AlsaCardTest : public testing::Test {
 public:
@@ -155,6 +182,13 @@ public:
         }
         ADD_FAILURE() << "no format of " << rateHz << " Hz and " << bits << " bits";
         return {};
+    }
+    /// Counts what the listeners of a property are called.
+    void Listen(AudioObjectID object, AudioObjectPropertySelector selector,
+                CountingListener& listener) {
+        ASSERT_EQ(audio->AddPropertyListener(object, Address(selector), &CountingListener::Proc,
+                                             &listener),
+                  0);
     }
     OSStatus Hog() { return Set(Device(), kAudioDevicePropertyHogMode, SInt32{::getpid()}); }
     OSStatus Unhog(AudioDeviceID device) {
@@ -218,33 +252,6 @@ private:
     Mutex mutex;
     ConditionVariable changed;
     std::vector<float> collected VORREL_GUARDED_BY(mutex);
-};
-
-/// Waits until `holds`, which is asked again and again; a failure after a minute.
-inline void Await(const std::function<bool()>& holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    Mutex mutex;
-    ConditionVariable nobody;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            ADD_FAILURE() << "waited in vain";
-            return;
-        }
-        const MutexLock lock(mutex);
-        nobody.WaitFor(mutex, std::chrono::milliseconds(1));
-    }
-}
-
-/// Counts the calls of a listener.
-struct CountingListener {
-    static OSStatus Proc(AudioObjectID, UInt32, const AudioObjectPropertyAddress*, void* self) {
-        ++static_cast<CountingListener*>(self)->calls;
-        return 0;
-    }
-    void Await(int count) const {
-        test::Await([&] { return calls >= count; });
-    }
-    std::atomic<int> calls{0};
 };
 
 /// A whole engine over a test card.
