@@ -6,7 +6,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -15,8 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "KernelBench.h"
 #include "convert/ChannelKernels.h"
-#include "convert/InstructionSet.h"
 #include "convert/PcmConverters.h"
 #include "convert/PlainConverters.h"
 #include "convert/PlainDecimator.h"
@@ -25,23 +24,15 @@
 namespace vorrel {
 namespace {
 
+using bench::AddBenchmark;
+using bench::NameOf;
+using bench::Seconds;
+
 constexpr std::size_t kHugeBytes = std::size_t{128}
                                    << 20;  // larger than any last-level cache share
 constexpr std::size_t kNearBytes = std::size_t{256}
                                    << 10;      // fits a second-level cache with its output
 constexpr std::size_t kWriterFrames = 19'200;  // 0.1 s at 192 kHz
-
-const char* NameOf(InstructionSet set) {
-    switch (set) {
-        case InstructionSet::kAvx2:
-            return "avx2";
-        case InstructionSet::kAvx512:
-            return "avx512";
-        case InstructionSet::kBaseline:
-            break;
-    }
-    return "baseline";
-}
 
 std::vector<float> Noise(std::size_t count) {
     std::mt19937 random(1);
@@ -54,12 +45,6 @@ std::vector<float> Noise(std::size_t count) {
         samples[i] = samples[i - pattern];
     }
     return samples;
-}
-
-double Seconds(const std::function<void()>& work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 /// Times `work` and a memcpy of `in` in turns.
@@ -183,46 +168,41 @@ void BenchDsdPreview(benchmark::State& state, const PcmKernels& kernels, std::si
 }
 
 void RegisterAll() {
-    const auto add = [](const std::string& name, auto function, auto... arguments) {
-        benchmark::RegisterBenchmark(
-            name.c_str(), [=](benchmark::State& state) { function(state, arguments...); })
-            ->UseManualTime()
-            ->Unit(benchmark::kMicrosecond);
-    };
     for (const auto& [place, bytes] :
          {std::pair("memory", kHugeBytes), std::pair("cache", kNearBytes)}) {
         const std::string suffix = std::string("/") + place;
         for (const InstructionSet set : SupportedInstructionSets()) {
             const PcmKernels& kernels = KernelsFor(set);
             const std::string tail = suffix + "/" + NameOf(set);
-            add("Int16" + tail, &BenchConverter, kernels.toInt16, bytes, 2U);
-            add("Int24" + tail, &BenchConverter, kernels.toInt24, bytes, 3U);
-            add("Int32" + tail, &BenchConverter, kernels.toInt32, bytes, 4U);
+            AddBenchmark("Int16" + tail, &BenchConverter, kernels.toInt16, bytes, 2U);
+            AddBenchmark("Int24" + tail, &BenchConverter, kernels.toInt24, bytes, 3U);
+            AddBenchmark("Int32" + tail, &BenchConverter, kernels.toInt32, bytes, 4U);
         }
-        add("Float32" + suffix, &BenchConverter, &Float32_To_Float32LSB<false>, bytes, 4U);
+        AddBenchmark("Float32" + suffix, &BenchConverter, &Float32_To_Float32LSB<false>, bytes, 4U);
     }
     for (const std::size_t channels : {1U, 2U, 6U}) {
         for (const std::size_t width : {2U, 3U, 4U}) {
             const std::string name = "GainConvertInterleave/" + std::to_string(channels) + "ch/" +
                                      std::to_string(8 * width) + "bit/";
-            add(name + "plain", &BenchPlainGain, channels, width);
+            AddBenchmark(name + "plain", &BenchPlainGain, channels, width);
             for (const InstructionSet set : SupportedInstructionSets()) {
-                add(name + NameOf(set), &BenchGain, std::cref(KernelsFor(set)), channels, width);
+                AddBenchmark(name + NameOf(set), &BenchGain, std::cref(KernelsFor(set)), channels,
+                             width);
             }
         }
     }
     for (const std::size_t channels : {1U, 2U, 4U, 6U, 8U}) {
         const std::string name = "SplitLanes/" + std::to_string(channels) + "ch/";
-        add(name + "plain", &BenchPlainSplit, channels);
+        AddBenchmark(name + "plain", &BenchPlainSplit, channels);
         for (const InstructionSet set : SupportedInstructionSets()) {
-            add(name + NameOf(set), &BenchSplit, std::cref(KernelsFor(set)), channels);
+            AddBenchmark(name + NameOf(set), &BenchSplit, std::cref(KernelsFor(set)), channels);
         }
     }
     // The largest block of the convert worker, what 50 ms at the lowest rate make, and a few.
     for (const std::size_t samples : {4096U, 2205U, 50U, 10U}) {
         for (const InstructionSet set : SupportedInstructionSets()) {
-            add("DsdPreview/" + std::to_string(samples) + "/" + NameOf(set), &BenchDsdPreview,
-                std::cref(KernelsFor(set)), samples);
+            AddBenchmark("DsdPreview/" + std::to_string(samples) + "/" + NameOf(set),
+                         &BenchDsdPreview, std::cref(KernelsFor(set)), samples);
         }
     }
 }
@@ -231,11 +211,5 @@ void RegisterAll() {
 }  // namespace vorrel
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    vorrel::RegisterAll();
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return vorrel::bench::RunBenchmarks(argc, argv, &vorrel::RegisterAll);
 }

@@ -5,40 +5,25 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <functional>
 #include <limits>
 #include <string>
 #include <vector>
 
+#include "KernelBench.h"
 #include "convert/BitReversal.h"
 #include "convert/GainTables.h"
-#include "convert/InstructionSet.h"
 #include "convert/PlainGain.h"
 
 namespace vorrel {
 namespace {
 
+using bench::AddBenchmark;
+using bench::NameOf;
+using bench::Seconds;
+
 constexpr std::size_t kBytes = 4096;
 constexpr double kHighestRateHz = 11'289'600;
-
-const char* NameOf(InstructionSet set) {
-    switch (set) {
-        case InstructionSet::kAvx2:
-            return "avx2";
-        case InstructionSet::kAvx512:
-            return "avx512";
-        case InstructionSet::kBaseline:
-            break;
-    }
-    return "baseline";
-}
-
-double Seconds(const std::function<void()>& work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 void BenchGain(benchmark::State& state, const DsdGainKernels& kernels, double amplitude,
                float gain) {
@@ -93,18 +78,12 @@ void BenchReversal(benchmark::State& state, const DsdGainKernels& kernels) {
 }
 
 void RegisterAll() {
-    const auto add = [](const std::string& name, auto function, auto... arguments) {
-        benchmark::RegisterBenchmark(
-            name.c_str(), [=](benchmark::State& state) { function(state, arguments...); })
-            ->UseManualTime()
-            ->Unit(benchmark::kMicrosecond);
-    };
     for (const InstructionSet set : SupportedInstructionSets()) {
         const auto kernels = std::cref(DsdGainKernelsFor(set));
         const std::string tail = std::string("/") + NameOf(set);
-        add("DsdGain/-6dB" + tail, &BenchGain, kernels, 0.5, 0.5011872F);
-        add("DsdGain/+6dB/overload" + tail, &BenchGain, kernels, 0.9, 1.9952623F);
-        add("ReverseBits" + tail, &BenchReversal, kernels);
+        AddBenchmark("DsdGain/-6dB" + tail, &BenchGain, kernels, 0.5, 0.5011872F);
+        AddBenchmark("DsdGain/+6dB/overload" + tail, &BenchGain, kernels, 0.9, 1.9952623F);
+        AddBenchmark("ReverseBits" + tail, &BenchReversal, kernels);
     }
 }
 
@@ -112,11 +91,5 @@ void RegisterAll() {
 }  // namespace vorrel
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    vorrel::RegisterAll();
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return vorrel::bench::RunBenchmarks(argc, argv, &vorrel::RegisterAll);
 }

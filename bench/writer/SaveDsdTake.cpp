@@ -4,7 +4,6 @@
 // The samples go through the channel stores and their spill files, as captured ones do. Prints the
 // seconds of the two halves, filling the stores and saving, and the seconds of the take.
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -15,23 +14,20 @@
 #include <tuple>
 #include <vector>
 
+#include "SaveProgram.h"
 #include "convert/BitReversal.h"
 #include "convert/DsdModulator.h"
 #include "convert/SampleTypeInfo.h"
 #include "platform/AlignedBytes.h"
-#include "store/RecordData.h"
-#include "support/FakeManager.h"
 #include "writer/DsfHeader.h"
-#include "writer/SaveThread.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using Channels = std::vector<vorrel::Block>;
+using vorrel::bench::Clock;
+using vorrel::bench::SaveAndWait;
+using vorrel::bench::SecondsSince;
 
-double SecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using Channels = std::vector<vorrel::Block>;
 
 /// One block of bytes of every channel, most significant bit first; empty at the end.
 class Source {
@@ -142,11 +138,7 @@ int Run(Source& source, const char* path, const char* gain, const char* tempDire
     file.end = static_cast<double>(record.GetLength(true)) / source.rateHz;
     file.gain = std::atof(gain);
     const double seconds = file.end;
-    const auto list =
-        std::make_shared<const std::vector<vorrel::VrSaveSettingInternal>>(1, std::move(file));
-    if (save.SaveFiles(list, record) != VrSuccess ||
-        !manager.WaitUntil([&] { return !manager.Operations().empty(); }) ||
-        !manager.Messages().empty()) {
+    if (!SaveAndWait(save, manager, record, std::move(file))) {
         return 1;
     }
     std::printf("fill %.3f save %.3f take %.3f\n", fillSeconds, SecondsSince(saveStart), seconds);

@@ -4,7 +4,6 @@
 // seconds of the two halves, filling the stores and saving.
 
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,16 +12,16 @@
 #include <string>
 #include <vector>
 
+#include "SaveProgram.h"
 #include "convert/ChannelKernels.h"
 #include "convert/SampleTypeInfo.h"
 #include "platform/AlignedBytes.h"
-#include "store/RecordData.h"
-#include "support/FakeManager.h"
-#include "writer/SaveThread.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using vorrel::bench::Clock;
+using vorrel::bench::SaveAndWait;
+using vorrel::bench::SecondsSince;
 
 struct FloatWav {
     std::uint16_t channels = 0;
@@ -58,10 +57,6 @@ FloatWav ReadHeader(std::istream& in) {
         }
     }
     return wav;
-}
-
-double SecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 }  // namespace
@@ -118,11 +113,7 @@ int main(int argc, char** argv) {
     file.path = argv[2];
     file.end = static_cast<double>(record.GetLength(true) + 1) / wav.rateHz;
     file.gain = std::atof(argv[4]);
-    const auto list =
-        std::make_shared<const std::vector<vorrel::VrSaveSettingInternal>>(1, std::move(file));
-    if (save.SaveFiles(list, record) != VrSuccess ||
-        !manager.WaitUntil([&] { return !manager.Operations().empty(); }) ||
-        !manager.Messages().empty()) {
+    if (!SaveAndWait(save, manager, record, std::move(file))) {
         return 1;
     }
     std::printf("fill %.3f save %.3f\n", fillSeconds, SecondsSince(saveStart));

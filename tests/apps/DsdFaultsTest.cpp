@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -15,7 +14,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 class DsdFaultsTest : public FaultsTest {
@@ -104,20 +102,6 @@ TEST_F(DsdFaultsTest, ADsdFileThatCannotBeSavedIsRescued) {
 
     EXPECT_THAT(places.Rescued(), ElementsAre("a-rescued.dsf"));
     ExpectCounter(places.TempFile("a-rescued.dsf"), 0, 176'400 * 8);
-}
-
-TEST_F(DsdFaultsTest, TheSecondSignalAbandonsARunningDsdSaveAtOnce) {
-    Process program(RecordDsd("save=hang:", {places.File("a.dsf")}));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    program.Send(SIGINT);
-    ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
-
-    program.Send(SIGINT);
-
-    EXPECT_EQ(program.Wait(), 128 + SIGINT);
-    EXPECT_THAT(places.Files(), IsEmpty());
-    EXPECT_TRUE(std::filesystem::exists(places.FilesPath()));
-    EXPECT_TRUE(places.TempIsEmpty());
 }
 
 TEST_F(DsdFaultsTest, LessThanAByteOfBitsIsSaidAsSuch) {

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "FaultsRig.h"
@@ -136,17 +137,19 @@ TEST_F(EndingTest, TheFirstSignalSaves) {
 }
 
 TEST_F(EndingTest, TheSecondSignalAbandonsARunningSave) {
-    Process program(Record("save=hang:", {places.File("a.wav")}));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    program.Send(SIGINT);
-    ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+    for (const auto& [type, file] : {std::pair{"pcm", "a.wav"}, std::pair{"dsd", "a.dsf"}}) {
+        Process program(Record("save=hang:", {places.File(file), "--type", type}));
+        ASSERT_TRUE(program.AwaitOut("\"position\"")) << type;
+        program.Send(SIGINT);
+        ASSERT_TRUE(program.AwaitOut("\"percent\":25.0")) << type;
 
-    program.Send(SIGINT);
+        program.Send(SIGINT);
 
-    EXPECT_EQ(program.Wait(), 128 + SIGINT);
-    EXPECT_THAT(places.Files(), IsEmpty());
-    EXPECT_TRUE(std::filesystem::exists(places.FilesPath()));
-    EXPECT_TRUE(places.TempIsEmpty());
+        EXPECT_EQ(program.Wait(), 128 + SIGINT) << type;
+        EXPECT_THAT(places.Files(), IsEmpty()) << type;
+        EXPECT_TRUE(std::filesystem::exists(places.FilesPath())) << type;
+        EXPECT_TRUE(places.TempIsEmpty()) << type;
+    }
 }
 
 TEST_F(EndingTest, AnAbandonedSaveLeavesTheDirectoryAndWhatElseIsInIt) {

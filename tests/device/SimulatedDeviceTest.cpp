@@ -256,8 +256,34 @@ TEST_F(HandledDeviceTest, UnpluggedBeforeWhicheverCallOfASelectionItIsLetGoOfWho
     }
 }
 
-TEST(SimulatedFileTest, AFileArrivesThroughTheDeviceCodeBitForBit) {
+/// A recorder that plays a file.
+class SimulatedFileTest : public testing::Test {
+protected:
+    void Select(const std::string& path) {
+        SimulatedRecorderConfig config;
+        config.source = SimulatedSource::File;
+        config.filePath = path;
+        config.manual = true;
+        backends = std::make_unique<SimulatedBackends>(std::vector{config});
+        ASSERT_EQ(backends->RecorderCount(), 1U);
+        notify.onCycle = [this] {
+            const AudioBuffer& buffer = notify.lastInput.load()->mBuffers[0];
+            const auto* samples = static_cast<const float*>(buffer.mData);
+            read.assign(samples, samples + buffer.mDataByteSize / sizeof(float));
+        };
+        const std::vector<FoundDeviceInfo> list = SupportedDevices(manager);
+        ASSERT_EQ(list.size(), 1U);
+        ASSERT_EQ(manager.SetAudioDevice(list[0], &notify), VrSuccess);
+    }
+
     const test::TempDirectory directory;
+    std::vector<float> read;  // the buffer that came last
+    std::unique_ptr<SimulatedBackends> backends;
+    test::FakeDeviceNotify notify;
+    CoreAudioManager manager{[this] { return backends->Backends(); }};
+};
+
+TEST_F(SimulatedFileTest, AFileArrivesThroughTheDeviceCodeBitForBit) {
     const std::string path = directory.File("take.wav");
     const std::vector<float> written = {0.25F, -0.0F, 1.5F, -1.0F, 1e-45F, 0.1F};
     SF_INFO info{};
@@ -268,28 +294,12 @@ TEST(SimulatedFileTest, AFileArrivesThroughTheDeviceCodeBitForBit) {
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(::sf_write_float(file, written.data(), 6), 6);
     ::sf_close(file);
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::File;
-    config.filePath = path;
-    config.manual = true;
-    SimulatedBackends backends({config});
-    ASSERT_EQ(backends.RecorderCount(), 1U);
-    CoreAudioManager manager([&backends] { return backends.Backends(); });
-    test::FakeDeviceNotify notify;
-    std::vector<float> read;
-    notify.onCycle = [&] {
-        const AudioBuffer& buffer = notify.lastInput.load()->mBuffers[0];
-        const auto* samples = static_cast<const float*>(buffer.mData);
-        read.assign(samples, samples + buffer.mDataByteSize / sizeof(float));
-    };
-    const std::vector<FoundDeviceInfo> list = SupportedDevices(manager);
-    ASSERT_EQ(list.size(), 1U);
-    ASSERT_EQ(manager.SetAudioDevice(list[0], &notify), VrSuccess);
+    Select(path);
     EXPECT_EQ(manager.CanSampleRate(44'100), VrErrorNotSupported);
     ASSERT_EQ(manager.SetSampleRate(96'000), VrSuccess);
     ASSERT_EQ(manager.Start(), VrSuccess);
 
-    ASSERT_TRUE(backends.Recorder().DeliverBuffer());
+    ASSERT_TRUE(backends->Recorder().DeliverBuffer());
 
     ASSERT_EQ(read.size(), 512U * 2);
     EXPECT_EQ(std::memcmp(read.data(), written.data(), written.size() * sizeof(float)), 0);
@@ -297,29 +307,12 @@ TEST(SimulatedFileTest, AFileArrivesThroughTheDeviceCodeBitForBit) {
     EXPECT_EQ(manager.Stop(), VrSuccess);
 }
 
-TEST(SimulatedFileTest, ADsfFileArrivesThroughTheDeviceCodeAtItsRateAlone) {
-    const test::TempDirectory directory;
+TEST_F(SimulatedFileTest, ADsfFileArrivesThroughTheDeviceCodeAtItsRateAlone) {
     const std::string path = directory.File("take.dsf");
     test::WriteBytes(
         path,
         test::DsfBytes{.rateHz = 11'289'600, .channels = {{0x2C, 0x48}, {0xFF, 0xFF}}}.Make());
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::File;
-    config.filePath = path;
-    config.manual = true;
-    SimulatedBackends backends({config});
-    ASSERT_EQ(backends.RecorderCount(), 1U);
-    CoreAudioManager manager([&backends] { return backends.Backends(); });
-    test::FakeDeviceNotify notify;
-    std::vector<float> read;
-    notify.onCycle = [&] {
-        const AudioBuffer& buffer = notify.lastInput.load()->mBuffers[0];
-        const auto* samples = static_cast<const float*>(buffer.mData);
-        read.assign(samples, samples + buffer.mDataByteSize / sizeof(float));
-    };
-    const std::vector<FoundDeviceInfo> list = SupportedDevices(manager);
-    ASSERT_EQ(list.size(), 1U);
-    ASSERT_EQ(manager.SetAudioDevice(list[0], &notify), VrSuccess);
+    Select(path);
     for (const double rateHz : {44'100.0, 176'400.0, 352'800.0, 384'000.0}) {
         EXPECT_EQ(manager.CanSampleRate(rateHz), VrErrorNotSupported) << rateHz;
     }
@@ -330,7 +323,7 @@ TEST(SimulatedFileTest, ADsfFileArrivesThroughTheDeviceCodeAtItsRateAlone) {
     ASSERT_EQ(manager.SetSampleRate(11'289'600), VrSuccess);
     ASSERT_EQ(manager.Start(), VrSuccess);
 
-    ASSERT_TRUE(backends.Recorder().DeliverBuffer());
+    ASSERT_TRUE(backends->Recorder().DeliverBuffer());
 
     ASSERT_EQ(read.size(), 512U * 2);
     EXPECT_EQ(read[0], 0x1234 / 32'768.0F);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -16,18 +15,6 @@
 #include "integration/TakeRig.h"
 
 namespace vorrel::test {
-
-/// A call of the host, in which what the engine does on the host's thread may fail too. What it
-/// throws is a failure, as behind the exported functions.
-template <class Operation>
-VrError AsHost(const Operation& operation) {
-    const HostCall host;
-    try {
-        return operation();
-    } catch (const std::exception&) {
-        return VrErrorFailed;
-    }
-}
 
 /// Dispatches notifications until `holds`. @return false after a time that nothing here takes.
 inline bool SettlesUntil(const std::function<bool()>& holds) {
@@ -41,7 +28,7 @@ class FaultRig {
 public:
     /// @param seconds  Longest take.
     FaultRig(std::uint64_t rateHz, Take::Type type, std::uint32_t channels, double seconds)
-        : take(Config(channels), rateHz, type) {
+        : take(Noise(channels), rateHz, type) {
         take.Select();
         expected = ExpectedBytes(seconds);
     }
@@ -117,13 +104,6 @@ public:
     std::vector<Bytes> expected;  // of each channel, from the first sample on
 
 private:
-    static SimulatedRecorderConfig Config(std::uint32_t channels) {
-        SimulatedRecorderConfig config;
-        config.source = SimulatedSource::Noise;
-        config.channels = channels;
-        config.levelDb = 0.0;
-        return config;
-    }
     std::vector<Bytes> ExpectedBytes(double seconds) {
         const auto samples =
             static_cast<std::uint64_t>((seconds + 1.0) * static_cast<double>(take.rateHz));

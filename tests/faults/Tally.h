@@ -1,12 +1,26 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <string>
 
 #include "support/faults/Faults.h"
+#include "vorrel/VrError.h"
 
 namespace vorrel::test {
+
+/// A call of the host, in which what the engine does on the host's thread may fail too. What it
+/// throws is a failure, as behind the exported functions.
+template <class Operation>
+VrError AsHost(const Operation& operation) {
+    const HostCall host;
+    try {
+        return operation();
+    } catch (const std::exception&) {
+        return VrErrorFailed;
+    }
+}
 
 /// Runs `scenario` with the fault at the first of its calls, at the second, and so on until it
 /// meets none, and counts what was met. A call that is never met is a failure: the test would show

@@ -86,15 +86,7 @@ protected:
 TEST_P(DsdTakesTest, PausesAndPreRecordingAreCutOutToTheBlockAndSavedBitForBit) {
     Take take(Config(), std::get<1>(GetParam()), Take::Dsd);
     take.Select();
-    take.StartPreRecording();
-    take.Deliver(3);
-    ASSERT_EQ(take.manager.Start(), VrSuccess);
-    take.Deliver(4);
-    ASSERT_EQ(take.manager.Pause(), VrSuccess);
-    take.Deliver(2);
-    ASSERT_EQ(take.manager.Resume(), VrSuccess);
-    take.Deliver(3);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.preRecorded = 3, .recorded = 4, .paused = 2, .resumed = 3});
 
     ASSERT_EQ(take.BufferFrames(), 32'768U);
     constexpr std::uint64_t kBufferBytes = 65'536;
@@ -133,35 +125,13 @@ INSTANTIATE_TEST_SUITE_P(ToneNoiseAndFile, DsdTakesTest,
                                           testing::Values(2'822'400, 5'644'800, 11'289'600),
                                           testing::Values(1, 2, 8)));
 
-SimulatedRecorderConfig Counting(std::uint32_t channels = 1) {
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Counter;
-    config.channels = channels;
-    return config;
-}
-
-SimulatedRecorderConfig Noise(std::uint32_t channels = 1) {
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Noise;
-    config.channels = channels;
-    return config;
-}
-
 /// Kept: events are logged in units of 64 single bits and the record store reads them as units of
 /// 16. It asks only for blocks that come after the event, which lie behind a quarter of their own
 /// position in any case, so that a take is cut where the host cut it.
 TEST(DsdEventsTest, TheLogCountsPreviewFramesAndTheStoreIsCutAtTheEventAllTheSame) {
-    Take take(Noise(), 2'822'400, Take::Dsd);
+    Take take(Noise(1), 2'822'400, Take::Dsd);
     take.Select();
-    take.StartPreRecording();
-    take.Deliver(3);
-    ASSERT_EQ(take.manager.Start(), VrSuccess);
-    take.Deliver(4);
-    ASSERT_EQ(take.manager.Pause(), VrSuccess);
-    take.Deliver(2);
-    ASSERT_EQ(take.manager.Resume(), VrSuccess);
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.preRecorded = 3, .recorded = 4, .paused = 2, .resumed = 1});
 
     // A buffer is 524,288 single bits: 8,192 in units of 64 and 32,768 words in the store.
     RecordRangeManager& log = VorrelManagerParts::Ranges(take.manager);
@@ -175,45 +145,29 @@ TEST(DsdEventsTest, TheLogCountsPreviewFramesAndTheStoreIsCutAtTheEventAllTheSam
 
 /// Kept: a range that begins and ends in the same unit of 64 single bits reads as open.
 TEST(DsdEventsTest, APauseLessThan64BitsBehindItsStartDoesNotPauseTheStore) {
-    Take take(Counting(), 2'822'400, Take::Dsd);
+    Take take(Counting(1), 2'822'400, Take::Dsd);
     take.Select();
-    take.Start();
     take.Recorder().SetShortBuffers(3);  // 48 single bits
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Pause(), VrSuccess);
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Resume(), VrSuccess);
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.recorded = 1, .paused = 1, .resumed = 1});
 
     EXPECT_EQ(take.Recorded(0), (Bytes{0, 0, 1, 0, 2, 0, 3, 0, 4, 0, 5, 0, 6, 0, 7, 0, 8, 0}));
 }
 
 TEST(DsdEventsTest, APauseIn64BitsOrMoreIsOne) {
-    Take take(Counting(), 2'822'400, Take::Dsd);
+    Take take(Counting(1), 2'822'400, Take::Dsd);
     take.Select();
-    take.Start();
     take.Recorder().SetShortBuffers(4);
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Pause(), VrSuccess);
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Resume(), VrSuccess);
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.recorded = 1, .paused = 1, .resumed = 1});
 
     EXPECT_EQ(take.Recorded(0), (Bytes{0, 0, 1, 0, 2, 0, 3, 0, 8, 0, 9, 0, 10, 0, 11, 0}));
 }
 
 /// An event within a preview frame cuts the preview before that frame and the bits at the event.
 TEST(DsdEventsTest, ThePreviewIsCutAtWholeFramesAndTheBitsAtTheBuffer) {
-    Take take(Counting(), 2'822'400, Take::Dsd);
+    Take take(Counting(1), 2'822'400, Take::Dsd);
     take.Select();
-    take.StartPreRecording();
     take.Recorder().SetShortBuffers(14);  // 224 single bits: three and a half preview frames
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Start(), VrSuccess);
-    take.Deliver(1);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.preRecorded = 1, .recorded = 1});
 
     EXPECT_EQ(take.Record().GetLength(true), 224U);
     EXPECT_EQ(take.Length(true), 4U);
@@ -222,9 +176,8 @@ TEST(DsdEventsTest, ThePreviewIsCutAtWholeFramesAndTheBitsAtTheBuffer) {
 TEST(DsdLongerTakesTest, WhatWasSpilledComesBackWhole) {
     Take take(Noise(2), 2'822'400, Take::Dsd);
     take.Select();
-    take.Start();
-    take.Deliver(70);  // 13 s: two buffers of five seconds on disk, three seconds in memory
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    // 13 s: two buffers of five seconds on disk, three seconds in memory.
+    take.Make({.recorded = 70});
     EXPECT_FALSE(std::filesystem::is_empty(take.spillDirectory.Path()));
     const std::string path = take.directory.File("take.dsf");
 
@@ -247,9 +200,7 @@ TEST(DsdLongerTakesTest, ASavedFileIsASourceWhoseBitsAreSavedAgain) {
     config.channels = 2;
     Take take(config, 5'644'800, Take::Dsd);
     take.Select();
-    take.Start();
-    take.Deliver(4);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.recorded = 4});
     const std::string first = take.directory.File("first.dsf");
     take.Save(first, 0.0, 0.25);  // 1,411,200 single bits, a few short of three buffers
     ASSERT_EQ(ReadBytes(first).size(), 92U + 2 * 44 * 4'096);
@@ -259,9 +210,7 @@ TEST(DsdLongerTakesTest, ASavedFileIsASourceWhoseBitsAreSavedAgain) {
     fromFile.filePath = first;
     Take again(fromFile, 5'644'800, Take::Dsd);
     again.Select();
-    again.Start();
-    again.Deliver(3);
-    ASSERT_EQ(again.manager.Stop(true), VrSuccess);
+    again.Make({.recorded = 3});
     const std::string second = again.directory.File("second.dsf");
     again.Save(second, 0.0, 0.25);
 
@@ -292,9 +241,7 @@ TEST(DsdLongerTakesTest, OverADsfFileAHostIsOfferedItsRateAlone) {
 TEST(DsdLongerTakesTest, MarksJoinWithoutALostOrDoubledBit) {
     Take take(Noise(2), 11'289'600, Take::Dsd);
     take.Select();
-    take.Start();
-    take.Deliver(22);  // 1.02 s
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.recorded = 22});  // 1.02 s
 
     take.Save(take.directory.File("1.dsf"), 0.0, 0.25);
     take.Save(take.directory.File("2.dsf"), 0.25, 0.75);
@@ -321,9 +268,7 @@ TEST(DsdLongerTakesTest, BuffersInSeveralPartsBecomeOneTake) {
     config.bufferChannels = {2, 1, 2};
     Take take(config, 2'822'400, Take::Dsd);
     take.Select();
-    take.Start();
-    take.Deliver(2);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.recorded = 2});
 
     ExpectSaved(take, take.CapturedBits(2 * 32'768));
 }
@@ -341,9 +286,7 @@ protected:
                    DsfBytes{.channels = {AllMirrored(bits[0]), AllMirrored(bits[1])}}.Make());
         take = std::make_unique<Take>(config, 2'822'400, Take::Dsd);
         take->Select();
-        take->Start();
-        take->Deliver(2);
-        ASSERT_EQ(take->manager.Stop(true), VrSuccess);
+        take->Make({.recorded = 2});
     }
 
     TempDirectory directory;

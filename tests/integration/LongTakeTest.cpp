@@ -2,46 +2,28 @@
 
 #include <cmath>
 #include <cstdint>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include <vector>
 
 #include "TakeRig.h"
+#include "support/Holdings.h"
 
 namespace vorrel::test {
 namespace {
 
-/// Bytes of memory that the process holds now.
-std::uint64_t ResidentBytes() {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmRSS:")) {
-            std::istringstream fields(line.substr(6));
-            std::uint64_t kibibytes = 0;
-            fields >> kibibytes;
-            return kibibytes * 1024;
-        }
-    }
-    return 0;
-}
-
 TEST(LongTakeTest, MemoryStaysBoundedInATakeOfTwoHours) {
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Counter;
-    config.channels = 2;
-    Take take(config, 48'000);
+    Take take(Counting(2), 48'000);
     take.Select();
     take.Start();
     constexpr std::uint64_t kBuffersPerMinute = 20 * 60;
     take.Deliver(kBuffersPerMinute);
-    const std::uint64_t afterAMinute = ResidentBytes();
+    const std::uint64_t afterAMinute = Holdings::Now().residentBytes;
     ASSERT_GT(afterAMinute, 0U);
 
     take.Deliver(119 * kBuffersPerMinute);
 
     // The buffers of five seconds are full after the first minute; from then on only the queue's
     // pool may still be touched for the first time.
-    EXPECT_LT(ResidentBytes(), afterAMinute + (16U << 20));
+    EXPECT_LT(Holdings::Now().residentBytes, afterAMinute + (16U << 20));
     EXPECT_EQ(take.Length(true), 2U * 3'600U * 48'000U);
     EXPECT_TRUE(take.delegate->messages.empty());
     ASSERT_EQ(take.manager.Stop(true), VrSuccess);
@@ -53,21 +35,18 @@ TEST(LongTakeTest, MemoryStaysBoundedInATakeOfTwoHours) {
 }
 
 TEST(LongTakeTest, MemoryStaysBoundedInADsdTakeOfAnHour) {
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Counter;
-    config.channels = 2;
-    Take take(config, 2'822'400, Take::Dsd);
+    Take take(Counting(2), 2'822'400, Take::Dsd);
     take.Select();
     take.Start();
     constexpr std::uint64_t kBuffersPerMinute = 323;  // of 32,768 words: 185.8 ms
     ASSERT_EQ(take.BufferFrames(), 32'768U);
     take.Deliver(kBuffersPerMinute);
-    const std::uint64_t afterAMinute = ResidentBytes();
+    const std::uint64_t afterAMinute = Holdings::Now().residentBytes;
     ASSERT_GT(afterAMinute, 0U);
 
     take.Deliver(59 * kBuffersPerMinute);
 
-    EXPECT_LT(ResidentBytes(), afterAMinute + (16U << 20));
+    EXPECT_LT(Holdings::Now().residentBytes, afterAMinute + (16U << 20));
     constexpr std::uint64_t kWords = 60 * kBuffersPerMinute * 32'768;
     EXPECT_EQ(take.Record().GetLength(true), kWords * 16);
     EXPECT_EQ(take.Length(true), kWords / 4);

@@ -18,6 +18,31 @@
 
 namespace vorrel::test {
 
+/// A recorder whose samples tell where in the take they stand.
+inline SimulatedRecorderConfig Counting(std::uint32_t channels) {
+    SimulatedRecorderConfig config;
+    config.source = SimulatedSource::Counter;
+    config.channels = channels;
+    return config;
+}
+
+/// A recorder of noise at full level, the same every time.
+inline SimulatedRecorderConfig Noise(std::uint32_t channels) {
+    SimulatedRecorderConfig config;
+    config.source = SimulatedSource::Noise;
+    config.channels = channels;
+    config.levelDb = 0.0;
+    return config;
+}
+
+/// How many buffers come in each stretch of a take with one pause.
+struct Stretches {
+    std::uint64_t preRecorded = 0;
+    std::uint64_t recorded = 0;
+    std::uint64_t paused = 0;
+    std::uint64_t resumed = 0;
+};
+
 /// A whole engine over a simulated recorder that delivers when the test says so.
 class Take {
 public:
@@ -64,6 +89,25 @@ public:
             }));
             buffers -= count;
         }
+    }
+    /// Makes a take from its start to its stop; each change comes when the buffers of the stretch
+    /// before it are stored.
+    void Make(const Stretches& buffers) {
+        if (buffers.preRecorded > 0) {
+            StartPreRecording();
+            Deliver(buffers.preRecorded);
+            ASSERT_EQ(manager.Start(), VrSuccess);
+        } else {
+            Start();
+        }
+        Deliver(buffers.recorded);
+        if (buffers.paused > 0) {
+            ASSERT_EQ(manager.Pause(), VrSuccess);
+            Deliver(buffers.paused);
+            ASSERT_EQ(manager.Resume(), VrSuccess);
+            Deliver(buffers.resumed);
+        }
+        ASSERT_EQ(manager.Stop(true), VrSuccess);
     }
     void Save(const std::string& path, double start, double end, double gain = 0.0) {
         const std::vector<VrSaveSetting> files = {{path, start, end, gain, {}}};

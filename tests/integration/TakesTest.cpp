@@ -68,15 +68,7 @@ protected:
 TEST_P(TakesTest, PausesAndPreRecordingAreCutOutToTheBlockAtEveryWidth) {
     Take take(Config(), std::get<1>(GetParam()));
     take.Select();
-    take.StartPreRecording();
-    take.Deliver(3);
-    ASSERT_EQ(take.manager.Start(), VrSuccess);
-    take.Deliver(4);
-    ASSERT_EQ(take.manager.Pause(), VrSuccess);
-    take.Deliver(2);
-    ASSERT_EQ(take.manager.Resume(), VrSuccess);
-    take.Deliver(3);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.preRecorded = 3, .recorded = 4, .paused = 2, .resumed = 3});
 
     // Buffers 3 to 6 and 9 to 11 were recorded.
     const std::uint64_t block = take.BufferFrames() * std::get<2>(GetParam());
@@ -112,15 +104,10 @@ INSTANTIATE_TEST_SUITE_P(
     TakeName);
 
 TEST(LongerTakesTest, WhatWasSpilledComesBackWhole) {
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Noise;
-    config.channels = 2;
-    config.levelDb = 0.0;
-    Take take(config, 44'100);
+    Take take(Noise(2), 44'100);
     take.Select();
-    take.Start();
-    take.Deliver(20 * 13);  // 13 s: two buffers of five seconds on disk, three seconds in memory
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    // 13 s: two buffers of five seconds on disk, three seconds in memory.
+    take.Make({.recorded = 20 * 13});
     EXPECT_FALSE(std::filesystem::is_empty(take.spillDirectory.Path()));
     take.SetBits(24);
     const std::string path = take.directory.File("take.wav");
@@ -138,14 +125,9 @@ TEST(LongerTakesTest, WhatWasSpilledComesBackWhole) {
 }
 
 TEST(LongerTakesTest, MarksJoinWithoutALostOrDoubledSample) {
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Counter;
-    config.channels = 2;
-    Take take(config, 48'000);
+    Take take(Counting(2), 48'000);
     take.Select();
-    take.Start();
-    take.Deliver(20);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.recorded = 20});
     take.SetBits(32);
 
     take.Save(take.directory.File("1.wav"), 0.0, 0.25);
@@ -162,15 +144,11 @@ TEST(LongerTakesTest, MarksJoinWithoutALostOrDoubledSample) {
 }
 
 TEST(LongerTakesTest, BuffersInSeveralPartsBecomeOneTake) {
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Counter;
-    config.channels = 5;
+    SimulatedRecorderConfig config = Counting(5);
     config.bufferChannels = {2, 1, 2};
     Take take(config, 48'000);
     take.Select();
-    take.Start();
-    take.Deliver(3);
-    ASSERT_EQ(take.manager.Stop(true), VrSuccess);
+    take.Make({.recorded = 3});
     take.SetBits(24);
 
     take.Save(take.directory.File("take.wav"), 0.0, 1.0);
@@ -181,10 +159,7 @@ TEST(LongerTakesTest, BuffersInSeveralPartsBecomeOneTake) {
 }
 
 TEST(LongerTakesTest, AnUnplugKeepsWhatWasDeliveredBeforeIt) {
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Counter;
-    config.channels = 2;
-    Take take(config, 48'000);
+    Take take(Counting(2), 48'000);
     take.Select();
     take.Start();
     take.Deliver(4);

@@ -6,48 +6,24 @@
 #include <complex>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <numbers>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "InteropRig.h"
 #include "convert/DsdToPcm.h"
 #include "convert/PlainGain.h"
-#include "support/FakeManager.h"
 #include "support/FileBytes.h"
-#include "support/Recording.h"
 #include "support/Spectrum.h"
-#include "support/TempDirectory.h"
-#include "support/Tool.h"
-#include "writer/SaveThread.h"
 
-namespace vorrel {
+namespace vorrel::test {
 namespace {
-
-using test::Bytes;
-using test::FakeManager;
-using test::Quoted;
-using test::ReadBytes;
-using test::Recording;
-using test::RunTool;
-using test::Sound;
-using test::TempDirectory;
-using test::ToBytes;
-using test::ToolResult;
 
 /// Two blocks of 4,096 bytes and 1,808 bytes of a third.
 constexpr std::size_t kBytes = 10'000;
 constexpr std::size_t kBlockBytes = 4'096;
 constexpr std::size_t kBlocks = 3;
-
-const TagMap kJapaneseTags = {
-    {"Title", "日本語"}, {"Artist", "①歌手"}, {"Alubum", "録音"}, {"AlbumArtist", "楽団"}};
-
-bool Has(const std::string& text, std::string_view part) {
-    return text.find(part) != std::string::npos;
-}
 
 struct Form {
     std::uint16_t channels;
@@ -63,27 +39,19 @@ void PrintTo(const Form& form, std::ostream* out) {
     *out << form.channels << " channels at " << form.rateHz << " Hz";
 }
 
-class DsfInterop {
+class SavedDsf : public SavedFile {
 protected:
+    SavedDsf() : SavedFile("take.dsf") {}
+
     /// Saves all of a recording; returns the file's path as a word for the shell.
-    std::string SaveRecording(Recording& recording, double gain, const TagMap& tags) {
-        SaveThread thread(manager);
+    std::string SaveAll(Recording& recording, double gain, const TagMap& tags) {
         const double seconds = static_cast<double>(recording.data.GetLength(true)) /
                                static_cast<double>(recording.data.GetSampleRate());
-        const auto list = std::make_shared<const std::vector<VrSaveSettingInternal>>(
-            1, VrSaveSettingInternal{path, 0.0, seconds, gain, tags});
-        EXPECT_EQ(thread.SaveFiles(list, recording.data), VrSuccess);
-        thread.WaitFinished();
-        EXPECT_TRUE(manager.Messages().empty());
-        return Quoted(path);
+        return SaveRecording(recording, {path, 0.0, seconds, gain, tags});
     }
-
-    const TempDirectory directory;
-    FakeManager manager{directory.Path()};
-    const std::string path = directory.File("take.dsf");
 };
 
-class DsfInteropTest : public DsfInterop, public testing::TestWithParam<Form> {
+class DsfInteropTest : public SavedDsf, public testing::TestWithParam<Form> {
 protected:
     std::string Save(const TagMap& tags) {
         Recording recording(manager);
@@ -96,7 +64,7 @@ protected:
             }
             recording.Add(channel, bytes);
         }
-        return SaveRecording(recording, 0.0, tags);
+        return SaveAll(recording, 0.0, tags);
     }
 };
 
@@ -155,9 +123,7 @@ TEST_P(DsfInteropTest, MediainfoReadsFormatAndTags) {
 
     const ToolResult audio = RunTool(
         "mediainfo --Inform='Audio;%Format% %Channel(s)% %SamplingRate% %SamplingCount%' " + file);
-    const ToolResult tags = RunTool(
-        "mediainfo --Inform='General;%Format%|%Track%|%Album%|%Performer%|%Album/Performer%' " +
-        file);
+    const ToolResult tags = MediainfoOfTags(file);
 
     EXPECT_EQ(audio.output, "DSD " + GetParam().Channels() + " " + GetParam().Rate() + " 80000\n");
     EXPECT_EQ(tags.output, "DSF|日本語|録音|①歌手|楽団\n");
@@ -184,20 +150,13 @@ TEST_P(DsfInteropTest, WavpackPacksAndRestoresTheFile) {
 }
 
 TEST_P(DsfInteropTest, MutagenReadsFormatAndTags) {
-    const std::string python = "/usr/bin/python3";
-    if (RunTool(python + " -c 'import mutagen.dsf' 2>&1").exitCode != 0) {
+    const Mutagen mutagen("dsf", "DSF");
+    if (!mutagen.IsInstalled()) {
         GTEST_SKIP() << "the python module mutagen is missing";
     }
-    const std::string script =
-        "import sys; from mutagen.dsf import DSF; d = DSF(sys.argv[1]);"
-        "print(d.info.channels, d.info.sample_rate, d.info.bits_per_sample,"
-        " round(d.info.length * d.info.sample_rate));"
-        "print(*(k + \"=\" + str(v) + \"|\" + str(int(v.encoding))"
-        " for k, v in sorted(d.tags.items())) if d.tags else (), sep=\"\\n\")";
     const std::string format = GetParam().Channels() + " " + GetParam().Rate() + " 1 80000\n";
     for (const TagMap& tags : {TagMap(), kJapaneseTags}) {
-        const ToolResult read = RunTool("PYTHONIOENCODING=utf-8 " + python + " -c " +
-                                        Quoted(script) + " " + Save(tags) + " 2>&1");
+        const ToolResult read = mutagen.Read(Save(tags));
 
         EXPECT_EQ(read.output, format + (tags.empty() ? "\n"
                                                       : "TALB=録音|1\nTIT2=日本語|1\nTPE1="
@@ -234,7 +193,7 @@ std::complex<double> Tone(const std::vector<float>& samples, std::size_t from, s
     return sum * (2.0 / static_cast<double>(to - from));
 }
 
-class DsfToneTest : public DsfInterop, public testing::TestWithParam<std::uint64_t> {
+class DsfToneTest : public SavedDsf, public testing::TestWithParam<std::uint64_t> {
 protected:
     /// What ffmpeg's decoder makes of `bits`, most significant first, saved with a gain: samples at
     /// an eighth of the rate.
@@ -243,7 +202,7 @@ protected:
         recording.Begin(1, GetParam(), GetSampleTypeInfo(kSampleTypeDsd));
         recording.Add(0, bits);
         const ToolResult decoded =
-            RunTool("ffmpeg -v error -i " + SaveRecording(recording, gain, kJapaneseTags) +
+            RunTool("ffmpeg -v error -i " + SaveAll(recording, gain, kJapaneseTags) +
                     " -c:a pcm_f32le -f f32le -");
         std::vector<float> samples(decoded.output.size() / sizeof(float));
         std::memcpy(samples.data(), decoded.output.data(), samples.size() * sizeof(float));
@@ -257,9 +216,9 @@ protected:
         for (std::size_t i = 0; i < kPoints && kLead + i < samples.size(); ++i) {
             measured[i] = static_cast<double>(samples[kLead + i]);
         }
-        return test::MeasureSound(measured, ToneHz(), rateHz / 8);
+        return MeasureSound(measured, ToneHz(), rateHz / 8);
     }
-    double ToneHz() const { return test::WholePeriods(kToneHz, kPoints, rateHz / 8); }
+    double ToneHz() const { return WholePeriods(kToneHz, kPoints, rateHz / 8); }
 
     static constexpr std::size_t kLead = 4'096;
     static constexpr std::size_t kPoints = 131'072;
@@ -269,7 +228,7 @@ protected:
 TEST_P(DsfToneTest, FfmpegDecodesATonesLevelAndFrequency) {
     VORREL_NEEDS_TOOL("ffmpeg");
     // A quarter of a second and a bit.
-    const Bytes bits = test::ToneBits(GetParam() / 8 * 27 / 100, kToneLevel, kToneHz, rateHz);
+    const Bytes bits = ToneBits(GetParam() / 8 * 27 / 100, kToneLevel, kToneHz, rateHz);
     for (const double gain : {0.0, -6.02, -20.0, 3.0}) {
         const std::vector<float> samples = Decoded(bits, gain);
         // Behind the start of all filters: two tenths of a second, 200 periods, in halves.
@@ -290,13 +249,13 @@ TEST_P(DsfToneTest, FfmpegDecodesATonesLevelAndFrequency) {
 
 TEST_P(DsfToneTest, InFfmpegsEarsAToneFallsByTheGainAndItsNoiseIsTheExactModels) {
     VORREL_NEEDS_TOOL("ffmpeg");
-    const Bytes bits = test::ToneBits(kLead + kPoints, kToneLevel, ToneHz(), rateHz);
+    const Bytes bits = ToneBits(kLead + kPoints, kToneLevel, ToneHz(), rateHz);
     constexpr double kGainDecibels = -6.02;
 
     const Sound before = DecodedSound(bits, 0.0);
     const Sound after = DecodedSound(bits, kGainDecibels);
-    const Sound exact = DecodedSound(
-        test::DoublePrecisionGain(std::pow(10.0, kGainDecibels / 20)).Processed(bits), 0.0);
+    const Sound exact =
+        DecodedSound(DoublePrecisionGain(std::pow(10.0, kGainDecibels / 20)).Processed(bits), 0.0);
 
     EXPECT_NEAR(after.toneDecibels - before.toneDecibels, kGainDecibels, 0.01);
     EXPECT_NEAR(after.signalToNoiseDecibels, exact.signalToNoiseDecibels, 1.0);
@@ -308,7 +267,7 @@ TEST_P(DsfToneTest, InFfmpegsEarsAToneFallsByTheGainAndItsNoiseIsTheExactModels)
 
 TEST_P(DsfToneTest, ThePreviewsToneHasTheLevelThatFfmpegFinds) {
     VORREL_NEEDS_TOOL("ffmpeg");
-    const Bytes bits = test::ToneBits(kLead + kPoints, kToneLevel, ToneHz(), rateHz);
+    const Bytes bits = ToneBits(kLead + kPoints, kToneLevel, ToneHz(), rateHz);
     DsdToPcmWorkBuffer work{};
     std::vector<std::int16_t> preview(bits.size() / 8);
     DSD_To_Int16LSB<true>(reinterpret_cast<std::uint8_t*>(preview.data()), bits.data(),
@@ -319,7 +278,7 @@ TEST_P(DsfToneTest, ThePreviewsToneHasTheLevelThatFfmpegFinds) {
     }
 
     const Sound decoded = DecodedSound(bits, 0.0);
-    const Sound previewed = test::MeasureSound(samples, ToneHz(), rateHz / 64);
+    const Sound previewed = MeasureSound(samples, ToneHz(), rateHz / 64);
 
     // The transform's sums grow with the number of samples.
     EXPECT_NEAR(previewed.toneDecibels + 20 * std::log10(8.0), decoded.toneDecibels, 0.01);
@@ -331,4 +290,4 @@ INSTANTIATE_TEST_SUITE_P(Rates, DsfToneTest, testing::Values(2'822'400, 5'644'80
                          });
 
 }  // namespace
-}  // namespace vorrel
+}  // namespace vorrel::test

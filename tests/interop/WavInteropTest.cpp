@@ -3,38 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "support/FakeManager.h"
+#include "InteropRig.h"
 #include "support/FileBytes.h"
-#include "support/Recording.h"
-#include "support/TempDirectory.h"
-#include "support/Tool.h"
-#include "writer/SaveThread.h"
 
-namespace vorrel {
+namespace vorrel::test {
 namespace {
-
-using test::Bytes;
-using test::FakeManager;
-using test::Quoted;
-using test::ReadBytes;
-using test::Recording;
-using test::RunTool;
-using test::TempDirectory;
-using test::ToBytes;
-using test::ToolResult;
 
 constexpr std::uint64_t kRateHz = 48'000;
 constexpr std::size_t kFrames = 4'801;  // one block of a tenth of a second and one frame
 
 const TagMap kLatinTags = {
     {"Title", "AB"}, {"Artist", "An artist"}, {"Alubum", "Record"}, {"AlbumArtist", "Band"}};
-const TagMap kJapaneseTags = {
-    {"Title", "日本語"}, {"Artist", "①歌手"}, {"Alubum", "録音"}, {"AlbumArtist", "楽団"}};
 
 /// The samples of a file of that width, worked out from the recording's steps of 2^-15.
 Bytes ExpectedSamples(std::uint16_t channels, std::uint16_t bits) {
@@ -64,30 +46,17 @@ void PrintTo(const Form& form, std::ostream* out) {
     *out << form.channels << " channels of " << form.bits << " bits";
 }
 
-class WavInteropTest : public testing::TestWithParam<Form> {
+class WavInteropTest : public SavedFile, public testing::TestWithParam<Form> {
 protected:
+    WavInteropTest() : SavedFile("take.wav") {}
+
     /// Saves the recording; returns the file's path as a word for the shell.
     std::string Save(const TagMap& tags) {
         Recording recording(manager);
         recording.Make(GetParam().channels, kRateHz, kFrames);
-        SaveThread thread(manager);
-        thread.SetBits(GetParam().bits);
-        const auto list = std::make_shared<const std::vector<VrSaveSettingInternal>>(
-            1, VrSaveSettingInternal{path, 0.0, 1.0, 0.0, tags});
-        EXPECT_EQ(thread.SaveFiles(list, recording.data), VrSuccess);
-        thread.WaitFinished();
-        EXPECT_TRUE(manager.Messages().empty());
-        return Quoted(path);
+        return SaveRecording(recording, {path, 0.0, 1.0, 0.0, tags}, GetParam().bits);
     }
-
-    const TempDirectory directory;
-    FakeManager manager{directory.Path()};
-    const std::string path = directory.File("take.wav");
 };
-
-bool Has(const std::string& text, std::string_view part) {
-    return text.find(part) != std::string::npos;
-}
 
 TEST_P(WavInteropTest, FfprobeReadsTheFormat) {
     VORREL_NEEDS_TOOL("ffprobe");
@@ -178,9 +147,7 @@ TEST_P(WavInteropTest, MediainfoReadsFormatAndTags) {
         "mediainfo --Inform='Audio;%Format% %Channel(s)% %SamplingRate% %BitDepth% "
         "%SamplingCount%' " +
         file);
-    const ToolResult tags = RunTool(
-        "mediainfo --Inform='General;%Format%|%Track%|%Album%|%Performer%|%Album/Performer%' " +
-        file);
+    const ToolResult tags = MediainfoOfTags(file);
 
     EXPECT_EQ(audio.output, "PCM " + std::to_string(GetParam().channels) + " 48000 " +
                                 std::to_string(GetParam().bits) + " 4801\n");
@@ -215,19 +182,12 @@ TEST_P(WavInteropTest, WavpackPacksAndRestoresTheFile) {
 }
 
 TEST_P(WavInteropTest, MutagenReadsTheId3Chunk) {
-    const std::string python = "/usr/bin/python3";
-    if (RunTool(python + " -c 'import mutagen.wave' 2>&1").exitCode != 0) {
+    const Mutagen mutagen("wave", "WAVE");
+    if (!mutagen.IsInstalled()) {
         GTEST_SKIP() << "the python module mutagen is missing";
     }
-    const std::string script =
-        "import sys; from mutagen.wave import WAVE; w = WAVE(sys.argv[1]);"
-        "print(w.info.channels, w.info.sample_rate, w.info.bits_per_sample,"
-        " round(w.info.length * w.info.sample_rate));"
-        "print(*(k + \"=\" + str(v) + \"|\" + str(int(v.encoding))"
-        " for k, v in sorted(w.tags.items())) if w.tags else (), sep=\"\\n\")";
 
-    const ToolResult read = RunTool("PYTHONIOENCODING=utf-8 " + python + " -c " + Quoted(script) +
-                                    " " + Save(kJapaneseTags) + " 2>&1");
+    const ToolResult read = mutagen.Read(Save(kJapaneseTags));
 
     // It looks for chunks on even positions only, so an odd data chunk hides the tags.
     const std::string tags = GetParam().TagsAreUnaligned()
@@ -247,4 +207,4 @@ INSTANTIATE_TEST_SUITE_P(Forms, WavInteropTest,
                          });
 
 }  // namespace
-}  // namespace vorrel
+}  // namespace vorrel::test

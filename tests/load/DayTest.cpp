@@ -12,10 +12,7 @@ namespace {
 TEST(DayTest, ALongTakeIsRightToItsEndAndItsFilesGo) {
     constexpr std::uint64_t kRateHz = 96'000;
     const double hours = LoadLength("VORREL_LOAD_HOURS", 0.25);
-    SimulatedRecorderConfig config;
-    config.source = SimulatedSource::Counter;
-    config.channels = 2;
-    Take take(config, kRateHz);
+    Take take(Counting(2), kRateHz);
     const std::filesystem::space_info room = std::filesystem::space(take.spillDirectory.Path());
     // Floats, and the preview's 16 bits, of two channels.
     const double needed = hours * 3'600 * static_cast<double>(kRateHz) * 2 * (4 + 2) * 1.05;

@@ -19,6 +19,7 @@ protected:
     void ExpectTheNextTakeWorks() {
         recorder.audio->onStart = nullptr;
         recorder.audio->onStop = nullptr;
+        recorder.audio->FailStart(kAudioHardwareNoError);
         recorder.audio->FailStop(kAudioHardwareNoError);
         delegate->operations.clear();
         delivered = 0;
@@ -98,20 +99,29 @@ TEST_F(DeviceTroubleTest, AStartThatThrowsEndsInReadyWithADeviceError) {
     ExpectTheNextTakeWorks();
 }
 
-TEST_F(DeviceTroubleTest, AStopBehindAStartThatThrowsEndsInReady) {
+TEST_F(DeviceTroubleTest, AStopBehindAStartThatFailsOrThrowsEndsInReady) {
     SelectPcm();
-    recorder.audio->onStart = [] { throw std::runtime_error("the bus is gone"); };
-    StartGate gate(recorder);
-    ASSERT_EQ(manager.Start(), VrSuccess);
-    gate.AwaitReached();
-    ASSERT_EQ(manager.Stop(false), VrSuccess);
-    gate.Open();
+    for (const bool throws : {false, true}) {
+        SCOPED_TRACE(throws);
+        delegate->log.clear();
+        delegate->operations.clear();
+        if (throws) {
+            recorder.audio->onStart = [] { throw std::runtime_error("the bus is gone"); };
+        } else {
+            recorder.audio->FailStart(kAudioHardwareUnspecifiedError);
+        }
+        StartGate gate(recorder);
+        ASSERT_EQ(manager.Start(), VrSuccess);
+        gate.AwaitReached();
+        ASSERT_EQ(manager.Stop(false), VrSuccess);
+        gate.Open();
 
-    AwaitOperation(VrRecOperationStopped);
+        AwaitOperation(VrRecOperationStopped);
 
-    EXPECT_EQ(delegate->log, (std::vector<std::string>{"message 0 ", "operation 2"}));
-    EXPECT_EQ(manager.State(), ManagerState::Ready);
-    ExpectTheNextTakeWorks();
+        EXPECT_EQ(delegate->log, (std::vector<std::string>{"message 0 ", "operation 2"}));
+        EXPECT_EQ(manager.State(), ManagerState::Ready);
+        ExpectTheNextTakeWorks();
+    }
 }
 
 TEST_F(DeviceTroubleTest, ADeviceThatRefusesToStopEndsTheTakeAllTheSame) {

@@ -472,21 +472,6 @@ TEST_F(VorrelManagerTest, AStopThatIsRunningIsStillAStop) {
     EXPECT_EQ(manager.State(), ManagerState::Ready);
 }
 
-TEST_F(VorrelManagerTest, AStopBehindAFailingStartEndsInReady) {
-    SelectPcm();
-    recorder.audio->FailStart(kAudioHardwareUnspecifiedError);
-    StartGate gate(recorder);
-    ASSERT_EQ(manager.Start(), VrSuccess);
-    gate.AwaitReached();
-    ASSERT_EQ(manager.Stop(false), VrSuccess);
-    gate.Open();
-
-    AwaitOperation(VrRecOperationStopped);
-
-    EXPECT_EQ(delegate->log, (std::vector<std::string>{"message 0 ", "operation 2"}));
-    EXPECT_EQ(manager.State(), ManagerState::Ready);
-}
-
 TEST_F(VorrelManagerTest, NothingThatConfiguresIsAcceptedWhileStarting) {
     SelectPcm();
     StartGate gate(recorder);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -11,15 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include "support/FakeManager.h"
 #include "support/FileBytes.h"
 #include "support/HeldFile.h"
-#include "support/Recording.h"
-#include "support/TempDirectory.h"
 #include "writer/DsfHeader.h"
 #include "writer/DsfWriter.h"
 #include "writer/PlainDsfWriter.h"
-#include "writer/SaveRun.h"
+#include "writer/SaveRunRig.h"
 
 namespace vorrel::test {
 
@@ -65,7 +61,7 @@ inline void ExpectSame(const Outcome& real, const Outcome& plain) {
 }
 
 /// Saves of one file from a recording of random bytes.
-class DsfWriterTest : public testing::Test {
+class DsfWriterTest : public SaveRunTest {
 protected:
     VrSaveSettingInternal Setting(double start, double end,
                                   const std::string& name = "take.dsf") const {
@@ -143,15 +139,6 @@ protected:
         outcome.messages = reported.Messages();
         return outcome;
     }
-
-    const TempDirectory directory;
-    const TempDirectory spill;
-    FakeManager manager{spill.Path()};
-    Recording recording{manager};
-    std::atomic<std::uint16_t> bits{16};
-    std::atomic<std::int32_t> cancelState{kSaveCancelNone};
-    SaveProgress progress;
-    SaveRun run{manager, recording.data, bits, cancelState, progress, {}};
 };
 
 }  // namespace vorrel::test

@@ -37,10 +37,11 @@ protected:
         setting.tags = {{"Title", "AB"}};  // 27 bytes of tag
         return setting;
     }
-    /// Waits until the request has come to that block of `blocks`, which counts as soon as it
-    /// begins.
-    void WaitForBlock(int block, int blocks) {
-        EXPECT_TRUE(manager.WaitUntil([&] {
+    /// Begins a request and waits until it has come to that block of `blocks`, which counts as
+    /// soon as it begins.
+    void SaveUntilBlock(int block, int blocks, const SaveList& list) {
+        ASSERT_EQ(thread.SaveFiles(list, recording.data), VrSuccess);
+        ASSERT_TRUE(manager.WaitUntil([&] {
             int file = 0;
             int total = 0;
             return thread.GetProgress(file, total) == VrSuccess && total >= block * 1'000 / blocks;
@@ -114,9 +115,8 @@ TEST_F(SaveThreadDsdTest, TheProgressOfAFileEndsShortOfAThousandThatOfTheRequest
 TEST_F(SaveThreadDsdTest, ProgressInTheMiddleIsThatOfTheBlockInHand) {
     MakeDsdRecording(1, 400);
     const HeldFile held(directory.File("take.dsf"));
-    ASSERT_EQ(thread.SaveFiles(List({Setting("take.dsf", 400.0)}), recording.data), VrSuccess);
     // 255 blocks and the header fit into the stream's 1,048,576 bytes: it is stuck in the 256th.
-    WaitForBlock(256, 400);
+    SaveUntilBlock(256, 400, List({Setting("take.dsf", 400.0)}));
     int file = 0;
     int total = 0;
 
@@ -132,10 +132,7 @@ TEST_F(SaveThreadDsdTest, ACancelThatDeletesStopsAndTakesTheFileAndItsEmptyDirec
     MakeDsdRecording(1, 400);
     std::filesystem::create_directory(directory.File("old"));
     const HeldFile held(directory.File("old/take.dsf"));
-    ASSERT_EQ(thread.SaveFiles(List({Titled("old/take.dsf", 400.0), Titled("next.dsf", 1.0)}),
-                               recording.data),
-              VrSuccess);
-    WaitForBlock(256, 401);
+    SaveUntilBlock(256, 401, List({Titled("old/take.dsf", 400.0), Titled("next.dsf", 1.0)}));
 
     EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
 
@@ -149,10 +146,7 @@ TEST_F(SaveThreadDsdTest, ACancelThatDeletesStopsAndTakesTheFileAndItsEmptyDirec
 TEST_F(SaveThreadDsdTest, ACancelThatKeepsCompletesTheFileAndEndsTheRequest) {
     MakeDsdRecording(1, 400);
     const HeldFile held(directory.File("take.dsf"));
-    ASSERT_EQ(thread.SaveFiles(List({Titled("take.dsf", 400.0), Titled("next.dsf", 1.0)}),
-                               recording.data),
-              VrSuccess);
-    WaitForBlock(256, 401);
+    SaveUntilBlock(256, 401, List({Titled("take.dsf", 400.0), Titled("next.dsf", 1.0)}));
 
     EXPECT_EQ(thread.SaveCancel(false), VrSuccess);
     EXPECT_EQ(thread.SaveCancel(true), VrSuccess);  // the first one wins
@@ -169,8 +163,7 @@ TEST_F(SaveThreadDsdTest, ACancelBehindTheLastBlockStillCounts) {
     MakeDsdRecording(1, 100);
     const HeldFile held(
         directory.File("take.dsf"));  // holds less than the file: stuck at its close
-    ASSERT_EQ(thread.SaveFiles(List({Titled("take.dsf", 100.0)}), recording.data), VrSuccess);
-    WaitForBlock(100, 100);
+    SaveUntilBlock(100, 100, List({Titled("take.dsf", 100.0)}));
 
     EXPECT_EQ(thread.SaveCancel(true), VrSuccess);
 
@@ -195,10 +188,7 @@ TEST_F(SaveThreadDsdTest, ASecondFileThatReachesPastTheRecordingFailsAndLeavesTh
 TEST_F(SaveThreadDsdTest, ATakeThatBeginsDuringASaveFailsTheFileAndTheNextIsNotBegun) {
     MakeDsdRecording(1, 400);
     const HeldFile held(directory.File("take.dsf"));
-    ASSERT_EQ(thread.SaveFiles(List({Titled("take.dsf", 400.0), Titled("next.dsf", 1.0)}),
-                               recording.data),
-              VrSuccess);
-    WaitForBlock(256, 401);
+    SaveUntilBlock(256, 401, List({Titled("take.dsf", 400.0), Titled("next.dsf", 1.0)}));
 
     MakeRecording(1'000);  // a PCM take
 

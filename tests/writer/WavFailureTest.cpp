@@ -1,36 +1,20 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 
-#include "support/FakeManager.h"
-#include "support/Recording.h"
-#include "support/TempDirectory.h"
-#include "writer/SaveRun.h"
+#include "writer/SaveRunRig.h"
 #include "writer/WavWriter.h"
 
 namespace vorrel {
 namespace {
 
-using test::FakeManager;
-using test::Recording;
-using test::TempDirectory;
-
-class WavFailureTest : public testing::Test {
+class WavFailureTest : public test::SaveRunTest {
 protected:
     WavFailureTest() {
         recording.Make(1, 1'000, 100);
         run.recording = recording.data.GetLayout();
     }
-
-    const TempDirectory directory;
-    FakeManager manager{directory.Path()};
-    Recording recording{manager};
-    std::atomic<std::uint16_t> bits{16};
-    std::atomic<std::int32_t> cancelState{kSaveCancelNone};
-    SaveProgress progress;
-    SaveRun run{manager, recording.data, bits, cancelState, progress, {}};
 };
 
 TEST_F(WavFailureTest, ATakeThatHasBegunMeanwhileIsNotSaved) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -11,14 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "support/FakeManager.h"
 #include "support/FileBytes.h"
 #include "support/FileSizeLimit.h"
 #include "support/NoNewThreads.h"
-#include "support/Recording.h"
 #include "support/SmallVolume.h"
-#include "support/TempDirectory.h"
-#include "writer/SaveRun.h"
+#include "writer/SaveRunRig.h"
 #include "writer/WavHeader.h"
 
 namespace vorrel {
@@ -35,9 +31,8 @@ using test::LittleEndian;
 using test::ReadBytes;
 using test::Recording;
 using test::SmallVolume;
-using test::TempDirectory;
 
-class WavWriterTest : public testing::Test {
+class WavWriterTest : public test::SaveRunTest {
 protected:
     VrSaveSettingInternal Setting(double start, double end, const std::string& name = "take.wav") {
         return {directory.File(name), start, end, 0.0, {}};
@@ -56,14 +51,6 @@ protected:
         const Bytes bytes = Saved();
         return Bytes(bytes.begin() + std::min<std::ptrdiff_t>(44, std::ssize(bytes)), bytes.end());
     }
-
-    const TempDirectory directory;
-    FakeManager manager{directory.Path()};
-    Recording recording{manager};
-    std::atomic<std::uint16_t> bits{16};
-    std::atomic<std::int32_t> cancelState{kSaveCancelNone};
-    SaveProgress progress;
-    SaveRun run{manager, recording.data, bits, cancelState, progress, {}};
 };
 
 TEST_F(WavWriterTest, WritesHeaderSamplesAndTags) {
@@ -489,7 +476,7 @@ TEST_F(WavWriterTest, ARecordingThatCannotBeReadFailsTheSave) {
     for (int second = 0; second < 30; ++second) {  // far more than stays in memory
         recording.Add<float>(0, std::vector<float>(1'000, 0.5f));
     }
-    for (const auto& entry : std::filesystem::directory_iterator(directory.Path())) {
+    for (const auto& entry : std::filesystem::directory_iterator(spill.Path())) {
         std::filesystem::resize_file(entry.path(), 0);  // the spill files
     }
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <exception>
 #include <set>
 #include <vector>
 
@@ -13,17 +12,6 @@
 
 namespace vorrel::test {
 namespace {
-
-/// A call into the device layer; what it throws is a failure.
-template <class Operation>
-VrError Called(const Operation& operation) {
-    const HostCall host;
-    try {
-        return operation();
-    } catch (const std::exception&) {
-        return VrErrorFailed;
-    }
-}
 
 /// One recorder, found, with the test's hand on it.
 class DeviceFaultsTest : public testing::Test {
@@ -57,7 +45,7 @@ TEST_F(DeviceFaultsTest, ASelectionThatFailsLeavesNothingBehind) {
         Sweep("selection of a device", {.call = Call::Memory, .forGood = forGood},
               [&](const Fault& fault) {
                   ArmedFault armed(fault);
-                  const VrError result = Called([&] { return Select(); });
+                  const VrError result = AsHost([&] { return Select(); });
                   armed.Disarm();
                   if (result != VrSuccess) {
                       ExpectNothingHeld();
@@ -76,7 +64,7 @@ TEST_F(DeviceFaultsTest, AReleaseLetsTheDeviceGoWithoutMemory) {
               [&](const Fault& fault) {
                   EXPECT_EQ(Select(), VrSuccess);
                   ArmedFault armed(fault);
-                  const VrError result = Called([&] { return manager.ReleaseDevice(); });
+                  const VrError result = AsHost([&] { return manager.ReleaseDevice(); });
                   armed.Disarm();
                   EXPECT_EQ(result, VrSuccess);
                   ExpectNothingHeld();
@@ -92,7 +80,7 @@ TEST_F(DeviceFaultsTest, TheRateInForceIsTheDevicesWhateverBecameOfASetting) {
               [&](const Fault& fault) {
                   EXPECT_EQ(manager.SetSampleRate(48'000), VrSuccess);
                   ArmedFault armed(fault);
-                  const VrError result = Called([&] { return manager.SetSampleRate(96'000); });
+                  const VrError result = AsHost([&] { return manager.SetSampleRate(96'000); });
                   armed.Disarm();
                   double rate = 0;
                   EXPECT_EQ(manager.GetSampleRate(rate), VrSuccess);
@@ -113,7 +101,7 @@ TEST(RegistryFaultsTest, AnEntryThatCouldNotBeHandedOutIsTheNextOne) {
         ArmedFault armed(fault);
         for (bool ended = false; !ended;) {
             io_object_t entry = IO_OBJECT_NULL;
-            if (Called([&] {
+            if (AsHost([&] {
                     entry = registry.IteratorNext(engines);
                     return VrSuccess;
                 }) == VrSuccess) {

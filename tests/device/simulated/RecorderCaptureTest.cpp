@@ -7,15 +7,9 @@
 
 #include "device/simulated/RecorderCaptureRig.h"
 
-namespace vorrel {
+namespace vorrel::test {
 namespace {
 
-using test::Collector;
-using test::Counter;
-using test::CountingListener;
-using test::ExpectCounter;
-using test::Global;
-using test::ManualCaptureTest;
 using testing::ElementsAre;
 
 TEST_F(ManualCaptureTest, NothingComesByItself) {
@@ -205,9 +199,7 @@ TEST_F(ManualCaptureTest, TheStartAndTheCreationOfAProcCanBeMadeToFail) {
 
 TEST_F(ManualCaptureTest, StalledTheStreamIsSilentAndNobodyIsTold) {
     CountingListener alive;
-    ASSERT_EQ(audio.AddPropertyListener(Device(), Global(kAudioDevicePropertyDeviceIsAlive),
-                                        &CountingListener::Proc, &alive),
-              0);
+    Listen(Device(), kAudioDevicePropertyDeviceIsAlive, alive);
     const AudioDeviceIOProcID proc = StartProc(collector);
     recorder.DeliverBuffer();
 
@@ -225,7 +217,7 @@ TEST_F(ManualCaptureTest, StalledTheStreamIsSilentAndNobodyIsTold) {
     EXPECT_EQ(audio.Stop(Device(), proc), 0);
 }
 
-class SplitBuffersTest : public test::SimulatedTest {
+class SplitBuffersTest : public SimulatedTest {
 protected:
     SplitBuffersTest() : SimulatedTest(Split()) {}
     static SimulatedRecorderConfig Split() {
@@ -296,4 +288,4 @@ TEST(CaptureChannelsTest, OneAndEightChannelsArriveInOrder) {
 }
 
 }  // namespace
-}  // namespace vorrel
+}  // namespace vorrel::test

@@ -9,26 +9,14 @@
 
 #include "device/simulated/RecorderCaptureRig.h"
 
-namespace vorrel {
+namespace vorrel::test {
 namespace {
-
-using test::Collector;
-using test::Counter;
-using test::CountingListener;
-using test::ExpectCounter;
-using test::Global;
-using test::ManualCaptureTest;
 
 TEST_F(ManualCaptureTest, UnpluggedItEndsEverythingAndSaysSoOnce) {
     CountingListener alive;
     CountingListener devices;
-    ASSERT_EQ(audio.AddPropertyListener(Device(), Global(kAudioDevicePropertyDeviceIsAlive),
-                                        &CountingListener::Proc, &alive),
-              0);
-    ASSERT_EQ(
-        audio.AddPropertyListener(kAudioObjectSystemObject, Global(kAudioHardwarePropertyDevices),
-                                  &CountingListener::Proc, &devices),
-        0);
+    Listen(Device(), kAudioDevicePropertyDeviceIsAlive, alive);
+    Listen(kAudioObjectSystemObject, kAudioHardwarePropertyDevices, devices);
     const std::unique_ptr<UsbInterface> usb = OpenUsb();
     const AudioDeviceIOProcID proc = StartProc(collector);
 
@@ -191,4 +179,4 @@ TEST_F(ManualCaptureTest, TheBackEndsMayGoOutOfAListener) {
 }
 
 }  // namespace
-}  // namespace vorrel
+}  // namespace vorrel::test

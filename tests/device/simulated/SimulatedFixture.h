@@ -138,6 +138,13 @@ protected:
     OSStatus Set(AudioObjectID object, const AudioObjectPropertyAddress& address, const T& value) {
         return audio.SetPropertyData(object, address, sizeof value, &value);
     }
+    /// Counts what the listeners of a property are called.
+    void Listen(AudioObjectID object, AudioObjectPropertySelector selector,
+                CountingListener& listener) {
+        ASSERT_EQ(
+            audio.AddPropertyListener(object, Global(selector), &CountingListener::Proc, &listener),
+            0);
+    }
     template <class T>
     std::vector<T> GetArray(AudioObjectID object, const AudioObjectPropertyAddress& address) {
         UInt32 size = 0;

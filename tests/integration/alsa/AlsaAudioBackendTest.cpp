@@ -49,10 +49,7 @@ TEST_F(AlsaAudioBackendTest, ACardSeenBeforeItIsCompleteIsADeviceOfItsOwnWhenItI
         Look({early});
         const AudioDeviceID before = Device();
         CountingListener changes;
-        ASSERT_EQ(audio->AddPropertyListener(kAudioObjectSystemObject,
-                                             Address(kAudioHardwarePropertyDevices),
-                                             &CountingListener::Proc, &changes),
-                  0);
+        Listen(kAudioObjectSystemObject, kAudioHardwarePropertyDevices, changes);
 
         Look({whole});
 
@@ -73,10 +70,7 @@ TEST_F(AlsaAudioBackendTest, AnUnchangedCardStaysTheSameDevice) {
     Look({whole});
     const AudioDeviceID before = Device();
     CountingListener changes;
-    ASSERT_EQ(
-        audio->AddPropertyListener(kAudioObjectSystemObject, Address(kAudioHardwarePropertyDevices),
-                                   &CountingListener::Proc, &changes),
-        0);
+    Listen(kAudioObjectSystemObject, kAudioHardwarePropertyDevices, changes);
 
     Look({whole});
 
@@ -94,7 +88,7 @@ TEST_F(AlsaAudioBackendTest, ADeviceInUseIsReplacedWhenNobodyUsesItAnyMore) {
     ASSERT_EQ(Hog(), 0);
     Look({whole});
     EXPECT_EQ(Device(), before);
-    ASSERT_EQ(audio->AddPropertyListener(before, address, &CountingListener::Proc, &alive), 0);
+    Listen(before, kAudioDevicePropertyDeviceIsAlive, alive);
     ASSERT_EQ(Unhog(before), 0);
     EXPECT_EQ(Device(), before);
     ASSERT_EQ(audio->CreateIOProcID(before, &Collector::Proc, nullptr, &proc), 0);
@@ -109,9 +103,7 @@ TEST_F(AlsaAudioBackendTest, ADeviceInUseIsReplacedWhenNobodyUsesItAnyMore) {
 TEST_F(AlsaAudioBackendTest, ALookThatFailsChangesNothing) {
     const AudioDeviceID device = Device();
     CountingListener alive;
-    ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDevicePropertyDeviceIsAlive),
-                                         &CountingListener::Proc, &alive),
-              0);
+    Listen(device, kAudioDevicePropertyDeviceIsAlive, alive);
 
     cards->SetFailing(true);
     EXPECT_TRUE(audio->LookAgain());
@@ -173,7 +165,7 @@ TEST_F(AlsaAudioBackendTest, AGoneDeviceIsKeptWhileSomebodyRefersToItAndNoLonger
 
     device = plugIn();
     CountingListener listener;
-    ASSERT_EQ(audio->AddPropertyListener(device, address, &CountingListener::Proc, &listener), 0);
+    Listen(device, kAudioDevicePropertyDeviceIsAlive, listener);
     EXPECT_TRUE(stays(device));
     EXPECT_EQ(listener.calls, 1);
     EXPECT_EQ(Value<UInt32>(device, kAudioDevicePropertyDeviceIsAlive), 0U);
@@ -183,9 +175,7 @@ TEST_F(AlsaAudioBackendTest, AGoneDeviceIsKeptWhileSomebodyRefersToItAndNoLonger
 
     device = plugIn();
     const AudioStreamID stream = Stream();
-    ASSERT_EQ(audio->AddPropertyListener(stream, Address(kAudioStreamPropertyPhysicalFormat),
-                                         &CountingListener::Proc, &listener),
-              0);
+    Listen(stream, kAudioStreamPropertyPhysicalFormat, listener);
     EXPECT_TRUE(stays(device));
     std::ignore = audio->RemovePropertyListener(stream, Address(kAudioStreamPropertyPhysicalFormat),
                                                 &CountingListener::Proc, &listener);

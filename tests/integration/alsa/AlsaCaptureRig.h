@@ -35,12 +35,6 @@ protected:
     static void AwaitCalls(const Collector& collector, std::uint64_t count) {
         Await([&] { return collector.calls >= count; });
     }
-    /// Counts what the listeners of a property of the device are called.
-    void Listen(CountingListener& listener, AudioObjectPropertySelector selector) {
-        ASSERT_EQ(audio->AddPropertyListener(device, Address(selector), &CountingListener::Proc,
-                                             &listener),
-                  0);
-    }
     /// What the ring holds, in time.
     static std::chrono::milliseconds RingTime() {
         return std::chrono::milliseconds(static_cast<int>(1'000.0 / VORREL_TEST_SPEED));

@@ -174,9 +174,7 @@ TEST_F(AlsaCaptureTest, WithoutHogModeTheCardIsOpenForTheRunOnly) {
 
 TEST_F(AlsaCaptureTest, AnUnplugIsToldOnceAndEndsTheRunWithoutGoingRound) {
     CountingListener alive;
-    ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDevicePropertyDeviceIsAlive),
-                                         &CountingListener::Proc, &alive),
-              0);
+    Listen(device, kAudioDevicePropertyDeviceIsAlive, alive);
     Collector collector(1);
     const AudioDeviceIOProcID id = Create(collector);
     ASSERT_EQ(audio->Start(device, id), 0);
@@ -202,9 +200,7 @@ TEST_F(AlsaCaptureTest, AnUnplugIsToldOnceAndEndsTheRunWithoutGoingRound) {
 
 TEST_F(AlsaCaptureTest, AnUnplugThatTheSystemTellsFirstEndsTheRun) {
     CountingListener alive;
-    ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDevicePropertyDeviceIsAlive),
-                                         &CountingListener::Proc, &alive),
-              0);
+    Listen(device, kAudioDevicePropertyDeviceIsAlive, alive);
     Collector collector(1);
     const AudioDeviceIOProcID id = Create(collector);
     ASSERT_EQ(audio->Start(device, id), 0);

@@ -246,9 +246,7 @@ TEST_F(AlsaDeviceTest, ACardThatStandsIsNotTakenForGoneWhateverAnOpenAnswers) {
     cards->Set({found});
     const AudioDeviceID device = Device();
     CountingListener alive;
-    ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDevicePropertyDeviceIsAlive),
-                                         &CountingListener::Proc, &alive),
-              0);
+    Listen(device, kAudioDevicePropertyDeviceIsAlive, alive);
     for (const int error : {ENOENT, ENXIO, ENODEV}) {
         card.State().openError = error;
 
@@ -313,9 +311,7 @@ TEST_F(AlsaDeviceTest, AFormatIsSetInTheCardAtOnce) {
     const AudioStreamID stream = Stream();
     const AudioStreamBasicDescription wanted = Format(176'400, 16);
     CountingListener changes;
-    ASSERT_EQ(audio->AddPropertyListener(stream, Address(kAudioStreamPropertyPhysicalFormat),
-                                         &CountingListener::Proc, &changes),
-              0);
+    Listen(stream, kAudioStreamPropertyPhysicalFormat, changes);
 
     EXPECT_EQ(Set(stream, kAudioStreamPropertyPhysicalFormat, wanted), 0);
 
@@ -376,9 +372,7 @@ TEST_F(AlsaDeviceTest, ACardThatGoesWhileAFormatIsSetIsGone) {
     const AudioStreamID stream = Stream();
     const AudioStreamBasicDescription wanted = Format(48'000, 24);
     CountingListener alive;
-    ASSERT_EQ(audio->AddPropertyListener(device, Address(kAudioDevicePropertyDeviceIsAlive),
-                                         &CountingListener::Proc, &alive),
-              0);
+    Listen(device, kAudioDevicePropertyDeviceIsAlive, alive);
     card.State().disconnected = 1;
 
     EXPECT_NE(Set(stream, kAudioStreamPropertyPhysicalFormat, wanted), 0);
@@ -399,10 +393,7 @@ TEST_F(AlsaDeviceTest, IdsLastForAPluggingAndAreNewForTheNext) {
     const AudioDeviceID first = Device();
     EXPECT_EQ(Device(), first);
     CountingListener listChanges;
-    ASSERT_EQ(
-        audio->AddPropertyListener(kAudioObjectSystemObject, Address(kAudioHardwarePropertyDevices),
-                                   &CountingListener::Proc, &listChanges),
-        0);
+    Listen(kAudioObjectSystemObject, kAudioHardwarePropertyDevices, listChanges);
 
     cards->Set({});
     audio->LookAgain();

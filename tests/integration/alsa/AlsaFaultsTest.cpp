@@ -1,14 +1,9 @@
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
-#include <array>
 #include <cstdint>
-#include <exception>
 #include <filesystem>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "AlsaRig.h"
@@ -18,20 +13,10 @@
 #include "device/alsa/LockedBuffer.h"
 #include "faults/Tally.h"
 #include "support/FakeDeviceNotify.h"
+#include "support/WithoutLocking.h"
 
 namespace vorrel::test {
 namespace {
-
-/// A call into the device layer; what it throws is a failure.
-template <class Operation>
-VrError Called(const Operation& operation) {
-    const HostCall host;
-    try {
-        return operation();
-    } catch (const std::exception&) {
-        return VrErrorFailed;
-    }
-}
 
 /// The device layer over a test card.
 class AlsaFaultsTest : public testing::Test {
@@ -85,7 +70,7 @@ protected:
     }
     std::uint64_t StartWith(const Fault& fault) {
         ArmedFault armed(fault);
-        const VrError result = Called([&] { return manager->Start(); });
+        const VrError result = AsHost([&] { return manager->Start(); });
         armed.Disarm();
         if (result == VrSuccess) {
             EXPECT_EQ(manager->Stop(), VrSuccess);
@@ -112,7 +97,7 @@ TEST_F(AlsaFaultsTest, ASelectionWithoutMemoryOrThreadsIsWholeOrLeavesNothing) {
                   [&](const Fault& fault) {
                       MakeAnew();
                       ArmedFault armed(fault);
-                      const VrError result = Called([&] { return Select(); });
+                      const VrError result = AsHost([&] { return Select(); });
                       armed.Disarm();
                       if (result != VrSuccess) {
                           ExpectNothingHeld();
@@ -133,7 +118,7 @@ TEST_F(AlsaFaultsTest, TheRateInForceIsTheCardsWhateverBecameOfASetting) {
               [&](const Fault& fault) {
                   EXPECT_EQ(manager->SetSampleRate(48'000), VrSuccess);
                   ArmedFault armed(fault);
-                  const VrError result = Called([&] { return manager->SetSampleRate(96'000); });
+                  const VrError result = AsHost([&] { return manager->SetSampleRate(96'000); });
                   armed.Disarm();
                   double rate = 0;
                   EXPECT_EQ(manager->GetSampleRate(rate), VrSuccess);
@@ -192,8 +177,8 @@ TEST_F(AlsaFaultsTest, AStopAndAReleaseWithoutMemoryAreWhole) {
                   SelectAndSetUp();
                   EXPECT_EQ(manager->Start(), VrSuccess);
                   ArmedFault armed(fault);
-                  EXPECT_EQ(Called([&] { return manager->Stop(); }), VrSuccess);
-                  EXPECT_EQ(Called([&] { return manager->ReleaseDevice(); }), VrSuccess);
+                  EXPECT_EQ(AsHost([&] { return manager->Stop(); }), VrSuccess);
+                  EXPECT_EQ(AsHost([&] { return manager->ReleaseDevice(); }), VrSuccess);
                   armed.Disarm();
                   ExpectNothingHeld();
                   return armed.Met();
@@ -231,7 +216,7 @@ TEST_F(AlsaFaultsTest, TheSearchForAHolderWithoutMemoryEndsNoProcess) {
     Sweep("search for a card's holder", {.call = Call::Memory}, [&](const Fault& fault) {
         ArmedFault armed(fault);
         DeviceHolder holder;
-        const VrError result = Called([&] {
+        const VrError result = AsHost([&] {
             holder = FindDeviceHolder(2, 0, directory.Path());
             return VrSuccess;
         });
@@ -241,36 +226,19 @@ TEST_F(AlsaFaultsTest, TheSearchForAHolderWithoutMemoryEndsNoProcess) {
     });
 }
 
-/// Takes the right to lock memory beyond the limit from the calling thread.
-bool GiveUpLocking() {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    std::array<__user_cap_data_struct, 2> rights{};
-    if (::syscall(SYS_capget, &header, rights.data()) != 0) {
-        return false;
-    }
-    rights[0].effective &= ~(1U << CAP_IPC_LOCK);
-    return ::syscall(SYS_capset, &header, rights.data()) == 0;
-}
-
 TEST(LockedBufferFaultsTest, ABufferThatIsNotLockedNeedsNoMemoryToSaySo) {
     bool locked = false;
     std::uint64_t met = 0;
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_MEMLOCK, &limit), 0);
-    const rlimit none{0, limit.rlim_max};
-    std::thread([&] {
-        ASSERT_TRUE(GiveUpLocking());
-        ASSERT_EQ(::setrlimit(RLIMIT_MEMLOCK, &none), 0);
+    WithoutLocking([&] {
         ArmedFault armed({.call = Call::Memory, .forGood = true});
-        const VrError made = Called([&] {
+        const VrError made = AsHost([&] {
             locked = LockedBuffer(4'096).IsLocked();
             return VrSuccess;
         });
         armed.Disarm();
         EXPECT_EQ(made, VrSuccess);
         met = armed.Met();
-    }).join();
-    ASSERT_EQ(::setrlimit(RLIMIT_MEMLOCK, &limit), 0);
+    });
     if (locked) {
         GTEST_SKIP() << "the address sanitizer locks nothing and refuses nothing";
     }

@@ -98,6 +98,18 @@ inline std::size_t CountOf(const char* directory) {
     return count;
 }
 
+/// Counts the calls of a listener.
+struct CountingListener {
+    static OSStatus Proc(AudioObjectID, UInt32, const AudioObjectPropertyAddress*, void* self) {
+        ++static_cast<CountingListener*>(self)->calls;
+        return 0;
+    }
+    void Await(int count) const {
+        test::Await([&] { return calls >= count; });
+    }
+    std::atomic<int> calls{0};
+};
+
 /// One test card with the audio layer over it.
 class AlsaCardTest : public testing::Test {
 public:
@@ -156,6 +168,13 @@ public:
         }
         ADD_FAILURE() << "no format of " << rateHz << " Hz and " << bits << " bits";
         return {};
+    }
+    /// Counts what the listeners of a property are called.
+    void Listen(AudioObjectID object, AudioObjectPropertySelector selector,
+                CountingListener& listener) {
+        ASSERT_EQ(audio->AddPropertyListener(object, Address(selector), &CountingListener::Proc,
+                                             &listener),
+                  0);
     }
     OSStatus Hog() { return Set(Device(), kAudioDevicePropertyHogMode, SInt32{::getpid()}); }
     OSStatus Unhog(AudioDeviceID device) {
@@ -219,18 +238,6 @@ private:
     Mutex mutex;
     ConditionVariable changed;
     std::vector<float> collected VORREL_GUARDED_BY(mutex);
-};
-
-/// Counts the calls of a listener.
-struct CountingListener {
-    static OSStatus Proc(AudioObjectID, UInt32, const AudioObjectPropertyAddress*, void* self) {
-        ++static_cast<CountingListener*>(self)->calls;
-        return 0;
-    }
-    void Await(int count) const {
-        test::Await([&] { return calls >= count; });
-    }
-    std::atomic<int> calls{0};
 };
 
 /// A whole engine over a test card.

@@ -1,18 +1,13 @@
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "AlsaRig.h"
@@ -21,6 +16,7 @@
 #include "device/alsa/LockedBuffer.h"
 #include "device/alsa/PcmFormat.h"
 #include "support/TempDirectory.h"
+#include "support/WithoutLocking.h"
 
 namespace vorrel::test {
 namespace {
@@ -119,30 +115,11 @@ TEST(PcmFormatTest, BitsOfADescriptionWithoutRatesHoldForEachRateThatIsNotDescri
     EXPECT_TRUE(DescribedFormats(unknown).empty());  // nobody knows a rate to offer
 }
 
-/// Takes the right to lock memory beyond the limit from the calling thread.
-bool GiveUpLocking() {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    std::array<__user_cap_data_struct, 2> rights{};
-    if (::syscall(SYS_capget, &header, rights.data()) != 0) {
-        return false;
-    }
-    rights[0].effective &= ~(1U << CAP_IPC_LOCK);
-    return ::syscall(SYS_capset, &header, rights.data()) == 0;
-}
-
 TEST(LockedBufferTest, EachPageIsThereFromTheBeginningWhetherItIsLockedOrNot) {
     constexpr std::size_t kBytes = 64 << 10;
     const std::size_t pageBytes = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_MEMLOCK, &limit), 0);
-    const rlimit none{0, limit.rlim_max};
     std::unique_ptr<LockedBuffer> buffer;
-    std::thread([&] {
-        EXPECT_TRUE(GiveUpLocking());
-        EXPECT_EQ(::setrlimit(RLIMIT_MEMLOCK, &none), 0);
-        buffer = std::make_unique<LockedBuffer>(kBytes);
-        EXPECT_EQ(::setrlimit(RLIMIT_MEMLOCK, &limit), 0);
-    }).join();
+    WithoutLocking([&] { buffer = std::make_unique<LockedBuffer>(kBytes); });
 
     EXPECT_EQ(buffer->SizeBytes(), kBytes);
     std::vector<unsigned char> pages(kBytes / pageBytes);

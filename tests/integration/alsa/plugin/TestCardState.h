@@ -35,6 +35,7 @@ struct TestCardState {
     std::atomic<std::uint64_t> unplugAtFrame{0};     ///< unplugs itself when it has got there
     std::atomic<std::uint32_t> resumable{0};         ///< 1: goes on where it was suspended
     std::atomic<std::uint32_t> resumesToRefuse{0};   ///< so many "not yet" before
+    std::atomic<std::uint32_t> preparesToRefuse{0};  ///< so many fail with EIO
     std::atomic<std::uint32_t> overrunsAtResume{0};  ///< so many resumes are followed by one
     std::atomic<std::uint32_t> silentStarts{0};      ///< so many starts are followed by nothing
     std::atomic<std::uint32_t> unpreparedStarts{0};  ///< the same, and it is prepared only
@@ -44,8 +45,6 @@ struct TestCardState {
     std::atomic<std::int32_t> openError{0};     ///< error numbers that calls answer
     std::atomic<std::uint32_t> openErrors{0};   ///< so many opens answer it; 0: all
     std::atomic<std::int32_t> parametersError{0};
-    std::atomic<std::int32_t> prepareError{0};
-    std::atomic<std::uint32_t> prepareErrors{0};  ///< so many calls answer it; 0: all
     std::atomic<std::int32_t> startError{0};
     std::atomic<std::int32_t> readError{0};   ///< of a read call, once; the stream goes on
     std::atomic<std::int32_t> stopError{0};   ///< stops the stream once

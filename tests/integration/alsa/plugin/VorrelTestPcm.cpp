@@ -257,11 +257,8 @@ int Prepare(snd_pcm_ioplug_t* io) {
         return -ENODEV;
     }
     ++card.state->prepares;
-    if (const int error = card.state->prepareError.load(); error != 0) {
-        if (TakeOne(card.state->prepareErrors) && card.state->prepareErrors == 0) {
-            card.state->prepareError = 0;
-        }
-        return -error;
+    if (TakeOne(card.state->preparesToRefuse)) {
+        return -EIO;
     }
     card.firstFrame = card.nextFirstFrame;
     return 0;
