@@ -68,7 +68,11 @@ struct MockedSystem::Bed {
     mutable Mutex mutex;  // below: shared with the thread that answers
     int answer VORREL_GUARDED_BY(mutex) = 0;
     int claims VORREL_GUARDED_BY(mutex) = 0;
-    std::vector<std::vector<std::uint8_t>> requests VORREL_GUARDED_BY(mutex);
+    struct Request {
+        std::string node;
+        std::vector<std::uint8_t> bytes;
+    };
+    std::vector<Request> requests VORREL_GUARDED_BY(mutex);
     ObjectPointer<UMockdevIoctlData> pending VORREL_GUARDED_BY(mutex);  // a submitted URB
     bool discarded VORREL_GUARDED_BY(mutex) = false;
 
@@ -144,7 +148,8 @@ struct MockedSystem::Bed {
             const auto length =
                 static_cast<std::size_t>(Read<int>(*urb, offsetof(usbdevfs_urb, buffer_length)));
             const auto buffer = Resolve(urb.get(), offsetof(usbdevfs_urb, buffer), length);
-            requests.emplace_back(buffer->data, buffer->data + length);
+            requests.push_back({::umockdev_ioctl_client_get_devnode(client),
+                                {buffer->data, buffer->data + length}});
             pending = std::move(urb);
             discarded = false;
             return complete(0);
@@ -326,7 +331,22 @@ void MockedSystem::AnswerRequests(int errorNumber) {
 
 std::vector<std::vector<std::uint8_t>> MockedSystem::Requests() const {
     const MutexLock lock(bed->mutex);
-    return bed->requests;
+    std::vector<std::vector<std::uint8_t>> requests;
+    for (const Bed::Request& request : bed->requests) {
+        requests.push_back(request.bytes);
+    }
+    return requests;
+}
+
+std::vector<std::vector<std::uint8_t>> MockedSystem::RequestsTo(const MockedUsbCard& card) const {
+    const MutexLock lock(bed->mutex);
+    std::vector<std::vector<std::uint8_t>> requests;
+    for (const Bed::Request& request : bed->requests) {
+        if (request.node == Node(card)) {
+            requests.push_back(request.bytes);
+        }
+    }
+    return requests;
 }
 
 int MockedSystem::Claims() const {
