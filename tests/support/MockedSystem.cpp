@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <linux/usbdevice_fs.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <umockdev.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -76,7 +80,38 @@ struct MockedSystem::Bed {
     ObjectPointer<UMockdevIoctlData> pending VORREL_GUARDED_BY(mutex);  // a submitted URB
     bool discarded VORREL_GUARDED_BY(mutex) = false;
 
+    std::string Root() const {
+        gchar* root = ::umockdev_testbed_get_root_dir(testbed.get());
+        std::string text = root;
+        ::g_free(root);
+        return text;
+    }
+
+    /// Waits until whoever listens for events has room for the next one: umockdev ends the process
+    /// where somebody has not, which a listener comes to that is busy with the last ten.
+    void AwaitRoomForAnEvent() const {
+        for (const auto& entry : std::filesystem::directory_iterator(Root())) {
+            sockaddr_un address{AF_UNIX, {}};
+            const std::string path = entry.path().string();
+            if (!entry.path().filename().string().starts_with("event") ||
+                path.size() >= sizeof address.sun_path) {
+                continue;
+            }
+            path.copy(address.sun_path, path.size());
+            const int probe = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            if (::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+                0) {
+                constexpr int kMinute = 60'000;
+                pollfd room{probe, POLLOUT, 0};
+                EXPECT_EQ(::poll(&room, 1, kMinute), 1) << "nobody reads " << path;
+            }
+            ::close(probe);
+        }
+    }
+
+    /// One device, whose event is sent.
     void AddDescribed(const std::string& description) const {
+        AwaitRoomForAnEvent();
         GError* error = nullptr;
         ::umockdev_testbed_add_from_string(testbed.get(), description.c_str(), &error);
         if (error != nullptr) {
@@ -206,10 +241,7 @@ std::string MockedSystem::Node(const MockedUsbCard& card) {
 }
 
 std::string MockedSystem::RealPath(const std::string& path) const {
-    gchar* root = ::umockdev_testbed_get_root_dir(bed->testbed.get());
-    std::string real = root + path;
-    ::g_free(root);
-    return real;
+    return bed->Root() + path;
 }
 
 void MockedSystem::WriteProc(const std::string& name, const std::string& content) const {
@@ -292,6 +324,7 @@ void MockedSystem::AddPciCard(int number, const std::string& id, bool captures) 
 }
 
 void MockedSystem::SendEvent(const MockedUsbCard& card, const std::string& action) {
+    bed->AwaitRoomForAnEvent();
     ::umockdev_testbed_uevent(bed->testbed.get(), CardPath(card).c_str(), action.c_str());
 }
 
