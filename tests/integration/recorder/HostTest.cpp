@@ -102,7 +102,7 @@ protected:
     }
     /// Saves so many samples of a channel, from the first on. @return The file.
     std::string Save(const char* name, std::uint64_t samples, std::uint64_t rateHz) {
-        const std::string path = directory.File(name);
+        std::string path = directory.File(name);
         // In the middle of the last one, so that no rounding of the seconds loses it.
         const double end = (static_cast<double>(samples) + 0.5) / static_cast<double>(rateHz);
         const std::vector<VrSaveSetting> files = {{path, 0.0, end, 0.0, {}}};

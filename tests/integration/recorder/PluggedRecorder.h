@@ -1,7 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <utility>
+#include <string>
+#include <vector>
 
 #include "integration/alsa/TestCards.h"
 #include "support/MockedSystem.h"
@@ -14,7 +15,7 @@ namespace vorrel::test {
 class PluggedRecorder {
 public:
     explicit PluggedRecorder(MockedSystem& mockedSystem)
-        : system(mockedSystem), usb(Described(card.Number())) {
+        : usb(Described(card.Number())), system(mockedSystem) {
         card.SetFormats({kS16, kS24In3});
         system.Add(usb);
     }
@@ -42,6 +43,7 @@ public:
     bool IsOpen() const { return card.State().opens != card.State().closes; }
 
     TestCard card;
+    const MockedUsbCard usb;
 
 private:
     static MockedUsbCard Described(int number) {
@@ -56,9 +58,6 @@ private:
 
     MockedSystem& system;
     bool plugged = true;
-
-public:
-    const MockedUsbCard usb;
 };
 
 /// The request that switches a recorder to DSD (1) or to PCM (0), as it stands on the bus: host to
