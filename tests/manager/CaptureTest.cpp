@@ -1,16 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <thread>
+#include <optional>
 #include <vector>
 
 #include "ManagerRig.h"
 #include "support/AsioDataQueueParts.h"
 #include "support/Await.h"
+#include "support/WaitingCall.h"
 
 namespace vorrel::test {
 namespace {
@@ -529,22 +529,16 @@ TEST_F(CaptureTest, RecordStartedIsNotSentBeforeItsBufferIsQueued) {
     AwaitStored();
     ASSERT_EQ(manager.Start(), VrSuccess);
     MainQueue::Dispatch();
-    std::atomic<bool> called{false};
-    std::thread device;
+    std::optional<WaitingCall> device;
     {
         // The callback comes no further than the queue.
         const MutexLock full(AsioDataQueueParts::MutexOf(VorrelManagerParts::Queue(manager)));
-        device = std::thread([&] {
-            called = true;
-            called.notify_all();
-            Deliver(10);
-        });
-        called.wait(false);
+        device.emplace([&] { Deliver(10); });
+        ASSERT_TRUE(device->Waits());
 
-        // Long enough that a word which comes before is caught.
-        EXPECT_FALSE(MainQueue::Wait(std::chrono::milliseconds(50)));
+        EXPECT_FALSE(MainQueue::Wait(std::chrono::milliseconds(0)));
     }
-    device.join();
+    device->Join();
 
     MainQueue::Dispatch();
     EXPECT_EQ(delegate->Count(VrRecOperationRecordStarted), 1U);

@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <linux/usbdevice_fs.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <umockdev.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -68,11 +72,46 @@ struct MockedSystem::Bed {
     mutable Mutex mutex;  // below: shared with the thread that answers
     int answer VORREL_GUARDED_BY(mutex) = 0;
     int claims VORREL_GUARDED_BY(mutex) = 0;
-    std::vector<std::vector<std::uint8_t>> requests VORREL_GUARDED_BY(mutex);
+    struct Request {
+        std::string node;
+        std::vector<std::uint8_t> bytes;
+    };
+    std::vector<Request> requests VORREL_GUARDED_BY(mutex);
     ObjectPointer<UMockdevIoctlData> pending VORREL_GUARDED_BY(mutex);  // a submitted URB
     bool discarded VORREL_GUARDED_BY(mutex) = false;
 
+    std::string Root() const {
+        gchar* root = ::umockdev_testbed_get_root_dir(testbed.get());
+        std::string text = root;
+        ::g_free(root);
+        return text;
+    }
+
+    /// Waits until whoever listens for events has room for the next one: umockdev ends the process
+    /// where somebody has not, which a listener comes to that is busy with the last ten.
+    void AwaitRoomForAnEvent() const {
+        for (const auto& entry : std::filesystem::directory_iterator(Root())) {
+            sockaddr_un address{AF_UNIX, {}};
+            const std::string path = entry.path().string();
+            if (!entry.path().filename().string().starts_with("event") ||
+                path.size() >= sizeof address.sun_path) {
+                continue;
+            }
+            path.copy(address.sun_path, path.size());
+            const int probe = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            if (::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+                0) {
+                constexpr int kMinute = 60'000;
+                pollfd room{probe, POLLOUT, 0};
+                EXPECT_EQ(::poll(&room, 1, kMinute), 1) << "nobody reads " << path;
+            }
+            ::close(probe);
+        }
+    }
+
+    /// One device, whose event is sent.
     void AddDescribed(const std::string& description) const {
+        AwaitRoomForAnEvent();
         GError* error = nullptr;
         ::umockdev_testbed_add_from_string(testbed.get(), description.c_str(), &error);
         if (error != nullptr) {
@@ -144,7 +183,8 @@ struct MockedSystem::Bed {
             const auto length =
                 static_cast<std::size_t>(Read<int>(*urb, offsetof(usbdevfs_urb, buffer_length)));
             const auto buffer = Resolve(urb.get(), offsetof(usbdevfs_urb, buffer), length);
-            requests.emplace_back(buffer->data, buffer->data + length);
+            requests.push_back({::umockdev_ioctl_client_get_devnode(client),
+                                {buffer->data, buffer->data + length}});
             pending = std::move(urb);
             discarded = false;
             return complete(0);
@@ -201,10 +241,7 @@ std::string MockedSystem::Node(const MockedUsbCard& card) {
 }
 
 std::string MockedSystem::RealPath(const std::string& path) const {
-    gchar* root = ::umockdev_testbed_get_root_dir(bed->testbed.get());
-    std::string real = root + path;
-    ::g_free(root);
-    return real;
+    return bed->Root() + path;
 }
 
 void MockedSystem::WriteProc(const std::string& name, const std::string& content) const {
@@ -287,6 +324,7 @@ void MockedSystem::AddPciCard(int number, const std::string& id, bool captures) 
 }
 
 void MockedSystem::SendEvent(const MockedUsbCard& card, const std::string& action) {
+    bed->AwaitRoomForAnEvent();
     ::umockdev_testbed_uevent(bed->testbed.get(), CardPath(card).c_str(), action.c_str());
 }
 
@@ -326,7 +364,22 @@ void MockedSystem::AnswerRequests(int errorNumber) {
 
 std::vector<std::vector<std::uint8_t>> MockedSystem::Requests() const {
     const MutexLock lock(bed->mutex);
-    return bed->requests;
+    std::vector<std::vector<std::uint8_t>> requests;
+    for (const Bed::Request& request : bed->requests) {
+        requests.push_back(request.bytes);
+    }
+    return requests;
+}
+
+std::vector<std::vector<std::uint8_t>> MockedSystem::RequestsTo(const MockedUsbCard& card) const {
+    const MutexLock lock(bed->mutex);
+    std::vector<std::vector<std::uint8_t>> requests;
+    for (const Bed::Request& request : bed->requests) {
+        if (request.node == Node(card)) {
+            requests.push_back(request.bytes);
+        }
+    }
+    return requests;
 }
 
 int MockedSystem::Claims() const {

@@ -65,6 +65,8 @@ public:
     void AnswerRequests(int errorNumber);
     /// The requests that reached a device: the bytes of each as they stand on the bus.
     std::vector<std::vector<std::uint8_t>> Requests() const;
+    /// Those of them that reached this one.
+    std::vector<std::vector<std::uint8_t>> RequestsTo(const MockedUsbCard& card) const;
     /// Interfaces claimed and drivers detached; there is never one.
     int Claims() const;
 

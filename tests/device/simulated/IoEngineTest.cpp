@@ -9,12 +9,14 @@
 #include "device/simulated/SimulatedFixture.h"
 #include "support/NoNewThreads.h"
 #include "support/TraceCapture.h"
+#include "support/WaitingCall.h"
 
 namespace vorrel {
 namespace {
 
 using test::Collector;
 using test::ManualClock;
+using test::WaitingCall;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using std::chrono_literals::operator""ms;
@@ -328,12 +330,13 @@ TEST(IoEngineTest, DestroyWaitsForTheCallThatIsUnderWay) {
     std::thread device([&] { engine->Deliver(); });
     entered.get_future().wait();
 
-    auto destroyed = std::async(std::launch::async, [&] { return engine->Destroy(id); });
-    // Long enough that a destruction which does not wait is caught.
-    EXPECT_EQ(destroyed.wait_for(50ms), std::future_status::timeout);
+    bool destroyed = false;
+    WaitingCall destruction([&] { destroyed = engine->Destroy(id); });
+    EXPECT_TRUE(destruction.Waits());
     go.set_value();
 
-    EXPECT_TRUE(destroyed.get());
+    destruction.Join();
+    EXPECT_TRUE(destroyed);
     device.join();
     engine->Close();
 }

@@ -13,6 +13,7 @@
 #include "device/simulated/SimulatedFixture.h"
 #include "support/NoNewThreads.h"
 #include "support/TraceCapture.h"
+#include "support/WaitingCall.h"
 
 namespace vorrel {
 namespace {
@@ -127,19 +128,20 @@ TEST_F(PropertyListenersTest, RemovingWaitsForTheCallThatIsUnderWay) {
     Add(first, kAlive);
     listeners.Notify(kObject, kAudioDevicePropertyDeviceIsAlive);
     entered.get_future().wait();
-    auto removed = std::async(std::launch::async, [&] {
+    int calls = 0;
+    test::WaitingCall removal([&] {
         Remove(first, kAlive);
-        return first.calls.load();
+        calls = first.calls;
     });
     while (listeners.Count() > 0) {
         std::this_thread::yield();
     }
 
-    // Long enough that a removal which does not wait is caught.
-    EXPECT_EQ(removed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_TRUE(removal.Waits());
     go.set_value();
 
-    EXPECT_EQ(removed.get(), 1);
+    removal.Join();
+    EXPECT_EQ(calls, 1);
 }
 
 TEST_F(PropertyListenersTest, WhatIsStillDueIsDeliveredBeforeTheyGo) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "device/simulated/RecorderCaptureRig.h"
+#include "support/WaitingCall.h"
 
 namespace vorrel::test {
 namespace {
@@ -128,11 +129,10 @@ TEST_F(ManualCaptureTest, PluggingInWaitsForACallOfTheFormerPlugging) {
         std::this_thread::yield();
     }
 
-    auto plugged = std::async(std::launch::async, [this] { recorder.Plug(); });
-    // Long enough that a plugging which does not wait is caught.
-    EXPECT_EQ(plugged.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    test::WaitingCall plugging([this] { recorder.Plug(); });
+    EXPECT_TRUE(plugging.Waits());
     go.set_value();
-    plugged.get();
+    plugging.Join();
     unplugger.join();
     device.join();
 

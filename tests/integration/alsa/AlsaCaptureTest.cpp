@@ -6,13 +6,14 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <future>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "AlsaCaptureRig.h"
 #include "support/TraceCapture.h"
+#include "support/WaitingCall.h"
 
 namespace vorrel::test {
 namespace {
@@ -336,15 +337,14 @@ TEST(AlsaCaptureBeginTest, AStartThatFailedIsToldWhenTheCardHasBeenGivenBack) {
     card.State().startError = EIO;
     card.State().heldFrees = 1;
 
-    auto begun = std::async(std::launch::async, [&] {
-        return capture->Begin(id, {2, pcm, 2, 480});
-    });
+    std::optional<OSStatus> begun;
+    WaitingCall begin([&] { begun = capture->Begin(id, {2, pcm, 2, 480}); });
     Await([&] { return card.State().frees != frees; });
 
-    // Long enough that a word which comes before is caught.
-    EXPECT_EQ(begun.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_TRUE(begin.Waits());
     card.State().heldFrees = 0;
-    EXPECT_EQ(begun.get(), kAudioHardwareUnspecifiedError);
+    begin.Join();
+    EXPECT_EQ(begun, kAudioHardwareUnspecifiedError);
     EXPECT_FALSE(capture->IsRunning());
     EXPECT_EQ(pcm.use_count(), 1);  // and can be set up anew
     capture->Close();

@@ -23,6 +23,9 @@ namespace {
 constexpr char kName[] = "org.freedesktop.ReserveDevice1.Audio7";
 constexpr char kPath[] = "/org/freedesktop/ReserveDevice1/Audio7";
 constexpr char kInterface[] = "org.freedesktop.ReserveDevice1";
+/// Less than the 25 seconds for which a call waits where nobody sets a limit; the reservation's own
+/// is one.
+constexpr std::chrono::seconds kBusPatience{20};
 
 /// A program that keeps the reservation and calls itself so.
 std::function<bool(sd_bus_message*)> Keeper(const std::string& application) {
@@ -303,7 +306,7 @@ TEST_F(DeviceReservationTest, ABusThatDoesNotAnswerIsNoBus) {
 
     EXPECT_EQ(reservation.Acquire(), DeviceReservation::Outcome::NoBus);
 
-    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_LT(Clock::now() - begin, kBusPatience);
     bus.Continue();
 }
 
@@ -314,7 +317,7 @@ TEST_F(DeviceReservationTest, ItIsGivenBackInTimeAlsoToABusThatDoesNotAnswer) {
 
     reservation.Release();
 
-    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_LT(Clock::now() - begin, kBusPatience);
     EXPECT_FALSE(reservation.IsHeld());
     bus.Continue();
 }
