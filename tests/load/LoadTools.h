@@ -5,15 +5,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "device/simulated/SampleSource.h"
 #include "device/simulated/SimulatedBackends.h"
 #include "manager/VorrelManager.h"
+#include "support/Holdings.h"
 #include "support/RecordingDelegate.h"
 #include "support/TempDirectory.h"
 #include "support/VorrelManagerParts.h"
@@ -26,30 +25,6 @@ inline double LoadLength(const char* variable, double usual) {
     const double value = text == nullptr ? 0.0 : std::strtod(text, nullptr);
     return value > 0.0 ? value : usual;
 }
-
-/// What a process holds, as the system counts it.
-struct Holdings {
-    std::uint64_t threads = 0, descriptors = 0, residentBytes = 0;
-
-    static Holdings Now() {
-        Holdings holdings;
-        std::ifstream status("/proc/self/status");
-        for (std::string line; std::getline(status, line);) {
-            std::istringstream fields(line.substr(std::min(line.find(':') + 1, line.size())));
-            if (line.starts_with("VmRSS:")) {
-                fields >> holdings.residentBytes;
-                holdings.residentBytes *= 1024;
-            } else if (line.starts_with("Threads:")) {
-                fields >> holdings.threads;
-            }
-        }
-        for ([[maybe_unused]] const auto& entry :
-             std::filesystem::directory_iterator("/proc/self/fd")) {
-            ++holdings.descriptors;
-        }
-        return holdings;
-    }
-};
 
 /// Samples of the counter source that do not stand where they have to in what counts as recorded;
 /// read piece by piece, because the whole would not fit into memory. At DSD a sample is a word.
