@@ -1,6 +1,6 @@
 # Everything a newcomer needs; each target installs, configures and builds what it lacks.
 .DEFAULT_GOAL := build
-.PHONY: demo test e2e soak build bench install clean deps sanitize tidy fuzz mutants coverage examples deb
+.PHONY: demo test e2e soak build bench install clean deps sanitize faults tidy fuzz mutants coverage examples deb
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -45,6 +45,13 @@ sanitize: build/asan/CMakeCache.txt build/tsan/CMakeCache.txt
 	ctest --preset asan -j $(JOBS) -LE 'interop|stress|faults'
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan -j $(JOBS) -LE 'interop|stress|faults'
+
+# Every call of the system made to fail, under the address sanitizer, which finds what is not freed then.
+faults: build/asan/CMakeCache.txt
+	cmake --build --preset asan -j $(JOBS) --target vorrel_fault_tests vorrel_device_fault_tests vorrel_alsa_fault_tests
+	build/asan/tests/device/faults/vorrel_device_fault_tests
+	build/asan/tests/integration/alsa/vorrel_alsa_fault_tests
+	build/asan/tests/faults/vorrel_fault_tests
 
 # Ten minutes of each load: capture through the test card beside two programs that take the processors, eight
 # channels in real time beside a writer, a host that calls anything; a day's take, and ten thousand starts.

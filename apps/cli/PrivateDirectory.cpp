@@ -170,9 +170,12 @@ std::vector<Leftover> PrivateDirectory::FindLeftovers(const std::string& base) {
         for (std::filesystem::directory_iterator file(leftover.path, ignored), last;
              !ignored && file != last; file.increment(ignored)) {
             std::error_code unknown;
-            const std::uintmax_t bytes = file->file_size(unknown);
-            const bool journal = file->path().extension() == ".jsonl";
-            leftover.bytes += unknown || journal ? 0 : bytes;
+            // What a link leads to is not in here.
+            if (std::filesystem::is_regular_file(file->symlink_status(unknown)) &&
+                file->path().extension() != ".jsonl") {
+                const std::uintmax_t bytes = file->file_size(unknown);
+                leftover.bytes += unknown ? 0 : bytes;
+            }
             empty = false;
         }
         if (!empty) {

@@ -2,12 +2,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <cstring>
 #include <fstream>
 #include <limits>
+#include <map>
+#include <optional>
+#include <string>
 
 #include "ExitCode.h"
 #include "OutputFile.h"
@@ -155,11 +159,72 @@ TEST(TakeJournalTest, WhatIsNoJournalIsNone) {
           "{\"journal\":1,\"started\":1,\"device\":\"d\",\"type\":\"dsd\",\"rate_hz\":2822400,"
           "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n{\"start_frame\":7}"
           "\n",
+          "{\"journal\":1,\"started\":1,\"device\":\"d\",\"type\":\"pcm\",\"rate_hz\":1e300,"
+          "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n",
+          "{\"journal\":1,\"started\":1,\"device\":\"d\",\"type\":\"pcm\",\"rate_hz\":48000,"
+          "\"channels\":4294967298,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n",
           "{\"journal\":1,\"started\":1,\"device\":7,\"type\":\"pcm\",\"rate_hz\":48000,"
           "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{}}\n"}) {
         std::ofstream(directory.File(TakeJournal::kName)) << text;
         EXPECT_FALSE(TakeJournal::Read(directory.Path())) << text;
     }
+}
+
+constexpr const char* kFirstLine =
+    "{\"journal\":1,\"started\":1,\"device\":\"d\",\"type\":\"pcm\",\"rate_hz\":48000,"
+    "\"channels\":2,\"bits\":24,\"out\":\"\",\"gain_db\":0,\"tags\":{\"Title\":\"T\"}}\n";
+
+/// What is read of a journal with these lines behind its first.
+TakeRecord RecordWith(const std::string& lines) {
+    const TempDirectory directory;
+    std::ofstream(directory.File(TakeJournal::kName)) << kFirstLine << lines;
+    const std::optional<TakeRecord> record = TakeJournal::Read(directory.Path());
+    EXPECT_TRUE(record);
+    return record.value_or(TakeRecord{});
+}
+
+TEST(TakeJournalTest, NamesThatTheEngineDoesNotGiveAreNoneOfItsFiles) {
+    EXPECT_THAT(RecordWith("{\"spill\":\"tmp/../..\"}\n{\"spill\":\"tmp......\"}\n"
+                           "{\"spill\":\"tmp\\u0000abcde\"}\n{\"spill\":\"tmpabcde\"}\n"
+                           "{\"spill\":\"tmpabcdefg\"}\n{\"spill\":7}\n{\"spill\":\"tmp0Zz9aA\"}\n")
+                    .spills,
+                ElementsAre("tmp0Zz9aA"));
+}
+
+TEST(TakeJournalTest, ANameThatComesTwiceIsOneFile) {
+    EXPECT_THAT(RecordWith("{\"spill\":\"tmp000002\"}\n{\"spill\":\"tmp000001\"}\n"
+                           "{\"spill\":\"tmp000002\"}\n")
+                    .spills,
+                ElementsAre("tmp000002", "tmp000001"));
+    // Made anew, it is the last.
+    EXPECT_THAT(RecordWith("{\"spill\":\"tmp000002\"}\n{\"spill\":\"tmp000001\"}\n"
+                           "{\"spill_gone\":\"tmp000002\"}\n{\"spill\":\"tmp000002\"}\n")
+                    .spills,
+                ElementsAre("tmp000001", "tmp000002"));
+}
+
+TEST(TakeJournalTest, NumbersThatAreNoFramesArePassedOver) {
+    const TakeRecord record = RecordWith(
+        "{\"start_frame\":6}\n{\"start_frame\":1e300}\n{\"start_frame\":-8}\n{\"start_frame\":true}"
+        "\n"
+        "{\"mark\":7}\n{\"mark\":18446744073709551616}\n{\"mark\":0.5}\n");
+
+    EXPECT_EQ(record.startFrame, 6U);
+    EXPECT_THAT(record.marks, ElementsAre(7));
+}
+
+TEST(TakeJournalTest, WhatIsNestedDeeperThanTagsTakesLittleMemory) {
+    rusage before{};
+    ASSERT_EQ(::getrusage(RUSAGE_SELF, &before), 0);
+
+    const TakeRecord record =
+        RecordWith(std::string(std::size_t{8} << 20, '[') + "\n{\"mark\":7}\n");
+
+    rusage after{};
+    ASSERT_EQ(::getrusage(RUSAGE_SELF, &after), 0);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 300 << 10);  // KiB; as values 640 MiB
+    EXPECT_THAT(record.marks, ElementsAre(7));
+    EXPECT_EQ(record.tags, (std::map<std::string, std::string>{{"Title", "T"}}));
 }
 
 TEST(TakeJournalTest, ADirectoryThatTakesNoJournalIsNoReasonToFail) {

@@ -4,8 +4,11 @@
 
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <map>
 #include <utility>
+
+#include "support/Holdings.h"
 
 namespace vorrel::test {
 namespace {
@@ -59,11 +62,19 @@ public:
 };
 const ::testing::Environment* const printer = ::testing::AddGlobalTestEnvironment(new Printer);
 
+void ExpectNothingMoreHeld(const Holdings& before) {
+    const Holdings after = Holdings::AfterThreadsBackTo(before.threads);
+    EXPECT_LE(after.threads, before.threads) << HeldNow();
+    EXPECT_LE(after.descriptors, before.descriptors) << HeldNow();
+}
+
 /// @return whether the fault was met and everything was as it has to be.
 bool Run(const std::string& operation, const Fault& fault,
          const std::function<std::uint64_t(const Fault&)>& scenario) {
     SCOPED_TRACE(operation + ": " + Kind(fault) + ", call " + std::to_string(fault.nth));
+    const Holdings before = Holdings::Now();
     const std::uint64_t met = scenario(fault);
+    ExpectNothingMoreHeld(before);
     Count& count = TheTable()[{operation, Kind(fault)}];
     count.injected += met;
     if (::testing::Test::HasFailure()) {
@@ -77,6 +88,12 @@ bool Run(const std::string& operation, const Fault& fault,
 
 void Sweep(const std::string& operation, Fault fault,
            const std::function<std::uint64_t(const Fault&)>& scenario) {
+    // Without a fault first: what is made once and then kept is there when counting begins.
+    fault.nth = std::numeric_limits<std::uint64_t>::max();
+    {
+        SCOPED_TRACE(operation + ", without a fault");
+        EXPECT_EQ(scenario(fault), 0U);
+    }
     for (fault.nth = 1; Run(operation, fault, scenario); ++fault.nth) {
     }
     if (!::testing::Test::HasFailure()) {

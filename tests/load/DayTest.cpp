@@ -26,24 +26,38 @@ TEST(DayTest, ALongTakeIsRightToItsEndAndItsFilesGo) {
     take.Deliver(aMinute);
     const std::uint64_t before = Holdings::Now().residentBytes;
 
-    take.Deliver(buffers - aMinute);
+    for (std::uint64_t left = buffers - aMinute; left > 0;) {
+        const std::uint64_t count = std::min(left, aMinute);
+        take.Deliver(count);
+        left -= count;
+        // What the host was told, twenty positions a second, is not the engine's memory.
+        take.delegate->streamPositions.clear();
+        take.delegate->convertPositions.clear();
+    }
 
     const std::uint64_t after = Holdings::Now().residentBytes;
-    EXPECT_LT(after, before + (32U << 20));
+    EXPECT_LT(after, before + (4U << 20));
     ASSERT_EQ(take.manager.Stop(true), VrSuccess);
     EXPECT_TRUE(take.delegate->messages.empty());
     const std::uint64_t frames = take.Record().GetLength(true);
     EXPECT_EQ(frames, buffers * take.BufferFrames());
     const std::uint64_t wrong = WrongSamples(take.Record(), 2, false);
     EXPECT_EQ(wrong, 0U);
+    const std::uint64_t lost = LostBuffers(take.Recorder(), take.Record(), false);
+    EXPECT_EQ(lost, 0U);
+    const std::uint64_t read = Holdings::Now().residentBytes;
     const auto files = [&take] {
         return std::distance(std::filesystem::directory_iterator(take.spillDirectory.Path()), {});
     };
     std::printf(
-        "%.2f h, %llu frames, %llu wrong samples, %lld spill files, memory %llu -> %llu KiB\n",
-        hours, static_cast<unsigned long long>(frames), static_cast<unsigned long long>(wrong),
-        static_cast<long long>(files()), static_cast<unsigned long long>(before >> 10),
-        static_cast<unsigned long long>(after >> 10));
+        "%.2f h, %llu buffers delivered, %llu lost, %llu frames, %llu wrong samples, %lld spill "
+        "files, "
+        "memory %llu -> %llu KiB, when all was read %llu KiB\n",
+        hours, static_cast<unsigned long long>(take.Recorder().DeliveredBuffers()),
+        static_cast<unsigned long long>(lost), static_cast<unsigned long long>(frames),
+        static_cast<unsigned long long>(wrong), static_cast<long long>(files()),
+        static_cast<unsigned long long>(before >> 10), static_cast<unsigned long long>(after >> 10),
+        static_cast<unsigned long long>(read >> 10));
     EXPECT_GT(files(), 0);
 
     take.delegate->operations.clear();

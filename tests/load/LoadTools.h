@@ -57,6 +57,15 @@ inline std::uint64_t WrongSamples(RecordData& data, std::uint32_t channels, bool
     return wrong;
 }
 
+/// Buffers of the recorder's last run that did not reach the store as a whole; the run has ended.
+inline std::uint64_t LostBuffers(SimulatedRecorder& recorder, RecordData& data, bool dsd) {
+    const std::uint64_t samplesAFrame = dsd ? kDsdWordBits : 1;
+    const std::uint64_t samplesABuffer = recorder.BufferFrames() * samplesAFrame;
+    const std::uint64_t missing =
+        recorder.DeliveredFrames() * samplesAFrame - data.GetLength(false);
+    return (missing + samplesABuffer - 1) / samplesABuffer;
+}
+
 /// A whole engine over a simulated recorder that delivers by the clock.
 class LoadRig {
 public:
@@ -75,6 +84,7 @@ public:
                DispatchUntil([this] { return delegate->Has(VrRecOperationDeviceStarted); });
     }
     RecordData& Record() { return VorrelManagerParts::Record(manager); }
+    SimulatedRecorder& Recorder() { return backends.Recorder(); }
     std::size_t SpillFiles() const {
         return static_cast<std::size_t>(
             std::distance(std::filesystem::directory_iterator(spills.Path()), {}));

@@ -62,9 +62,15 @@ public:
                 MainQueue::Dispatch();
         }
         ++calls;
+        // The recorder counts anew with every start. A run so short that the next has as many
+        // already is missed: there were at least so many.
+        const std::uint64_t ofRun = rig.Recorder().DeliveredBuffers();
+        delivered += ofRun - (ofRun < lastOfRun ? 0 : lastOfRun);
+        lastOfRun = ofRun;
     }
 
     std::uint64_t calls = 0;
+    std::uint64_t delivered = 0;  // buffers
 
 private:
     std::uint32_t Pick(std::uint32_t count) { return static_cast<std::uint32_t>(random() % count); }
@@ -99,6 +105,7 @@ private:
 
     LoadRig& rig;
     std::mt19937 random;
+    std::uint64_t lastOfRun = 0;
 };
 
 TEST(RandomHostTest, WhateverItCallsTheNextTakeIsRight) {
@@ -125,16 +132,28 @@ TEST(RandomHostTest, WhateverItCallsTheNextTakeIsRight) {
             host.Step();
         }
     }
-    std::printf("%llu calls, seed %u\n", static_cast<unsigned long long>(host.calls), seed);
 
     std::ignore = rig.manager.Stop(true);
     std::ignore = rig.manager.SaveFileCancel(true);
     ASSERT_TRUE(DispatchUntil([&] { return rig.manager.New() == VrSuccess; }));
     MainQueue::Dispatch();
+    // Told once a take, which has then lost some.
+    const std::size_t overflows = rig.delegate->Count(VrMessageBufferOverflow);
     rig.delegate->messages.clear();
     ASSERT_TRUE(rig.Start());
     ASSERT_TRUE(DispatchUntil([&] { return rig.Record().GetLength(true) >= 12 * kRateHz; }));
     ASSERT_EQ(rig.manager.Stop(true), VrSuccess);
+    const std::uint64_t lost = LostBuffers(rig.Recorder(), rig.Record(), false);
+    std::printf(
+        "%llu calls, seed %u, at least %llu buffers delivered meanwhile, %zu takes that lost some; "
+        "then a "
+        "take "
+        "of %llu buffers, %llu lost\n",
+        static_cast<unsigned long long>(host.calls), seed,
+        static_cast<unsigned long long>(host.delivered), overflows,
+        static_cast<unsigned long long>(rig.Recorder().DeliveredBuffers()),
+        static_cast<unsigned long long>(lost));
+    EXPECT_EQ(lost, 0U);
     // A save that still ran when the take began may tell that it failed; nothing else may come.
     for (const VrMessageKind kind : {VrMessageDeviceError, VrMessageBufferOverflow,
                                      VrMessageRecordWriteFailed, VrMessageTempDirectoryMissing}) {

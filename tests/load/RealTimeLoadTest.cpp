@@ -90,11 +90,17 @@ TEST_P(RealTimeLoadTest, EightChannelsLoseNothingBesideAWriterOnTheSameDisk) {
         }
         ASSERT_EQ(rig.manager.Stop(true), VrSuccess);
         MainQueue::Dispatch();
+        const std::uint64_t lost = LostBuffers(rig.Recorder(), rig.Record(), dsd);
         std::printf(
-            "%s: %.1f s of %u channels, %llu messages, %llu MiB written beside it\n", load.name,
+            "%s: %.1f s of %u channels, %llu buffers delivered, %llu lost, %llu messages, "
+            "%llu MiB written beside it\n",
+            load.name,
             static_cast<double>(rig.Record().GetLength(true)) / static_cast<double>(load.rateHz),
-            kChannels, static_cast<unsigned long long>(rig.delegate->messages.size()),
+            kChannels, static_cast<unsigned long long>(rig.Recorder().DeliveredBuffers()),
+            static_cast<unsigned long long>(lost),
+            static_cast<unsigned long long>(rig.delegate->messages.size()),
             static_cast<unsigned long long>(writer.Written() >> 20));
+        EXPECT_EQ(lost, 0U);
         ASSERT_GE(rig.Record().GetLength(true), wanted);
     }
     EXPECT_TRUE(rig.delegate->messages.empty());

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <system_error>
+#include <thread>
 
 namespace vorrel::test {
 
@@ -31,6 +34,34 @@ struct Holdings {
         }
         return holdings;
     }
+    /// What is held when there are no more threads than `before`, or in the end. A thread that
+    /// has ended goes off the system's list a moment after those who waited for it go on, and no
+    /// event tells of that.
+    static Holdings AfterThreadsBackTo(std::uint64_t before) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        Holdings holdings = Now();
+        while (holdings.threads > before && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+            holdings = Now();
+        }
+        return holdings;
+    }
 };
+
+/// What the open descriptors lead to, and the threads by name, for the message of a failure.
+inline std::string HeldNow() {
+    std::string text;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code closed;
+        const auto target = std::filesystem::read_symlink(entry.path(), closed);
+        text += "\n  descriptor " + entry.path().filename().string() + ": " + target.string();
+    }
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(entry.path() / "comm"), name);
+        text += "\n  thread " + name;
+    }
+    return text;
+}
 
 }  // namespace vorrel::test

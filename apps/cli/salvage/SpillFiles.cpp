@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <limits>
+#include <set>
 #include <utility>
 
 namespace vorrel::cli {
@@ -15,10 +16,6 @@ namespace {
 
 constexpr std::uint64_t kLargestSpill = std::uint64_t{1} << 30;
 constexpr std::uint64_t kStepSeconds = 5;
-
-bool IsSpillName(const std::string& name) {
-    return name.size() == 9 && name.compare(0, 3, "tmp") == 0;
-}
 
 /// Bytes of a channel, and of the preview, that the engine stores in one step.
 std::uint64_t ChannelStep(const TakeFormat& format) {
@@ -67,6 +64,7 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
         const std::uintmax_t size = std::filesystem::file_size(path, unknown);
         return unknown ? 0 : size;
     };
+    const std::set<std::string> named(record.spills.begin(), record.spills.end());
     for (const std::string& name : record.spills) {
         const std::string path = directory + "/" + name;
         if (std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error))) {
@@ -81,7 +79,7 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
         const std::string name = entry->path().filename().string();
         std::error_code unknown;
         if (IsSpillName(name) && std::filesystem::is_regular_file(entry->symlink_status(unknown)) &&
-            std::find(record.spills.begin(), record.spills.end(), name) == record.spills.end()) {
+            !named.contains(name)) {
             unnamed.push_back({AgeOf(entry->path().string()),
                                {entry->path().string(), sizeOf(entry->path().string())}});
         }

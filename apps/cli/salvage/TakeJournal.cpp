@@ -38,10 +38,47 @@ bool IsPlausible(const TakeRecord& record) {
            format.channels <= kMostChannels && record.startFrame % format.FrameStep() == 0;
 }
 
-bool IsSpill(std::string_view name) {
-    return name.size() == kSpillNameLength && name.substr(0, kSpillPrefix.size()) == kSpillPrefix &&
-           name.find('/') == std::string_view::npos;
+/// One line as an object; no object where it is damaged. The tags are as deep as a journal goes:
+/// what somebody nests deeper would take eighty times its size in memory, and is left out.
+json Parse(const std::string& line) {
+    constexpr int kTagDepth = 2;
+    return json::parse(
+        line, [](int depth, json::parse_event_t, const json&) { return depth <= kTagDepth; },
+        false);
 }
+
+/// A number without a fraction and not below 0: others cannot be made one.
+/// @throws json::exception
+std::uint64_t Whole(const json& object, const char* key) {
+    return object.at(key).get_ref<const json::number_unsigned_t&>();
+}
+
+std::uint32_t SmallWhole(const json& object, const char* key) {
+    return static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(Whole(object, key), std::numeric_limits<std::uint32_t>::max()));
+}
+
+/// The engine's files, each once, in the order of their making.
+class SpillNames {
+public:
+    void Add(const std::string& name) { numbers.emplace(name, next++); }
+    void Remove(const std::string& name) { numbers.erase(name); }
+    std::vector<std::string> InOrder() const {
+        std::map<std::size_t, std::string> order;
+        for (const auto& [name, number] : numbers) {
+            order.emplace(number, name);
+        }
+        std::vector<std::string> names;
+        for (const auto& [number, name] : order) {
+            names.push_back(name);
+        }
+        return names;
+    }
+
+private:
+    std::map<std::string, std::size_t> numbers;
+    std::size_t next = 0;
+};
 
 /// A journal's text; "" = it is none. No link, no pipe, and no more than a long take writes.
 std::string ReadText(const std::string& path) {
@@ -152,7 +189,7 @@ void TakeJournal::Look() {
             std::memcpy(&event, events.data() + at, sizeof event);
             const char* const name = events.data() + at + sizeof event;
             at += sizeof event + event.len;
-            if (event.len > 0 && IsSpill(name)) {
+            if (event.len > 0 && IsSpillName(name)) {
                 Write(Line({{(event.mask & IN_CREATE) != 0 ? "spill" : "spill_gone", name}}));
                 added = true;
             }
@@ -173,7 +210,7 @@ bool TakeJournal::LookAtNames() {
     for (std::filesystem::directory_iterator entry(place, error), end; !error && entry != end;
          entry.increment(error)) {
         const std::string name = entry->path().filename().string();
-        if (IsSpill(name) && seen.insert(name).second) {
+        if (IsSpillName(name) && seen.insert(name).second) {
             fresh.emplace_back(AgeOf(entry->path().string()), name);
         }
     }
@@ -182,6 +219,15 @@ bool TakeJournal::LookAtNames() {
         Write(Line({{"spill", name}, {"looked_for", true}}));
     }
     return !fresh.empty();
+}
+
+bool IsSpillName(std::string_view name) {
+    return name.size() == kSpillNameLength && name.starts_with(kSpillPrefix) &&
+           std::all_of(name.begin(), name.end(), [](char character) {
+               return (character >= '0' && character <= '9') ||
+                      (character >= 'A' && character <= 'Z') ||
+                      (character >= 'a' && character <= 'z');
+           });
 }
 
 FileAge AgeOf(const std::string& path) {
@@ -197,8 +243,9 @@ FileAge AgeOf(const std::string& path) {
 std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
     std::istringstream lines(ReadText(directory + "/" + kName));
     std::optional<TakeRecord> record;
+    SpillNames spills;
     for (std::string line; std::getline(lines, line);) {
-        const json object = json::parse(line, nullptr, false);
+        const json object = Parse(line);
         if (!object.is_object()) {
             continue;  // the last one may be half a line
         }
@@ -208,27 +255,27 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                     return std::nullopt;
                 }
                 record.emplace();
-                record->started = object.at("started").get<std::time_t>();
+                record->started = object.at("started").get_ref<const json::number_integer_t&>();
                 record->device = object.at("device").get<std::string>();
                 record->format.dsd = object.at("type") == "dsd";
-                record->format.rateHz = object.at("rate_hz").get<std::uint64_t>();
-                record->format.channels = object.at("channels").get<std::uint32_t>();
-                record->format.bits = object.at("bits").get<std::uint32_t>();
+                record->format.rateHz = Whole(object, "rate_hz");
+                record->format.channels = SmallWhole(object, "channels");
+                record->format.bits = SmallWhole(object, "bits");
                 record->out = object.at("out").get<std::string>();
                 record->gain = object.at("gain_db").get<double>();
                 record->tags = object.at("tags").get<std::map<std::string, std::string>>();
             } else if (object.contains("spill")) {
                 const auto name = object.at("spill").get<std::string>();
-                if (IsSpill(name)) {
-                    record->spills.push_back(name);
+                if (IsSpillName(name)) {
+                    spills.Add(name);
                     record->guessed = record->guessed || object.contains("looked_for");
                 }
             } else if (object.contains("spill_gone")) {
-                std::erase(record->spills, object.at("spill_gone").get<std::string>());
+                spills.Remove(object.at("spill_gone").get<std::string>());
             } else if (object.contains("mark")) {
-                record->marks.push_back(object.at("mark").get<std::uint64_t>());
+                record->marks.push_back(Whole(object, "mark"));
             } else if (object.contains("start_frame")) {
-                record->startFrame = object.at("start_frame").get<std::uint64_t>();
+                record->startFrame = Whole(object, "start_frame");
             } else if (object.contains("state")) {
                 record->state = object.at("state").get<std::string>();
             } else if (object.contains("restart")) {
@@ -243,6 +290,9 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
     }
     if (record && !IsPlausible(*record)) {
         return std::nullopt;
+    }
+    if (record) {
+        record->spills = spills.InOrder();
     }
     return record;
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,6 +29,9 @@ struct TakeRecord {
     bool guessed = false;              ///< The order of some is by the clock alone.
     std::string state;                 ///< The last that was entered.
 };
+
+/// Whether the engine gives its files such names: "tmp" and six letters or digits.
+bool IsSpillName(std::string_view name);
 
 /// When a file was made, in nanoseconds (the last change where the volume does not know), and its
 /// number, which mostly grows: clocks of file systems have steps in which several files are made.
@@ -62,7 +66,10 @@ public:
     /// to be called now and then.
     void Look();
 
-    /// @return None where there is no journal, or none of a format that this program knows.
+    /// Whatever stands in the file, what comes back can be calculated with: each name in `spills`
+    /// is one of the engine's and there once.
+    /// @return None where there is no journal, or none of a format that this program knows; a link
+    ///         is none.
     static std::optional<TakeRecord> Read(const std::string& directory);
 
     static constexpr const char* kName = "journal.jsonl";

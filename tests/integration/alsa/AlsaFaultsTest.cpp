@@ -187,6 +187,8 @@ TEST_F(AlsaFaultsTest, AStopAndAReleaseWithoutMemoryAreWhole) {
 }
 
 TEST_F(AlsaFaultsTest, ACardThatGoesIsToldOfWithoutMemory) {
+    SelectAndSetUp();
+    ExpectARun();  // the back end's threads are there before anything is counted
     for (const bool forGood : {false, true}) {
         Once("removal of a card", {.call = Call::Memory, .nth = 1, .forGood = forGood},
              [&](const Fault& fault) {
