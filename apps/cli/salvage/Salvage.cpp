@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <system_error>
@@ -14,6 +16,7 @@
 #include "FileDigest.h"
 #include "OptionValues.h"
 #include "OutputFile.h"
+#include "PrivateDirectory.h"
 #include "SavePlan.h"
 #include "Signals.h"
 #include "TimeRange.h"
@@ -64,37 +67,42 @@ int List(const std::string& base, bool json, Reporter& reporter) {
     return reporter.FinishDone();
 }
 
-/// Whether a take is there, and in use: one that still runs, or is salvaged at this moment.
-bool IsInUse(const std::string& base, const std::string& name) {
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(base, error), end; !error && entry != end;
-         entry.increment(error)) {
-        const std::string found = entry->path().filename().string();
-        std::error_code unknown;
-        if (found.find(name) != std::string::npos && found.rfind("vorrel-", 0) == 0 &&
-            entry->is_directory(unknown)) {
-            return true;
-        }
-    }
-    return false;
+std::string NameOf(const std::string& directory) {
+    return std::filesystem::path(directory).filename().string();
 }
 
-/// By its whole name, or by what makes it the only one.
+/// Whether a take that fits is in use: one that still runs, or is salvaged at this moment.
+bool IsInUse(const std::string& base, const std::string& name) {
+    const std::vector<std::string> used = PrivateDirectory::FindUsed(base);
+    return std::any_of(used.begin(), used.end(), [&name](const std::string& directory) {
+        return directory == name || NameOf(directory).find(name) != std::string::npos;
+    });
+}
+
+/// By its whole name, or by what makes it the only one. What has no journal is called by its whole
+/// name only: that it is a take is a guess.
 LeftTake FindTake(const std::string& base, const std::string& name) {
     std::vector<LeftTake> fitting;
+    std::string guess;
     for (LeftTake& take : FindLeftTakes(base)) {
         if (take.name == name || take.directory == name) {
             return take;
         }
-        if (take.name.find(name) != std::string::npos) {
+        if (take.name.find(name) == std::string::npos) {
+            continue;
+        }
+        if (take.record) {
             fitting.push_back(std::move(take));
+        } else {
+            guess = "; " + take.name + " has no journal: call it by its whole name";
         }
     }
     if (fitting.empty() && IsInUse(base, name)) {
         throw Failure(ExitCode::Storage, "\"" + name + "\" is in use by another program");
     }
     if (fitting.empty()) {
-        throw Failure(ExitCode::Usage, "no take called \"" + name + "\" is left behind in " + base);
+        throw Failure(ExitCode::Usage,
+                      "no take called \"" + name + "\" is left behind in " + base + guess);
     }
     if (fitting.size() > 1) {
         throw Failure(ExitCode::Usage, "\"" + name + "\" fits " + std::to_string(fitting.size()) +
@@ -103,12 +111,27 @@ LeftTake FindTake(const std::string& base, const std::string& name) {
     return fitting.front();
 }
 
-void RemoveTake(const LeftTake& take, Reporter& reporter) {
-    std::error_code error;
-    std::filesystem::remove_all(take.directory, error);
-    if (error) {
+/// Some of them, for a line.
+std::string NamesText(const std::vector<std::string>& names) {
+    constexpr std::size_t kMost = 3;
+    std::string text;
+    for (std::size_t index = 0; index < std::min(names.size(), kMost); ++index) {
+        text += (index == 0 ? "" : ", ") + names[index];
+    }
+    return names.size() <= kMost ? text
+                                 : text + " and " + std::to_string(names.size() - kMost) + " more";
+}
+
+void RemoveTake(const LeftTake& take, const LeftoverLock& lock, Reporter& reporter) {
+    if (const std::vector<std::string> staying = lock.DeleteTake(); !staying.empty()) {
+        throw Failure(ExitCode::Storage, take.directory +
+                                             " stays: there is more in it than the "
+                                             "take (" +
+                                             NamesText(staying) + ")");
+    }
+    if (::rmdir(take.directory.c_str()) != 0) {
         throw Failure(ExitCode::Storage,
-                      take.directory + " could not be deleted: " + error.message());
+                      take.directory + " could not be deleted: " + std::strerror(errno));
     }
     reporter.Info("deleted " + take.directory);
 }
@@ -258,7 +281,7 @@ int RunSalvage(const Options& options, Reporter& reporter) {
         }
     }
     if (wish.remove) {
-        RemoveTake(take, reporter);
+        RemoveTake(take, lock, reporter);
     } else {
         reporter.Info("the take stays in " + take.directory + "; --remove deletes it");
     }

@@ -10,15 +10,13 @@
 #include <limits>
 #include <utility>
 
+#include "TakeDirectory.h"
+
 namespace vorrel::cli {
 namespace {
 
 constexpr std::uint64_t kLargestSpill = std::uint64_t{1} << 30;
 constexpr std::uint64_t kStepSeconds = 5;
-
-bool IsSpillName(const std::string& name) {
-    return name.size() == 9 && name.compare(0, 3, "tmp") == 0;
-}
 
 /// Bytes of a channel, and of the preview, that the engine stores in one step.
 std::uint64_t ChannelStep(const TakeFormat& format) {

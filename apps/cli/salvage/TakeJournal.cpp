@@ -13,7 +13,6 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <string_view>
 
 namespace vorrel::cli {
 namespace {
@@ -21,8 +20,6 @@ namespace {
 using nlohmann::json;
 
 constexpr int kVersion = 1;
-constexpr std::string_view kSpillPrefix = "tmp";
-constexpr std::size_t kSpillNameLength = 9;
 
 /// Any text in UTF-8: unknown bytes become U+FFFD.
 std::string Line(const json& object) {
@@ -36,11 +33,6 @@ bool IsPlausible(const TakeRecord& record) {
     const TakeFormat& format = record.format;
     return format.rateHz > 0 && format.rateHz <= kMostRate && format.channels > 0 &&
            format.channels <= kMostChannels && record.startFrame % format.FrameStep() == 0;
-}
-
-bool IsSpill(std::string_view name) {
-    return name.size() == kSpillNameLength && name.substr(0, kSpillPrefix.size()) == kSpillPrefix &&
-           name.find('/') == std::string_view::npos;
 }
 
 /// A journal's text; "" = it is none. No link, no pipe, and no more than a long take writes.
@@ -152,7 +144,7 @@ void TakeJournal::Look() {
             std::memcpy(&event, events.data() + at, sizeof event);
             const char* const name = events.data() + at + sizeof event;
             at += sizeof event + event.len;
-            if (event.len > 0 && IsSpill(name)) {
+            if (event.len > 0 && IsSpillName(name)) {
                 Write(Line({{(event.mask & IN_CREATE) != 0 ? "spill" : "spill_gone", name}}));
                 added = true;
             }
@@ -173,7 +165,7 @@ bool TakeJournal::LookAtNames() {
     for (std::filesystem::directory_iterator entry(place, error), end; !error && entry != end;
          entry.increment(error)) {
         const std::string name = entry->path().filename().string();
-        if (IsSpill(name) && seen.insert(name).second) {
+        if (IsSpillName(name) && seen.insert(name).second) {
             fresh.emplace_back(AgeOf(entry->path().string()), name);
         }
     }
@@ -219,7 +211,7 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                 record->tags = object.at("tags").get<std::map<std::string, std::string>>();
             } else if (object.contains("spill")) {
                 const auto name = object.at("spill").get<std::string>();
-                if (IsSpill(name)) {
+                if (IsSpillName(name)) {
                     record->spills.push_back(name);
                     record->guessed = record->guessed || object.contains("looked_for");
                 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "SavePlan.h"
+#include "TakeDirectory.h"
 
 namespace vorrel::cli {
 
@@ -65,7 +66,7 @@ public:
     /// @return None where there is no journal, or none of a format that this program knows.
     static std::optional<TakeRecord> Read(const std::string& directory);
 
-    static constexpr const char* kName = "journal.jsonl";
+    static constexpr const char* kName = kJournalName;
 
 private:
     void Write(const std::string& line);
