@@ -344,8 +344,10 @@ void ReadSalvage(const CLI::App& command, const std::string& bits, SalvageOption
     if (IsGiven(command, "--bits")) {
         salvage.bits = RequireBits(bits);
     }
-    if (salvage.take.empty() && salvage.remove) {
-        throw Refusal("--remove: say which take");
+    for (const char* option : {"--bits", "--force", "--remove"}) {
+        if (salvage.take.empty() && IsGiven(command, option)) {
+            throw Refusal(std::string(option) + ": say which take");
+        }
     }
 }
 

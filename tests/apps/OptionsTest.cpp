@@ -334,7 +334,9 @@ TEST(OptionsTest, SalvageTakesATakeAndAFile) {
     EXPECT_EQ(save.salvage.bits, 32U);
     EXPECT_TRUE(save.salvage.force);
     EXPECT_TRUE(save.salvage.remove);
-    EXPECT_THAT(Refusal({"salvage", "--remove"}), HasSubstr("which take"));
+    EXPECT_EQ(Refusal({"salvage", "--remove"}), "--remove: say which take");
+    EXPECT_EQ(Refusal({"salvage", "--bits", "16"}), "--bits: say which take");
+    EXPECT_EQ(Refusal({"salvage", "--force", "--json"}), "--force: say which take");
     EXPECT_THAT(Refusal({"salvage", "a", "b.wav", "c.wav"}), HasSubstr("c.wav"));
 }
 
