@@ -212,6 +212,23 @@ TEST_F(SalvageTest, ADirectoryWithoutAJournalIsListedButNotRead) {
     EXPECT_THAT(save.Error(), HasSubstr("no journal"));
 }
 
+TEST_F(SalvageTest, ATakeIsCalledByItsPathToo) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    const std::string take =
+        std::filesystem::directory_iterator(places.TempPath())->path().string();
+    const std::string name = take.substr(take.rfind('/') + 1);
+    int number = 0;
+    for (const std::string& path :
+         {take, take + "/", take + "//", name + "/", places.TempPath() + "/./" + name}) {
+        Process save(Salvage({path, places.File("a" + std::to_string(++number) + ".wav")}));
+        EXPECT_EQ(save.Wait(), 0) << path << ": " << save.Error();
+    }
+    for (const std::string& path : {std::string("/"), std::string("//"), std::string("./")}) {
+        Process none(Salvage({path, places.File("a.wav")}));
+        EXPECT_EQ(none.Wait(), 1) << path;
+    }
+}
+
 TEST_F(SalvageTest, ADirectoryWithoutAJournalIsCalledByItsWholeNameOnly) {
     std::filesystem::create_directory(places.TempFile("vorrel-abcdef"));
     std::ofstream(places.TempFile("vorrel-abcdef") + "/tmp123456") << "samples";

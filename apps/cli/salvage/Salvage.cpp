@@ -71,11 +71,19 @@ std::string NameOf(const std::string& directory) {
     return std::filesystem::path(directory).filename().string();
 }
 
+/// Whether a path, in any spelling, is that of a take's directory.
+bool IsSameDirectory(const std::string& directory, const std::string& path) {
+    std::error_code unknown;
+    return path.find('/') != std::string::npos &&
+           std::filesystem::equivalent(directory, path, unknown);
+}
+
 /// Whether a take that fits is in use: one that still runs, or is salvaged at this moment.
 bool IsInUse(const std::string& base, const std::string& name) {
     const std::vector<std::string> used = PrivateDirectory::FindUsed(base);
     return std::any_of(used.begin(), used.end(), [&name](const std::string& directory) {
-        return directory == name || NameOf(directory).find(name) != std::string::npos;
+        return NameOf(directory).find(name) != std::string::npos ||
+               IsSameDirectory(directory, name);
     });
 }
 
@@ -85,7 +93,7 @@ LeftTake FindTake(const std::string& base, const std::string& name) {
     std::vector<LeftTake> fitting;
     std::string guess;
     for (LeftTake& take : FindLeftTakes(base)) {
-        if (take.name == name || take.directory == name) {
+        if (take.name == name || IsSameDirectory(take.directory, name)) {
             return take;
         }
         if (take.name.find(name) == std::string::npos) {
@@ -258,7 +266,11 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
 }  // namespace
 
 int RunSalvage(const Options& options, Reporter& reporter) {
-    const SalvageOptions& wish = options.salvage;
+    SalvageOptions wish = options.salvage;
+    // As a shell completes the name of a directory.
+    while (wish.take.size() > 1 && wish.take.back() == '/') {
+        wish.take.pop_back();
+    }
     const std::string base = TemporaryBase(options.tempDirectory);
     if (wish.take.empty()) {
         return List(base, options.common.json, reporter);
