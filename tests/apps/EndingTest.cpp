@@ -149,6 +149,41 @@ TEST_F(EndingTest, TheSecondSignalAbandonsARunningSave) {
     EXPECT_TRUE(places.TempIsEmpty());
 }
 
+TEST_F(EndingTest, AFileThatAKillHasLeftHalfWrittenIsListedAndRemovedWithItsTake) {
+    const std::string target = places.File("a \xC3\xA4\xFF.wav");
+    Process program(Record("save=hang:", {target}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    program.Send(SIGINT);
+    ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+    program.Send(SIGKILL);
+    ASSERT_EQ(program.Wait(), -SIGKILL);
+    const std::set<std::string> left = places.Files();
+    ASSERT_EQ(left.size(), 1U);
+    ASSERT_THAT(*left.begin(), testing::StartsWith(".a "));
+    const auto salvage = [&](std::vector<std::string> arguments) {
+        Process::Setup setup;
+        setup.arguments = {VORREL_CLI_FAKE, "salvage", "--temp-dir", places.TempPath()};
+        setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
+        return setup;
+    };
+
+    Process list(salvage({}));
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_THAT(list.Out(), HasSubstr(" and a half-written " + places.File(*left.begin())));
+    Process object(salvage({"--json"}));
+    EXPECT_EQ(object.Wait(), 0);
+    EXPECT_EQ(Events(object.Out(), "take").at(0).at("half_written").size(), 1U);
+    Process same(salvage({"vorrel-", places.File(*left.begin()), "--force", "--remove"}));
+    EXPECT_NE(same.Wait(), 0);
+    EXPECT_EQ(places.Files(), left);
+    Process remove(salvage({"vorrel-", "--remove"}));
+    EXPECT_EQ(remove.Wait(), 0) << remove.Error();
+
+    EXPECT_THAT(remove.Error(), HasSubstr("deleted " + places.File(*left.begin())));
+    EXPECT_THAT(places.Files(), IsEmpty());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
 TEST_F(EndingTest, AnAbandonedSaveLeavesTheDirectoryAndWhatElseIsInIt) {
     for (const char* other : {"", "other.txt"}) {
         const TempDirectory directory;

@@ -48,7 +48,11 @@ std::string TakeText(const LeftTake& take) {
     text += MomentText(take.record->started) + "  " + FormatText(take.record->format) + "  ";
     text += take.frames == 0 ? "nothing of it has reached the disk"
                              : ClockText(take.Seconds()) + ", " + SizeText(take.bytes);
-    return text + (take.record->out.empty() ? "" : "  for " + take.record->out);
+    text += take.record->out.empty() ? "" : "  for " + take.record->out;
+    for (const std::string& path : take.halfWritten) {
+        text += " and a half-written " + path;
+    }
+    return text;
 }
 
 int List(const std::string& base, bool json, Reporter& reporter) {
@@ -131,6 +135,14 @@ std::string NamesText(const std::vector<std::string>& names) {
 }
 
 void RemoveTake(const LeftTake& take, const LeftoverLock& lock, Reporter& reporter) {
+    // First, as long as the journal names them.
+    for (const std::string& path : take.halfWritten) {
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+            throw Failure(ExitCode::Storage,
+                          path + " could not be deleted: " + std::strerror(errno));
+        }
+        reporter.Info("deleted " + path);
+    }
     if (const std::vector<std::string> staying = lock.DeleteTake(); !staying.empty()) {
         throw Failure(ExitCode::Storage, take.directory +
                                              " stays: there is more in it than the "
@@ -181,10 +193,11 @@ std::string DigestOf(const std::string& path, Signals& signals) {
     return digest.Text();
 }
 
-void SaveOne(const SpillFiles& files, const TakeFormat& format, const PlannedFile& planned,
-             bool force, Reporter& reporter, Signals& signals) {
+void SaveOne(const LeftTake& take, const SpillFiles& files, const TakeFormat& format,
+             const PlannedFile& planned, bool force, Reporter& reporter, Signals& signals) {
     OutputFile file(ResolveTarget(planned.path), force);
     file.Check();
+    TakeJournal::NoteWriting(take.directory, file.StagingPath());
     const auto total = static_cast<double>(planned.end - planned.start);
     int said = -1;
     int endedBy = 0;
@@ -211,6 +224,7 @@ void SaveOne(const SpillFiles& files, const TakeFormat& format, const PlannedFil
     if (!summary.complete) {
         throw Failure(ExitCode::Storage, planned.path + " could not be written as a whole");
     }
+    TakeJournal::NoteWritten(take.directory);
     const std::string name = file.Commit();
     reporter.Saved(name, summary.bytes, summary.frames,
                    static_cast<double>(summary.frames) / static_cast<double>(format.rateHz),
@@ -247,6 +261,11 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
     }
     double bytes = 0.0;
     for (const PlannedFile& planned : plan.files) {
+        if (std::find(take.halfWritten.begin(), take.halfWritten.end(), planned.path) !=
+            take.halfWritten.end()) {
+            throw Failure(ExitCode::Usage,
+                          planned.path + " goes with the take: choose another name");
+        }
         OutputFile(planned.path, wish.force).Check();
         bytes += static_cast<double>(FileBytes(format, planned.end - planned.start, 0));
     }
@@ -255,7 +274,7 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
     }
     Signals signals;
     for (const PlannedFile& planned : plan.files) {
-        SaveOne(files, format, planned, wish.force, reporter, signals);
+        SaveOne(take, files, format, planned, wish.force, reporter, signals);
     }
     if (take.record->gain != 0.0 || !take.record->tags.empty()) {
         reporter.Info(

@@ -13,6 +13,9 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <tuple>
+
+#include "salvage/HalfWritten.h"
 
 namespace vorrel::cli {
 namespace {
@@ -24,6 +27,27 @@ constexpr int kVersion = 1;
 /// Any text in UTF-8: unknown bytes become U+FFFD.
 std::string Line(const json& object) {
     return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+/// @param path  "" = no file any more.
+std::string WritingLine(const std::string& path) {
+    return Line({{"writing", EncodePath(path)}, {"process", ::getpid()}});
+}
+
+/// Appends to a journal that another process has begun. One that takes nothing keeps no take from
+/// being saved.
+void Append(const std::string& path, const std::string& line) {
+    const int descriptor =
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    if (descriptor >= 0 && ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+        // The last line may be half a one.
+        const std::string text = "\n" + line;
+        std::ignore = ::write(descriptor, text.data(), text.size());
+    }
+    if (descriptor >= 0) {
+        ::close(descriptor);
+    }
 }
 
 /// What a journal of ours can say; anything else is damage, and not to be calculated with.
@@ -134,6 +158,25 @@ void TakeJournal::Saved(const std::string& name) {
     Write(Line({{"saved", name}}));
 }
 
+void TakeJournal::Writing(const std::string& path) {
+    Write(WritingLine(path));
+    if (file >= 0) {
+        ::fdatasync(file);  // once a file, so that a power cut, too, leaves it named
+    }
+}
+
+void TakeJournal::Written() {
+    Write(WritingLine(""));
+}
+
+void TakeJournal::NoteWriting(const std::string& directory, const std::string& path) {
+    Append(directory + "/" + kName, WritingLine(path));
+}
+
+void TakeJournal::NoteWritten(const std::string& directory) {
+    Append(directory + "/" + kName, WritingLine(""));
+}
+
 void TakeJournal::Look() {
     alignas(inotify_event) std::array<char, 4096> events{};
     ssize_t count = 0;
@@ -221,6 +264,13 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                 record->marks.push_back(object.at("mark").get<std::uint64_t>());
             } else if (object.contains("start_frame")) {
                 record->startFrame = object.at("start_frame").get<std::uint64_t>();
+            } else if (object.contains("writing")) {
+                const long process = object.at("process").get<long>();
+                record->writing.erase(process);
+                const std::string path = DecodePath(object.at("writing").get<std::string>());
+                if (!path.empty()) {
+                    record->writing.emplace(process, path);
+                }
             } else if (object.contains("state")) {
                 record->state = object.at("state").get<std::string>();
             } else if (object.contains("restart")) {
