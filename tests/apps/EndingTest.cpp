@@ -121,6 +121,39 @@ TEST_F(EndingTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
     ::close(end);
 }
 
+TEST_F(EndingTest, WithoutATerminalNoSignalIsExplained) {
+    Process program(Record("", {places.File("a.wav"), "--pre-record"}));
+    ASSERT_TRUE(program.AwaitOut("\"armed\""));
+
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 5);
+    EXPECT_THAT(program.Error(), testing::Not(HasSubstr("SIG")));
+}
+
+TEST_F(EndingTest, OnATerminalOnlyTheSignalsThatComeThroughAreExplained) {
+    const auto said = [&](const std::string& preparation) {
+        // A shell's "&" in a script: no keys, and some signals are ignored.
+        Process::Setup setup = After(preparation + "\nexec < /dev/null",
+                                     Record("", {places.File("a.wav"), "--pre-record"}));
+        setup.terminal = true;
+        setup.environment["TERM"] = "xterm";
+        Process program(setup);
+        EXPECT_TRUE(program.AwaitOut("\"armed\""));
+        program.Send(SIGTERM);
+        EXPECT_EQ(program.Wait(), 5);
+        return program.Error();
+    };
+    EXPECT_THAT(said(""), testing::AllOf(HasSubstr("SIGUSR1: record"),
+                                         HasSubstr("SIGINT or SIGTERM: stop and save; SIGUSR1: "
+                                                   "mark")));
+    EXPECT_THAT(said("trap '' INT"),
+                testing::AllOf(HasSubstr("SIGTERM: stop and save; SIGUSR1: mark"),
+                               testing::Not(HasSubstr("SIGINT"))));
+    EXPECT_THAT(said("trap '' USR1"), testing::AllOf(HasSubstr("SIGINT or SIGTERM: stop and save"),
+                                                     testing::Not(HasSubstr("SIGUSR1"))));
+}
+
 TEST_F(EndingTest, TheFirstSignalSaves) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         const std::string name = "a" + std::to_string(signal) + ".wav";
