@@ -188,14 +188,14 @@ void PrivateDirectory::Remove() noexcept {
 
 std::vector<Leftover> PrivateDirectory::FindLeftovers(const std::string& base) {
     std::vector<Leftover> found;
-    ForEachOfOurNaming(base, [&found](const std::string& path, int descriptor) {
+    ForEachOfOurNaming(base, [&found](const std::string& directory, int descriptor) {
         const bool used = IsInUse(descriptor);
         const TakeContents contents = TakeDirectory(descriptor).Look();
         // A name proves nothing. Where there is something else, the journal has to.
         if (!used && !contents.ours.empty() &&
             (contents.foreign.empty() ||
-             (contents.hasJournal && TakeJournal::Read(path).has_value()))) {
-            found.push_back({path, contents.spillBytes});
+             (contents.hasJournal && TakeJournal::Read(directory).has_value()))) {
+            found.push_back({directory, contents.spillBytes});
         }
     });
     std::sort(found.begin(), found.end(),
@@ -205,9 +205,9 @@ std::vector<Leftover> PrivateDirectory::FindLeftovers(const std::string& base) {
 
 std::vector<std::string> PrivateDirectory::FindUsed(const std::string& base) {
     std::vector<std::string> found;
-    ForEachOfOurNaming(base, [&found](const std::string& path, int descriptor) {
+    ForEachOfOurNaming(base, [&found](const std::string& directory, int descriptor) {
         if (IsInUse(descriptor)) {
-            found.push_back(path);
+            found.push_back(directory);
         }
         ::close(descriptor);
     });
