@@ -142,6 +142,7 @@ void JsonOutput::LeftBehind(const LeftTake& take) {
         object["bits"] = take.record->format.SampleBits();
         object["out"] = take.record->out;
         object["state"] = take.record->state;
+        object["half_written"] = take.halfWritten;
     }
     Write(output, object);
 }

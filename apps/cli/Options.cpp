@@ -194,6 +194,41 @@ void CheckArguments(const std::vector<std::string>& arguments) {
     }
 }
 
+/// Whether an option of any command takes the argument behind it.
+bool TakesNext(const CLI::App& app, const std::string& argument) {
+    const std::vector<const CLI::App*> commands = app.get_subcommands(nullptr);
+    return std::any_of(commands.begin(), commands.end(), [&](const CLI::App* command) {
+        const CLI::Option* option =
+            argument.rfind("--", 0) == 0 ? command->get_option_no_throw(argument) : nullptr;
+        return option != nullptr && option->get_items_expected_min() > 0;
+    });
+}
+
+/// "--title=" as "--title" and an empty text: CLI11 takes an empty value for none, and the next
+/// argument for the value. A bare --simulate takes nothing in any case.
+std::vector<std::string> WithEmptyValues(const CLI::App& app,
+                                         const std::vector<std::string>& arguments) {
+    std::vector<std::string> clear;
+    for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
+        if (*argument == "--") {
+            clear.insert(clear.end(), argument, arguments.end());
+            break;
+        }
+        const std::string name =
+            argument->substr(0, argument->size() - (argument->empty() ? 0 : 1));
+        if (argument->find('=') == name.size() && TakesNext(app, name)) {
+            clear.push_back(name);
+            clear.emplace_back();
+            continue;
+        }
+        clear.push_back(*argument);
+        if (TakesNext(app, *argument) && argument + 1 != arguments.end()) {
+            clear.push_back(*++argument);  // a value, whatever it looks like
+        }
+    }
+    return clear;
+}
+
 /// What CLI11 has to say, as one line.
 std::string OneLine(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -309,8 +344,10 @@ void ReadSalvage(const CLI::App& command, const std::string& bits, SalvageOption
     if (IsGiven(command, "--bits")) {
         salvage.bits = RequireBits(bits);
     }
-    if (salvage.take.empty() && salvage.remove) {
-        throw Refusal("--remove: say which take");
+    for (const char* option : {"--bits", "--force", "--remove"}) {
+        if (salvage.take.empty() && IsGiven(command, option)) {
+            throw Refusal(std::string(option) + ": say which take");
+        }
     }
 }
 
@@ -357,8 +394,9 @@ Options ParseOptions(const std::vector<std::string>& arguments) {
 
     CheckArguments(arguments);
     try {
-        // CLI11 takes its vector from the back.
-        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+        std::vector<std::string> clear = WithEmptyValues(app, arguments);
+        std::reverse(clear.begin(), clear.end());  // CLI11 takes its vector from the back
+        app.parse(std::move(clear));
     } catch (const CLI::CallForHelp&) {
         const std::vector<CLI::App*> chosen = app.get_subcommands();
         options.text = chosen.empty() ? app.help() : chosen.front()->help("vorrel");

@@ -12,16 +12,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string_view>
+#include <new>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 #include "ExitCode.h"
+#include "TakeDirectory.h"
+#include "salvage/TakeJournal.h"
 
 namespace vorrel::cli {
 namespace {
 
-constexpr std::string_view kPrefix = "vorrel-";
-constexpr std::size_t kUniqueCharacters = 6;
 constexpr int kLockAttempts = 20;
 constexpr std::chrono::milliseconds kLockPause(10);
 
@@ -29,21 +31,41 @@ int OpenDirectory(const std::string& path) {
     return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
-bool IsAbandoned(const std::string& path) {
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
-        status.st_uid != ::geteuid()) {
-        return false;
-    }
+/// The directory, -1 = there is none of this user's.
+int OpenOwn(const std::string& path) {
     const int descriptor = OpenDirectory(path);
-    if (descriptor < 0) {
-        return false;
+    struct stat status {};
+    if (descriptor >= 0 && (::fstat(descriptor, &status) != 0 || status.st_uid != ::geteuid())) {
+        ::close(descriptor);
+        return -1;
     }
+    return descriptor;
+}
+
+bool IsInUse(int descriptor) {
     // Given back at once; its owner, should it be about to take it, waits for so long. Shared, so
     // that two who look do not hide it from each other.
     const bool free = ::flock(descriptor, LOCK_SH | LOCK_NB) == 0;
-    ::close(descriptor);
-    return free;
+    if (free) {
+        ::flock(descriptor, LOCK_UN);
+    }
+    return !free;
+}
+
+/// Calls `look` with path and descriptor, which it has to close, of everything in `base` that is
+/// called as a take's directory and belongs to this user.
+template <typename Look>
+void ForEachOfOurNaming(const std::string& base, Look look) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(base, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (!IsTakeName(entry->path().filename().string())) {
+            continue;
+        }
+        if (const int descriptor = OpenOwn(entry->path().string()); descriptor >= 0) {
+            look(entry->path().string(), descriptor);
+        }
+    }
 }
 
 /// Ours in the user's cache directory; "" = it cannot be had.
@@ -116,6 +138,15 @@ LeftoverLock::~LeftoverLock() {
     ::close(descriptor);
 }
 
+std::vector<std::string> LeftoverLock::DeleteTake() const {
+    const int again = ::openat(descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (again < 0) {
+        throw Failure(ExitCode::Storage,
+                      std::string("the take cannot be deleted: ") + std::strerror(errno));
+    }
+    return TakeDirectory(again).DeleteOurs();
+}
+
 PrivateDirectory::PrivateDirectory(const std::string& base) {
     std::string pattern = (std::filesystem::path(base) / "vorrel-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) {
@@ -138,16 +169,17 @@ PrivateDirectory::PrivateDirectory(const std::string& base) {
 }
 
 void PrivateDirectory::Remove() noexcept {
-    std::error_code error;
-    if (!path.empty() && !kept && ::rmdir(path.c_str()) != 0) {
-        std::filesystem::remove_all(path, error);
-    }
-    if (lock >= 0) {
-        ::close(lock);  // only now, so that nobody takes it for left behind while it goes
-        lock = -1;
-    }
-    if (error) {
-        std::filesystem::remove_all(path, error);  // with one descriptor more to do it
+    {
+        // The lock goes with the object, so that nobody takes it for left behind before.
+        TakeDirectory directory(std::exchange(lock, -1));
+        if (!path.empty() && !kept && ::rmdir(path.c_str()) != 0) {
+            try {
+                std::ignore = directory.DeleteOurs();
+                ::rmdir(path.c_str());
+            } catch (const std::bad_alloc&) {
+                // It is found as left behind.
+            }
+        }
     }
     if (!kept) {
         path.clear();
@@ -156,34 +188,29 @@ void PrivateDirectory::Remove() noexcept {
 
 std::vector<Leftover> PrivateDirectory::FindLeftovers(const std::string& base) {
     std::vector<Leftover> found;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(base, error), end; !error && entry != end;
-         entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        if (name.size() != kPrefix.size() + kUniqueCharacters ||
-            name.compare(0, kPrefix.size(), kPrefix) != 0 || !IsAbandoned(entry->path().string())) {
-            continue;
+    ForEachOfOurNaming(base, [&found](const std::string& directory, int descriptor) {
+        const bool used = IsInUse(descriptor);
+        const TakeContents contents = TakeDirectory(descriptor).Look();
+        // A name proves nothing. Where there is something else, the journal has to.
+        if (!used && !contents.ours.empty() &&
+            (contents.foreign.empty() ||
+             (contents.hasJournal && TakeJournal::Read(directory).has_value()))) {
+            found.push_back({directory, contents.spillBytes});
         }
-        Leftover leftover{entry->path().string()};
-        bool empty = true;
-        std::error_code ignored;
-        for (std::filesystem::directory_iterator file(leftover.path, ignored), last;
-             !ignored && file != last; file.increment(ignored)) {
-            std::error_code unknown;
-            // What a link leads to is not in here.
-            if (std::filesystem::is_regular_file(file->symlink_status(unknown)) &&
-                file->path().extension() != ".jsonl") {
-                const std::uintmax_t bytes = file->file_size(unknown);
-                leftover.bytes += unknown ? 0 : bytes;
-            }
-            empty = false;
-        }
-        if (!empty) {
-            found.push_back(leftover);
-        }
-    }
+    });
     std::sort(found.begin(), found.end(),
               [](const Leftover& one, const Leftover& other) { return one.path < other.path; });
+    return found;
+}
+
+std::vector<std::string> PrivateDirectory::FindUsed(const std::string& base) {
+    std::vector<std::string> found;
+    ForEachOfOurNaming(base, [&found](const std::string& directory, int descriptor) {
+        if (IsInUse(descriptor)) {
+            found.push_back(directory);
+        }
+        ::close(descriptor);
+    });
     return found;
 }
 

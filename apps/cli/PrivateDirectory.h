@@ -27,13 +27,19 @@ public:
     LeftoverLock(const LeftoverLock&) = delete;
     LeftoverLock& operator=(const LeftoverLock&) = delete;
 
+    /// Deletes the take's files in it, and nothing else. The directory itself stays.
+    /// @return Names of what stays.
+    /// @throws Failure (storage): it cannot be looked at.
+    std::vector<std::string> DeleteTake() const;
+
 private:
     int descriptor;
 };
 
-/// A fresh directory that only this process uses, removed with all that is in it. The engine clears
-/// its directory of other people's leftovers, so it must never be given a shared one. It is locked
-/// for the life of the process, so that another run can tell it from one left behind.
+/// A fresh directory that only this process uses, removed with the engine's files and the journal;
+/// what else is put there keeps it, and stays. The engine clears its directory of other people's
+/// leftovers, so it must never be given a shared one. It is locked for the life of the process, so
+/// that another run can tell it from one left behind.
 class PrivateDirectory {
 public:
     /// @param base  As `TemporaryBase` gave it.
@@ -48,9 +54,12 @@ public:
     /// Leaves it, with what is in it, to the user. `Path` stays.
     void Keep() noexcept { kept = true; }
 
-    /// Directories in `base`, of this user and with something in them, whose process is gone. By
+    /// Directories in `base` whose process is gone: called and owned as ours, and holding nothing
+    /// but files of a take; with anything else in them only if a journal of ours is there, too. By
     /// path. Nothing is changed.
     static std::vector<Leftover> FindLeftovers(const std::string& base);
+    /// Paths of those that a program uses: one that still records, or salvages.
+    static std::vector<std::string> FindUsed(const std::string& base);
 
 private:
     std::string path;

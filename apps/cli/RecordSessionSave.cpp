@@ -95,6 +95,7 @@ void RecordSession::SaveNext() {
                          name);
     }
     current.emplace(name, record.force && !fresh);
+    journal->Writing(current->StagingPath());
     currentSkipped = false;
     VrSaveSetting setting;
     setting.path = current->StagingPath();
@@ -157,6 +158,7 @@ void RecordSession::JudgeFile() {
         storageFailed = true;
         Fail(failure);
     }
+    journal->Written();
     if (!name.empty()) {
         if (name != current->Target()) {
             storageFailed = true;
@@ -321,6 +323,7 @@ void RecordSession::DrawPicture() {
         }
     }
     OutputFile file(picturePath, record.force);
+    journal->Writing(file.StagingPath());
     try {
         DrawWaveform(peaks, texts, file.StagingPath(),
                      EndingOf(picturePath) == ".svg" ? PictureKind::Svg : PictureKind::Png);
@@ -329,6 +332,7 @@ void RecordSession::DrawPicture() {
         throw Failure(ExitCode::Storage, picturePath + " could not be drawn: " +
                                              (reason.empty() ? failure.what() : reason));
     }
+    journal->Written();
     const std::string name = file.Commit();
     reporter.Drawn(name);
     if (name != picturePath) {

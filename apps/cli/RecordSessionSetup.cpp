@@ -1,4 +1,7 @@
 // From the command line to a recorder that is ready.
+#include <signal.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -203,11 +206,16 @@ void RecordSession::SayKeys() {
                           : "space: pause and resume; m: mark; q: stop and save");
         return;
     }
-    if (IsArming() || record.startAt) {
+    if (::isatty(STDIN_FILENO) == 0 && ::isatty(STDERR_FILENO) == 0) {
+        return;  // nobody sits there who could do any of it
+    }
+    const bool marks = Signals::Heeds(SIGUSR1);
+    if (marks && (IsArming() || record.startAt)) {
         reporter.Info("SIGUSR1: record");
     }
     if (!record.duration) {
-        reporter.Info("SIGINT or SIGTERM: stop and save; SIGUSR1: mark");
+        reporter.Info(std::string(Signals::Heeds(SIGINT) ? "SIGINT or SIGTERM" : "SIGTERM") +
+                      ": stop and save" + (marks ? "; SIGUSR1: mark" : ""));
     }
 }
 

@@ -77,6 +77,11 @@ Signals::~Signals() {
     ::close(readEnd);
 }
 
+bool Signals::Heeds(int number) {
+    struct sigaction action {};
+    return ::sigaction(number, nullptr, &action) == 0 && action.sa_handler == &VorrelCliOnSignal;
+}
+
 void Signals::EndWith(int exitCode) {
     decidedExit = exitCode;
 }

@@ -23,6 +23,9 @@ public:
     /// The signals that came since the last call, in order.
     std::vector<int> Take();
 
+    /// Whether a signal comes through: its parent has not had it ignored.
+    static bool Heeds(int number);
+
     /// Everything is decided: to the end of the process a signal changes neither what is left
     /// behind nor the exit code, which is `exitCode`. The second one ends a process that hangs.
     static void EndWith(int exitCode);

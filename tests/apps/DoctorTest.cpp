@@ -261,11 +261,13 @@ TEST_F(DoctorTest, AMissingPlaceIsAProblem) {
 }
 
 TEST_F(DoctorTest, WhatAKilledRunHasLeftIsNoted) {
-    Put("/vorrel-abc123/segment", "left");
+    Put("/vorrel-abc123/tmpAbC123", "left");
+    Put("/vorrel-backup/mine", "not ours");
 
     const Findings findings = CheckStorage(directory.Path());
 
     EXPECT_EQ(Count(findings, Verdict::Note, "has left 4 bytes in " + directory.Path()), 1);
+    EXPECT_EQ(Count(findings, Verdict::Note, "has left"), 1);
 }
 
 }  // namespace

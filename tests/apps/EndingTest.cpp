@@ -122,6 +122,39 @@ TEST_F(EndingTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
     ::close(end);
 }
 
+TEST_F(EndingTest, WithoutATerminalNoSignalIsExplained) {
+    Process program(Record("", {places.File("a.wav"), "--pre-record"}));
+    ASSERT_TRUE(program.AwaitOut("\"armed\""));
+
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 5);
+    EXPECT_THAT(program.Error(), testing::Not(HasSubstr("SIG")));
+}
+
+TEST_F(EndingTest, OnATerminalOnlyTheSignalsThatComeThroughAreExplained) {
+    const auto said = [&](const std::string& preparation) {
+        // A shell's "&" in a script: no keys, and some signals are ignored.
+        Process::Setup setup = After(preparation + "\nexec < /dev/null",
+                                     Record("", {places.File("a.wav"), "--pre-record"}));
+        setup.terminal = true;
+        setup.environment["TERM"] = "xterm";
+        Process program(setup);
+        EXPECT_TRUE(program.AwaitOut("\"armed\""));
+        program.Send(SIGTERM);
+        EXPECT_EQ(program.Wait(), 5);
+        return program.Error();
+    };
+    EXPECT_THAT(said(""), testing::AllOf(HasSubstr("SIGUSR1: record"),
+                                         HasSubstr("SIGINT or SIGTERM: stop and save; SIGUSR1: "
+                                                   "mark")));
+    EXPECT_THAT(said("trap '' INT"),
+                testing::AllOf(HasSubstr("SIGTERM: stop and save; SIGUSR1: mark"),
+                               testing::Not(HasSubstr("SIGINT"))));
+    EXPECT_THAT(said("trap '' USR1"), testing::AllOf(HasSubstr("SIGINT or SIGTERM: stop and save"),
+                                                     testing::Not(HasSubstr("SIGUSR1"))));
+}
+
 TEST_F(EndingTest, TheFirstSignalSaves) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         const std::string name = "a" + std::to_string(signal) + ".wav";
@@ -150,6 +183,41 @@ TEST_F(EndingTest, TheSecondSignalAbandonsARunningSave) {
         EXPECT_TRUE(std::filesystem::exists(places.FilesPath())) << type;
         EXPECT_TRUE(places.TempIsEmpty()) << type;
     }
+}
+
+TEST_F(EndingTest, AFileThatAKillHasLeftHalfWrittenIsListedAndRemovedWithItsTake) {
+    const std::string target = places.File("a \xC3\xA4\xFF.wav");
+    Process program(Record("save=hang:", {target}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    program.Send(SIGINT);
+    ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+    program.Send(SIGKILL);
+    ASSERT_EQ(program.Wait(), -SIGKILL);
+    const std::set<std::string> left = places.Files();
+    ASSERT_EQ(left.size(), 1U);
+    ASSERT_THAT(*left.begin(), testing::StartsWith(".a "));
+    const auto salvage = [&](std::vector<std::string> arguments) {
+        Process::Setup setup;
+        setup.arguments = {VORREL_CLI_FAKE, "salvage", "--temp-dir", places.TempPath()};
+        setup.arguments.insert(setup.arguments.end(), arguments.begin(), arguments.end());
+        return setup;
+    };
+
+    Process list(salvage({}));
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_THAT(list.Out(), HasSubstr(" and a half-written " + places.File(*left.begin())));
+    Process object(salvage({"--json"}));
+    EXPECT_EQ(object.Wait(), 0);
+    EXPECT_EQ(Events(object.Out(), "take").at(0).at("half_written").size(), 1U);
+    Process same(salvage({"vorrel-", places.File(*left.begin()), "--force", "--remove"}));
+    EXPECT_NE(same.Wait(), 0);
+    EXPECT_EQ(places.Files(), left);
+    Process remove(salvage({"vorrel-", "--remove"}));
+    EXPECT_EQ(remove.Wait(), 0) << remove.Error();
+
+    EXPECT_THAT(remove.Error(), HasSubstr("deleted " + places.File(*left.begin())));
+    EXPECT_THAT(places.Files(), IsEmpty());
+    EXPECT_TRUE(places.TempIsEmpty());
 }
 
 TEST_F(EndingTest, AnAbandonedSaveLeavesTheDirectoryAndWhatElseIsInIt) {

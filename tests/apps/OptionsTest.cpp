@@ -153,6 +153,53 @@ TEST(OptionsTest, AnEmptyValueIsNotTheDefault) {
     EXPECT_THAT(Refusal({"info", "--device", ""}), HasSubstr("--device is empty"));
 }
 
+TEST(OptionsTest, NothingBehindTheEqualsSignIsAnEmptyTextAndNotTheNextArgument) {
+    const auto record = [](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"record", "--duration", "9"});
+        return ParseOptions(arguments);
+    };
+    EXPECT_THAT(record({"a.wav", "--title=", "--split-at=.5"}).record.splitAt,
+                testing::ElementsAre(0.5));
+    EXPECT_TRUE(record({"a.wav", "--title=", "--pre-record"}).record.preRecord);
+    EXPECT_TRUE(record({"a.wav", "--title=", "--force"}).record.force);
+    EXPECT_TRUE(record({"a.wav", "--album=", "--simulate"}).common.simulate);
+    EXPECT_EQ(record({"--artist=", "c.wav"}).record.out, "c.wav");
+    EXPECT_TRUE(record({"a.wav", "--album-artist=", "--title=", "--quiet"}).common.quiet);
+    for (const char* tag : {"--title=", "--artist=", "--album=", "--album-artist="}) {
+        EXPECT_THAT(record({tag, "a.wav"}).record.tags, testing::IsEmpty()) << tag;
+    }
+    EXPECT_EQ(record({"a.wav", "--title==", "--tag", "artist="}).record.tags.at("Title"), "=");
+}
+
+TEST(OptionsTest, NothingBehindTheEqualsSignIsRefusedWhereAnEmptyTextIs) {
+    for (const char* option : {"--hook", "--waveform", "--device", "--temp-dir"}) {
+        EXPECT_EQ(Refusal({"record", "a.wav", std::string(option) + "=", "--quiet"}),
+                  std::string(option) + " is empty");
+    }
+    EXPECT_EQ(Refusal({"info", "--device=", "--simulate"}), "--device is empty");
+    EXPECT_EQ(Refusal({"doctor", "--temp-dir=", "--json"}), "--temp-dir is empty");
+    EXPECT_EQ(Refusal({"salvage", "--temp-dir="}), "--temp-dir is empty");
+    EXPECT_EQ(Refusal({"salvage", "take", "a.wav", "--bits=", "16"}), "not expected: 16");
+    EXPECT_THAT(Refusal({"salvage", "take", "a.wav", "--bits=", "--force"}),
+                HasSubstr("--bits \"\" is no sample width"));
+    for (const char* option :
+         {"--type", "--rate", "--bits", "--duration", "--start-at", "--pre-roll", "--gain", "--tag",
+          "--range", "--split-at", "--max-file-time"}) {
+        EXPECT_THAT(Refusal({"record", "a.wav", std::string(option) + "=", "--force"}),
+                    testing::AnyOf(HasSubstr(option), HasSubstr("\"\"")))
+            << option;
+        EXPECT_NE(Refusal({"record", "a.wav", std::string(option) + "=", "--force"}), "");
+    }
+}
+
+TEST(OptionsTest, WhatLooksLikeAnOptionIsAValueWhereOneIsAwaited) {
+    EXPECT_EQ(ParseOptions({"record", "a.wav", "--title", "--artist="}).record.tags.at("Title"),
+              "--artist=");
+    EXPECT_EQ(ParseOptions({"record", "--", "--title="}).record.out, "--title=");
+    EXPECT_TRUE(ParseOptions({"record", "--simulate=", "a.wav"}).common.simulate);
+    EXPECT_THAT(Refusal({"record", "a.wav", "--bogus=", "b"}), HasSubstr("--bogus="));
+}
+
 TEST(OptionsTest, AWrongNumberIsQuotedAndNothingElse) {
     EXPECT_EQ(Refusal({"record", "a.wav", "--rate", "abc"}),
               "--rate \"abc\" is no sampling rate in Hz");
@@ -287,7 +334,9 @@ TEST(OptionsTest, SalvageTakesATakeAndAFile) {
     EXPECT_EQ(save.salvage.bits, 32U);
     EXPECT_TRUE(save.salvage.force);
     EXPECT_TRUE(save.salvage.remove);
-    EXPECT_THAT(Refusal({"salvage", "--remove"}), HasSubstr("which take"));
+    EXPECT_EQ(Refusal({"salvage", "--remove"}), "--remove: say which take");
+    EXPECT_EQ(Refusal({"salvage", "--bits", "16"}), "--bits: say which take");
+    EXPECT_EQ(Refusal({"salvage", "--force", "--json"}), "--force: say which take");
     EXPECT_THAT(Refusal({"salvage", "a", "b.wav", "c.wav"}), HasSubstr("c.wav"));
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -15,6 +17,7 @@
 
 #include "ExitCode.h"
 #include "OutputFile.h"
+#include "salvage/HalfWritten.h"
 #include "salvage/LeftTake.h"
 #include "salvage/SalvageWriter.h"
 #include "salvage/SpillFiles.h"
@@ -234,6 +237,102 @@ TEST(TakeJournalTest, ADirectoryThatTakesNoJournalIsNoReasonToFail) {
     journal.Look();
 
     EXPECT_FALSE(TakeJournal::Read("/proc/self"));
+}
+
+TEST(TakeJournalTest, TheFileThatIsBeingWrittenIsNamedInItsVeryBytes) {
+    const TempDirectory directory;
+    TakeRecord record;
+    record.format = Pcm();
+    TakeJournal journal(directory.Path());
+    journal.Begin(record);
+    const std::string path = "/m/50%/\xFF\"\n \xC3\xA4.wav.partial-7";
+    journal.Writing("/m/.a.wav.partial-7");
+    journal.Writing(path);
+    const auto writing = [&] { return TakeJournal::Read(directory.Path())->writing; };
+    EXPECT_THAT(writing(), ElementsAre(testing::Pair(::getpid(), path)));
+    EXPECT_THAT(Text(ReadBytes(directory.File(TakeJournal::kName))),
+                testing::HasSubstr("/m/50%25/%FF\\\"%0A %C3%A4.wav.partial-7"));
+
+    journal.Written();
+
+    EXPECT_THAT(writing(), testing::IsEmpty());
+}
+
+TEST(TakeJournalTest, WhoSavesATakeWritesBehindHalfALastLine) {
+    const TempDirectory directory;
+    {
+        TakeRecord record;
+        record.format = Pcm();
+        TakeJournal journal(directory.Path());
+        journal.Begin(record);
+        journal.Writing("/m/.a.wav.partial-7");
+    }
+    std::ofstream(directory.File(TakeJournal::kName), std::ios::app) << "{\"mark\": 1";
+
+    TakeJournal::NoteWriting(directory.Path(), "/m/.b.wav.partial-8");
+
+    EXPECT_THAT(TakeJournal::Read(directory.Path())->writing,
+                ElementsAre(testing::Pair(::getpid(), "/m/.b.wav.partial-8")));
+    TakeJournal::NoteWritten(directory.Path());
+    EXPECT_THAT(TakeJournal::Read(directory.Path())->writing, testing::IsEmpty());
+    TakeJournal::NoteWritten(directory.File("none"));  // changes nothing
+}
+
+// ---- What was half written
+
+TEST(HalfWrittenTest, APathIsReadAsItWasWrittenAndNothingElseIsOne) {
+    for (const char* path : {"/a", "/50%25", "/\xFF\x01\x7F/ \"\\"}) {
+        EXPECT_EQ(DecodePath(EncodePath(path)), path);
+    }
+    EXPECT_EQ(EncodePath("/\xC3\xA4%"), "/%C3%A4%25");
+    for (const char* text : {"", "a", "/%", "/%4", "/%4g", "/%00", "/\xFF", "%"}) {
+        EXPECT_EQ(DecodePath(text), "") << text;
+    }
+}
+
+TEST(HalfWrittenTest, OnlyANameThatOurOwnFilesHaveIsOne) {
+    EXPECT_TRUE(IsStagingName(".a.wav.partial-17", 17));
+    EXPECT_TRUE(IsStagingName(".a.wav.partial-17-2", 17));
+    for (const char* name :
+         {"", "a.wav", "a.wav.partial-17", ".a.wav.partial-1", ".a.wav.partial-171",
+          ".a.wav.partial-17-", ".a.wav.partial-17-x", ".a.wav.partial-17.abandoned", ".partial-17",
+          ".a.wav.partial-17-2-2"}) {
+        EXPECT_FALSE(IsStagingName(name, 17)) << name;
+    }
+    const TempDirectory directory;
+    const std::string staged = OutputFile(directory.File("a.wav"), false).StagingPath();
+    EXPECT_TRUE(IsStagingName(staged.substr(staged.rfind('/') + 1), ::getpid()));
+}
+
+TEST(HalfWrittenTest, ItIsARegularFileOfAProcessThatHasDied) {
+    const TempDirectory directory;
+    const pid_t dead = ::fork();
+    if (dead == 0) {
+        ::_exit(0);
+    }
+    ASSERT_EQ(::waitpid(dead, nullptr, 0), dead);
+    const auto find = [&](const std::string& name, long process) {
+        TakeRecord record;
+        record.writing = {{process, directory.File(name)}};
+        return FindHalfWritten(record).size();
+    };
+    const std::string number = std::to_string(dead);
+    const std::string own = std::to_string(::getpid());
+    Write(directory.File(".a.partial-" + number), {1});
+    Write(directory.File(".a.partial-" + own), {1});
+    Write(directory.File("mine.partial-" + number), {1});
+    ASSERT_EQ(::symlink("mine", directory.File(".link.partial-" + number).c_str()), 0);
+    ASSERT_EQ(::mkdir(directory.File(".dir.partial-" + number).c_str(), 0700), 0);
+
+    EXPECT_EQ(find(".a.partial-" + number, dead), 1U);
+    EXPECT_EQ(find(".a.partial-" + own, ::getpid()), 0U);
+    EXPECT_EQ(find(".a.partial-" + own, dead), 0U);
+    EXPECT_EQ(find("mine.partial-" + number, dead), 0U);
+    EXPECT_EQ(find(".link.partial-" + number, dead), 0U);
+    EXPECT_EQ(find(".dir.partial-" + number, dead), 0U);
+    EXPECT_EQ(find(".gone.partial-" + number, dead), 0U);
+    EXPECT_EQ(find(".a.partial-0", 0), 0U);
+    EXPECT_EQ(find(".a.partial--1", -1), 0U);
 }
 
 // ---- Whose file is whose

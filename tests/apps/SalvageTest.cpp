@@ -205,11 +205,91 @@ TEST_F(SalvageTest, ADirectoryWithoutAJournalIsListedButNotRead) {
 
     Process list(Salvage({}));
     EXPECT_EQ(list.Wait(), 0);
-    Process save(Salvage({"abcdef", places.File("a.wav")}));  // what it has is not listed
+    Process save(Salvage({"vorrel-abcdef", places.File("a.wav")}));
 
     EXPECT_EQ(save.Wait(), 1);
     EXPECT_EQ(Events(list.Out(), "take").at(0).at("frames"), 0);
     EXPECT_THAT(save.Error(), HasSubstr("no journal"));
+}
+
+TEST_F(SalvageTest, ATakeIsCalledByItsPathToo) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    const std::string take =
+        std::filesystem::directory_iterator(places.TempPath())->path().string();
+    const std::string name = take.substr(take.rfind('/') + 1);
+    int number = 0;
+    for (const std::string& path :
+         {take, take + "/", take + "//", name + "/", places.TempPath() + "/./" + name}) {
+        Process save(Salvage({path, places.File("a" + std::to_string(++number) + ".wav")}));
+        EXPECT_EQ(save.Wait(), 0) << path << ": " << save.Error();
+    }
+    for (const std::string& path : {std::string("/"), std::string("//"), std::string("./")}) {
+        Process none(Salvage({path, places.File("a.wav")}));
+        EXPECT_EQ(none.Wait(), 1) << path;
+    }
+}
+
+TEST_F(SalvageTest, ADirectoryWithoutAJournalIsCalledByItsWholeNameOnly) {
+    std::filesystem::create_directory(places.TempFile("vorrel-abcdef"));
+    std::ofstream(places.TempFile("vorrel-abcdef") + "/tmp123456") << "samples";
+
+    Process part(Salvage({"abcdef", "--remove"}));
+    EXPECT_EQ(part.Wait(), 1);
+    EXPECT_THAT(part.Error(), HasSubstr("vorrel-abcdef has no journal"));
+    EXPECT_FALSE(places.TempIsEmpty());
+    Process whole(Salvage({"vorrel-abcdef", "--remove"}));
+    EXPECT_EQ(whole.Wait(), 0) << whole.Error();
+
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(SalvageTest, SomebodysDirectoryOfSuchANameIsNoTake) {
+    const std::string own = places.TempFile("vorrel-backup");
+    std::filesystem::create_directories(own + "/photos");
+    std::ofstream(own + "/photos/one") << std::string(1'000'000, 'x');
+    std::ofstream(own + "/tmp123456") << "mine, too";
+
+    Process list(Salvage({}));
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_THAT(Events(list.Out(), "take"), IsEmpty());
+    for (const std::string& name : {std::string("ba"), std::string("vorrel-backup"), own}) {
+        Process remove(Salvage({name, "--remove"}));
+        EXPECT_EQ(remove.Wait(), 1);
+        EXPECT_THAT(remove.Error(), HasSubstr("no take called \"" + name + "\""));
+    }
+    Process next(places.Record(VORREL_CLI, {places.File("b.wav"), "--duration", "1",
+                                            "--simulate=source=counter,speed=20"}));
+    EXPECT_EQ(next.Wait(), 0);
+    EXPECT_THAT(next.Error(), testing::Not(HasSubstr("killed")));
+
+    EXPECT_EQ(ReadBytes(own + "/photos/one").size(), 1'000'000U);
+    EXPECT_EQ(ReadBytes(own + "/tmp123456"), ToBytes("mine, too"));
+}
+
+TEST_F(SalvageTest, WhatSomebodyHasPutIntoATakeStaysAndIsSaid) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    const std::string take =
+        std::filesystem::directory_iterator(places.TempPath())->path().string();
+    std::filesystem::create_directory(take + "/sub");
+    std::ofstream(take + "/sub/notes") << "mine";
+    std::ofstream(places.File("secret")) << "secret";
+    std::filesystem::create_symlink(places.File("secret"), take + "/tmplinked");
+
+    Process remove(Salvage({"vorrel-", "--remove"}));
+
+    EXPECT_EQ(remove.Wait(), 3);
+    EXPECT_THAT(remove.Error(), HasSubstr(take + " stays: there is more in it than the take (sub, "
+                                                 "tmplinked)"));
+    std::set<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(take)) {
+        left.insert(entry.path().filename().string());
+    }
+    EXPECT_THAT(left, ElementsAre("sub", "tmplinked"));
+    EXPECT_EQ(ReadBytes(take + "/sub/notes"), ToBytes("mine"));
+    EXPECT_EQ(ReadBytes(places.File("secret")), ToBytes("secret"));
+    Process list(Salvage({}));
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_THAT(Events(list.Out(), "take"), IsEmpty());
 }
 
 TEST_F(SalvageTest, WhatTheJournalMissesIsDoubted) {

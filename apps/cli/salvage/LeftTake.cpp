@@ -4,6 +4,7 @@
 #include <exception>
 #include <filesystem>
 
+#include "salvage/HalfWritten.h"
 #include "salvage/SpillFiles.h"
 
 namespace vorrel::cli {
@@ -22,6 +23,7 @@ LeftTake ReadLeftTake(const std::string& directory, std::uint64_t bytes) {
         if (take.record) {
             const std::uint64_t stored = SpillFiles(directory, *take.record).Frames();
             take.frames = stored - std::min(stored, take.record->startFrame);
+            take.halfWritten = FindHalfWritten(*take.record);
         }
     } catch (const std::exception&) {
         take.record.reset();  // a damaged one costs only its own line

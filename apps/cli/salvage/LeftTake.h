@@ -18,6 +18,9 @@ struct LeftTake {
     std::uint64_t bytes = 0;           ///< Of everything in it.
     std::uint64_t frames = 0;          ///< That can be saved.
 
+    /// Paths of files that were being written when it died.
+    std::vector<std::string> halfWritten;
+
     double Seconds() const;
 };
 

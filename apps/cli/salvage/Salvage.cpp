@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <system_error>
@@ -14,6 +16,7 @@
 #include "FileDigest.h"
 #include "OptionValues.h"
 #include "OutputFile.h"
+#include "PrivateDirectory.h"
 #include "SavePlan.h"
 #include "Signals.h"
 #include "TimeRange.h"
@@ -45,7 +48,11 @@ std::string TakeText(const LeftTake& take) {
     text += MomentText(take.record->started) + "  " + FormatText(take.record->format) + "  ";
     text += take.frames == 0 ? "nothing of it has reached the disk"
                              : ClockText(take.Seconds()) + ", " + SizeText(take.bytes);
-    return text + (take.record->out.empty() ? "" : "  for " + take.record->out);
+    text += take.record->out.empty() ? "" : "  for " + take.record->out;
+    for (const std::string& path : take.halfWritten) {
+        text += " and a half-written " + path;
+    }
+    return text;
 }
 
 int List(const std::string& base, bool json, Reporter& reporter) {
@@ -64,37 +71,50 @@ int List(const std::string& base, bool json, Reporter& reporter) {
     return reporter.FinishDone();
 }
 
-/// Whether a take is there, and in use: one that still runs, or is salvaged at this moment.
-bool IsInUse(const std::string& base, const std::string& name) {
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(base, error), end; !error && entry != end;
-         entry.increment(error)) {
-        const std::string found = entry->path().filename().string();
-        std::error_code unknown;
-        if (found.find(name) != std::string::npos && found.rfind("vorrel-", 0) == 0 &&
-            entry->is_directory(unknown)) {
-            return true;
-        }
-    }
-    return false;
+std::string NameOf(const std::string& directory) {
+    return std::filesystem::path(directory).filename().string();
 }
 
-/// By its whole name, or by what makes it the only one.
+/// Whether a path, in any spelling, is that of a take's directory.
+bool IsSameDirectory(const std::string& directory, const std::string& path) {
+    std::error_code unknown;
+    return path.find('/') != std::string::npos &&
+           std::filesystem::equivalent(directory, path, unknown);
+}
+
+/// Whether a take that fits is in use: one that still runs, or is salvaged at this moment.
+bool IsInUse(const std::string& base, const std::string& name) {
+    const std::vector<std::string> used = PrivateDirectory::FindUsed(base);
+    return std::any_of(used.begin(), used.end(), [&name](const std::string& directory) {
+        return NameOf(directory).find(name) != std::string::npos ||
+               IsSameDirectory(directory, name);
+    });
+}
+
+/// By its whole name, or by what makes it the only one. What has no journal is called by its whole
+/// name only: that it is a take is a guess.
 LeftTake FindTake(const std::string& base, const std::string& name) {
     std::vector<LeftTake> fitting;
+    std::string guess;
     for (LeftTake& take : FindLeftTakes(base)) {
-        if (take.name == name || take.directory == name) {
+        if (take.name == name || IsSameDirectory(take.directory, name)) {
             return take;
         }
-        if (take.name.find(name) != std::string::npos) {
+        if (take.name.find(name) == std::string::npos) {
+            continue;
+        }
+        if (take.record) {
             fitting.push_back(std::move(take));
+        } else {
+            guess = "; " + take.name + " has no journal: call it by its whole name";
         }
     }
     if (fitting.empty() && IsInUse(base, name)) {
         throw Failure(ExitCode::Storage, "\"" + name + "\" is in use by another program");
     }
     if (fitting.empty()) {
-        throw Failure(ExitCode::Usage, "no take called \"" + name + "\" is left behind in " + base);
+        throw Failure(ExitCode::Usage,
+                      "no take called \"" + name + "\" is left behind in " + base + guess);
     }
     if (fitting.size() > 1) {
         throw Failure(ExitCode::Usage, "\"" + name + "\" fits " + std::to_string(fitting.size()) +
@@ -103,12 +123,35 @@ LeftTake FindTake(const std::string& base, const std::string& name) {
     return fitting.front();
 }
 
-void RemoveTake(const LeftTake& take, Reporter& reporter) {
-    std::error_code error;
-    std::filesystem::remove_all(take.directory, error);
-    if (error) {
+/// Some of them, for a line.
+std::string NamesText(const std::vector<std::string>& names) {
+    constexpr std::size_t kMost = 3;
+    std::string text;
+    for (std::size_t index = 0; index < std::min(names.size(), kMost); ++index) {
+        text += (index == 0 ? "" : ", ") + names[index];
+    }
+    return names.size() <= kMost ? text
+                                 : text + " and " + std::to_string(names.size() - kMost) + " more";
+}
+
+void RemoveTake(const LeftTake& take, const LeftoverLock& lock, Reporter& reporter) {
+    // First, as long as the journal names them.
+    for (const std::string& path : take.halfWritten) {
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+            throw Failure(ExitCode::Storage,
+                          path + " could not be deleted: " + std::strerror(errno));
+        }
+        reporter.Info("deleted " + path);
+    }
+    if (const std::vector<std::string> staying = lock.DeleteTake(); !staying.empty()) {
+        throw Failure(ExitCode::Storage, take.directory +
+                                             " stays: there is more in it than the "
+                                             "take (" +
+                                             NamesText(staying) + ")");
+    }
+    if (::rmdir(take.directory.c_str()) != 0) {
         throw Failure(ExitCode::Storage,
-                      take.directory + " could not be deleted: " + error.message());
+                      take.directory + " could not be deleted: " + std::strerror(errno));
     }
     reporter.Info("deleted " + take.directory);
 }
@@ -150,10 +193,11 @@ std::string DigestOf(const std::string& path, Signals& signals) {
     return digest.Text();
 }
 
-void SaveOne(const SpillFiles& files, const TakeFormat& format, const PlannedFile& planned,
-             bool force, Reporter& reporter, Signals& signals) {
+void SaveOne(const LeftTake& take, const SpillFiles& files, const TakeFormat& format,
+             const PlannedFile& planned, bool force, Reporter& reporter, Signals& signals) {
     OutputFile file(ResolveTarget(planned.path), force);
     file.Check();
+    TakeJournal::NoteWriting(take.directory, file.StagingPath());
     const auto total = static_cast<double>(planned.end - planned.start);
     int said = -1;
     int endedBy = 0;
@@ -180,6 +224,7 @@ void SaveOne(const SpillFiles& files, const TakeFormat& format, const PlannedFil
     if (!summary.complete) {
         throw Failure(ExitCode::Storage, planned.path + " could not be written as a whole");
     }
+    TakeJournal::NoteWritten(take.directory);
     const std::string name = file.Commit();
     reporter.Saved(name, summary.bytes, summary.frames,
                    static_cast<double>(summary.frames) / static_cast<double>(format.rateHz),
@@ -216,6 +261,11 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
     }
     double bytes = 0.0;
     for (const PlannedFile& planned : plan.files) {
+        if (std::find(take.halfWritten.begin(), take.halfWritten.end(), planned.path) !=
+            take.halfWritten.end()) {
+            throw Failure(ExitCode::Usage,
+                          planned.path + " goes with the take: choose another name");
+        }
         OutputFile(planned.path, wish.force).Check();
         bytes += static_cast<double>(FileBytes(format, planned.end - planned.start, 0));
     }
@@ -224,7 +274,7 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
     }
     Signals signals;
     for (const PlannedFile& planned : plan.files) {
-        SaveOne(files, format, planned, wish.force, reporter, signals);
+        SaveOne(take, files, format, planned, wish.force, reporter, signals);
     }
     if (take.record->gain != 0.0 || !take.record->tags.empty()) {
         reporter.Info(
@@ -235,7 +285,11 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
 }  // namespace
 
 int RunSalvage(const Options& options, Reporter& reporter) {
-    const SalvageOptions& wish = options.salvage;
+    SalvageOptions wish = options.salvage;
+    // As a shell completes the name of a directory.
+    while (wish.take.size() > 1 && wish.take.back() == '/') {
+        wish.take.pop_back();
+    }
     const std::string base = TemporaryBase(options.tempDirectory);
     if (wish.take.empty()) {
         return List(base, options.common.json, reporter);
@@ -258,7 +312,7 @@ int RunSalvage(const Options& options, Reporter& reporter) {
         }
     }
     if (wish.remove) {
-        RemoveTake(take, reporter);
+        RemoveTake(take, lock, reporter);
     } else {
         reporter.Info("the take stays in " + take.directory + "; --remove deletes it");
     }

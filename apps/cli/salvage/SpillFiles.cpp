@@ -11,6 +11,8 @@
 #include <set>
 #include <utility>
 
+#include "TakeDirectory.h"
+
 namespace vorrel::cli {
 namespace {
 

@@ -13,7 +13,9 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <string_view>
+#include <tuple>
+
+#include "salvage/HalfWritten.h"
 
 namespace vorrel::cli {
 namespace {
@@ -21,12 +23,31 @@ namespace {
 using nlohmann::json;
 
 constexpr int kVersion = 1;
-constexpr std::string_view kSpillPrefix = "tmp";
-constexpr std::size_t kSpillNameLength = 9;
 
 /// Any text in UTF-8: unknown bytes become U+FFFD.
 std::string Line(const json& object) {
     return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+/// @param path  "" = no file any more.
+std::string WritingLine(const std::string& path) {
+    return Line({{"writing", EncodePath(path)}, {"process", ::getpid()}});
+}
+
+/// Appends to a journal that another process has begun. One that takes nothing keeps no take from
+/// being saved.
+void Append(const std::string& path, const std::string& line) {
+    const int descriptor =
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    if (descriptor >= 0 && ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+        // The last line may be half a one.
+        const std::string text = "\n" + line;
+        std::ignore = ::write(descriptor, text.data(), text.size());
+    }
+    if (descriptor >= 0) {
+        ::close(descriptor);
+    }
 }
 
 /// What a journal of ours can say; anything else is damage, and not to be calculated with.
@@ -179,6 +200,25 @@ void TakeJournal::Saved(const std::string& name) {
     Write(Line({{"saved", name}}));
 }
 
+void TakeJournal::Writing(const std::string& path) {
+    Write(WritingLine(path));
+    if (file >= 0) {
+        ::fdatasync(file);  // once a file, so that a power cut, too, leaves it named
+    }
+}
+
+void TakeJournal::Written() {
+    Write(WritingLine(""));
+}
+
+void TakeJournal::NoteWriting(const std::string& directory, const std::string& path) {
+    Append(directory + "/" + kName, WritingLine(path));
+}
+
+void TakeJournal::NoteWritten(const std::string& directory) {
+    Append(directory + "/" + kName, WritingLine(""));
+}
+
 void TakeJournal::Look() {
     alignas(inotify_event) std::array<char, 4096> events{};
     ssize_t count = 0;
@@ -219,15 +259,6 @@ bool TakeJournal::LookAtNames() {
         Write(Line({{"spill", name}, {"looked_for", true}}));
     }
     return !fresh.empty();
-}
-
-bool IsSpillName(std::string_view name) {
-    return name.size() == kSpillNameLength && name.starts_with(kSpillPrefix) &&
-           std::all_of(name.begin(), name.end(), [](char character) {
-               return (character >= '0' && character <= '9') ||
-                      (character >= 'A' && character <= 'Z') ||
-                      (character >= 'a' && character <= 'z');
-           });
 }
 
 FileAge AgeOf(const std::string& path) {
@@ -276,6 +307,13 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                 record->marks.push_back(Whole(object, "mark"));
             } else if (object.contains("start_frame")) {
                 record->startFrame = Whole(object, "start_frame");
+            } else if (object.contains("writing")) {
+                const auto process = static_cast<long>(SmallWhole(object, "process"));
+                record->writing.erase(process);
+                const std::string path = DecodePath(object.at("writing").get<std::string>());
+                if (!path.empty()) {
+                    record->writing.emplace(process, path);
+                }
             } else if (object.contains("state")) {
                 record->state = object.at("state").get<std::string>();
             } else if (object.contains("restart")) {

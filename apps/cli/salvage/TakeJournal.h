@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "SavePlan.h"
+#include "TakeDirectory.h"
 
 namespace vorrel::cli {
 
@@ -28,10 +29,10 @@ struct TakeRecord {
     std::vector<std::string> spills;   ///< Names of the engine's files, as they were made.
     bool guessed = false;              ///< The order of some is by the clock alone.
     std::string state;                 ///< The last that was entered.
+    /// Files that were being written, by the process that did: absolute paths under their names of
+    /// the meantime.
+    std::map<long, std::string> writing;
 };
-
-/// Whether the engine gives its files such names: "tmp" and six letters or digits.
-bool IsSpillName(std::string_view name);
 
 /// When a file was made, in nanoseconds (the last change where the volume does not know), and its
 /// number, which mostly grows: clocks of file systems have steps in which several files are made.
@@ -59,6 +60,15 @@ public:
     /// What is stored from now on is another recording: what was before is gone.
     void Restart();
     void Saved(const std::string& file);
+    /// A file is being written under a name of its own, in any bytes; the one before it is not any
+    /// more.
+    void Writing(const std::string& path);
+    /// The file has the name that it was to have, or is told to the user: nobody's to delete.
+    void Written();
+
+    /// The same of this process, which saves a take that another has left.
+    static void NoteWriting(const std::string& directory, const std::string& path);
+    static void NoteWritten(const std::string& directory);
 
     /// Readable when the engine has made or deleted a file; -1 where that cannot be told.
     int Descriptor() const { return watch; }
@@ -72,7 +82,7 @@ public:
     ///         is none.
     static std::optional<TakeRecord> Read(const std::string& directory);
 
-    static constexpr const char* kName = "journal.jsonl";
+    static constexpr const char* kName = kJournalName;
 
 private:
     void Write(const std::string& line);
