@@ -314,20 +314,6 @@ TEST(PrivateDirectoryTest, WhatIsKeptStaysAndIsFoundLater) {
     EXPECT_EQ(ReadBytes(path + "/tmpAAAAAA"), ToBytes("spill"));
 }
 
-TEST(PrivateDirectoryTest, WhatALinkInALeftoverLeadsToIsNotCounted) {
-    const TempDirectory directory;
-    Write(directory.File("elsewhere"), "of somebody else");
-    std::filesystem::create_directory(directory.File("vorrel-abcdef"));
-    Write(directory.File("vorrel-abcdef/tmpAAAAAA"), "spill");
-    std::filesystem::create_symlink(directory.File("elsewhere"),
-                                    directory.File("vorrel-abcdef/tmpBBBBBB"));
-
-    const std::vector<Leftover> found = PrivateDirectory::FindLeftovers(directory.Path());
-
-    ASSERT_EQ(found.size(), 1U);
-    EXPECT_EQ(found[0].bytes, 5U);
-}
-
 TEST(PrivateDirectoryTest, OnlyWhatLooksLikeOursAndHoldsSomethingIsALeftover) {
     const TempDirectory directory;
     std::filesystem::create_directory(directory.File("vorrel-empty1"));

@@ -125,6 +125,18 @@ TEST_F(LeftoversTest, FilesOfATakeAloneAreOneEvenWithADamagedJournal) {
     EXPECT_EQ(Found(), 1U);
 }
 
+TEST_F(LeftoversTest, WhatALinkInALeftoverLeadsToIsNotCounted) {
+    WriteJournal();
+    Write(path + "/tmpspill1", "spill");
+    Write(directory.File("elsewhere"), "of somebody else");
+    std::filesystem::create_symlink(directory.File("elsewhere"), path + "/tmpspill2");
+
+    const std::vector<Leftover> found = PrivateDirectory::FindLeftovers(directory.Path());
+
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].bytes, 5U);
+}
+
 TEST_F(LeftoversTest, WithSomethingElseInItOnlyAJournalOfOursIsProof) {
     Write(path + "/tmpspill1", "spill");
     Write(path + "/mine", "mine");
