@@ -89,6 +89,7 @@ private:
     void Fail(const Failure& failure);
     void BeginSave();
     void PlaceWishes(std::uint64_t totalFrames);
+    std::string FreshName(const std::string& path);
     void SaveNext();
     void JudgeFile();
     void FileSaved(const std::string& digestText);
@@ -143,7 +144,7 @@ private:
     std::optional<FileDigest> digest;  // of the file that is done
     std::string doneName;
     FileSummary doneSummary;
-    std::set<std::string> written;  // names that files of this run have
+    std::set<std::optional<FileIdentity>> written;  // files of this run; none: could not be told
 
     State state = State::Starting;
     std::optional<Tracks> tracks;

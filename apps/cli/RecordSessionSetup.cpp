@@ -44,10 +44,11 @@ void RecordSession::CheckTargets() {
     if (!record.waveform.empty()) {
         asked.emplace_back(record.waveform, Kind::Picture);
     }
-    std::set<std::string> paths;
+    std::set<std::pair<std::optional<FileIdentity>, std::string>> places;  // directory and name
     for (const auto& [name, kind] : asked) {
         const std::string path = ResolveTarget(name);
-        if (!paths.insert(path).second) {
+        const std::string directory = DirectoryOf(path);
+        if (!places.emplace(IdentityOf(directory), path.substr(directory.size())).second) {
             throw Failure(ExitCode::Usage, name + " would be written twice");
         }
         OutputFile(path, record.force).Check();

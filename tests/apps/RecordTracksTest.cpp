@@ -1,8 +1,10 @@
 // Marks, splits and pictures: the program with the engine and its simulated recorder.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include <cmath>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -185,6 +187,56 @@ TEST_F(RecordTracksTest, EvenWithForceNoFileOfTheSameRunIsReplaced) {
     EXPECT_THAT(program.Error(), HasSubstr("is another file of this recording"));
     EXPECT_THAT(places.Files(), ElementsAre("a-01.wav", "a-02.wav", "a-03-2.wav", "a-03.wav"));
     EXPECT_EQ(ReadWav(places.File("a-03.wav")).Frames(), 48'000U);
+}
+
+TEST_F(RecordTracksTest, EvenWithForceAnotherWayToAFileOfTheSameRunDoesNotReplaceIt) {
+    std::filesystem::create_directory(places.File("one"));
+    std::filesystem::create_directory(places.File("two"));
+    Process program(Record({kCounter, "--force", "--range", "0-1=" + places.File("one/x.wav"),
+                            "--range", "2-2.5=" + places.File("two/x.wav")}));
+    ASSERT_TRUE(AwaitPosition(program, 3.0));
+    std::filesystem::remove(places.File("two"));
+    std::filesystem::create_symlink("one", places.File("two"));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(program.Error(), HasSubstr("is another file of this recording"));
+    EXPECT_EQ(ReadWav(places.File("one/x.wav")).Frames(), 48'000U);
+    EXPECT_EQ(ReadWav(places.File("one/x-2.wav")).Frames(), 24'000U);
+}
+
+TEST_F(RecordTracksTest, ADirectoryThatIsMountedTwiceIsOnePlace) {
+    std::filesystem::create_directory(places.File("one"));
+    std::filesystem::create_directory(places.File("two"));
+    if (::mount(places.File("one").c_str(), places.File("two").c_str(), nullptr, MS_BIND,
+                nullptr) != 0) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record({kCounter, "--force", "--range", "0-1=" + places.File("one/x.wav"),
+                            "--range", "2-5=" + places.File("two/x.wav")}));
+
+    EXPECT_EQ(program.Wait(), 1);
+
+    EXPECT_THAT(program.Error(), HasSubstr("two/x.wav would be written twice"));
+    ASSERT_EQ(::umount2(places.File("two").c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(RecordTracksTest, EvenWithForceThePictureReplacesNoTrackOfTheSameRun) {
+    Process program(Record(
+        {places.File("take.svg"), kCounter, "--force", "--waveform", places.File("take-01.svg")}));
+    ASSERT_TRUE(AwaitPosition(program, 1.0));
+    program.Send(SIGUSR1);
+    ASSERT_TRUE(program.AwaitOut("\"mark\""));
+    ASSERT_TRUE(AwaitPosition(program, 2.0));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(program.Error(), HasSubstr("is another file of this recording"));
+    EXPECT_THAT(places.Files(), ElementsAre("take-01-2.svg", "take-01.svg", "take-02.svg"));
+    EXPECT_GT(ReadWav(places.File("take-01.svg")).Frames(), 0U);
+    EXPECT_EQ(Events(program.Out(), "drawn").at(0).at("file"), places.File("take-01-2.svg"));
 }
 
 TEST_F(RecordTracksTest, ASavedFileIsToldWithItsDigest) {
