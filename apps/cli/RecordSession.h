@@ -89,6 +89,7 @@ private:
     void Fail(const Failure& failure);
     void BeginSave();
     void PlaceWishes(std::uint64_t totalFrames);
+    void SayMissedCuts(const WantedFile& whole, std::uint64_t totalFrames, std::size_t trackCount);
     std::string FreshName(const std::string& path);
     void SaveNext();
     void JudgeFile();
@@ -148,6 +149,7 @@ private:
 
     State state = State::Starting;
     std::optional<Tracks> tracks;
+    std::set<std::uint64_t> announcedCuts;   // of --split-at; the others are marks
     std::uint64_t takeStart = 0;             // frames of what is stored
     bool taken = false;                      // what comes, or has come, is the take
     bool takeAsked = false;                  // before the recorder was ready for it

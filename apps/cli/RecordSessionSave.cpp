@@ -67,11 +67,33 @@ void RecordSession::PlaceWishes(std::uint64_t totalFrames) {
         if (wish.end) {
             *wish.end += takeStart;
         }
-        const std::vector<WantedFile> files =
-            wish.whole ? tracks->Split(wish, totalFrames) : std::vector<WantedFile>{wish};
+        if (!wish.whole || totalFrames <= takeStart) {
+            placed.push_back(wish);
+            continue;
+        }
+        const std::vector<WantedFile> files = tracks->Split(wish, totalFrames);
+        SayMissedCuts(wish, totalFrames, files.size());
         placed.insert(placed.end(), files.begin(), files.end());
     }
     wanted = std::move(placed);
+}
+
+/// A file that was announced and does not come is skipped; a mark at the very end is only said.
+void RecordSession::SayMissedCuts(const WantedFile& whole, std::uint64_t totalFrames,
+                                  std::size_t trackCount) {
+    const std::vector<std::uint64_t> missed = tracks->Missed(whole, totalFrames);
+    std::size_t number = trackCount;
+    for (const std::uint64_t cut : missed) {
+        if (announcedCuts.count(cut) == 0) {
+            reporter.Warning("the mark at " + ClockText(SecondsOfFrame(cut, format.rateHz)) +
+                             " is where the recording ends: no file begins there");
+            continue;
+        }
+        filesSkipped = true;
+        reporter.Skipped(TrackPath(whole.path, ++number, trackCount + missed.size()),
+                         "the recording ended before it begins, at " +
+                             ClockText(SecondsOfFrame(cut, format.rateHz)));
+    }
 }
 
 /// A name for a file of this run: what the run has written is never replaced, whatever --force

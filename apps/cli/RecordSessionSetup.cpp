@@ -139,6 +139,15 @@ void RecordSession::ReadWishes(const std::string& deviceName) {
             throw Failure(ExitCode::Usage, "--split-at " + ClockText(seconds) +
                                                ": there is no room for a file before it");
         }
+        if (stopAfter && cut->frame >= *stopAfter) {
+            throw Failure(ExitCode::Usage,
+                          "--split-at " + ClockText(seconds) +
+                              ": the nearest place for a cut is where the recording ends "
+                              "(--duration " +
+                              ClockText(*record.duration) + ")");
+        }
+        announcedCuts.insert(cut->frame);
+        tracks->NumberAlways();
         if (cut->movedFrames != 0) {
             reporter.Info("the cut at " + ClockText(seconds) + " moves to " +
                           ClockText(SecondsOfFrame(cut->frame, format.rateHz)) +

@@ -39,13 +39,15 @@ std::vector<WantedFile> Tracks::Split(const WantedFile& whole, std::uint64_t tot
     if (end > starts.back()) {
         fill(end);
     }
-    if (starts.size() == 1) {
+    if (starts.size() == 1 && !numbered) {
         return {whole};
     }
+    // As many digits as if no cut had been missed: that is what was announced.
+    const std::size_t count = starts.size() + Missed(whole, totalFrames).size();
     std::vector<WantedFile> tracks;
     for (std::size_t index = 0; index < starts.size(); ++index) {
         WantedFile track = whole;
-        track.path = TrackPath(whole.path, index + 1, starts.size());
+        track.path = TrackPath(whole.path, index + 1, count);
         track.start = starts[index];
         if (index + 1 < starts.size()) {
             track.end = starts[index + 1];
@@ -53,6 +55,13 @@ std::vector<WantedFile> Tracks::Split(const WantedFile& whole, std::uint64_t tot
         tracks.push_back(track);
     }
     return tracks;
+}
+
+std::vector<std::uint64_t> Tracks::Missed(const WantedFile& whole,
+                                          std::uint64_t totalFrames) const {
+    const std::uint64_t end = std::min(whole.end.value_or(totalFrames), totalFrames);
+    const std::uint64_t length = end - std::min(end, whole.start);
+    return {std::lower_bound(cuts.begin(), cuts.end(), length), cuts.end()};
 }
 
 bool HasRoomForNumber(const std::string& path) {

@@ -152,14 +152,35 @@ TEST_F(RecordTracksTest, NoFileIsLongerThanItMayBe) {
     EXPECT_EQ(ReadWav(places.File("a-04.wav")).Frames(), 24'000U);
 }
 
-TEST_F(RecordTracksTest, ARecordingThatEndsBeforeItsFirstCutKeepsItsName) {
-    Process program(Record({places.File("a.wav"), kCounter, "--split-at", "3600"}));
+TEST_F(RecordTracksTest, CutsBehindTheEndAreToldAndTheFileHasTheNameThatWasAnnounced) {
+    Process program(Record({places.File("a.wav"), kCounter, "--split-at", "3600,7200"}));
     ASSERT_TRUE(AwaitPosition(program, 0.5));
     program.Send(SIGINT);
 
-    EXPECT_EQ(program.Wait(), 0) << program.Error();
+    EXPECT_EQ(program.Wait(), 5) << program.Error();
 
-    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_THAT(places.Files(), ElementsAre("a-01.wav"));
+    const std::vector<nlohmann::json> skipped = Events(program.Out(), "skipped");
+    ASSERT_EQ(skipped.size(), 2U);
+    EXPECT_EQ(skipped[0].at("file"), places.File("a-02.wav"));
+    EXPECT_EQ(skipped[1].at("file"), places.File("a-03.wav"));
+    EXPECT_THAT(program.Error(), HasSubstr("before it begins, at 2:00:00.0"));
+}
+
+TEST_F(RecordTracksTest, ACutThatFallsOnTheEndIsRefusedBeforeTheRecording) {
+    Process pcm(
+        Record({places.File("a.wav"), kCounter, "--duration", "10", "--split-at", "9.99999999"}));
+    // The nearest whole block of a DSF file to 3.9999 s is the 345th, 4.005 s.
+    Process dsd(Record({places.File("a.dsf"), kCounter, "--type", "dsd", "--duration", "4",
+                        "--split-at", "3.9999"}));
+
+    EXPECT_EQ(pcm.Wait(), 1);
+    EXPECT_EQ(dsd.Wait(), 1);
+
+    EXPECT_THAT(pcm.Error(), HasSubstr("--split-at 00:10.0: the nearest place for a cut"));
+    EXPECT_THAT(dsd.Error(), HasSubstr("(--duration 00:04.0)"));
+    EXPECT_THAT(places.Files(), testing::IsEmpty());
+    EXPECT_TRUE(places.TempIsEmpty());
 }
 
 TEST_F(RecordTracksTest, ATrackThatIsThereAlreadyIsSaidBeforeTheRecording) {
