@@ -255,6 +255,10 @@ void RecordSession::HandleSignal(int number) {
         default:
             break;
     }
+    if (FilesAreSafe()) {
+        HearLateSignal(number);
+        return;
+    }
     // A terminal that closes says so twice, by its shell and by itself, and nobody has decided
     // anything: it stops, and never abandons.
     if (number == SIGHUP) {
@@ -516,6 +520,18 @@ void RecordSession::RequestStop() {
     }
 }
 
+/// Whether every file has its name, and what is told of the last one is all that is missing.
+bool RecordSession::FilesAreSafe() const {
+    return state == State::Done || (state == State::Digesting && queue.size() == 1);
+}
+
+/// Nothing of the recording can be given up any more, only the picture of it.
+void RecordSession::HearLateSignal(int number) {
+    if (number == SIGINT || number == SIGTERM || number == SIGQUIT) {
+        pictureUnwanted = pictureUnwanted || ++stopSignals > 1;
+    }
+}
+
 void RecordSession::Abandon(int number) {
     abandonedBy = number;
     reporter.Warning("abandoned; a further signal ends at once");
@@ -526,8 +542,10 @@ void RecordSession::Abandon(int number) {
         // its owner.
         const bool guarded = current && current->GuardDirectory();
         std::ignore = Vorrel_SaveFileCancel(guarded);
-    } else if (state == State::Judging || state == State::Digesting) {
+    } else if (state == State::Judging) {
         Enter(State::Done);
+    } else if (state == State::Digesting) {
+        FileSaved("");  // it has its name; the others are given up
     } else {
         RequestStop();
     }

@@ -14,6 +14,7 @@
 #include "Keyboard.h"
 #include "Options.h"
 #include "OutputFile.h"
+#include "PeakSummary.h"
 #include "PrivateDirectory.h"
 #include "Reporter.h"
 #include "SavePlan.h"
@@ -84,6 +85,8 @@ private:
     void TogglePause();
     void PauseNow();
     void RequestStop();
+    bool FilesAreSafe() const;
+    void HearLateSignal(int number);
     void Abandon(int number);
     [[noreturn]] void LeaveAtOnce(int number);
     void Fail(const Failure& failure);
@@ -98,6 +101,7 @@ private:
     void Rescue(const PlannedFile& file);
     void LeaveStore();
     void DrawPicture();
+    std::optional<PeakSummary> SummarizeTake(std::uint64_t first, std::uint64_t end);
     int Finish();
 
     struct Volume {
@@ -161,7 +165,8 @@ private:
     bool pausePending = false;
     bool deviceStarted = false;
     int stopSignals = 0;
-    int abandonedBy = 0;  // the signal, 0 = not abandoned
+    bool pictureUnwanted = false;  // by a second signal
+    int abandonedBy = 0;           // the signal, 0 = not abandoned
 
     StatusLine status;
     ClipHold clips;

@@ -1,6 +1,4 @@
 // The picture of the recording.
-#include <signal.h>
-
 #include <algorithm>
 #include <vector>
 
@@ -17,6 +15,29 @@ constexpr std::uint64_t kPictureBlock = 65'536;  // preview frames read at once
 
 }  // namespace
 
+/// Preview frames [first, end) folded into columns; none after a second signal.
+std::optional<PeakSummary> RecordSession::SummarizeTake(std::uint64_t first, std::uint64_t end) {
+    PeakSummary peaks(end - first, kPictureColumns, format.channels);
+    std::vector<std::int16_t> samples;
+    for (std::uint64_t frame = first; frame < end;) {
+        const std::uint64_t count = std::min(kPictureBlock, end - frame);
+        samples.resize(static_cast<std::size_t>(count * format.channels));
+        if (Vorrel_GetPreviewData(frame, frame + count, samples.data()) != VrSuccess) {
+            throw Failure(ExitCode::Storage,
+                          record.waveform + ": the preview can no longer be read");
+        }
+        peaks.Add(samples);
+        frame += count;
+        for (const int number : signals.Take()) {
+            HearLateSignal(number);
+        }
+        if (pictureUnwanted) {
+            return std::nullopt;
+        }
+    }
+    return peaks;
+}
+
 /// What the engine has of the take, as its preview tells it.
 void RecordSession::DrawPicture() {
     const std::uint64_t perFrame = format.dsd ? TakeFormat::kDsdFramesPerPreview : 1;
@@ -30,22 +51,11 @@ void RecordSession::DrawPicture() {
     if (stopAfter) {
         end = std::min(end, first + *stopAfter / perFrame);
     }
-    PeakSummary peaks(end - first, kPictureColumns, format.channels);
-    std::vector<std::int16_t> samples;
-    for (std::uint64_t frame = first; frame < end;) {
-        const std::uint64_t count = std::min(kPictureBlock, end - frame);
-        samples.resize(static_cast<std::size_t>(count * format.channels));
-        if (Vorrel_GetPreviewData(frame, frame + count, samples.data()) != VrSuccess) {
-            throw Failure(ExitCode::Storage,
-                          record.waveform + ": the preview can no longer be read");
-        }
-        peaks.Add(samples);
-        frame += count;
-        for (const int number : signals.Take()) {
-            if (number != SIGCONT && number != SIGTSTP && number != SIGUSR1) {
-                throw Failure(ExitCode::Storage, record.waveform + " is not drawn: interrupted");
-            }
-        }
+    const std::optional<PeakSummary> peaks = SummarizeTake(first, end);
+    if (!peaks) {
+        reporter.Skipped(record.waveform, "left out by a second signal; the files are saved");
+        filesSkipped = true;
+        return;
     }
     const auto rate = static_cast<double>(format.PreviewRateHz());
     PictureTexts texts;
@@ -66,7 +76,7 @@ void RecordSession::DrawPicture() {
     const std::string target = FreshName(picturePath);
     OutputFile file(target, record.force && target == picturePath);
     try {
-        DrawWaveform(peaks, texts, file.StagingPath(),
+        DrawWaveform(*peaks, texts, file.StagingPath(),
                      EndingOf(target) == ".svg" ? PictureKind::Svg : PictureKind::Png);
     } catch (const Failure& failure) {
         const std::string reason = WhyNotWritten(target, 0.0);
