@@ -63,6 +63,7 @@ private:
     void SayKeys();
     void CheckSpace();
     void WarnOfLimits();
+    void WarnOfStoreLimit();
 
     // The loop.
     void WaitForEvents();

@@ -79,7 +79,7 @@ void RecordSession::DrawPicture() {
         DrawWaveform(*peaks, texts, file.StagingPath(),
                      EndingOf(target) == ".svg" ? PictureKind::Svg : PictureKind::Png);
     } catch (const Failure& failure) {
-        const std::string reason = WhyNotWritten(target, 0.0);
+        const std::string reason = WhyNotWritten(target, 0.0, 0.0);
         throw Failure(ExitCode::Storage, target + " could not be drawn: " +
                                              (reason.empty() ? failure.what() : reason));
     }

@@ -38,6 +38,10 @@ void RecordSession::BeginSave() {
         reporter.Skipped(wish.path,
                          nothing ? "nothing was recorded" : "the recording ended before it begins");
     }
+    for (const WantedFile& wish : plan.oversized) {
+        filesSkipped = true;
+        reporter.Skipped(wish.path, "it would pass " + LimitText(wish, format));
+    }
     for (const PlannedFile& file : plan.files) {
         framesToSave += file.end - file.start;
         if (file.shortened && !wanted[file.wanted].whole) {
@@ -47,8 +51,9 @@ void RecordSession::BeginSave() {
         if (file.tooLarge) {
             reporter.Warning(file.path + " would pass the 4 GiB that a WAV file can hold");
         } else if (file.part == 1) {
-            reporter.Info(wanted[file.wanted].path +
-                          " would pass the 4 GiB that a WAV file can hold; saving it in parts");
+            const WantedFile& wish = wanted[file.wanted];
+            reporter.Info(wish.path + " would pass " + LimitText(wish, format) +
+                          "; saving it in parts");
         }
     }
     queue.assign(plan.files.begin(), plan.files.end());
@@ -227,7 +232,7 @@ void RecordSession::FileFailed(std::string reason) {
     if (reason.empty()) {
         // While half of it is there: only what is missing is tried.
         const auto bytes = static_cast<double>(FileBytes(format, file.end - file.start, 0));
-        reason = WhyNotWritten(file.path, bytes - (current ? current->StagedBytes() : 0.0));
+        reason = WhyNotWritten(file.path, bytes, bytes - (current ? current->StagedBytes() : 0.0));
     }
     current.reset();  // half a file takes the room of a whole one
     Fail(Failure(ExitCode::Storage,

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <ctime>
 #include <filesystem>
+#include <limits>
 #include <utility>
 
 #include "RecordSession.h"
@@ -59,6 +60,7 @@ void RecordSession::CheckTargets() {
             WantedFile wish;
             wish.path = path;
             wish.whole = kind == Kind::Whole;
+            wish.largest = LargestFile(DirectoryOf(path));
             wanted.push_back(wish);
         }
     }
@@ -184,18 +186,42 @@ void RecordSession::CheckSpace() {
 }
 
 void RecordSession::WarnOfLimits() {
-    if (format.dsd) {
-        return;  // the sizes in a DSF file have 64 bits
-    }
-    const std::string longest =
-        ClockText(SecondsOfFrame(MostFrames(format, 0), format.rateHz)) + " at this format";
+    WarnOfStoreLimit();
+    const std::uint64_t tagBytes = TagBytesBound(record.tags);
+    const bool wholeIsSaved = !record.out.empty();
     for (const WantedFile& wish : wanted) {
-        if (!wish.end || *wish.end - wish.start <= MostFrames(format, TagBytesBound(record.tags)) ||
-            (wish.whole && !tracks->Empty())) {
+        const std::uint64_t most = MostFramesOf(wish, format, tagBytes);
+        const bool volumeLimits = most < MostFrames(format, tagBytes);
+        if (!wish.end && !volumeLimits) {
+            continue;  // hours away, and cut when it comes to that
+        }
+        bool passes = !wish.end;
+        if (wish.end) {
+            const std::vector<WantedFile> files =
+                wish.whole ? tracks->Split(wish, *wish.end) : std::vector<WantedFile>{wish};
+            passes = std::any_of(files.begin(), files.end(), [&](const WantedFile& file) {
+                return file.end.value_or(*wish.end) - file.start > most;
+            });
+        }
+        if (!passes) {
             continue;
         }
-        reporter.Warning(wish.path + " would pass the 4 GiB that a WAV file can hold (" + longest +
-                         (wish.whole ? "); it will be saved in parts" : "); it will be skipped"));
+        const bool inParts = wish.whole || (volumeLimits && !wholeIsSaved);
+        reporter.Warning(
+            wish.path + (wish.end ? " would pass " : " may pass ") + LimitText(wish, format) +
+            " (" + ClockText(SecondsOfFrame(most, format.rateHz)) + " at this format); it " +
+            (wish.end ? "will" : "would") + " be " + (inParts ? "saved in parts" : "skipped"));
+    }
+}
+
+void RecordSession::WarnOfStoreLimit() {
+    const double largest = LargestFile(spillDirectory->Path());
+    const double seconds = largest / format.LargestSpillRate();
+    if (largest < std::numeric_limits<double>::max() &&
+        (!record.duration || seconds < *record.duration)) {
+        reporter.Warning("a file in " + temporaryBase + " can have " +
+                         SizeText(static_cast<std::uint64_t>(largest)) +
+                         ": the recording ends when about " + ClockText(seconds) + " are stored");
     }
 }
 
