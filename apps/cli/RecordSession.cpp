@@ -447,7 +447,7 @@ void RecordSession::AddMark() {
         reporter.Info("a mark cuts the whole recording, which has no file here");
         return;
     }
-    if (!HasRoomForNumber(record.out)) {
+    if (!HasRoomForNumber(wanted.front().path)) {
         reporter.Info("no mark: the name of the file is too long for a number");
         return;
     }
@@ -459,14 +459,8 @@ void RecordSession::AddMark() {
     }
     journal->Mark(cut->frame);
     const double seconds = static_cast<double>(cut->frame) / static_cast<double>(format.rateHz);
-    std::string moved;
-    if (cut->movedFrames != 0) {
-        const double milliseconds = 1000.0 * static_cast<double>(std::abs(cut->movedFrames)) /
-                                    static_cast<double>(format.rateHz);
-        moved = ", moved by " + std::to_string(std::lround(milliseconds)) +
-                " ms to where blocks of a DSF file meet";
-    }
-    reporter.Info("mark " + std::to_string(tracks->Count()) + " at " + ClockText(seconds) + moved);
+    reporter.Info("mark " + std::to_string(tracks->Count()) + " at " + ClockText(seconds) +
+                  MovedText(*cut, format));
     reporter.Marked(tracks->Count(), seconds);
 }
 

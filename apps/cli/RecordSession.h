@@ -141,8 +141,10 @@ private:
     TakeFormat format;
 
     std::vector<WantedFile> wanted;
-    std::string picturePath;        // "" = none
-    std::deque<PlannedFile> queue;  // not yet saved; the front is being saved
+    std::string picturePath;  // "" = none
+    std::string pictureTitle;
+    std::vector<std::uint64_t> trackStarts;  // frames of the take at which a further track begins
+    std::deque<PlannedFile> queue;           // not yet saved; the front is being saved
     std::optional<OutputFile> current;
     std::uint64_t framesSaved = 0, framesToSave = 0;
     bool currentSkipped = false;

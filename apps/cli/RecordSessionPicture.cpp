@@ -60,18 +60,15 @@ void RecordSession::DrawPicture() {
     const auto rate = static_cast<double>(format.PreviewRateHz());
     PictureTexts texts;
     texts.seconds = static_cast<double>(end - first) / rate;
-    texts.title = wanted.front().path.substr(wanted.front().path.rfind('/') + 1);
+    texts.title = pictureTitle;
     if (!IsUtf8(texts.title)) {
         // A name is any bytes, a text is not.
         std::replace_if(
             texts.title.begin(), texts.title.end(), [](char c) { return (c & 0x80) != 0; }, '?');
     }
     texts.title += "   " + ClockText(texts.seconds);
-    for (const std::uint64_t cut : tracks->Cuts()) {
-        const double seconds = static_cast<double>(cut) / static_cast<double>(format.rateHz);
-        if (seconds < texts.seconds) {
-            texts.marks.push_back(seconds);
-        }
+    for (const std::uint64_t start : trackStarts) {
+        texts.marks.push_back(static_cast<double>(start) / static_cast<double>(format.rateHz));
     }
     const std::string target = FreshName(picturePath);
     OutputFile file(target, record.force && target == picturePath);

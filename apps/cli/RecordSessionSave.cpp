@@ -78,6 +78,9 @@ void RecordSession::PlaceWishes(std::uint64_t totalFrames) {
         }
         const std::vector<WantedFile> files = tracks->Split(wish, totalFrames);
         SayMissedCuts(wish, totalFrames, files.size());
+        for (std::size_t track = 1; track < files.size(); ++track) {
+            trackStarts.push_back(files[track].start - takeStart);
+        }
         placed.insert(placed.end(), files.begin(), files.end());
     }
     wanted = std::move(placed);

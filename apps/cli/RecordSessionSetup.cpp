@@ -36,11 +36,13 @@ void RecordSession::CheckTargets() {
     const std::size_t trackCount = !record.splitAt.empty() ? record.splitAt.size() + 1
                                    : record.maxFileTime    ? 2
                                                            : 0;
-    if (trackCount > 0 && !HasRoomForNumber(record.out)) {
+    // Beside the file itself, and not beside a link to it.
+    const std::string whole = trackCount > 0 ? ResolveTarget(record.out) : "";
+    if (trackCount > 0 && !HasRoomForNumber(whole)) {
         throw Failure(ExitCode::Usage, record.out + ": the name is too long for a number in it");
     }
     for (std::size_t number = 1; number <= trackCount; ++number) {
-        asked.emplace_back(TrackPath(record.out, number, trackCount), Kind::Track);
+        asked.emplace_back(TrackPath(whole, number, trackCount), Kind::Track);
     }
     if (!record.waveform.empty()) {
         asked.emplace_back(record.waveform, Kind::Picture);
@@ -55,6 +57,10 @@ void RecordSession::CheckTargets() {
         OutputFile(path, record.force).Check();
         if (kind == Kind::Picture) {
             picturePath = path;
+        }
+        // What the picture shows is the whole, whether or not a range becomes a file.
+        if (kind == Kind::Whole || (kind == Kind::Picture && pictureTitle.empty())) {
+            pictureTitle = path.substr(path.rfind('/') + 1);
         }
         if (kind == Kind::Whole || kind == Kind::Range) {
             WantedFile wish;
@@ -151,9 +157,7 @@ void RecordSession::ReadWishes(const std::string& deviceName) {
         announcedCuts.insert(cut->frame);
         tracks->NumberAlways();
         if (cut->movedFrames != 0) {
-            reporter.Info("the cut at " + ClockText(seconds) + " moves to " +
-                          ClockText(SecondsOfFrame(cut->frame, format.rateHz)) +
-                          ", where blocks of a DSF file meet");
+            reporter.Info("cut at " + ClockText(seconds) + MovedText(*cut, format));
         }
     }
     if (record.maxFileTime) {

@@ -1,6 +1,8 @@
 #include "Tracks.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 
 namespace vorrel::cli {
 
@@ -62,6 +64,16 @@ std::vector<std::uint64_t> Tracks::Missed(const WantedFile& whole,
     const std::uint64_t end = std::min(whole.end.value_or(totalFrames), totalFrames);
     const std::uint64_t length = end - std::min(end, whole.start);
     return {std::lower_bound(cuts.begin(), cuts.end(), length), cuts.end()};
+}
+
+std::string MovedText(const Tracks::Cut& cut, const TakeFormat& format) {
+    if (cut.movedFrames == 0) {
+        return "";
+    }
+    const long milliseconds = std::lround(1000.0 * static_cast<double>(std::abs(cut.movedFrames)) /
+                                          static_cast<double>(format.rateHz));
+    return ", moved by " + (milliseconds == 0 ? "less than 1" : std::to_string(milliseconds)) +
+           " ms to where blocks of a DSF file meet";
 }
 
 bool HasRoomForNumber(const std::string& path) {

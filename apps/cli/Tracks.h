@@ -54,6 +54,9 @@ private:
     bool numbered = false;
 };
 
+/// ", moved by 3 ms to where blocks of a DSF file meet"; "" where it was not moved.
+std::string MovedText(const Tracks::Cut& cut, const TakeFormat& format);
+
 /// Whether the number of a track fits into the last part of the path, and the staging name's own.
 bool HasRoomForNumber(const std::string& path);
 

@@ -69,7 +69,9 @@ TEST_F(RecordTracksTest, DsdSplitsMeetAtWholeBlocksAndAreToldToMove) {
 
     ASSERT_EQ(program.Wait(), 0) << program.Error();
 
-    EXPECT_THAT(program.Error(), HasSubstr("blocks of a DSF file meet"));
+    // 43.07 and 107.67 blocks of 11.6 ms.
+    EXPECT_THAT(program.Error(), HasSubstr("cut at 00:00.5, moved by 1 ms to where blocks of a"));
+    EXPECT_THAT(program.Error(), HasSubstr("cut at 00:01.2, moved by 4 ms to where"));
     Bytes joined;
     for (const char* name : {"a-01.dsf", "a-02.dsf", "a-03.dsf"}) {
         const Bytes part = DsfPayload(name);
@@ -197,6 +199,19 @@ TEST_F(RecordTracksTest, ATrackThatIsThereAlreadyIsSaidBeforeTheRecording) {
     EXPECT_THAT(places.Files(), ElementsAre("a-02.wav"));
 }
 
+TEST_F(RecordTracksTest, TracksOfALinkAreLookedForWhereTheyWillStand) {
+    std::filesystem::create_directory(places.File("real"));
+    std::ofstream(places.File("real/a.wav")) << "old";
+    std::filesystem::create_directory(places.File("real/a-02.wav"));
+    std::filesystem::create_symlink("real/a.wav", places.File("link.wav"));
+    Process program(Record(
+        {places.File("link.wav"), kCounter, "--duration", "2", "--split-at", "1", "--force"}));
+
+    EXPECT_EQ(program.Wait(), 1);
+
+    EXPECT_THAT(program.Error(), HasSubstr("real/a-02.wav is a directory"));
+}
+
 TEST_F(RecordTracksTest, EvenWithForceNoFileOfTheSameRunIsReplaced) {
     // A mark's track takes the name of a range: one of them has to give way.
     Process program(Record({places.File("a.wav"), kCounter, "--duration", "3", "--max-file-time",
@@ -286,6 +301,37 @@ TEST_F(RecordTracksTest, APictureOfTheTakeIsDrawn) {
                 HasSubstr("png"));
     EXPECT_EQ(ReadBytes(places.File("a.svg")).at(0), '<');
     EXPECT_THAT(places.Files(), ElementsAre("a.png", "a.svg", "a.wav"));
+}
+
+TEST_F(RecordTracksTest, APictureHasTheNameOfTheWholeAndALineForEveryFurtherTrack) {
+    const auto picture = [&](const std::vector<std::string>& more) {
+        std::vector<std::string> arguments = {
+            places.File("concert.wav"), kCounter, "--force", "--duration", "3", "--waveform",
+            places.File("concert.svg")};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        Process program(Record(arguments));
+        EXPECT_EQ(program.Wait(), 0) << program.Error();
+        const Bytes bytes = ReadBytes(places.File("concert.svg"));
+        return std::string(bytes.begin(), bytes.end());
+    };
+    const std::string plain = picture({});
+    const std::string cut = picture({"--split-at", "0.25"});
+    const std::string both = picture({"--split-at", "0.25", "--max-file-time", "1"});
+
+    // Letters are shapes in such a file: those of the heading are the same, whatever the tracks.
+    const auto count = [](const std::string& text, const std::string& part) {
+        std::size_t found = 0;
+        for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) {
+            ++found;
+        }
+        return found;
+    };
+    EXPECT_EQ(count(cut, "<use "), count(plain, "<use "));
+    EXPECT_EQ(count(both, "<use "), count(plain, "<use "));
+    // The lines of the marks: 0.25 s, then 1.25 and 2.25 s.
+    const std::size_t marks = count(cut, "<path ") - count(plain, "<path ");
+    EXPECT_GT(marks, 0U);
+    EXPECT_EQ(count(both, "<path ") - count(plain, "<path "), 3 * marks);
 }
 
 TEST_F(RecordTracksTest, APictureThatIsThereAlreadyIsSaidBeforeTheRecording) {

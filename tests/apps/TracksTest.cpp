@@ -142,6 +142,13 @@ TEST(TracksTest, DsdCutsFallOnWholeBlocksAndSayHowFarTheyMove) {
                 ElementsAre(8, kBlock + 8, kBlock * 2 + 8, kBlock * 3 + 8, 0));
 }
 
+TEST(TracksTest, HowFarACutHasMovedIsToldInMilliseconds) {
+    EXPECT_EQ(MovedText({0, 0}, Dsd()), "");
+    EXPECT_EQ(MovedText({0, -14'112}, Dsd()), ", moved by 5 ms to where blocks of a DSF file meet");
+    EXPECT_EQ(MovedText({0, 8}, Dsd()),
+              ", moved by less than 1 ms to where blocks of a DSF file meet");
+}
+
 TEST(TracksTest, ALimitBelowABlockIsABlock) {
     Tracks tracks(Dsd());
     tracks.LimitLength(8);
