@@ -250,7 +250,7 @@ TEST_F(RecordTracksTest, ADirectoryThatIsMountedTwiceIsOnePlace) {
         GTEST_SKIP() << "needs the right to mount";
     }
     Process program(Record({kCounter, "--force", "--range", "0-1=" + places.File("one/x.wav"),
-                            "--range", "2-5=" + places.File("two/x.wav")}));
+                            "--range", "2-5=" + places.File("two/x.wav"), "--duration", "6"}));
 
     EXPECT_EQ(program.Wait(), 1);
 
