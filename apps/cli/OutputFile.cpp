@@ -271,6 +271,14 @@ bool MayReplace(unsigned directoryMode, unsigned directoryOwner, unsigned fileOw
            user == fileOwner;
 }
 
+std::optional<FileIdentity> IdentityOf(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return FileIdentity(status.st_dev, status.st_ino);
+}
+
 std::string FreeName(const std::string& path) {
     std::string name = path;
     for (std::size_t part = 1; Exists(name); ++part) {

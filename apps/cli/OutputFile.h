@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace vorrel::cli {
 
@@ -63,6 +65,13 @@ private:
 /// Whether a file that belongs to `fileOwner`, in a directory of this mode and owner, can be
 /// replaced by `user` (0 = anybody's).
 bool MayReplace(unsigned directoryMode, unsigned directoryOwner, unsigned fileOwner, unsigned user);
+
+/// Volume and number: the same for all names that lead to one file (links, a directory that is
+/// mounted twice, spellings of a volume that takes upper for lower case).
+using FileIdentity = std::pair<std::uint64_t, std::uint64_t>;
+
+/// Which file stands at `path`; none where there is none.
+std::optional<FileIdentity> IdentityOf(const std::string& path);
 
 /// `path`, or the first of its `PartPath`s at which there is nothing.
 std::string FreeName(const std::string& path);

@@ -255,6 +255,10 @@ void RecordSession::HandleSignal(int number) {
         default:
             break;
     }
+    if (FilesAreSafe()) {
+        HearLateSignal(number);
+        return;
+    }
     // A terminal that closes says so twice, by its shell and by itself, and nobody has decided
     // anything: it stops, and never abandons.
     if (number == SIGHUP) {
@@ -443,7 +447,7 @@ void RecordSession::AddMark() {
         reporter.Info("a mark cuts the whole recording, which has no file here");
         return;
     }
-    if (!HasRoomForNumber(record.out)) {
+    if (!HasRoomForNumber(wanted.front().path)) {
         reporter.Info("no mark: the name of the file is too long for a number");
         return;
     }
@@ -455,14 +459,8 @@ void RecordSession::AddMark() {
     }
     journal->Mark(cut->frame);
     const double seconds = static_cast<double>(cut->frame) / static_cast<double>(format.rateHz);
-    std::string moved;
-    if (cut->movedFrames != 0) {
-        const double milliseconds = 1000.0 * static_cast<double>(std::abs(cut->movedFrames)) /
-                                    static_cast<double>(format.rateHz);
-        moved = ", moved by " + std::to_string(std::lround(milliseconds)) +
-                " ms to where blocks of a DSF file meet";
-    }
-    reporter.Info("mark " + std::to_string(tracks->Count()) + " at " + ClockText(seconds) + moved);
+    reporter.Info("mark " + std::to_string(tracks->Count()) + " at " + ClockText(seconds) +
+                  MovedText(*cut, format));
     reporter.Marked(tracks->Count(), seconds);
 }
 
@@ -516,6 +514,18 @@ void RecordSession::RequestStop() {
     }
 }
 
+/// Whether every file has its name, and what is told of the last one is all that is missing.
+bool RecordSession::FilesAreSafe() const {
+    return state == State::Done || (state == State::Digesting && queue.size() == 1);
+}
+
+/// Nothing of the recording can be given up any more, only the picture of it.
+void RecordSession::HearLateSignal(int number) {
+    if (number == SIGINT || number == SIGTERM || number == SIGQUIT) {
+        pictureUnwanted = pictureUnwanted || ++stopSignals > 1;
+    }
+}
+
 void RecordSession::Abandon(int number) {
     abandonedBy = number;
     reporter.Warning("abandoned; a further signal ends at once");
@@ -526,8 +536,10 @@ void RecordSession::Abandon(int number) {
         // its owner.
         const bool guarded = current && current->GuardDirectory();
         std::ignore = Vorrel_SaveFileCancel(guarded);
-    } else if (state == State::Judging || state == State::Digesting) {
+    } else if (state == State::Judging) {
         Enter(State::Done);
+    } else if (state == State::Digesting) {
+        FileSaved("");  // it has its name; the others are given up
     } else {
         RequestStop();
     }

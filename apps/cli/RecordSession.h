@@ -14,6 +14,7 @@
 #include "Keyboard.h"
 #include "Options.h"
 #include "OutputFile.h"
+#include "PeakSummary.h"
 #include "PrivateDirectory.h"
 #include "Reporter.h"
 #include "SavePlan.h"
@@ -62,6 +63,7 @@ private:
     void SayKeys();
     void CheckSpace();
     void WarnOfLimits();
+    void WarnOfStoreLimit();
 
     // The loop.
     void WaitForEvents();
@@ -84,11 +86,15 @@ private:
     void TogglePause();
     void PauseNow();
     void RequestStop();
+    bool FilesAreSafe() const;
+    void HearLateSignal(int number);
     void Abandon(int number);
     [[noreturn]] void LeaveAtOnce(int number);
     void Fail(const Failure& failure);
     void BeginSave();
     void PlaceWishes(std::uint64_t totalFrames);
+    void SayMissedCuts(const WantedFile& whole, std::uint64_t totalFrames, std::size_t trackCount);
+    std::string FreshName(const std::string& path);
     void SaveNext();
     void JudgeFile();
     void FileSaved(const std::string& digestText);
@@ -96,6 +102,7 @@ private:
     void Rescue(const PlannedFile& file);
     void LeaveStore();
     void DrawPicture();
+    std::optional<PeakSummary> SummarizeTake(std::uint64_t first, std::uint64_t end);
     int Finish();
 
     struct Volume {
@@ -134,8 +141,10 @@ private:
     TakeFormat format;
 
     std::vector<WantedFile> wanted;
-    std::string picturePath;        // "" = none
-    std::deque<PlannedFile> queue;  // not yet saved; the front is being saved
+    std::string picturePath;  // "" = none
+    std::string pictureTitle;
+    std::vector<std::uint64_t> trackStarts;  // frames of the take at which a further track begins
+    std::deque<PlannedFile> queue;           // not yet saved; the front is being saved
     std::optional<OutputFile> current;
     std::uint64_t framesSaved = 0, framesToSave = 0;
     bool currentSkipped = false;
@@ -143,10 +152,11 @@ private:
     std::optional<FileDigest> digest;  // of the file that is done
     std::string doneName;
     FileSummary doneSummary;
-    std::set<std::string> written;  // names that files of this run have
+    std::set<std::optional<FileIdentity>> written;  // files of this run; none: could not be told
 
     State state = State::Starting;
     std::optional<Tracks> tracks;
+    std::set<std::uint64_t> announcedCuts;   // of --split-at; the others are marks
     std::uint64_t takeStart = 0;             // frames of what is stored
     bool taken = false;                      // what comes, or has come, is the take
     bool takeAsked = false;                  // before the recorder was ready for it
@@ -158,7 +168,8 @@ private:
     bool pausePending = false;
     bool deviceStarted = false;
     int stopSignals = 0;
-    int abandonedBy = 0;  // the signal, 0 = not abandoned
+    bool pictureUnwanted = false;  // by a second signal
+    int abandonedBy = 0;           // the signal, 0 = not abandoned
 
     StatusLine status;
     ClipHold clips;

@@ -117,7 +117,7 @@ RecordSession::Room RecordSession::MeasureRoom() const {
 
 std::string RecordSession::WhyNotStored() const {
     const double block = format.SpillRate() * kSpillStepSeconds;
-    std::string reason = WhyNotWritten(spillDirectory->Path() + "/", block);
+    std::string reason = WhyNotWritten(spillDirectory->Path() + "/", block, block);
     if (reason.empty() && LargestFile(spillDirectory->Path()) < kNoLimit) {
         reason = std::strerror(EFBIG);
     }

@@ -1,15 +1,11 @@
 // From the end of the recording to the last file.
-#include <signal.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <utility>
 
-#include "OptionValues.h"
 #include "RecordSession.h"
 #include "Volumes.h"
-#include "WaveformPicture.h"
 #include "vorrel/Vorrel.h"
 
 namespace vorrel::cli {
@@ -19,7 +15,6 @@ using namespace std::chrono_literals;
 
 // How long a failed save's message may come after the save's end.
 constexpr auto kJudgePeriod = 2s;
-constexpr std::uint64_t kPictureBlock = 65'536;  // preview frames read at once
 
 /// Where it was to be, before it was rescued to another place.
 const std::string& WantedPath(const PlannedFile& file) {
@@ -43,6 +38,10 @@ void RecordSession::BeginSave() {
         reporter.Skipped(wish.path,
                          nothing ? "nothing was recorded" : "the recording ended before it begins");
     }
+    for (const WantedFile& wish : plan.oversized) {
+        filesSkipped = true;
+        reporter.Skipped(wish.path, "it would pass " + LimitText(wish, format));
+    }
     for (const PlannedFile& file : plan.files) {
         framesToSave += file.end - file.start;
         if (file.shortened && !wanted[file.wanted].whole) {
@@ -52,8 +51,9 @@ void RecordSession::BeginSave() {
         if (file.tooLarge) {
             reporter.Warning(file.path + " would pass the 4 GiB that a WAV file can hold");
         } else if (file.part == 1) {
-            reporter.Info(wanted[file.wanted].path +
-                          " would pass the 4 GiB that a WAV file can hold; saving it in parts");
+            const WantedFile& wish = wanted[file.wanted];
+            reporter.Info(wish.path + " would pass " + LimitText(wish, format) +
+                          "; saving it in parts");
         }
     }
     queue.assign(plan.files.begin(), plan.files.end());
@@ -72,11 +72,48 @@ void RecordSession::PlaceWishes(std::uint64_t totalFrames) {
         if (wish.end) {
             *wish.end += takeStart;
         }
-        const std::vector<WantedFile> files =
-            wish.whole ? tracks->Split(wish, totalFrames) : std::vector<WantedFile>{wish};
+        if (!wish.whole || totalFrames <= takeStart) {
+            placed.push_back(wish);
+            continue;
+        }
+        const std::vector<WantedFile> files = tracks->Split(wish, totalFrames);
+        SayMissedCuts(wish, totalFrames, files.size());
+        for (std::size_t track = 1; track < files.size(); ++track) {
+            trackStarts.push_back(files[track].start - takeStart);
+        }
         placed.insert(placed.end(), files.begin(), files.end());
     }
     wanted = std::move(placed);
+}
+
+/// A file that was announced and does not come is skipped; a mark at the very end is only said.
+void RecordSession::SayMissedCuts(const WantedFile& whole, std::uint64_t totalFrames,
+                                  std::size_t trackCount) {
+    const std::vector<std::uint64_t> missed = tracks->Missed(whole, totalFrames);
+    std::size_t number = trackCount;
+    for (const std::uint64_t cut : missed) {
+        if (announcedCuts.count(cut) == 0) {
+            reporter.Warning("the mark at " + ClockText(SecondsOfFrame(cut, format.rateHz)) +
+                             " is where the recording ends: no file begins there");
+            continue;
+        }
+        filesSkipped = true;
+        reporter.Skipped(TrackPath(whole.path, ++number, trackCount + missed.size()),
+                         "the recording ended before it begins, at " +
+                             ClockText(SecondsOfFrame(cut, format.rateHz)));
+    }
+}
+
+/// A name for a file of this run: what the run has written is never replaced, whatever --force
+/// says, and by whatever other way its name leads there.
+std::string RecordSession::FreshName(const std::string& path) {
+    const std::optional<FileIdentity> there = IdentityOf(path);
+    if (!there || written.count(there) == 0) {
+        return path;
+    }
+    const std::string name = FreeName(path);
+    reporter.Warning(path + " is another file of this recording; this one becomes " + name);
+    return name;
 }
 
 void RecordSession::SaveNext() {
@@ -87,14 +124,8 @@ void RecordSession::SaveNext() {
     }
     // One request a file, so that a file that fails takes no other with it.
     const PlannedFile& file = queue.front();
-    // What this run has written is never replaced, whatever --force says.
-    const bool fresh = file.place > 0 || written.count(file.path) > 0;
-    const std::string name = fresh ? FreeName(file.path) : file.path;
-    if (fresh && file.place == 0) {
-        reporter.Warning(file.path + " is another file of this recording; this one becomes " +
-                         name);
-    }
-    current.emplace(name, record.force && !fresh);
+    const std::string name = file.place > 0 ? FreeName(file.path) : FreshName(file.path);
+    current.emplace(name, record.force && file.place == 0 && name == file.path);
     journal->Writing(current->StagingPath());
     currentSkipped = false;
     VrSaveSetting setting;
@@ -169,7 +200,7 @@ void RecordSession::JudgeFile() {
         }
         doneName = name;
         doneSummary = summary;
-        written.insert(name);
+        written.insert(IdentityOf(name));
         journal->Saved(name);
         if (reporter.HasProgram()) {
             digest.emplace(name);
@@ -206,7 +237,7 @@ void RecordSession::FileFailed(std::string reason) {
     if (reason.empty()) {
         // While half of it is there: only what is missing is tried.
         const auto bytes = static_cast<double>(FileBytes(format, file.end - file.start, 0));
-        reason = WhyNotWritten(file.path, bytes - (current ? current->StagedBytes() : 0.0));
+        reason = WhyNotWritten(file.path, bytes, bytes - (current ? current->StagedBytes() : 0.0));
     }
     current.reset();  // half a file takes the room of a whole one
     Fail(Failure(ExitCode::Storage,
@@ -274,71 +305,6 @@ void RecordSession::LeaveStore() {
                      ", a file a channel of raw samples (and one of the preview); \"vorrel "
                      "salvage\" makes a file of it");
     reporter.Kept(spillDirectory->Path());
-}
-
-/// What the engine has of the take, as its preview tells it.
-void RecordSession::DrawPicture() {
-    const std::uint64_t perFrame = format.dsd ? TakeFormat::kDsdFramesPerPreview : 1;
-    const std::uint64_t first = takeStart / perFrame;
-    std::uint64_t end = 0;
-    if (Vorrel_GetPreviewDataLength(&end) != VrSuccess || end <= first) {
-        reporter.Skipped(record.waveform, "nothing was recorded");
-        filesSkipped = true;
-        return;
-    }
-    if (stopAfter) {
-        end = std::min(end, first + *stopAfter / perFrame);
-    }
-    PeakSummary peaks(end - first, kPictureColumns, format.channels);
-    std::vector<std::int16_t> samples;
-    for (std::uint64_t frame = first; frame < end;) {
-        const std::uint64_t count = std::min(kPictureBlock, end - frame);
-        samples.resize(static_cast<std::size_t>(count * format.channels));
-        if (Vorrel_GetPreviewData(frame, frame + count, samples.data()) != VrSuccess) {
-            throw Failure(ExitCode::Storage,
-                          record.waveform + ": the preview can no longer be read");
-        }
-        peaks.Add(samples);
-        frame += count;
-        for (const int number : signals.Take()) {
-            if (number != SIGCONT && number != SIGTSTP && number != SIGUSR1) {
-                throw Failure(ExitCode::Storage, record.waveform + " is not drawn: interrupted");
-            }
-        }
-    }
-    const auto rate = static_cast<double>(format.PreviewRateHz());
-    PictureTexts texts;
-    texts.seconds = static_cast<double>(end - first) / rate;
-    texts.title = wanted.front().path.substr(wanted.front().path.rfind('/') + 1);
-    if (!IsUtf8(texts.title)) {
-        // A name is any bytes, a text is not.
-        std::replace_if(
-            texts.title.begin(), texts.title.end(), [](char c) { return (c & 0x80) != 0; }, '?');
-    }
-    texts.title += "   " + ClockText(texts.seconds);
-    for (const std::uint64_t cut : tracks->Cuts()) {
-        const double seconds = static_cast<double>(cut) / static_cast<double>(format.rateHz);
-        if (seconds < texts.seconds) {
-            texts.marks.push_back(seconds);
-        }
-    }
-    OutputFile file(picturePath, record.force);
-    journal->Writing(file.StagingPath());
-    try {
-        DrawWaveform(peaks, texts, file.StagingPath(),
-                     EndingOf(picturePath) == ".svg" ? PictureKind::Svg : PictureKind::Png);
-    } catch (const Failure& failure) {
-        const std::string reason = WhyNotWritten(picturePath, 0.0);
-        throw Failure(ExitCode::Storage, picturePath + " could not be drawn: " +
-                                             (reason.empty() ? failure.what() : reason));
-    }
-    journal->Written();
-    const std::string name = file.Commit();
-    reporter.Drawn(name);
-    if (name != picturePath) {
-        throw Failure(ExitCode::Storage,
-                      picturePath + " is another file by now; the picture is " + name);
-    }
 }
 
 int RecordSession::Finish() {

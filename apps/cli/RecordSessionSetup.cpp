@@ -6,6 +6,7 @@
 #include <cmath>
 #include <ctime>
 #include <filesystem>
+#include <limits>
 #include <utility>
 
 #include "RecordSession.h"
@@ -38,29 +39,37 @@ void RecordSession::CheckTargets() {
     const std::size_t trackCount = !record.splitAt.empty() ? record.splitAt.size() + 1
                                    : record.maxFileTime    ? 2
                                                            : 0;
-    if (trackCount > 0 && !HasRoomForNumber(record.out)) {
+    // Beside the file itself, and not beside a link to it.
+    const std::string whole = trackCount > 0 ? ResolveTarget(record.out) : "";
+    if (trackCount > 0 && !HasRoomForNumber(whole)) {
         throw Failure(ExitCode::Usage, record.out + ": the name is too long for a number in it");
     }
     for (std::size_t number = 1; number <= trackCount; ++number) {
-        asked.emplace_back(TrackPath(record.out, number, trackCount), Kind::Track);
+        asked.emplace_back(TrackPath(whole, number, trackCount), Kind::Track);
     }
     if (!record.waveform.empty()) {
         asked.emplace_back(record.waveform, Kind::Picture);
     }
-    std::set<std::string> paths;
+    std::set<std::pair<std::optional<FileIdentity>, std::string>> places;  // directory and name
     for (const auto& [name, kind] : asked) {
         const std::string path = ResolveTarget(name);
-        if (!paths.insert(path).second) {
+        const std::string directory = DirectoryOf(path);
+        if (!places.emplace(IdentityOf(directory), path.substr(directory.size())).second) {
             throw Failure(ExitCode::Usage, name + " would be written twice");
         }
         OutputFile(path, record.force).Check();
         if (kind == Kind::Picture) {
             picturePath = path;
         }
+        // What the picture shows is the whole, whether or not a range becomes a file.
+        if (kind == Kind::Whole || (kind == Kind::Picture && pictureTitle.empty())) {
+            pictureTitle = path.substr(path.rfind('/') + 1);
+        }
         if (kind == Kind::Whole || kind == Kind::Range) {
             WantedFile wish;
             wish.path = path;
             wish.whole = kind == Kind::Whole;
+            wish.largest = LargestFile(DirectoryOf(path));
             wanted.push_back(wish);
         }
     }
@@ -141,10 +150,17 @@ void RecordSession::ReadWishes(const std::string& deviceName) {
             throw Failure(ExitCode::Usage, "--split-at " + ClockText(seconds) +
                                                ": there is no room for a file before it");
         }
+        if (stopAfter && cut->frame >= *stopAfter) {
+            throw Failure(ExitCode::Usage,
+                          "--split-at " + ClockText(seconds) +
+                              ": the nearest place for a cut is where the recording ends "
+                              "(--duration " +
+                              ClockText(*record.duration) + ")");
+        }
+        announcedCuts.insert(cut->frame);
+        tracks->NumberAlways();
         if (cut->movedFrames != 0) {
-            reporter.Info("the cut at " + ClockText(seconds) + " moves to " +
-                          ClockText(SecondsOfFrame(cut->frame, format.rateHz)) +
-                          ", where blocks of a DSF file meet");
+            reporter.Info("cut at " + ClockText(seconds) + MovedText(*cut, format));
         }
     }
     if (record.maxFileTime) {
@@ -177,18 +193,42 @@ void RecordSession::CheckSpace() {
 }
 
 void RecordSession::WarnOfLimits() {
-    if (format.dsd) {
-        return;  // the sizes in a DSF file have 64 bits
-    }
-    const std::string longest =
-        ClockText(SecondsOfFrame(MostFrames(format, 0), format.rateHz)) + " at this format";
+    WarnOfStoreLimit();
+    const std::uint64_t tagBytes = TagBytesBound(record.tags);
+    const bool wholeIsSaved = !record.out.empty();
     for (const WantedFile& wish : wanted) {
-        if (!wish.end || *wish.end - wish.start <= MostFrames(format, TagBytesBound(record.tags)) ||
-            (wish.whole && !tracks->Empty())) {
+        const std::uint64_t most = MostFramesOf(wish, format, tagBytes);
+        const bool volumeLimits = most < MostFrames(format, tagBytes);
+        if (!wish.end && !volumeLimits) {
+            continue;  // hours away, and cut when it comes to that
+        }
+        bool passes = !wish.end;
+        if (wish.end) {
+            const std::vector<WantedFile> files =
+                wish.whole ? tracks->Split(wish, *wish.end) : std::vector<WantedFile>{wish};
+            passes = std::any_of(files.begin(), files.end(), [&](const WantedFile& file) {
+                return file.end.value_or(*wish.end) - file.start > most;
+            });
+        }
+        if (!passes) {
             continue;
         }
-        reporter.Warning(wish.path + " would pass the 4 GiB that a WAV file can hold (" + longest +
-                         (wish.whole ? "); it will be saved in parts" : "); it will be skipped"));
+        const bool inParts = wish.whole || (volumeLimits && !wholeIsSaved);
+        reporter.Warning(
+            wish.path + (wish.end ? " would pass " : " may pass ") + LimitText(wish, format) +
+            " (" + ClockText(SecondsOfFrame(most, format.rateHz)) + " at this format); it " +
+            (wish.end ? "will" : "would") + " be " + (inParts ? "saved in parts" : "skipped"));
+    }
+}
+
+void RecordSession::WarnOfStoreLimit() {
+    const double largest = LargestFile(spillDirectory->Path());
+    const double seconds = largest / format.LargestSpillRate();
+    if (largest < std::numeric_limits<double>::max() &&
+        (!record.duration || seconds < *record.duration)) {
+        reporter.Warning("a file in " + temporaryBase + " can have " +
+                         SizeText(static_cast<std::uint64_t>(largest)) +
+                         ": the recording ends when about " + ClockText(seconds) + " are stored");
     }
 }
 

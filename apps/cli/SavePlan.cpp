@@ -28,7 +28,7 @@ std::uint64_t FramesInBytes(const TakeFormat& format, std::uint64_t tagBytes, do
     const std::uint64_t step = format.PartStep();
     const double steps = std::floor(room / static_cast<double>(format.PayloadBytes(step)));
     // Far above any recording, and far inside what a product can hold.
-    constexpr double kMostSteps = 1e15;
+    constexpr double kMostSteps = 1e14;
     return std::min(static_cast<std::uint64_t>(std::min(steps, kMostSteps)) * step,
                     MostFrames(format, tagBytes));
 }
@@ -45,6 +45,11 @@ std::uint64_t TakeFormat::PayloadBytes(std::uint64_t frames) const {
 
 double TakeFormat::FileRate() const {
     return static_cast<double>(rateHz) * channels * SampleBits() / 8.0;
+}
+
+double TakeFormat::LargestSpillRate() const {
+    const auto preview = static_cast<double>(PreviewRateHz() * channels * kPreviewBytes);
+    return std::max((SpillRate() - preview) / channels, preview);
 }
 
 double TakeFormat::SpillRate() const {
@@ -93,9 +98,18 @@ std::uint64_t MostFrames(const TakeFormat& format, std::uint64_t tagBytes) {
     return used >= kLargestWav ? 0 : (kLargestWav - used) / format.PayloadBytes(1);
 }
 
+std::uint64_t MostFramesOf(const WantedFile& wish, const TakeFormat& format,
+                           std::uint64_t tagBytes) {
+    const double inHeader =
+        format.dsd ? std::numeric_limits<double>::max() : static_cast<double>(kLargestWav);
+    return wish.largest >= inHeader ? MostFrames(format, tagBytes)
+                                    : FramesInBytes(format, tagBytes, wish.largest);
+}
+
 SavePlan MakeSavePlan(const std::vector<WantedFile>& wanted, const TakeFormat& format,
                       std::uint64_t totalFrames, std::uint64_t tagBytes) {
-    const std::uint64_t most = std::max<std::uint64_t>(MostFrames(format, tagBytes), 1);
+    const bool wholeIsSaved = std::any_of(wanted.begin(), wanted.end(),
+                                          [](const WantedFile& wish) { return wish.whole; });
     SavePlan plan;
     for (std::size_t index = 0; index < wanted.size(); ++index) {
         const WantedFile& wish = wanted[index];
@@ -104,11 +118,21 @@ SavePlan MakeSavePlan(const std::vector<WantedFile>& wanted, const TakeFormat& f
             plan.missed.push_back(wish);
             continue;
         }
+        const std::uint64_t inHeader = std::max<std::uint64_t>(MostFrames(format, tagBytes), 1);
+        std::uint64_t most = MostFramesOf(wish, format, tagBytes);
+        // Where the volume takes nothing at all, the attempt tells, and another place is found.
+        const bool volumeLimits = most > 0 && most < inHeader;
+        most = volumeLimits ? most : inHeader;
+        if (volumeLimits && !wish.whole && wholeIsSaved && end - wish.start > most) {
+            plan.oversized.push_back(wish);
+            continue;
+        }
+        const bool inParts = wish.whole || volumeLimits;
         PlannedFile file;
         file.wanted = index;
         file.shortened = wish.end.has_value() && *wish.end > totalFrames;
         std::uint64_t start = wish.start;
-        for (; wish.whole && end - start > most; start += most) {
+        for (; inParts && end - start > most; start += most) {
             file.path = PartPath(wish.path, file.part);
             file.start = start;
             file.end = start + most;

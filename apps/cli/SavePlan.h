@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -30,6 +31,9 @@ struct TakeFormat {
     double FileRate() const;
     /// Growth of what the engine stores: samples (floats at PCM) and the 16-bit preview.
     double SpillRate() const;
+    /// The same of the file of it that grows fastest: one has the samples of a channel, one all of
+    /// the preview.
+    double LargestSpillRate() const;
     const char* Ending() const { return dsd ? ".dsf" : ".wav"; }
 
     static constexpr std::uint64_t kDsdFramesPerPreview = 64;
@@ -59,6 +63,8 @@ struct WantedFile {
     /// The whole recording: one that passes the limit of a WAV file is cut into parts and nothing
     /// is lost. A range that passes it is somebody's wish for one file; the engine skips it.
     bool whole = false;
+    /// Bytes; what its volume and the process's limits allow (`LargestFile`).
+    double largest = std::numeric_limits<double>::max();
 };
 
 /// One request to the engine.
@@ -79,6 +85,8 @@ struct PlannedFile {
 struct SavePlan {
     std::vector<PlannedFile> files;
     std::vector<WantedFile> missed;  ///< Begin where the recording has already ended.
+    /// Ranges that pass what their volume takes, and that the whole recording holds, too.
+    std::vector<WantedFile> oversized;
 };
 
 /// An upper bound of what the tags add to a file, in bytes.
@@ -91,7 +99,13 @@ std::uint64_t FileBytes(const TakeFormat& format, std::uint64_t frames, std::uin
 /// 4 GiB. DSF: no limit that a recording reaches.
 std::uint64_t MostFrames(const TakeFormat& format, std::uint64_t tagBytes);
 
-/// Turns wishes into requests once the recording's length is known.
+/// Most frames that the file of a wish can hold, whole steps of `PartStep` where its volume sets
+/// the limit; 0 = not even one.
+std::uint64_t MostFramesOf(const WantedFile& wish, const TakeFormat& format,
+                           std::uint64_t tagBytes);
+
+/// Turns wishes into requests once the recording's length is known. What passes the limit of its
+/// volume is cut into parts, a range only where no file has the whole recording.
 SavePlan MakeSavePlan(const std::vector<WantedFile>& wanted, const TakeFormat& format,
                       std::uint64_t totalFrames, std::uint64_t tagBytes);
 

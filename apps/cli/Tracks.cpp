@@ -1,6 +1,8 @@
 #include "Tracks.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 
 namespace vorrel::cli {
 
@@ -39,13 +41,15 @@ std::vector<WantedFile> Tracks::Split(const WantedFile& whole, std::uint64_t tot
     if (end > starts.back()) {
         fill(end);
     }
-    if (starts.size() == 1) {
+    if (starts.size() == 1 && !numbered) {
         return {whole};
     }
+    // As many digits as if no cut had been missed: that is what was announced.
+    const std::size_t count = starts.size() + Missed(whole, totalFrames).size();
     std::vector<WantedFile> tracks;
     for (std::size_t index = 0; index < starts.size(); ++index) {
         WantedFile track = whole;
-        track.path = TrackPath(whole.path, index + 1, starts.size());
+        track.path = TrackPath(whole.path, index + 1, count);
         track.start = starts[index];
         if (index + 1 < starts.size()) {
             track.end = starts[index + 1];
@@ -53,6 +57,23 @@ std::vector<WantedFile> Tracks::Split(const WantedFile& whole, std::uint64_t tot
         tracks.push_back(track);
     }
     return tracks;
+}
+
+std::vector<std::uint64_t> Tracks::Missed(const WantedFile& whole,
+                                          std::uint64_t totalFrames) const {
+    const std::uint64_t end = std::min(whole.end.value_or(totalFrames), totalFrames);
+    const std::uint64_t length = end - std::min(end, whole.start);
+    return {std::lower_bound(cuts.begin(), cuts.end(), length), cuts.end()};
+}
+
+std::string MovedText(const Tracks::Cut& cut, const TakeFormat& format) {
+    if (cut.movedFrames == 0) {
+        return "";
+    }
+    const long milliseconds = std::lround(1000.0 * static_cast<double>(std::abs(cut.movedFrames)) /
+                                          static_cast<double>(format.rateHz));
+    return ", moved by " + (milliseconds == 0 ? "less than 1" : std::to_string(milliseconds)) +
+           " ms to where blocks of a DSF file meet";
 }
 
 bool HasRoomForNumber(const std::string& path) {

@@ -29,6 +29,10 @@ public:
     /// No file is to be longer than so many frames (at least one step of them).
     void LimitLength(std::uint64_t frames);
 
+    /// The recording has a number even where it becomes one file: whoever has asked for cuts before
+    /// it begins waits for that name.
+    void NumberAlways() { numbered = true; }
+
     bool Empty() const { return cuts.empty() && !longest; }
     std::size_t Count() const { return cuts.size(); }
     /// Cuts, in order; those of the limit are not among them.
@@ -38,14 +42,20 @@ public:
     /// @param whole        Begins at frame `whole.start` of what the engine has; cuts count from
     ///                     there.
     /// @param totalFrames  Where what the engine has ends.
-    /// @return `whole` itself where no cut falls into it.
+    /// @return `whole` itself where no cut falls into it, unless `NumberAlways`.
     std::vector<WantedFile> Split(const WantedFile& whole, std::uint64_t totalFrames) const;
+    /// The cuts that come to nothing, because the recording ends there or before.
+    std::vector<std::uint64_t> Missed(const WantedFile& whole, std::uint64_t totalFrames) const;
 
 private:
     TakeFormat format;
     std::vector<std::uint64_t> cuts;
     std::optional<std::uint64_t> longest;
+    bool numbered = false;
 };
+
+/// ", moved by 3 ms to where blocks of a DSF file meet"; "" where it was not moved.
+std::string MovedText(const Tracks::Cut& cut, const TakeFormat& format);
 
 /// Whether the number of a track fits into the last part of the path, and the staging name's own.
 bool HasRoomForNumber(const std::string& path);

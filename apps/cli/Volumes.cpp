@@ -17,8 +17,8 @@ namespace vorrel::cli {
 namespace {
 
 constexpr double kNoLimit = std::numeric_limits<double>::max();
-// FAT16's; a FAT32 volume could take twice as much.
-constexpr double kLargestOnFat = 2147483647.0;
+// A size in a directory of FAT has 32 bits.
+constexpr double kLargestOnFat = 4294967295.0;
 
 /// Makes a file in `directory` and takes it away again. @return 0 or an errno.
 int TryFile(const std::string& directory) {
@@ -69,15 +69,24 @@ double LargestFile(const std::string& directory) {
     return largest;
 }
 
-std::string WhyNotWritten(const std::string& path, double bytes) {
+std::string LimitText(const WantedFile& wish, const TakeFormat& format) {
+    // Where they are the same, the kind of file is the better word.
+    if (!format.dsd && wish.largest >= kLargestOnFat) {
+        return "the 4 GiB that a WAV file can hold";
+    }
+    return "the " + SizeText(static_cast<std::uint64_t>(wish.largest)) + " that a file in " +
+           DirectoryOf(wish.path) + " can have";
+}
+
+std::string WhyNotWritten(const std::string& path, double fileBytes, double missingBytes) {
     const std::string directory = DirectoryOf(path);
     if (const int error = TryFile(directory); error != 0) {
         return std::strerror(error);
     }
-    if (LargestFile(directory) < bytes) {
+    if (LargestFile(directory) < fileBytes) {
         return std::strerror(EFBIG);
     }
-    if (FreeBytes(directory).value_or(kNoLimit) < bytes) {
+    if (FreeBytes(directory).value_or(kNoLimit) < missingBytes) {
         return std::strerror(ENOSPC);
     }
     return "";

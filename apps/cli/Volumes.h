@@ -25,9 +25,15 @@ std::optional<dev_t> VolumeOf(const std::string& path);
 /// volume. Very large where there is none.
 double LargestFile(const std::string& directory);
 
-/// Why a file of `bytes` bytes cannot be made at `path`, in the system's words, found by trying.
-/// Leaves nothing behind. "" = it could be made now.
-std::string WhyNotWritten(const std::string& path, double bytes);
+/// What keeps the file of a wish from being longer: "the 4 GiB that a WAV file can hold", or what
+/// is allowed in its directory.
+std::string LimitText(const WantedFile& wish, const TakeFormat& format);
+
+/// Why a file cannot be written at `path`, in the system's words, found by trying. Leaves nothing
+/// behind. "" = it could be written now.
+/// @param fileBytes     Its size as a whole, for limits of size.
+/// @param missingBytes  What of it still needs room.
+std::string WhyNotWritten(const std::string& path, double fileBytes, double missingBytes);
 
 /// Those of the directories that take a file, in order, each volume once; numbered as in the list,
 /// from `firstNumber`. Empty names are passed over.

@@ -281,6 +281,52 @@ TEST_F(EndingTest, TheThirdSignalEndsAProgramWhoseRecorderDoesNotStop) {
     EXPECT_TRUE(places.TempIsEmpty());
 }
 
+TEST_F(EndingTest, ASignalAfterTheLastFileDoesNotKeepThePictureFromBeingDrawn) {
+    Process program(Record("preview=signal", {places.File("a.wav"), "--duration", "1", "--waveform",
+                                              places.File("a.png")}));
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(places.Files(), ElementsAre("a.png", "a.wav"));
+    EXPECT_EQ(Events(program.Out(), "drawn").size(), 1U);
+}
+
+TEST_F(EndingTest, ASecondSignalAfterTheLastFileLeavesThePictureOutAndTheFilesSaved) {
+    Process program(Record("preview=signals", {places.File("a.wav"), "--duration", "1",
+                                               "--waveform", places.File("a.png")}));
+
+    EXPECT_EQ(program.Wait(), 5);
+
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_EQ(Events(program.Out(), "saved").size(), 1U);
+    const std::vector<nlohmann::json> skipped = Events(program.Out(), "skipped");
+    ASSERT_EQ(skipped.size(), 1U);
+    EXPECT_EQ(skipped[0].at("file"), places.File("a.png"));
+    EXPECT_THAT(Events(program.Out(), "error"), IsEmpty());
+    EXPECT_THAT(program.Error(), HasSubstr("left out by a second signal; the files are saved"));
+}
+
+TEST_F(EndingTest, SignalsWhileTheLastFileIsReadForItsDigestChangeNothingOfIt) {
+    // 48 MB, and signals are looked at after every 32 MiB.
+    Process program(Record("channels=8,late=signals", {places.File("a.wav"), "--duration", "42"}));
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_EQ(Events(program.Out(), "saved").at(0).at("sha256").get<std::string>().size(), 64U);
+    EXPECT_EQ(JsonLines(program.Out()).back().at("exit_code"), 0);
+}
+
+TEST_F(EndingTest, AFileThatHasItsNameIsToldThoughTheOthersAreAbandoned) {
+    Process program(Record("channels=8,late=signals", {places.File("a.wav"), "--duration", "42",
+                                                       "--range", "0-1=" + places.File("b.wav")}));
+
+    EXPECT_EQ(program.Wait(), 128 + SIGTERM);
+
+    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_EQ(Events(program.Out(), "saved").at(0).at("file"), places.File("a.wav"));
+}
+
 TEST_F(EndingTest, TheQuitSignalSavesAsTheOthersDo) {
     Process program(Record("", {places.File("a.wav")}));
     ASSERT_TRUE(program.AwaitOut("\"position\""));

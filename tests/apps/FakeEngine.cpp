@@ -4,6 +4,8 @@
 //   devices=0            no recorder            busy=1          the recorder is refused
 //   start=fail           the start fails        stop=hang       a stop never completes
 //   preview=fail         that of the whole recording cannot be read
+//   preview=signal       SIGINT comes while it is read; preview=signals: and SIGTERM
+//   late=signals         both come as soon as the host has met the end of a save
 //   lose=SECONDS         the recorder is lost   overflow=SECONDS  a buffer is lost
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
 //   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
@@ -24,6 +26,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
@@ -85,8 +88,21 @@ public:
         for (const auto& task : tasks) {
             task(*delegate);
         }
+        if (saveTold) {
+            saveTold = false;
+            RaiseSignals(Text("late"));
+        }
         delivered.notify_all();
         return tasks.size();
+    }
+
+    static void RaiseSignals(const std::string& which) {
+        if (which == "signal" || which == "signals") {
+            std::raise(SIGINT);
+        }
+        if (which == "signals") {
+            std::raise(SIGTERM);
+        }
     }
 
     // A unit is what the store counts: a PCM frame, eight one-bit samples.
@@ -251,7 +267,10 @@ public:
 
     void Finish(const VrSaveSetting& setting, bool failed) {
         progress = 1000;
-        Operation(VrRecOperationSaveFinished);
+        Post([this](IVorrelDelegate& host) {
+            host.Vorrel_NotifyOperationProc(VrRecOperationSaveFinished);
+            saveTold = true;
+        });
         if (failed) {
             // The message comes after the end, and no sooner than the host has met the end.
             std::unique_lock lock(mutex);
@@ -348,6 +367,7 @@ public:
     std::atomic<bool> paused{false}, stalled{false}, grown{false}, cancelled{false}, deletes{false};
     std::string tempDirectory;
     std::uint64_t resumes = 0;
+    bool saveTold = false;  // main thread
     bool ending = false, selected = false, running = false, dsd = false;
 };
 
@@ -480,6 +500,7 @@ VrError Vorrel_GetRecordingPreviewData(std::uint64_t start, std::uint64_t end,
 
 VrError Vorrel_GetPreviewData(std::uint64_t start, std::uint64_t end,
                               std::int16_t* samples) noexcept {
+    FakeEngine::RaiseSignals(Engine().Text("preview"));
     return Engine().Text("preview") == "fail" ? VrErrorFailed
                                               : Vorrel_GetRecordingPreviewData(start, end, samples);
 }

@@ -67,6 +67,19 @@ TEST_F(KeysTest, ADsdRecordingWithPausesIsSavedThoughItsPreviewIsLonger) {
     EXPECT_EQ(LittleEndian(ReadBytes(places.File("a.dsf")), 64, 8) % 282'240, 0U);
 }
 
+TEST_F(KeysTest, AMarkAtTheVeryEndIsSaidAndSkipsNothing) {
+    Process program(OnTerminal("", {places.File("a.wav")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.Type(" "));
+    ASSERT_TRUE(program.AwaitOut("\"paused\""));
+    ASSERT_TRUE(program.Type("mq"));
+
+    EXPECT_EQ(program.Wait(), 0);
+
+    EXPECT_THAT(program.Error(), HasSubstr("is where the recording ends: no file begins there"));
+    EXPECT_THAT(places.Files(), testing::ElementsAre("a.wav"));
+}
+
 TEST_F(KeysTest, ATerminalThatIsHeldHoldsNothingUp) {
     Process program(OnTerminal("", {places.File("a.wav")}));
     ASSERT_TRUE(program.AwaitOut("\"level\""));

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -346,10 +347,25 @@ TEST(VolumesTest, TheSystemsReasonIsFoundByTrying) {
     const TempDirectory directory;
     Write(directory.File("file"), "");
 
-    EXPECT_EQ(WhyNotWritten(directory.File("a.wav"), 1.0), "");
-    EXPECT_EQ(WhyNotWritten(directory.File("none/a.wav"), 1.0), "No such file or directory");
-    EXPECT_EQ(WhyNotWritten(directory.File("file/a.wav"), 1.0), "Not a directory");
-    EXPECT_EQ(WhyNotWritten(directory.File("a.wav"), 1e18), "No space left on device");
+    EXPECT_EQ(WhyNotWritten(directory.File("a.wav"), 1.0, 1.0), "");
+    EXPECT_EQ(WhyNotWritten(directory.File("none/a.wav"), 1.0, 1.0), "No such file or directory");
+    EXPECT_EQ(WhyNotWritten(directory.File("file/a.wav"), 1.0, 1.0), "Not a directory");
+    EXPECT_EQ(WhyNotWritten(directory.File("a.wav"), 1.0, 1e18), "No space left on device");
+}
+
+TEST(VolumesTest, ALimitOfSizeIsForTheWholeFileAndNotForWhatIsMissingOfIt) {
+    const TempDirectory directory;
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit limit = before;
+    limit.rlim_cur = 1'000'000;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+
+    EXPECT_EQ(LargestFile(directory.Path()), 1e6);
+    EXPECT_EQ(WhyNotWritten(directory.File("a.wav"), 2e6, 5e5), "File too large");
+    EXPECT_EQ(WhyNotWritten(directory.File("a.wav"), 1e6, 2e6), "");
+
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
 }
 
 TEST(BuildTest, TheSourceIsNamedWithoutTheDirectoriesOfTheBuildMachine) {

@@ -251,12 +251,13 @@ TEST_F(RecordTest, ALimitOfFileSizeEndsTheRecordingAndSavesIt) {
 
     EXPECT_EQ(program.Wait(), 3);
 
+    EXPECT_THAT(program.Error(), HasSubstr("the recording ends when about 00:02.7 are stored"));
     EXPECT_THAT(program.Error(), HasSubstr("File too large"));
     std::uint64_t next = 0;
     std::uint64_t frames = 0;
     for (std::size_t part = 0; part < places.Files().size(); ++part) {
-        const Wav wav = ReadWav(places.File(
-            part == 0 ? "a-rescued.wav" : "a-rescued-" + std::to_string(part + 1) + ".wav"));
+        const Wav wav =
+            ReadWav(places.File(part == 0 ? "a.wav" : "a-" + std::to_string(part + 1) + ".wav"));
         next = part == 0 ? CounterStart(wav) : next;
         EXPECT_EQ(FirstGap(wav, next), wav.Frames());
         next += wav.Frames();
@@ -264,6 +265,38 @@ TEST_F(RecordTest, ALimitOfFileSizeEndsTheRecordingAndSavesIt) {
     }
     EXPECT_GE(frames, 48'000U * 5 - 4'800);
     EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RecordTest, ALimitOfFileSizeIsSaidBeforeTheStartAndPlannedFor) {
+    // 204,800 bytes; no file of the engine's comes to be in three seconds.
+    Process pcm(After("ulimit -f 400", Record({places.File("a.wav"), kCounter, "--duration", "3",
+                                               "--range", "0-2=" + places.File("b.wav")})));
+    // 512,000 bytes: 62 blocks of both channels, the tags' bound taken off.
+    Process dsd(
+        After("ulimit -f 1000", Record({places.File("a.dsf"), "--simulate=source=counter,speed=5",
+                                        "--type", "dsd", "--duration", "1"})));
+
+    EXPECT_EQ(pcm.Wait(), 5);
+    EXPECT_EQ(dsd.Wait(), 0) << dsd.Error();
+
+    const std::string warning = "a.wav would pass the 204800 bytes that a file in " +
+                                places.FilesPath() +
+                                "/ can have (00:00.7 at this format); it "
+                                "will be saved in parts";
+    EXPECT_LT(pcm.Error().find(warning), pcm.Error().find("saving it in parts")) << pcm.Error();
+    EXPECT_THAT(pcm.Error(), HasSubstr("b.wav would pass the 204800 bytes"));
+    EXPECT_EQ(Events(pcm.Out(), "skipped").at(0).at("file"), places.File("b.wav"));
+    EXPECT_THAT(dsd.Error(), HasSubstr("a.dsf would pass the 512000 bytes"));
+    EXPECT_THAT(places.Files(), ElementsAre("a-2.dsf", "a-2.wav", "a-3.wav", "a-4.wav", "a-5.wav",
+                                            "a.dsf", "a.wav"));
+    std::uint64_t next = CounterStart(ReadWav(places.File("a.wav")));
+    for (const char* name : {"a.wav", "a-2.wav", "a-3.wav", "a-4.wav", "a-5.wav"}) {
+        const Wav wav = ReadWav(places.File(name));
+        EXPECT_EQ(FirstGap(wav, next), wav.Frames()) << name;
+        next += wav.Frames();
+    }
+    EXPECT_EQ(LittleEndian(ReadBytes(places.File("a.dsf")), 64, 8), 62U * 32'768U);
+    EXPECT_EQ(LittleEndian(ReadBytes(places.File("a-2.dsf")), 64, 8), 2'822'400U - 62U * 32'768U);
 }
 
 TEST_F(RecordTest, WhatCannotBeDoneIsSaidBeforeTheRecording) {

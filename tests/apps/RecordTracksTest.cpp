@@ -1,8 +1,10 @@
 // Marks, splits and pictures: the program with the engine and its simulated recorder.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include <cmath>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -67,7 +69,9 @@ TEST_F(RecordTracksTest, DsdSplitsMeetAtWholeBlocksAndAreToldToMove) {
 
     ASSERT_EQ(program.Wait(), 0) << program.Error();
 
-    EXPECT_THAT(program.Error(), HasSubstr("blocks of a DSF file meet"));
+    // 43.07 and 107.67 blocks of 11.6 ms.
+    EXPECT_THAT(program.Error(), HasSubstr("cut at 00:00.5, moved by 1 ms to where blocks of a"));
+    EXPECT_THAT(program.Error(), HasSubstr("cut at 00:01.2, moved by 4 ms to where"));
     Bytes joined;
     for (const char* name : {"a-01.dsf", "a-02.dsf", "a-03.dsf"}) {
         const Bytes part = DsfPayload(name);
@@ -150,14 +154,35 @@ TEST_F(RecordTracksTest, NoFileIsLongerThanItMayBe) {
     EXPECT_EQ(ReadWav(places.File("a-04.wav")).Frames(), 24'000U);
 }
 
-TEST_F(RecordTracksTest, ARecordingThatEndsBeforeItsFirstCutKeepsItsName) {
-    Process program(Record({places.File("a.wav"), kCounter, "--split-at", "3600"}));
+TEST_F(RecordTracksTest, CutsBehindTheEndAreToldAndTheFileHasTheNameThatWasAnnounced) {
+    Process program(Record({places.File("a.wav"), kCounter, "--split-at", "3600,7200"}));
     ASSERT_TRUE(AwaitPosition(program, 0.5));
     program.Send(SIGINT);
 
-    EXPECT_EQ(program.Wait(), 0) << program.Error();
+    EXPECT_EQ(program.Wait(), 5) << program.Error();
 
-    EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
+    EXPECT_THAT(places.Files(), ElementsAre("a-01.wav"));
+    const std::vector<nlohmann::json> skipped = Events(program.Out(), "skipped");
+    ASSERT_EQ(skipped.size(), 2U);
+    EXPECT_EQ(skipped[0].at("file"), places.File("a-02.wav"));
+    EXPECT_EQ(skipped[1].at("file"), places.File("a-03.wav"));
+    EXPECT_THAT(program.Error(), HasSubstr("before it begins, at 2:00:00.0"));
+}
+
+TEST_F(RecordTracksTest, ACutThatFallsOnTheEndIsRefusedBeforeTheRecording) {
+    Process pcm(
+        Record({places.File("a.wav"), kCounter, "--duration", "10", "--split-at", "9.99999999"}));
+    // The nearest whole block of a DSF file to 3.9999 s is the 345th, 4.005 s.
+    Process dsd(Record({places.File("a.dsf"), kCounter, "--type", "dsd", "--duration", "4",
+                        "--split-at", "3.9999"}));
+
+    EXPECT_EQ(pcm.Wait(), 1);
+    EXPECT_EQ(dsd.Wait(), 1);
+
+    EXPECT_THAT(pcm.Error(), HasSubstr("--split-at 00:10.0: the nearest place for a cut"));
+    EXPECT_THAT(dsd.Error(), HasSubstr("(--duration 00:04.0)"));
+    EXPECT_THAT(places.Files(), testing::IsEmpty());
+    EXPECT_TRUE(places.TempIsEmpty());
 }
 
 TEST_F(RecordTracksTest, ATrackThatIsThereAlreadyIsSaidBeforeTheRecording) {
@@ -174,6 +199,19 @@ TEST_F(RecordTracksTest, ATrackThatIsThereAlreadyIsSaidBeforeTheRecording) {
     EXPECT_THAT(places.Files(), ElementsAre("a-02.wav"));
 }
 
+TEST_F(RecordTracksTest, TracksOfALinkAreLookedForWhereTheyWillStand) {
+    std::filesystem::create_directory(places.File("real"));
+    std::ofstream(places.File("real/a.wav")) << "old";
+    std::filesystem::create_directory(places.File("real/a-02.wav"));
+    std::filesystem::create_symlink("real/a.wav", places.File("link.wav"));
+    Process program(Record(
+        {places.File("link.wav"), kCounter, "--duration", "2", "--split-at", "1", "--force"}));
+
+    EXPECT_EQ(program.Wait(), 1);
+
+    EXPECT_THAT(program.Error(), HasSubstr("real/a-02.wav is a directory"));
+}
+
 TEST_F(RecordTracksTest, EvenWithForceNoFileOfTheSameRunIsReplaced) {
     // A mark's track takes the name of a range: one of them has to give way.
     Process program(Record({places.File("a.wav"), kCounter, "--duration", "3", "--max-file-time",
@@ -185,6 +223,56 @@ TEST_F(RecordTracksTest, EvenWithForceNoFileOfTheSameRunIsReplaced) {
     EXPECT_THAT(program.Error(), HasSubstr("is another file of this recording"));
     EXPECT_THAT(places.Files(), ElementsAre("a-01.wav", "a-02.wav", "a-03-2.wav", "a-03.wav"));
     EXPECT_EQ(ReadWav(places.File("a-03.wav")).Frames(), 48'000U);
+}
+
+TEST_F(RecordTracksTest, EvenWithForceAnotherWayToAFileOfTheSameRunDoesNotReplaceIt) {
+    std::filesystem::create_directory(places.File("one"));
+    std::filesystem::create_directory(places.File("two"));
+    Process program(Record({kCounter, "--force", "--range", "0-1=" + places.File("one/x.wav"),
+                            "--range", "2-2.5=" + places.File("two/x.wav")}));
+    ASSERT_TRUE(AwaitPosition(program, 3.0));
+    std::filesystem::remove(places.File("two"));
+    std::filesystem::create_symlink("one", places.File("two"));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(program.Error(), HasSubstr("is another file of this recording"));
+    EXPECT_EQ(ReadWav(places.File("one/x.wav")).Frames(), 48'000U);
+    EXPECT_EQ(ReadWav(places.File("one/x-2.wav")).Frames(), 24'000U);
+}
+
+TEST_F(RecordTracksTest, ADirectoryThatIsMountedTwiceIsOnePlace) {
+    std::filesystem::create_directory(places.File("one"));
+    std::filesystem::create_directory(places.File("two"));
+    if (::mount(places.File("one").c_str(), places.File("two").c_str(), nullptr, MS_BIND,
+                nullptr) != 0) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record({kCounter, "--force", "--range", "0-1=" + places.File("one/x.wav"),
+                            "--range", "2-5=" + places.File("two/x.wav"), "--duration", "6"}));
+
+    EXPECT_EQ(program.Wait(), 1);
+
+    EXPECT_THAT(program.Error(), HasSubstr("two/x.wav would be written twice"));
+    ASSERT_EQ(::umount2(places.File("two").c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(RecordTracksTest, EvenWithForceThePictureReplacesNoTrackOfTheSameRun) {
+    Process program(Record(
+        {places.File("take.svg"), kCounter, "--force", "--waveform", places.File("take-01.svg")}));
+    ASSERT_TRUE(AwaitPosition(program, 1.0));
+    program.Send(SIGUSR1);
+    ASSERT_TRUE(program.AwaitOut("\"mark\""));
+    ASSERT_TRUE(AwaitPosition(program, 2.0));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_THAT(program.Error(), HasSubstr("is another file of this recording"));
+    EXPECT_THAT(places.Files(), ElementsAre("take-01-2.svg", "take-01.svg", "take-02.svg"));
+    EXPECT_GT(ReadWav(places.File("take-01.svg")).Frames(), 0U);
+    EXPECT_EQ(Events(program.Out(), "drawn").at(0).at("file"), places.File("take-01-2.svg"));
 }
 
 TEST_F(RecordTracksTest, ASavedFileIsToldWithItsDigest) {
@@ -213,6 +301,37 @@ TEST_F(RecordTracksTest, APictureOfTheTakeIsDrawn) {
                 HasSubstr("png"));
     EXPECT_EQ(ReadBytes(places.File("a.svg")).at(0), '<');
     EXPECT_THAT(places.Files(), ElementsAre("a.png", "a.svg", "a.wav"));
+}
+
+TEST_F(RecordTracksTest, APictureHasTheNameOfTheWholeAndALineForEveryFurtherTrack) {
+    const auto picture = [&](const std::vector<std::string>& more) {
+        std::vector<std::string> arguments = {
+            places.File("concert.wav"), kCounter, "--force", "--duration", "3", "--waveform",
+            places.File("concert.svg")};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        Process program(Record(arguments));
+        EXPECT_EQ(program.Wait(), 0) << program.Error();
+        const Bytes bytes = ReadBytes(places.File("concert.svg"));
+        return std::string(bytes.begin(), bytes.end());
+    };
+    const std::string plain = picture({});
+    const std::string cut = picture({"--split-at", "0.25"});
+    const std::string both = picture({"--split-at", "0.25", "--max-file-time", "1"});
+
+    // Letters are shapes in such a file: those of the heading are the same, whatever the tracks.
+    const auto count = [](const std::string& text, const std::string& part) {
+        std::size_t found = 0;
+        for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) {
+            ++found;
+        }
+        return found;
+    };
+    EXPECT_EQ(count(cut, "<use "), count(plain, "<use "));
+    EXPECT_EQ(count(both, "<use "), count(plain, "<use "));
+    // The lines of the marks: 0.25 s, then 1.25 and 2.25 s.
+    const std::size_t marks = count(cut, "<path ") - count(plain, "<path ");
+    EXPECT_GT(marks, 0U);
+    EXPECT_EQ(count(both, "<path ") - count(plain, "<path "), 3 * marks);
 }
 
 TEST_F(RecordTracksTest, APictureThatIsThereAlreadyIsSaidBeforeTheRecording) {

@@ -111,6 +111,57 @@ TEST(SavePlanTest, ARangeTooLongForAFileStaysOneAndIsMarked) {
     EXPECT_TRUE(plan.files[0].tooLarge);
 }
 
+TEST(SavePlanTest, AVolumeThatTakesSmallerFilesGetsParts) {
+    WantedFile wish = Whole("/t/a.wav");
+    wish.largest = 44 + 20 + 6 * 400 + 5;  // 400 frames, and 5 bytes that are none
+
+    const SavePlan plan = MakeSavePlan({wish}, kStereo24, 1'000, 20);
+
+    ASSERT_EQ(plan.files.size(), 3U);
+    EXPECT_EQ(plan.files[0].end, 400U);
+    EXPECT_EQ(plan.files[1].path, "/t/a-2.wav");
+    EXPECT_EQ(plan.files[2].start, 800U);
+    EXPECT_EQ(plan.files[2].end, 1'000U);
+    EXPECT_EQ(MostFramesOf(wish, kStereo24, 20), 400U);
+}
+
+TEST(SavePlanTest, DsdPartsForAVolumeAreWholeBlocks) {
+    WantedFile wish = Whole("/t/a.dsf");
+    wish.start = 16;
+    wish.largest = 4294967295.0;  // (2^32 - 1 - 92) / 8192 = 524,287 blocks of both channels
+    const std::uint64_t most = 524'287ULL * 32'768;
+
+    const SavePlan plan = MakeSavePlan({wish}, kStereoDsd, most + 1'016, 0);
+
+    ASSERT_EQ(plan.files.size(), 2U);
+    EXPECT_EQ(plan.files[0].end, most + 16);
+    EXPECT_EQ(plan.files[1].start, most + 16);
+    EXPECT_EQ(plan.files[1].end, most + 1'016);
+}
+
+TEST(SavePlanTest, ARangeThatItsVolumeDoesNotTakeIsCutOnlyWhereNothingElseHasIt) {
+    WantedFile range = Stretch("/t/b.wav", 100, 900);
+    range.largest = 44 + 6 * 300;
+
+    const SavePlan alone = MakeSavePlan({range}, kStereo24, 1'000, 0);
+    const SavePlan beside = MakeSavePlan({Whole("/t/a.wav"), range}, kStereo24, 1'000, 0);
+
+    ASSERT_EQ(alone.files.size(), 3U);
+    EXPECT_EQ(alone.files[2].start, 700U);
+    EXPECT_EQ(alone.files[2].end, 900U);
+    EXPECT_EQ(beside.files.size(), 1U);
+    ASSERT_EQ(beside.oversized.size(), 1U);
+    EXPECT_EQ(beside.oversized[0].path, "/t/b.wav");
+}
+
+TEST(SavePlanTest, AVolumeThatTakesNotEvenAFrameIsTriedAllTheSame) {
+    WantedFile wish = Whole("/t/a.wav");
+    wish.largest = 40;
+
+    EXPECT_EQ(MostFramesOf(wish, kStereo24, 0), 0U);
+    EXPECT_EQ(MakeSavePlan({wish}, kStereo24, 1'000, 0).files.size(), 1U);
+}
+
 TEST(PartPathTest, NumbersTheNameAndKeepsItsEnding) {
     EXPECT_EQ(PartPath("/t/a.wav", 0), "/t/a.wav");
     EXPECT_EQ(PartPath("/t/a.wav", 1), "/t/a-2.wav");
@@ -127,6 +178,12 @@ TEST(SavePlanTest, ADsdRecordingIsNeverCut) {
     ASSERT_EQ(plan.files.size(), 1U);
     EXPECT_EQ(plan.files[0].end, total);
     EXPECT_FALSE(plan.files[0].tooLarge);
+}
+
+TEST(TakeFormatTest, TheFileThatGrowsFastestIsAChannelsOrThePreviews) {
+    EXPECT_DOUBLE_EQ(kStereo24.LargestSpillRate(), 48'000.0 * 4);
+    EXPECT_DOUBLE_EQ((TakeFormat{48'000, 8, 24, false}).LargestSpillRate(), 48'000.0 * 8 * 2);
+    EXPECT_DOUBLE_EQ(kStereoDsd.LargestSpillRate(), 352'800.0);
 }
 
 TEST(TakeFormatTest, ADsfPayloadIsPaddedToWholeBlocksOfEveryChannel) {

@@ -92,6 +92,30 @@ TEST(TracksTest, ACutAtOrBehindTheEndIsNone) {
     EXPECT_EQ(tracks.Split(Whole(0, 900), 1'001).size(), 1U);
 }
 
+TEST(TracksTest, CutsAtOrBehindTheEndAreMissed) {
+    Tracks tracks(Pcm());
+    for (const std::uint64_t cut : {300U, 1'000U, 2'000U}) {
+        std::ignore = tracks.Add(cut);
+    }
+
+    EXPECT_THAT(tracks.Missed(Whole(), 1'000), ElementsAre(1'000, 2'000));
+    EXPECT_THAT(tracks.Missed(Whole(), 1'001), ElementsAre(2'000));
+    EXPECT_THAT(tracks.Missed(Whole(50), 1'050), ElementsAre(1'000, 2'000));
+    EXPECT_THAT(tracks.Missed(Whole(0, 300), 5'000), ElementsAre(300, 1'000, 2'000));
+    EXPECT_THAT(tracks.Missed(Whole(), 5'000), testing::IsEmpty());
+}
+
+TEST(TracksTest, WhatWasAnnouncedHasANumberAndItsDigitsHoweverEarlyItEnds) {
+    Tracks tracks(Pcm());
+    tracks.NumberAlways();
+    for (std::uint64_t cut = 1; cut <= 99; ++cut) {
+        std::ignore = tracks.Add(cut * 100);
+    }
+
+    EXPECT_EQ(tracks.Split(Whole(), 100).at(0).path, "/m/take-001.wav");
+    EXPECT_EQ(tracks.Split(Whole(), 101).at(1).path, "/m/take-002.wav");
+}
+
 TEST(TracksTest, ALimitOfLengthCountsAnewFromEveryCut) {
     Tracks tracks(Pcm());
     std::ignore = tracks.Add(250);
@@ -116,6 +140,13 @@ TEST(TracksTest, DsdCutsFallOnWholeBlocksAndSayHowFarTheyMove) {
 
     EXPECT_THAT(Bounds(tracks.Split(Whole(8), kBlock * 4)),
                 ElementsAre(8, kBlock + 8, kBlock * 2 + 8, kBlock * 3 + 8, 0));
+}
+
+TEST(TracksTest, HowFarACutHasMovedIsToldInMilliseconds) {
+    EXPECT_EQ(MovedText({0, 0}, Dsd()), "");
+    EXPECT_EQ(MovedText({0, -14'112}, Dsd()), ", moved by 5 ms to where blocks of a DSF file meet");
+    EXPECT_EQ(MovedText({0, 8}, Dsd()),
+              ", moved by less than 1 ms to where blocks of a DSF file meet");
 }
 
 TEST(TracksTest, ALimitBelowABlockIsABlock) {

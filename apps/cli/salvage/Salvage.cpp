@@ -255,11 +255,17 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
     RefuseInside(wanted.path, take);
     wanted.whole = true;
     wanted.start = take.record->startFrame;
+    wanted.largest = LargestFile(DirectoryOf(wanted.path));
     const SavePlan plan = MakeSavePlan({wanted}, format, files.Frames(), 0);
     if (plan.files.empty()) {
         throw Failure(ExitCode::Storage, "nothing of " + take.name + " is left");
     }
+    if (plan.files.size() > 1) {
+        reporter.Info(wanted.path + " would pass " + LimitText(wanted, format) +
+                      "; saving it in parts");
+    }
     double bytes = 0.0;
+    double largest = 0.0;
     for (const PlannedFile& planned : plan.files) {
         if (std::find(take.halfWritten.begin(), take.halfWritten.end(), planned.path) !=
             take.halfWritten.end()) {
@@ -267,9 +273,11 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
                           planned.path + " goes with the take: choose another name");
         }
         OutputFile(planned.path, wish.force).Check();
-        bytes += static_cast<double>(FileBytes(format, planned.end - planned.start, 0));
+        const auto size = static_cast<double>(FileBytes(format, planned.end - planned.start, 0));
+        bytes += size;
+        largest = std::max(largest, size);
     }
-    if (const std::string reason = WhyNotWritten(wanted.path, bytes); !reason.empty()) {
+    if (const std::string reason = WhyNotWritten(wanted.path, largest, bytes); !reason.empty()) {
         throw Failure(ExitCode::Storage, wanted.path + " cannot be written: " + reason);
     }
     Signals signals;
