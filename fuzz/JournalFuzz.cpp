@@ -241,7 +241,7 @@ void RequireTheRoadHolds(Input& input, const Place& place) {
     }
     std::uint64_t bytes = 0;
     for (const auto& [name, content] : contents) {
-        bytes += content.size();
+        bytes += IsSpill(name) ? content.size() : 0;  // what is called otherwise is not the take's
     }
     const std::vector<LeftTake> takes = vorrel::cli::FindLeftTakes(place.Base());
     Require(takes.size() <= 1 && (!takes.empty() || !record));

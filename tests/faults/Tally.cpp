@@ -63,7 +63,7 @@ public:
 const ::testing::Environment* const printer = ::testing::AddGlobalTestEnvironment(new Printer);
 
 void ExpectNothingMoreHeld(const Holdings& before) {
-    const Holdings after = Holdings::AfterThreadsBackTo(before.threads);
+    const Holdings after = Holdings::BackTo(before);
     EXPECT_LE(after.threads, before.threads) << HeldNow();
     EXPECT_LE(after.descriptors, before.descriptors) << HeldNow();
 }

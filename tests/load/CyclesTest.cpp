@@ -41,7 +41,7 @@ TEST(CyclesTest, StartsAndStopsLeaveNothingBehind) {
     }
 
     ASSERT_EQ(rig.manager.New(), VrSuccess);
-    const Holdings after = Holdings::AfterThreadsBackTo(before.threads);
+    const Holdings after = Holdings::BackTo(before);
     std::printf(
         "%d cycles: threads %llu -> %llu, descriptors %llu -> %llu, memory %llu -> %llu KiB\n",
         cycles, static_cast<unsigned long long>(before.threads),

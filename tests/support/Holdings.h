@@ -34,13 +34,14 @@ struct Holdings {
         }
         return holdings;
     }
-    /// What is held when there are no more threads than `before`, or in the end. A thread that
-    /// has ended goes off the system's list a moment after those who waited for it go on, and no
-    /// event tells of that.
-    static Holdings AfterThreadsBackTo(std::uint64_t before) {
+    /// What is held when there are no more threads and descriptors than `before`, or in the end. A
+    /// thread that has ended goes off the system's list a moment after those who waited for it go
+    /// on, the last user of a card may be its thread, and no event tells of that.
+    static Holdings BackTo(const Holdings& before) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         Holdings holdings = Now();
-        while (holdings.threads > before && std::chrono::steady_clock::now() < deadline) {
+        while ((holdings.threads > before.threads || holdings.descriptors > before.descriptors) &&
+               std::chrono::steady_clock::now() < deadline) {
             std::this_thread::yield();
             holdings = Now();
         }
