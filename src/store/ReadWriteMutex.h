@@ -6,17 +6,26 @@
 
 namespace vorrel {
 
-/// A mutex with many readers or one writer that clang's thread-safety analysis knows.
+/// A mutex with many readers or one writer that clang's thread-safety analysis knows. A writer
+/// waits only for the readers before it: `std::shared_mutex` alone may let readers who overlap keep
+/// it out for good. So a thread must not ask to read where it reads already.
 class VORREL_THREAD_ANNOTATION(capability("shared_mutex")) ReadWriteMutex {
 public:
-    void lock() VORREL_THREAD_ANNOTATION(acquire_capability()) { impl.lock(); }
+    void lock() VORREL_THREAD_ANNOTATION(acquire_capability()) {
+        const MutexLock turn(entrance);
+        impl.lock();
+    }
     void unlock() VORREL_THREAD_ANNOTATION(release_capability()) { impl.unlock(); }
-    void lock_shared() VORREL_THREAD_ANNOTATION(acquire_shared_capability()) { impl.lock_shared(); }
+    void lock_shared() VORREL_THREAD_ANNOTATION(acquire_shared_capability()) {
+        const MutexLock turn(entrance);
+        impl.lock_shared();
+    }
     void unlock_shared() VORREL_THREAD_ANNOTATION(release_shared_capability()) {
         impl.unlock_shared();
     }
 
 private:
+    Mutex entrance;  // held by the one who waits; those behind it wait here
     std::shared_mutex impl;
 };
 
