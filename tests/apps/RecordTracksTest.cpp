@@ -37,6 +37,17 @@ protected:
         }
     }
 
+    /// Reads on until the recording stands well past the last mark: what is told at first may be of
+    /// before it.
+    static bool AwaitPastMark(Process& program) {
+        if (!program.AwaitOut("}\n")) {
+            return false;
+        }
+        const std::string lines = program.Out().substr(0, program.Out().rfind('\n') + 1);
+        const double mark = Events(lines, "mark").back().at("seconds").get<double>();
+        return AwaitPosition(program, mark + 2.0);
+    }
+
     /// The samples of a DSF file, without its padding at the end.
     Bytes DsfPayload(const std::string& name) const {
         const Bytes bytes = ReadBytes(places.File(name));
@@ -89,13 +100,10 @@ TEST_F(RecordTracksTest, AMarkCutsWhereTheRecordingStands) {
     ASSERT_TRUE(AwaitPosition(program, 1.0));
     ASSERT_TRUE(program.Type("m"));
     ASSERT_TRUE(program.AwaitOut("\"mark\",\"number\":1"));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(AwaitPastMark(program));
     ASSERT_TRUE(program.Type("m"));
     ASSERT_TRUE(program.AwaitOut("\"mark\",\"number\":2"));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(AwaitPastMark(program));
     ASSERT_TRUE(program.Type("q"));
 
     EXPECT_EQ(program.Wait(), 0) << program.Error();
@@ -114,8 +122,7 @@ TEST_F(RecordTracksTest, WithoutATerminalASignalBeginsANewTrack) {
     ASSERT_TRUE(AwaitPosition(program, 1.0));
     program.Send(SIGUSR1);
     ASSERT_TRUE(program.AwaitOut("\"mark\""));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(AwaitPastMark(program));
     program.Send(SIGTERM);
 
     EXPECT_EQ(program.Wait(), 0) << program.Error();
@@ -129,9 +136,7 @@ TEST_F(RecordTracksTest, AMarkAtDsdIsToldWhereItHasMoved) {
     ASSERT_TRUE(AwaitPosition(program, 1.0));
     program.Send(SIGUSR1);
     ASSERT_TRUE(program.AwaitOut("\"mark\""));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
-    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(AwaitPastMark(program));
     program.Send(SIGTERM);
 
     EXPECT_EQ(program.Wait(), 0) << program.Error();
