@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t kTypeNameBytes = FileSystemTypeName::kMostBytes + 1;
 /// What one line of the mount table takes as far as the type's name: a path of the longest kind,
 /// every byte escaped, and another one as it mostly is. Of a longer line the end is left out.
-constexpr std::size_t kTableBytes = 6 * PATH_MAX;
+constexpr std::size_t kTableBytes = std::size_t{6} * PATH_MAX;
 constexpr std::string_view kMsdos = "msdos";
 constexpr std::string_view kHfs = "hfs";
 
@@ -182,6 +182,8 @@ std::optional<FileSystemType> IdentifyFileSystem(std::uint64_t magic, std::uint6
 
 FileSystemTypeName FindMountedType(int mountTable, std::uint64_t mountId, std::string_view path) {
     MountSearch search(mountId, path);
+    // Overwritten before it is read.
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
     std::array<char, kTableBytes> buffer;
     std::size_t size = 0;    // of what is in the buffer
     bool isTooLong = false;  // the rest of a line that was looked at is still to come
