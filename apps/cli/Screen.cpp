@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <string_view>
+#include <vector>
 
 namespace vorrel::cli {
 namespace {
@@ -37,10 +38,6 @@ Screen::Screen(int target, Output& texts)
     terminal.utf8 = WantsUtf8();
 }
 
-std::string Screen::ToTop() const {
-    return drawn > 1 ? "\r\x1b[" + std::to_string(drawn - 1) + "A" : "\r";
-}
-
 void Screen::Draw(const StatusLine& status) {
     if (!isTerminal || !output.Idle()) {
         return;
@@ -56,20 +53,29 @@ void Screen::Draw(const StatusLine& status) {
     // One column stays free: a full line would wrap on some terminals.
     terminal.columns = (known ? size.ws_col : usual.columns) - 1;
     terminal.rows = known && size.ws_row > 0 ? size.ws_row : usual.rows;
-    std::string text = ToTop();
-    drawn = 0;
-    for (const std::string& line : DisplayLines(status, terminal)) {
-        text += (drawn > 0 ? "\r\n" : "") + line + "\x1b[K";
-        ++drawn;
+    // The cursor waits in an empty row above the drawing: what others write to the terminal, such
+    // as the engine's trace, stands there whole, and the next drawing begins below it.
+    const std::size_t spare = terminal.rows > 1 ? 1 : 0;
+    terminal.rows -= spare;
+    std::vector<std::string> lines = DisplayLines(status, terminal);
+    lines.insert(lines.begin(), spare, std::string());
+    std::string text = "\r";
+    for (const std::string& line : lines) {
+        text += line + "\x1b[K\r\n";
     }
-    // What a larger drawing has left below.
-    output.Write(text + "\x1b[J", Output::Kind::Passing);
+    text.erase(text.size() - 2);
+    text += "\x1b[J";  // what a larger drawing has left below
+    if (lines.size() > 1) {
+        text += "\x1b[" + std::to_string(lines.size() - 1) + "A";
+    }
+    output.Write(text + "\r", Output::Kind::Passing);
+    drawn = true;
 }
 
 void Screen::Clear() {
-    if (drawn > 0) {
-        output.Write(ToTop() + "\x1b[J", Output::Kind::Lasting);
-        drawn = 0;
+    if (drawn) {
+        output.Write("\r\x1b[J", Output::Kind::Lasting);
+        drawn = false;
     }
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 #include "Display.h"
@@ -8,7 +7,8 @@
 
 namespace vorrel::cli {
 
-/// The people's side: messages and, on a terminal, lines below them that are redrawn in place.
+/// The people's side: messages and, on a terminal, lines below them that are redrawn in place. Text
+/// that others write there is kept above the lines as messages are.
 class Screen {
 public:
     /// @param descriptor  Where `output` goes: asked whether and how large a terminal it is.
@@ -26,13 +26,11 @@ public:
     void Print(const std::string& text);
 
 private:
-    std::string ToTop() const;
-
     Output& output;
     int descriptor;
     bool isTerminal;
     Terminal terminal;
-    std::size_t drawn = 0;  // lines; the cursor stands in the last
+    bool drawn = false;  // the cursor stands at the beginning of the drawing's first row
 };
 
 }  // namespace vorrel::cli

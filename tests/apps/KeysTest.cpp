@@ -117,7 +117,7 @@ TEST_F(KeysTest, TheTerminalShowsAMovingLineThatIsGoneInTheEnd) {
     ASSERT_TRUE(program.Type("q"));
 
     EXPECT_EQ(program.Wait(), 0);
-    EXPECT_THAT(program.Error(), HasSubstr("A\x1b[Jsaved "));
+    EXPECT_THAT(program.Error(), HasSubstr("A\r\r\x1b[Jsaved "));
 }
 
 TEST_F(KeysTest, TheTerminalIsRestoredAfterEverySignal) {

@@ -2,6 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "CliProgram.h"
 #include "TerminalFrame.h"
 
@@ -86,6 +90,34 @@ TEST_F(ScreenTest, ItIsRedrawnInPlaceAndAtMostTwentyTimesASecond) {
     EXPECT_GE(redraws, 5U);
     EXPECT_LE(static_cast<double>(redraws), 20.0 * (seconds + 1.0));
     EXPECT_LE(Frame(program).Rows(), 12U);  // frames do not pile up
+}
+
+TEST_F(ScreenTest, WhatOthersWriteToTheTerminalStandsWholeAboveTheDrawing) {
+    Process program(OnTerminal(100, 24));
+    ASSERT_TRUE(program.AwaitError("rms"));
+    ASSERT_TRUE(program.AwaitError("q stop and save"));
+    ASSERT_TRUE(program.AwaitError("RECORDING"));
+    ASSERT_TRUE(program.AwaitError("q stop and save"));
+
+    ASSERT_TRUE(program.WriteBeside("a word of the engine\n"));
+    for (int frame = 0; frame < 3; ++frame) {
+        ASSERT_TRUE(program.AwaitError("RECORDING"));
+    }
+
+    const std::vector<std::string> lines = Frame(program).Lines();
+    ASSERT_THAT(lines, testing::Contains("a word of the engine").Times(1));
+    EXPECT_THAT(lines, testing::Contains(HasSubstr("RECORDING")).Times(1));
+    EXPECT_THAT(lines, testing::Contains(HasSubstr("L [")).Times(1));
+    EXPECT_LT(std::ranges::find(lines, "a word of the engine"),
+              std::ranges::find_if(lines, [](const std::string& line) {
+                  return line.find("RECORDING") != std::string::npos;
+              }));
+    ASSERT_TRUE(program.Type("q"));
+    EXPECT_EQ(program.Wait(), 0);
+    // The messages and it, and nothing of the drawing.
+    EXPECT_THAT(Frame(program).Lines(),
+                testing::ElementsAre(HasSubstr("recording from"), HasSubstr("space:"),
+                                     "a word of the engine", HasSubstr("saved ")));
 }
 
 TEST_F(ScreenTest, ANarrowTerminalHasOneLine) {

@@ -126,6 +126,12 @@ public:
         return ::write(terminal, keys.data(), keys.size()) == static_cast<ssize_t>(keys.size());
     }
 
+    /// Another program's text on the same terminal.
+    bool WriteBeside(const std::string& text) const {
+        return ::write(terminalOfChild, text.data(), text.size()) ==
+               static_cast<ssize_t>(text.size());
+    }
+
     /// Waits until a signal has stopped (not ended) the program.
     bool AwaitStopped() const {
         int status = 0;
