@@ -257,7 +257,7 @@ TEST_F(AlsaCaptureTest, AStopMayMeetAnUnplugAtAnyMoment) {
         // The card goes a little later each time, around the stop.
         const std::uint32_t looks = card.State().looks;
         card.State().unplugAtFrame = 480 * collector.calls + 48 * static_cast<std::uint64_t>(round);
-        Await([&] { return card.State().looks != looks; });
+        Await([&] { return card.State().looks != looks || card.State().disconnected != 0; });
         std::ignore = audio->Stop(device, id);
         const std::uint64_t calls = collector.calls;
         std::ignore = audio->DestroyIOProcID(device, id);
