@@ -1,9 +1,13 @@
 #include "platform/Trace.h"
 
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <functional>
@@ -21,6 +25,9 @@ namespace {
 struct SinkHolder {
     Mutex mutex;
     std::function<void(const std::string&)> sink VORREL_GUARDED_BY(mutex);
+    // Since the last line that was written whole.
+    std::uint64_t lostLines VORREL_GUARDED_BY(mutex) = 0;
+    bool cutLine VORREL_GUARDED_BY(mutex) = false;  // the first of them was begun
 };
 
 SinkHolder& TheSink() {
@@ -29,22 +36,36 @@ SinkHolder& TheSink() {
     return holder;
 }
 
-void WriteToStandardError(std::string line) {
-    line += '\n';
-    // One write for one line, so that lines of different threads do not mix.
+/// Whether standard error takes a line at once: a terminal that is held and a pipe that nobody
+/// reads must not hold up the thread that traces, which may be the one that records.
+bool IsWritable() {
+    pollfd target{STDERR_FILENO, POLLOUT, 0};
+    // Where it cannot be asked, the write tells.
+    return ::poll(&target, 1, 0) != 0;
+}
+
+/// @return How many bytes of it were not written.
+std::size_t WriteToStandardError(const std::string& line) {
+    // One write for one line, so that lines of different threads do not mix. What is longer than a
+    // pipe takes for sure goes in pieces.
     const char* rest = line.data();
     std::size_t length = line.size();
     while (length > 0) {
-        const ssize_t written = ::write(STDERR_FILENO, rest, length);
+        if (!IsWritable()) {
+            return length;
+        }
+        const ssize_t written =
+            ::write(STDERR_FILENO, rest, std::min<std::size_t>(length, PIPE_BUF));
         if (written < 0 && errno == EINTR) {
             continue;
         }
         if (written <= 0) {
-            return;  // nobody is there to be told
+            return length;  // nobody is there to be told
         }
         rest += written;
         length -= static_cast<std::size_t>(written);
     }
+    return 0;
 }
 
 void Emit(std::string line) {
@@ -59,9 +80,16 @@ void Emit(std::string line) {
     const MutexLock lock(holder.mutex);
     if (holder.sink) {
         holder.sink(line);
-    } else {
-        WriteToStandardError(std::move(line));
+        return;
     }
+    line += '\n';
+    if (holder.lostLines > 0) {
+        line.insert(0, (holder.cutLine ? "\n(" : "(") + std::to_string(holder.lostLines) +
+                           " lines lost: standard error took none)\n");
+    }
+    const std::size_t unwritten = WriteToStandardError(line);
+    holder.cutLine = unwritten > 0 && (unwritten < line.size() || holder.cutLine);
+    holder.lostLines = unwritten > 0 ? holder.lostLines + 1 : 0;
 }
 
 __attribute__((format(printf, 1, 0))) std::string Formatted(const char* format,

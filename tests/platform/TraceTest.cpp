@@ -2,13 +2,18 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/TraceCapture.h"
@@ -21,9 +26,12 @@ using test::TraceCapture;
 /// Puts a pipe in the place of standard error, in which every write stays one packet.
 class StandardErrorPipe {
 public:
-    StandardErrorPipe() {
-        EXPECT_EQ(::pipe2(ends.data(), O_DIRECT | O_NONBLOCK | O_CLOEXEC), 0);
-        ::fcntl(ends[1], F_SETPIPE_SZ, 1 << 20);  // a packet takes a page
+    explicit StandardErrorPipe(int flags = O_DIRECT | O_NONBLOCK) {
+        EXPECT_EQ(::pipe2(ends.data(), flags | O_CLOEXEC), 0);
+        if ((flags & O_DIRECT) != 0) {
+            ::fcntl(ends[1], F_SETPIPE_SZ, 1 << 20);  // a packet takes a page
+        }
+        ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
         saved = ::dup(STDERR_FILENO);
         ::dup2(ends[1], STDERR_FILENO);
     }
@@ -45,6 +53,20 @@ public:
             writes.emplace_back(buffer.data(), static_cast<std::size_t>(length));
         }
         return writes;
+    }
+
+    /// What was written so far, as one string.
+    std::string Bytes() const {
+        std::string bytes;
+        for (const std::string& part : Writes()) {
+            bytes += part;
+        }
+        return bytes;
+    }
+    void Empty() const { std::ignore = Bytes(); }
+    bool TakesMore() const {
+        pollfd end{ends[1], POLLOUT, 0};
+        return ::poll(&end, 1, 0) == 1;
     }
 
 private:
@@ -87,6 +109,56 @@ TEST(TraceTest, LinesOfSeveralThreadsDoNotMix) {
     }
     const std::vector<std::string> writes = standardError.Writes();
     EXPECT_EQ(std::multiset<std::string>(writes.begin(), writes.end()), expected);
+}
+
+TEST(TraceTest, AStandardErrorThatTakesNothingHoldsNobodyUpAndTheLostLinesAreCounted) {
+    const StandardErrorPipe standardError(0);  // a write to it waits while it is full
+    while (standardError.TakesMore()) {
+        Trace("f", 1, "filling");
+    }
+
+    Trace("f", 2, "lost");
+    Trace("f", 3, "lost too");
+
+    standardError.Empty();
+    Trace("f", 4, "read again");
+    Trace("f", 5, "as usual");
+    EXPECT_EQ(standardError.Bytes(),
+              "(2 lines lost: standard error took none)\nf(4): read again\nf(5): as usual\n");
+}
+
+TEST(TraceTest, ALineThatIsCutByAFullPipeIsEndedBeforeTheNext) {
+    const StandardErrorPipe standardError(0);
+    const std::string message(200'000, 'm');  // more than a pipe holds
+
+    Trace("f", 1, "%s", message.c_str());
+
+    standardError.Empty();
+    Trace("f", 2, "the next");
+    EXPECT_EQ(standardError.Bytes(),
+              "\n(1 lines lost: standard error took none)\nf(2): the next\n");
+}
+
+TEST(TraceTest, ATerminalThatIsHeldHoldsNobodyUp) {
+    int terminal = -1;
+    int held = -1;
+    ASSERT_EQ(::openpty(&terminal, &held, nullptr, nullptr, nullptr), 0);
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(held, STDERR_FILENO);
+    ASSERT_EQ(::tcflow(held, TCOOFF), 0);  // as Ctrl-S
+
+    Trace("f", 1, "lost");
+
+    ::tcflow(held, TCOON);
+    Trace("f", 2, "seen");
+    ::dup2(saved, STDERR_FILENO);
+    std::array<char, 4096> bytes{};
+    const ssize_t count = ::read(terminal, bytes.data(), bytes.size());
+    EXPECT_EQ(std::string(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))),
+              "(1 lines lost: standard error took none)\r\nf(2): seen\r\n");
+    for (const int descriptor : {saved, terminal, held}) {
+        ::close(descriptor);
+    }
 }
 
 TEST(TraceTest, OutputDebugStringWritesTheTextAndALineEnd) {
