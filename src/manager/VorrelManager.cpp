@@ -203,7 +203,7 @@ VrError VorrelManager::StartPlay(double) {
 }
 
 void VorrelManager::AddRecordEvent(int kind) {
-    const MutexLock turn(recordData.TurnLock());
+    const ExclusiveLock turn(recordData.TurnLock());
     std::uint64_t position = recordData.GetLength(false);
     const SampleTypeInfo* sampleType = recordData.GetSampleTypeInfo();
     if (sampleType != nullptr && sampleType->isDsd != 0) {

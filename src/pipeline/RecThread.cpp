@@ -106,7 +106,7 @@ bool RecThread::StoreCollected() {
     turn.collected = 0;
     // No event falls between two channels of one device buffer: it would skew them for the rest
     // of the take.
-    const MutexLock lock(recordData->TurnLock());
+    const ExclusiveLock lock(recordData->TurnLock());
     for (std::uint16_t channel = 0; channel < count; ++channel) {
         if (recordData->Add(channel, turn.blocks[channel]) != VrSuccess) {
             return false;

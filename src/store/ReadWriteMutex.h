@@ -8,7 +8,8 @@ namespace vorrel {
 
 /// A mutex with many readers or one writer that clang's thread-safety analysis knows. A writer
 /// waits only for the readers before it: `std::shared_mutex` alone may let readers who overlap keep
-/// it out for good. So a thread must not ask to read where it reads already.
+/// it out for good. Nor can a writer that comes back at once: who waits is let in first. So a
+/// thread must not ask to read where it reads already.
 class VORREL_THREAD_ANNOTATION(capability("shared_mutex")) ReadWriteMutex {
 public:
     void lock() VORREL_THREAD_ANNOTATION(acquire_capability()) {
@@ -25,7 +26,9 @@ public:
     }
 
 private:
-    Mutex entrance;  // held by the one who waits; those behind it wait here
+    // Held by the one who waits; those behind it wait here, workers of a higher priority among
+    // them.
+    Mutex entrance{kPriorityInheritance};
     std::shared_mutex impl;
 };
 

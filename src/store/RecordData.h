@@ -68,8 +68,11 @@ public:
 
     /// Held by the record worker around one turn (one block of every channel) and by the manager
     /// around "take the length, log the event", so that no event falls between two channels of one
-    /// device buffer. Never taken by the device's thread.
-    Mutex& TurnLock() VORREL_THREAD_ANNOTATION(lock_returned(turn)) { return turn; }
+    /// device buffer. Never taken by the device's thread. Taken alone (`ExclusiveLock`), and of a
+    /// kind whose owner lets the one who waits go first: a worker that falls behind the device
+    /// takes it again at once, turn after turn, and the host still gets in behind the turn under
+    /// way.
+    ReadWriteMutex& TurnLock() VORREL_THREAD_ANNOTATION(lock_returned(turn)) { return turn; }
 
 private:
     template <class Container>
@@ -88,7 +91,7 @@ private:
     };
 
     IVorrelManager& manager;
-    Mutex turn;
+    ReadWriteMutex turn;
     mutable ReadWriteMutex layout;  // shared: the stores' own mutexes do the rest
     std::vector<TemporaryData> stores VORREL_GUARDED_BY(layout);
     std::uint64_t generation VORREL_GUARDED_BY(layout) = 0;

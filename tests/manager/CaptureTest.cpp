@@ -484,7 +484,7 @@ TEST_F(CaptureTest, ChannelsStayInStepWhenTheQueueIsFull) {
     AsioDataQueue& queue = VorrelManagerParts::Queue(manager);
     const AudioBufferList none{0, {}};
     {
-        const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+        const ExclusiveLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
         // The worker takes one turn into its hands and waits there.
         Deliver(262'144);
         Await([&] { return AsioDataQueueParts::IsEmpty(queue); });
@@ -556,7 +556,7 @@ TEST_F(CaptureTest, AFullQueueIsReportedOnceARecording) {
         }
     };
     {
-        const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+        const ExclusiveLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
         overflow();
     }
     MainQueue::Dispatch();
@@ -568,7 +568,7 @@ TEST_F(CaptureTest, AFullQueueIsReportedOnceARecording) {
 
     StartRecording();
     {
-        const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+        const ExclusiveLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
         overflow();
     }
     MainQueue::Dispatch();

@@ -163,7 +163,7 @@ TEST_F(RealtimeTest, AFullQueueIsQuietInADsdRecording) {
     StartRecording();
     std::vector<float> samples(2 * 4'096, 0.5F);
     {
-        const MutexLock stall(VorrelManagerParts::TurnLock(manager));
+        const ExclusiveLock stall(VorrelManagerParts::TurnLock(manager));
         for (int buffer = 0; buffer < 1'400; ++buffer) {  // 10 MiB of 8,192 bytes: 1,280
             ASSERT_TRUE(recorder.Deliver(2, samples));
         }
@@ -228,7 +228,7 @@ TEST_F(RealtimeTest, AFullQueueAndItsMessageAreQuiet) {
     StartRecording();
     std::vector<float> samples(2 * 2'400, 0.5F);
     {
-        const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+        const ExclusiveLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
         for (int buffer = 0; buffer < 1'200; ++buffer) {  // 10 MiB of 9,600 bytes: 1,093
             ASSERT_TRUE(recorder.Deliver(2, samples));
         }

@@ -43,7 +43,7 @@ TEST_F(UntakenMessagesTest, AnOverflowIsToldWithALaterLoss) {
     RealtimeTask& task = VorrelManagerParts::MessageTask(manager, VrMessageBufferOverflow);
     while (task.Post()) {
     }
-    const MutexLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
+    const ExclusiveLock stall(VorrelManagerParts::TurnLock(manager));  // as a disk that stalls
     ASSERT_TRUE(recorder.Deliver(2, samples));  // the worker's, which waits with it
     Await([&] { return AsioDataQueueParts::IsEmpty(VorrelManagerParts::Queue(manager)); });
     for (int buffer = 0; buffer < 30; ++buffer) {

@@ -375,7 +375,7 @@ TEST_F(RecThreadTest, NoEventFallsBetweenTwoChannelsOfOneBuffer) {
         AlignedBytes bytes;
         while (!done) {
             {
-                const MutexLock lock(data.TurnLock());
+                const ExclusiveLock lock(data.TurnLock());
                 const std::uint64_t length = data.GetLength(false);
                 for (std::uint16_t channel = 0; channel < kChannels; ++channel) {
                     EXPECT_NE(data.GetData(channel, length, length + 1, bytes, false), VrSuccess)

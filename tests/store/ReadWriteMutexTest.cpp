@@ -80,5 +80,40 @@ TEST(ReadWriteMutexTest, AWriterIsServedAmongReadersWhoNeverRest) {
     }
 }
 
+TEST(ReadWriteMutexTest, AWriterThatComesBackAtOnceLetsTheOneWhoWaitsGoFirst) {
+    ReadWriteMutex mutex;
+    std::mutex state;
+    std::condition_variable changed;
+    bool asking = false;
+    bool served = false;
+    int turnsMeanwhile = 0;
+    std::thread worker([&] {
+        std::unique_lock lock(state, std::defer_lock);
+        for (bool goOn = true; goOn;) {
+            const ExclusiveLock turn(mutex);
+            lock.lock();
+            changed.wait(lock, [&] { return asking; });
+            changed.wait_for(lock, 10ms, [&] { return served; });
+            goOn = !served && ++turnsMeanwhile < 1000;
+            lock.unlock();
+        }
+    });
+    {
+        const std::lock_guard lock(state);
+        asking = true;
+        changed.notify_all();
+    }
+    {
+        const ExclusiveLock turn(mutex);
+        const std::lock_guard lock(state);
+        served = true;
+        changed.notify_all();
+    }
+    worker.join();
+
+    // The one under way, and some for a processor that has other work.
+    EXPECT_LT(turnsMeanwhile, 50);
+}
+
 }  // namespace
 }  // namespace vorrel::test

@@ -323,7 +323,7 @@ TEST_F(RecordDataTest, DestructionDeletesTheFiles) {
 TEST_F(RecordDataTest, TheTurnLockCoversCallsToTheStore) {
     ASSERT_EQ(data.Init(1, 48'000, pcm, &log), VrSuccess);
 
-    const MutexLock turn(data.TurnLock());
+    const ExclusiveLock turn(data.TurnLock());
 
     EXPECT_EQ(data.Add(0, Bytes(40)), VrSuccess);  // does not take it again
     EXPECT_EQ(data.GetLength(kRaw), 10U);

@@ -98,7 +98,7 @@ TEST(StoreThreadsTest, ANewRecordingMayBeginWhileTheOldOneIsRead) {
     std::thread adder([&] {
         const Bytes block = Pattern(0, 251 * 4);  // whole periods: every block begins at 0
         while (!done) {
-            const MutexLock turn(data.TurnLock());
+            const ExclusiveLock turn(data.TurnLock());
             for (std::uint16_t channel = 0; channel < 8; ++channel) {
                 const VrError result = data.Add(channel, block);
                 EXPECT_TRUE(result == VrSuccess || result == VrErrorInvalidParameter);
@@ -217,13 +217,13 @@ TEST(StoreThreadsTest, AnEventUnderTheTurnLockCutsAllChannelsAtTheSamePlace) {
     std::thread worker([&] {
         const Bytes block(400);
         for (int turns = 0; turns < 2000; ++turns) {
-            const MutexLock turn(data.TurnLock());
+            const ExclusiveLock turn(data.TurnLock());
             EXPECT_EQ(data.Add(0, block), VrSuccess);
             EXPECT_EQ(data.Add(1, block), VrSuccess);
         }
     });
     for (int events = 0; events < 200; ++events) {
-        const MutexLock turn(data.TurnLock());
+        const ExclusiveLock turn(data.TurnLock());
         log.AddRecordEvent(data.GetLength(false),
                            events % 2 == 0 ? kRecordEventPause : kRecordEventResume);
     }

@@ -6,7 +6,7 @@ namespace vorrel {
 
 /// What tests see of a manager's inside.
 struct VorrelManagerParts {
-    static Mutex& TurnLock(VorrelManager& manager) { return manager.recordData.TurnLock(); }
+    static ReadWriteMutex& TurnLock(VorrelManager& manager) { return manager.recordData.TurnLock(); }
     static AsioDataQueue& Queue(VorrelManager& manager) { return manager.dataQueue; }
     static RecordData& Record(VorrelManager& manager) { return manager.recordData; }
     static SaveThread& Saver(VorrelManager& manager) { return manager.saveThread; }
