@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <initializer_list>
@@ -21,6 +22,12 @@ bool PrepareProcess() {
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN);
     ::signal(SIGTTOU, SIG_IGN);  // a recording in the background must not be stopped by a message
+    // A spill file of each channel is open for every gibibyte: a long take of many channels passes
+    // the usual 1024.
+    if (rlimit limit{}; ::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        std::ignore = ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
     return stdoutClosed;
 }
 

@@ -3,13 +3,16 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
 #include "platform/SystemHelpers.h"
+#include "platform/Trace.h"
 
 namespace vorrel {
 namespace {
@@ -20,6 +23,9 @@ constexpr std::size_t kStreamBufferBytes = 1 << 20;  // a read fetches at least 
 /// the part of a block that fills no whole stream buffer is copied once more, which costs 15 % of
 /// the rate of 1,920,000-byte blocks on a memory file system (0.85 of write(2); this way 1.0).
 constexpr std::size_t kDirectWriteBytes = 1 << 16;
+
+/// Why the last file could not be made, 0 = it could.
+std::atomic<int> saidReason{0};
 
 }  // namespace
 
@@ -57,8 +63,14 @@ std::FILE* TemporaryFile::CreateTemporaryFile(std::string& path, const std::stri
     // Closed on exec from the first moment on: a host's child process must not keep the disk space.
     const int descriptor = ::mkostemp(name.data(), O_CLOEXEC);
     if (descriptor == -1) {
+        // Once for a reason: who goes on without it asks again with every block.
+        if (const int reason = errno; saidReason.exchange(reason) != reason) {
+            Trace(__FILE__, __LINE__, "no further spill file in %s: %s", directory.c_str(),
+                  std::generic_category().message(reason).c_str());
+        }
         return nullptr;
     }
+    saidReason = 0;
     std::FILE* const stream = ::fdopen(descriptor, "w+b");
     if (stream == nullptr) {
         ::close(descriptor);

@@ -1,11 +1,20 @@
 #include "writer/BlockReader.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "convert/BitReversal.h"
 
 namespace vorrel {
+namespace {
+
+// What memory gives takes far less.
+constexpr std::chrono::milliseconds kSlowRead{20};
+constexpr std::chrono::milliseconds kRest{20};
+
+}  // namespace
 
 BlockReader::BlockReader(SaveRun& saveRun, const BlockForm& blockForm, std::uint64_t startFrame,
                          std::uint64_t endFrame)
@@ -150,8 +159,15 @@ void BlockReader::ToFileBitOrder(std::span<std::uint8_t> bytes) const {
 }
 
 VrError BlockReader::ReadChannel(std::size_t channel, std::uint64_t frames, AlignedBytes& out) {
-    return run.recordData.GetData(static_cast<std::uint16_t>(channel), position, position + frames,
-                                  out, true);
+    const auto begin = std::chrono::steady_clock::now();
+    const VrError error = run.recordData.GetData(static_cast<std::uint16_t>(channel), position,
+                                                 position + frames, out, true);
+    if (std::chrono::steady_clock::now() - begin > kSlowRead) {
+        // It came from the disk, and the worker that records could not store meanwhile. One channel
+        // after the other without a rest, all would hold it up as long as the capture queue lasts.
+        std::this_thread::sleep_for(kRest);
+    }
+    return error;
 }
 
 }  // namespace vorrel
