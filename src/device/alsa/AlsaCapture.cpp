@@ -29,6 +29,9 @@ constexpr char kThreadName[] = "AlsaCapture";
 /// So often in succession, without a buffer in between, a card is started again before it is given
 /// up: a broken one must not keep the IO thread going round.
 constexpr unsigned kMostRestarts = 16;
+/// For so long a card that refuses to start is tried again: a hub that has been reset needs
+/// seconds.
+constexpr std::chrono::seconds kMostRefusals{8};
 /// A machine that wakes up answers "not yet" for a while.
 constexpr unsigned kMostResumes = 250;
 constexpr std::chrono::milliseconds kRestartPause{20};
@@ -455,11 +458,11 @@ VORREL_REALTIME std::optional<AlsaCapture::Outcome> AlsaCapture::Recover(Run& cu
     if (!silentAgain) {
         CountGap(current);  // a card that has given nothing since has no further gap
     }
+    if (++current.restarts > kMostRestarts) {
+        return Outcome::Failed;
+    }
     // Tried again here: a card that is prepared and does not start never wakes the loop.
-    for (;;) {
-        if (++current.restarts > kMostRestarts) {
-            return Outcome::Failed;
-        }
+    for (const auto begin = Clock::now();;) {
         const int started = pcm.Start();
         if (started >= 0) {
             current.running = true;
@@ -469,6 +472,9 @@ VORREL_REALTIME std::optional<AlsaCapture::Outcome> AlsaCapture::Recover(Run& cu
         current.lastError = started;
         if (IsGone(started)) {
             return Outcome::Gone;
+        }
+        if (Clock::now() - begin > kMostRefusals) {
+            return Outcome::Failed;
         }
         if (Pause(current, kRestartPause)) {
             return Outcome::Stopped;

@@ -53,10 +53,12 @@ public:
         std::string content;
         std::array<char, 4'096> part{};
         ssize_t count = 0;
-        while (content.size() < kMostBytes &&
-               (count = ::read(file, part.data(), part.size())) > 0) {
-            content.append(part.data(), static_cast<std::size_t>(count));
-        }
+        do {
+            count = ::read(file, part.data(), part.size());
+            if (count > 0) {
+                content.append(part.data(), static_cast<std::size_t>(count));
+            }
+        } while ((count > 0 && content.size() < kMostBytes) || (count < 0 && errno == EINTR));
         if (count < 0) {
             Note(errno);
         }
