@@ -1,17 +1,15 @@
 #include "Engine.h"
 
-#include <fcntl.h>
 #include <stdlib.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <string_view>
 #include <tuple>
 #include <utility>
 
+#include "EngineTrace.h"
 #include "vorrel/Vorrel.h"
 
 namespace vorrel::cli {
@@ -36,60 +34,6 @@ std::string Variable(const char* name) {
     return value == nullptr ? "" : value;
 }
 
-/// The engine says why it has no recorder in a trace line on standard error, and nowhere else.
-/// Between making and `Take`, such lines come here.
-class TraceCatcher {
-public:
-    TraceCatcher()
-        : real(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)),
-          caught(::memfd_create("vorrel-trace", MFD_CLOEXEC)) {
-        if (real >= 0 && caught >= 0) {
-            ::dup2(caught, STDERR_FILENO);
-        }
-    }
-    ~TraceCatcher() {
-        Restore();
-        ::close(caught);
-    }
-    TraceCatcher(const TraceCatcher&) = delete;
-    TraceCatcher& operator=(const TraceCatcher&) = delete;
-
-    /// The lines as they came.
-    std::string Take() {
-        Restore();
-        std::array<char, 4096> bytes{};
-        const ssize_t count = ::pread(caught, bytes.data(), bytes.size(), 0);
-        return {bytes.data(), count > 0 ? static_cast<std::size_t>(count) : 0};
-    }
-
-    /// Without the places in the source; lines become parts of a sentence.
-    static std::string Sentence(const std::string& text) {
-        std::string said;
-        for (std::size_t start = 0; start < text.size();) {
-            const std::size_t end = std::min(text.find('\n', start), text.size());
-            std::string line = text.substr(start, end - start);
-            if (const std::size_t colon = line.find("): "); colon != std::string::npos) {
-                line.erase(0, colon + 3);
-            }
-            said += (said.empty() ? "" : "; ") + line;
-            start = end + 1;
-        }
-        return said;
-    }
-
-private:
-    void Restore() {
-        if (real >= 0) {
-            ::dup2(real, STDERR_FILENO);
-            ::close(real);
-            real = -1;
-        }
-    }
-
-    int real;
-    int caught;
-};
-
 std::vector<std::string> ListNames() {
     std::vector<std::string> names;
     Require(Vorrel_GetAudioDevices(&names), ExitCode::Device, "the recorders cannot be listed");
@@ -105,14 +49,21 @@ std::string Backend() {
 /// Where the user has named a back end, or set the simulated one up, and it cannot be had: why.
 /// Only the first look in a process is told.
 std::string BackendRefusal() {
-    TraceCatcher trace;
-    const bool none = ListNames().empty();
-    const std::string said = trace.Take();
+    std::vector<std::string> lines;
+    bool none = false;
+    {
+        EngineTrace trace;
+        none = ListNames().empty();
+        lines = trace.Take();
+    }
     // Of the real one, none only means that nothing is plugged in.
     if (none && (IsSimulated() || Backend() != kDefaultBackend)) {
-        return TraceCatcher::Sentence(said);
+        return EngineTrace::Sentence(lines);
     }
-    std::ignore = ::write(STDERR_FILENO, said.data(), said.size());  // no reason, but not ours
+    for (const std::string& line : lines) {
+        // No reason, but not ours.
+        std::ignore = ::write(PeoplesDescriptor(), (line + "\n").data(), line.size() + 1);
+    }
     return "";
 }
 

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "EngineTrace.h"
+
 namespace vorrel::cli {
 namespace {
 
@@ -81,7 +83,8 @@ std::string Hooks::StartNext() {
 
     SpawnSetup setup;
     ::posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    ::posix_spawn_file_actions_adddup2(&setup.actions, STDERR_FILENO, STDOUT_FILENO);
+    ::posix_spawn_file_actions_adddup2(&setup.actions, PeoplesDescriptor(), STDOUT_FILENO);
+    ::posix_spawn_file_actions_adddup2(&setup.actions, PeoplesDescriptor(), STDERR_FILENO);
     // The spill files among them would keep their room as long as the hook runs.
     ::posix_spawn_file_actions_addclosefrom_np(&setup.actions, STDERR_FILENO + 1);
     sigset_t usual;

@@ -122,8 +122,12 @@ void JsonOutput::Marked(std::size_t number, double seconds) {
     Write(output, {{"event", "mark"}, {"number", number}, {"seconds", seconds}});
 }
 
-void JsonOutput::Lost() {
-    Write(output, {{"event", "lost"}});
+void JsonOutput::Lost(double seconds) {
+    Write(output, {{"event", "lost"}, {"seconds", Rounded(seconds, 10.0)}});
+}
+
+void JsonOutput::Trace(const std::string& line) {
+    Write(output, {{"event", "trace"}, {"message", line}});
 }
 
 void JsonOutput::Drawn(const std::string& file) {

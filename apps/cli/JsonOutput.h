@@ -31,7 +31,8 @@ public:
     void Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames, double seconds,
                const std::string& digest);
     void Marked(std::size_t number, double seconds);
-    void Lost();
+    void Lost(double seconds);
+    void Trace(const std::string& line);
     void Drawn(const std::string& file);
     void LeftBehind(const LeftTake& take);
     void Rescued(const std::string& wanted, const std::string& file);

@@ -43,6 +43,7 @@ int RecordSession::Run() {
     OpenDevice();
     CheckSpace();
     WarnOfLimits();
+    trace.emplace();
     keyboard.emplace(STDIN_FILENO);
     SayKeys();
     if (!record.hook.empty()) {
@@ -78,11 +79,12 @@ void RecordSession::WaitForEvents() {
         until = now;
     }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(until - now);
-    std::array<pollfd, 5> sources = {{{engine, POLLIN, 0},
+    std::array<pollfd, 6> sources = {{{engine, POLLIN, 0},
                                       {signals.Descriptor(), POLLIN, 0},
                                       {keyboard->Descriptor(), POLLIN, 0},
                                       {journal->Descriptor(), POLLIN, 0},
-                                      {reporter.HookDescriptor(), POLLIN, 0}}};
+                                      {reporter.HookDescriptor(), POLLIN, 0},
+                                      {trace->Descriptor(), POLLIN, 0}}};
     // An interrupted wait is a signal, and that is in the pipe.
     std::ignore = ::poll(sources.data(), sources.size(),
                          static_cast<int>(std::max<std::int64_t>(wait.count(), 0)));
@@ -102,6 +104,9 @@ void RecordSession::WaitForEvents() {
         reporter.LookAtHook();
     }
     HandleNotifications();
+    if (sources[5].revents != 0) {
+        LookAtTrace();
+    }
     if (state == State::Judging && Clock::now() >= judgeUntil) {
         FileFailed("");
     }
@@ -201,9 +206,9 @@ void RecordSession::HandleMessage(const MessageCame& message) {
             }
             break;
         case VrMessageBufferOverflow:
-            if (!buffersLost) {
-                buffersLost = status.lostBuffers = true;
-                reporter.Lost();
+            if (!overflowSaid) {
+                overflowSaid = buffersLost = status.lostBuffers = true;
+                reporter.Lost(TakePosition());
                 reporter.Warning("the storage is too slow: parts of the recording are missing");
             }
             break;
@@ -422,6 +427,9 @@ void RecordSession::BeginTake() {
                       ClockText(SecondsOfFrame(stored - takeStart, format.rateHz)) + " before");
     }
     taken = true;
+    if (lastGap && *lastGap >= SecondsOfFrame(takeStart, format.rateHz) && !record.preRecord) {
+        TellGap(*lastGap);  // in the pre-roll
+    }
     Enter(State::Recording);
 }
 
@@ -429,6 +437,7 @@ void RecordSession::BeginTake() {
 void RecordSession::StartOver() {
     journal->Restart();
     position = positionAtLook = 0.0;
+    lastGap.reset();
     previewSeen = 0;
     movesUntilPause = 1;
     if (const VrError error = StartEngine(); error != VrSuccess) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Engine.h"
+#include "EngineTrace.h"
 #include "FileDigest.h"
 #include "Keyboard.h"
 #include "Options.h"
@@ -75,6 +76,8 @@ private:
     void HandleKey(char key);
     void Tick();
     void LookAtDisks();
+    void LookAtTrace();
+    void TellGap(double engineSeconds);
 
     // What the handlers decide.
     void Enter(State next);
@@ -137,6 +140,7 @@ private:
     std::optional<TakeJournal> journal;
     SpareDescriptors spares;
     std::shared_ptr<Notifications> notifications;
+    std::optional<EngineTrace> trace;
     std::optional<Keyboard> keyboard;  // after all else, so that the terminal is put back first
     TakeFormat format;
 
@@ -180,7 +184,9 @@ private:
     Clock::time_point lastMove;  // of the position, or into another state
     bool stallSaid = false;
 
+    std::optional<double> lastGap;  // of the engine's position
     bool storageFailed = false, deviceFailed = false, filesSkipped = false, buffersLost = false;
+    bool overflowSaid = false;
     bool storeNeeded = false, keepStore = false;
 };
 

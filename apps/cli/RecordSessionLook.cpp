@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 
+#include "EngineTrace.h"
 #include "RecordSession.h"
 #include "Volumes.h"
 #include "vorrel/Vorrel.h"
@@ -15,6 +16,9 @@ namespace {
 constexpr std::uint64_t kMeterShare = 10;  // a meter looks at the newest tenth of a second
 constexpr int kLooksAColumn = 2;           // of the scrolling waveform
 constexpr std::size_t kMostColumns = 400;
+
+// One word for all gaps in so much of the recording.
+constexpr double kGapSeconds = 1.0;
 
 // The engine's memory holds five seconds of every channel before it spills them at once.
 constexpr double kSpillStepSeconds = 6.0;
@@ -149,6 +153,33 @@ void RecordSession::MeasureLevels() {
         waveMost = 0.0;
         waveLooks = 0;
     }
+}
+
+/// A line of the engine's is no reason to end anything.
+void RecordSession::LookAtTrace() {
+    for (const std::string& line : trace->Take()) {
+        reporter.Trace(line);
+        if (!EngineTrace::TellsOfGap(line)) {
+            continue;
+        }
+        if (taken && lastGap && position - *lastGap < kGapSeconds) {
+            continue;
+        }
+        lastGap = position;
+        // What a pause leaves out may have gaps; what came while armed is looked at when it begins.
+        if (taken && state != State::Paused) {
+            TellGap(position);
+        }
+    }
+}
+
+/// @param engineSeconds  Where the gap is, about; a pre-roll counts.
+void RecordSession::TellGap(double engineSeconds) {
+    const double seconds = std::max(engineSeconds - SecondsOfFrame(takeStart, format.rateHz), 0.0);
+    buffersLost = status.lostBuffers = true;
+    reporter.Lost(seconds);
+    reporter.Warning("sound is missing near " + ClockText(seconds) +
+                     ": the recorder was not read in time, or stopped by itself");
 }
 
 void RecordSession::ShowStatus() {

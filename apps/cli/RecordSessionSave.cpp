@@ -328,6 +328,7 @@ int RecordSession::Finish() {
         spillDirectory->Remove();
     }
     keyboard->Suspend();
+    LookAtTrace();
     if (abandonedBy != 0) {
         reporter.DropHook();  // who abandons waits for nothing
         Signals::EndWith(kSignalExit + abandonedBy);

@@ -9,6 +9,7 @@
 #include <limits>
 #include <utility>
 
+#include "EngineTrace.h"
 #include "RecordSession.h"
 #include "Volumes.h"
 #include "salvage/LeftTake.h"
@@ -246,7 +247,7 @@ void RecordSession::SayKeys() {
                           : "space: pause and resume; m: mark; q: stop and save");
         return;
     }
-    if (::isatty(STDIN_FILENO) == 0 && ::isatty(STDERR_FILENO) == 0) {
+    if (::isatty(STDIN_FILENO) == 0 && ::isatty(PeoplesDescriptor()) == 0) {
         return;  // nobody sits there who could do any of it
     }
     const bool marks = Signals::Heeds(SIGUSR1);

@@ -7,6 +7,7 @@
 #include <tuple>
 #include <utility>
 
+#include "EngineTrace.h"
 #include "TimeRange.h"
 
 namespace vorrel::cli {
@@ -21,9 +22,9 @@ constexpr auto kHookWait = 60s;     // for hooks that still run, at the end
 }  // namespace
 
 Reporter::Reporter(bool wantsJson, bool wantsQuiet, bool stdoutClosed)
-    : error(STDERR_FILENO),
+    : error(PeoplesDescriptor()),
       out(STDOUT_FILENO, stdoutClosed ? EBADF : 0),
-      screen(STDERR_FILENO, error),
+      screen(PeoplesDescriptor(), error),
       quiet(wantsQuiet) {
     if (wantsJson) {
         json.emplace(out);
@@ -166,11 +167,18 @@ void Reporter::Marked(std::size_t number, double seconds) {
     RunHook("mark", {{"VORREL_MARK", std::to_string(number)}});
 }
 
-void Reporter::Lost() {
+void Reporter::Lost(double seconds) {
     if (json) {
-        json->Lost();
+        json->Lost(seconds);
     }
-    RunHook("lost", {});
+    RunHook("lost", {{"VORREL_SECONDS", std::to_string(seconds)}});
+}
+
+void Reporter::Trace(const std::string& line) {
+    screen.Print(line);
+    if (json) {
+        json->Trace(line);
+    }
 }
 
 void Reporter::Drawn(const std::string& file) {

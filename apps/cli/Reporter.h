@@ -59,8 +59,10 @@ public:
     void Saved(const std::string& file, std::uint64_t bytes, std::uint64_t frames, double seconds,
                const std::string& digest);
     void Marked(std::size_t number, double seconds);
-    /// Buffers of the recording were lost.
-    void Lost();
+    /// Buffers of the recording were lost, near that position.
+    void Lost(double seconds);
+    /// A line of the engine's own, also for who wants quiet.
+    void Trace(const std::string& line);
     /// A picture of the recording is there.
     void Drawn(const std::string& file);
     /// A take that was left behind, as an object.

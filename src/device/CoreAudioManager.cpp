@@ -524,6 +524,8 @@ OSStatus CoreAudioManager::ProcessorOverloadListener(AudioObjectID, UInt32,
                                                      const AudioObjectPropertyAddress*,
                                                      void* clientData) {
     const auto* self = static_cast<const CoreAudioManager*>(clientData);
+    // The only word of it while it records; vorrel(1) waits for its end.
+    Trace(__FILE__, __LINE__, "the recorder reports an overload: the recording has a gap");
     if (IAudioDeviceNotify* receiver = self->notify.load(std::memory_order_acquire)) {
         receiver->AudioDevice_ProcessorOverload();
     }

@@ -46,6 +46,37 @@ TEST_F(EndingTest, AnOutputThatNobodyReadsHoldsNothingUp) {
     }
 }
 
+TEST_F(EndingTest, TheProgramMayHaveAsManyDescriptorsAsTheUserMay) {
+    Process program(
+        After("ulimit -Sn 100", Record("", {places.File("a.wav"), "--duration", "1", "--hook",
+                                            "test $(ulimit -Sn) = $(ulimit -Hn) && "
+                                            "echo raised >> " +
+                                                places.File("limit")})));
+
+    EXPECT_EQ(program.Wait(), 0);
+
+    EXPECT_TRUE(std::filesystem::exists(places.File("limit")));
+}
+
+TEST_F(EndingTest, AnEngineThatSaysMuchIsNotHeldUpByAnErrorOutputThatNobodyReads) {
+    const FullPipe pipe(places.File("pipe"));
+    Process program(After("exec 2>" + places.File("pipe"),
+                          Record("chatter=1", {places.File("a.wav"), "--duration", "20"})));
+
+    EXPECT_EQ(program.Wait(), 0);
+
+    EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 960'000U);
+}
+
+TEST_F(EndingTest, WhatTheEngineSaysStandsOnStandardErrorAlsoWhenItAborts) {
+    Process program(Record("gap=0.5,abort=0.5", {places.File("a.wav"), "--quiet"}));
+
+    EXPECT_EQ(program.Wait(), -SIGABRT);
+
+    EXPECT_THAT(program.Error(), HasSubstr("the recording has a gap"));
+    EXPECT_THAT(program.Error(), HasSubstr("this is the end"));
+}
+
 TEST_F(EndingTest, SignalsAreHeardWhileNobodyReads) {
     const FullPipe pipe(places.File("pipe"));
     Process program(After("exec 2>" + places.File("pipe"), Record("", {places.File("a.wav")})));

@@ -7,6 +7,10 @@
 //   preview=signal       SIGINT comes while it is read; preview=signals: and SIGTERM
 //   late=signals         both come as soon as the host has met the end of a save
 //   lose=SECONDS         the recorder is lost   overflow=SECONDS  a buffer is lost
+//   gap=SECONDS          the recorder says that sound is missing; gap=paused: at a pause;
+//                        gaps=SECONDS: from then on at every step
+//   abort=SECONDS        it says so and aborts
+//   chatter=1            the engine says as much on standard error as it may take
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
 //   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
 //   save=skip:TEXT       ... is skipped         save=hang:TEXT  ... goes on until it is cancelled
@@ -133,9 +137,10 @@ public:
     /// Units after which something is to happen, far away when it is not.
     std::uint64_t Due(const std::string& key) const {
         const std::string text = Text(key);
-        return text.empty() ? ~std::uint64_t{0}
-                            : static_cast<std::uint64_t>(std::stod(text) *
-                                                         static_cast<double>(StepUnits() * 10));
+        return text.find_first_of("0123456789") == std::string::npos
+                   ? ~std::uint64_t{0}
+                   : static_cast<std::uint64_t>(std::stod(text) *
+                                                static_cast<double>(StepUnits() * 10));
     }
     bool Applies(const std::string& mode, const std::string& path) const {
         const std::string text = Text("save");
@@ -178,6 +183,16 @@ public:
             if (reached("overflow")) {
                 Message(VrMessageBufferOverflow, "");
             }
+            if (reached("gap") || length >= Due("gaps")) {
+                SayGap();
+            }
+            if (reached("abort")) {
+                Say("this is the end");
+                std::abort();
+            }
+            if (Text("chatter") == "1") {
+                Say(std::string(4000, 'c'));
+            }
             if (reached("store")) {
                 stalled = true;
                 Message(VrMessageRecordWriteFailed, "");
@@ -188,6 +203,13 @@ public:
             }
             lock.lock();
         }
+    }
+    static void SayGap() {
+        Say("src/device/CoreAudioManager.cpp(1): the recorder reports an overload: the recording "
+            "has a gap");
+    }
+    static void Say(const std::string& line) {
+        std::ignore = ::write(STDERR_FILENO, (line + "\n").data(), line.size() + 1);
     }
     void StartDevice() {
         EndDevice();
@@ -482,6 +504,9 @@ VrError Vorrel_Pause() noexcept {
         std::_Exit(kMisused);  // the engine would read the empty stretch as one that is still open
     }
     Engine().paused = true;
+    if (Engine().Text("gap") == "paused") {
+        FakeEngine::SayGap();
+    }
     return VrSuccess;
 }
 

@@ -13,6 +13,7 @@
 namespace vorrel::test {
 namespace {
 
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -120,6 +121,65 @@ TEST_F(FaultsTest, LostBuffersAreToldOnceAndGiveTheirOwnExitCode) {
 
     EXPECT_EQ(Events(program.Out(), "warning").size(), 1U);
     EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 48'000U);
+}
+
+TEST_F(FaultsTest, AGapInTheRecordersStreamIsToldWhereItIsAndInTheExitCode) {
+    Process program(Record("gap=0.5", {places.File("a.wav"), "--duration", "3"}));
+
+    EXPECT_EQ(program.Wait(), 4);
+
+    EXPECT_THAT(program.Error(), ContainsRegex("warning: sound is missing near 00:0[0-9.]*: "));
+    const std::vector<nlohmann::json> lost = Events(program.Out(), "lost");
+    ASSERT_EQ(lost.size(), 1U);
+    EXPECT_GE(lost[0].at("seconds").get<double>(), 0.5);
+    EXPECT_LE(lost[0].at("seconds").get<double>(), 3.0);
+    const std::vector<nlohmann::json> traced = Events(program.Out(), "trace");
+    ASSERT_EQ(traced.size(), 1U);
+    EXPECT_THAT(traced[0].at("message").get<std::string>(), HasSubstr("has a gap"));
+    EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 144'000U);
+}
+
+TEST_F(FaultsTest, ManyGapsAreToldOnceASecond) {
+    Process program(Record("gaps=0.5", {places.File("a.wav"), "--duration", "20"}));
+
+    EXPECT_EQ(program.Wait(), 4);
+
+    const std::size_t told = Events(program.Out(), "lost").size();
+    EXPECT_GE(told, 2U);
+    EXPECT_LE(told, 21U);
+}
+
+TEST_F(FaultsTest, AGapWhileItIsPausedIsNoneOfTheRecording) {
+    Process::Setup setup = Record("gap=paused", {places.File("a.wav")});
+    setup.terminal = true;
+    Process program(setup);
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+    ASSERT_TRUE(program.Type(" "));
+    ASSERT_TRUE(program.AwaitOut("\"trace\""));
+    ASSERT_TRUE(program.Type("q"));
+
+    EXPECT_EQ(program.Wait(), 0);
+
+    EXPECT_THAT(Events(program.Out(), "lost"), IsEmpty());
+}
+
+TEST_F(FaultsTest, AGapInThePreRollIsOneOfTheRecording) {
+    for (const bool within : {true, false}) {
+        Process program(Record("gap=0.5", {places.File("a.wav"), "--force", "--duration", "2",
+                                           within ? "--pre-roll=60" : "--pre-roll=0.1"}));
+        ASSERT_TRUE(program.AwaitOut("\"trace\""));
+        if (!within) {
+            // Ten steps of the recorder later it lies before the pre-roll.
+            for (int level = 0; level < 3; ++level) {
+                ASSERT_TRUE(program.AwaitOut("\"level\""));
+            }
+        }
+        program.Send(SIGUSR1);
+
+        EXPECT_EQ(program.Wait(), within ? 4 : 0);
+
+        EXPECT_EQ(Events(program.Out(), "lost").size(), within ? 1U : 0U);
+    }
 }
 
 TEST_F(FaultsTest, AStoreThatFailsEndsTheRecordingAndSavesIt) {

@@ -131,6 +131,7 @@ TEST_F(CoreAudioManagerTest, TheSampleTypeMayBeReadInsideACycleOnTheDevicesThrea
 }
 
 TEST_F(CoreAudioManagerTest, EventsMayComeWhileADeviceIsSelectedAndReleased) {
+    TraceCapture trace;  // an overload is said
     std::atomic<bool> done{false};
     std::thread notifications([&] {
         while (!done) {
