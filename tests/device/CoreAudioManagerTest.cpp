@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "CoreAudioManagerRig.h"
+#include "support/TraceCapture.h"
 
 namespace vorrel {
 namespace {
@@ -131,7 +132,7 @@ TEST_F(CoreAudioManagerTest, TheSampleTypeMayBeReadInsideACycleOnTheDevicesThrea
 }
 
 TEST_F(CoreAudioManagerTest, EventsMayComeWhileADeviceIsSelectedAndReleased) {
-    TraceCapture trace;  // an overload is said
+    test::TraceCapture trace;  // an overload is said
     std::atomic<bool> done{false};
     std::thread notifications([&] {
         while (!done) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "AlsaRig.h"
+#include "support/TraceCapture.h"
 
 namespace vorrel::test {
 namespace {
@@ -130,8 +131,14 @@ TEST_F(AlsaTakesTest, ACardInUseCannotBeSelectedAndIsFreeAfterwards) {
     EXPECT_EQ(take.manager.SetAudioDevice(kSupportedDeviceName), VrSuccess);
 }
 
-TEST_F(AlsaTakesTest, AnOverrunIsReportedAndTheTakeGoesOn) {
+TEST_F(AlsaTakesTest, AnOverrunIsSaidAtOnceAndTheTakeGoesOn) {
     AlsaTake take(card);
+    TraceCapture trace;
+    const auto said = [&] {
+        return std::ranges::count_if(trace.Lines(), [](const std::string& line) {
+            return line.ends_with("the recorder reports an overload: the recording has a gap");
+        });
+    };
     take.Select();
     take.SetUp(AlsaTake::Pcm, 48'000);
     take.Start();
@@ -139,7 +146,7 @@ TEST_F(AlsaTakesTest, AnOverrunIsReportedAndTheTakeGoesOn) {
     const AudioObjectID device = take.audio->Find(2)->DeviceId();
 
     card.State().overruns = 2;
-    ASSERT_TRUE(DispatchUntil([&] { return card.State().starts >= 3; }));
+    ASSERT_TRUE(DispatchUntil([&] { return card.State().starts >= 3 && said() == 2; }));
     const std::uint64_t before = take.StoredFrames();
     take.RecordFrames(before + 24'000);
     ASSERT_EQ(take.manager.Stop(true), VrSuccess);
