@@ -87,8 +87,8 @@ void RecordSession::WaitForEvents() {
     std::ignore = ::poll(sources.data(), sources.size(),
                          static_cast<int>(std::max<std::int64_t>(wait.count(), 0)));
 
-    for (const int number : signals.Take()) {
-        HandleSignal(number);
+    for (const SignalCame& came : signals.Take()) {
+        HandleSignal(came);
     }
     if (sources[2].revents != 0) {
         for (const char key : keyboard->Read()) {
@@ -237,8 +237,8 @@ void RecordSession::HandleMessage(const MessageCame& message) {
     }
 }
 
-void RecordSession::HandleSignal(int number) {
-    switch (number) {
+void RecordSession::HandleSignal(const SignalCame& came) {
+    switch (came.number) {
         case SIGTSTP:
             // The terminal goes back to the shell in the state in which it came.
             keyboard->Suspend();
@@ -252,24 +252,33 @@ void RecordSession::HandleSignal(int number) {
         case SIGUSR1:
             HandleKey(taken ? 'm' : 'r');
             return;
+        case SIGHUP:
+            // A terminal that closes says so twice, by its shell and by itself, and nobody has
+            // decided anything: it stops, and never abandons.
+            if (!FilesAreSafe()) {
+                RequestStop();
+            }
+            return;
         default:
             break;
     }
-    if (FilesAreSafe()) {
-        HearLateSignal(number);
-        return;
+    if (requests.Hear(came.when)) {
+        HandleRequest(came.number);
+        requests.Handled(Clock::now());
     }
-    // A terminal that closes says so twice, by its shell and by itself, and nobody has decided
-    // anything: it stops, and never abandons.
-    if (number == SIGHUP) {
-        RequestStop();
+}
+
+/// Somebody wants the end, for the first time or further times.
+void RecordSession::HandleRequest(int number) {
+    if (FilesAreSafe()) {
+        // Nothing of the recording can be given up any more, only the picture of it.
+        pictureUnwanted = pictureUnwanted || requests.Count() > 1;
         return;
     }
     if (abandonedBy != 0) {
         LeaveAtOnce(number);
     }
-    ++stopSignals;
-    if (stopSignals > 1) {
+    if (requests.Count() > 1) {
         Abandon(number);
         return;
     }
@@ -517,13 +526,6 @@ void RecordSession::RequestStop() {
 /// Whether every file has its name, and what is told of the last one is all that is missing.
 bool RecordSession::FilesAreSafe() const {
     return state == State::Done || (state == State::Digesting && queue.size() == 1);
-}
-
-/// Nothing of the recording can be given up any more, only the picture of it.
-void RecordSession::HearLateSignal(int number) {
-    if (number == SIGINT || number == SIGTERM || number == SIGQUIT) {
-        pictureUnwanted = pictureUnwanted || ++stopSignals > 1;
-    }
 }
 
 void RecordSession::Abandon(int number) {

@@ -18,6 +18,7 @@
 #include "PrivateDirectory.h"
 #include "Reporter.h"
 #include "SavePlan.h"
+#include "SignalRequests.h"
 #include "Signals.h"
 #include "SpareDescriptors.h"
 #include "Tracks.h"
@@ -71,7 +72,8 @@ private:
     void HandleOperation(VrRecOperation operation);
     void HandlePosition(double seconds);
     void HandleMessage(const MessageCame& message);
-    void HandleSignal(int number);
+    void HandleSignal(const SignalCame& came);
+    void HandleRequest(int number);
     void HandleKey(char key);
     void Tick();
     void LookAtDisks();
@@ -87,7 +89,6 @@ private:
     void PauseNow();
     void RequestStop();
     bool FilesAreSafe() const;
-    void HearLateSignal(int number);
     void Abandon(int number);
     [[noreturn]] void LeaveAtOnce(int number);
     void Fail(const Failure& failure);
@@ -167,8 +168,8 @@ private:
     int movesUntilPause = 1;      // positions still to come before the recording has surely grown
     bool pausePending = false;
     bool deviceStarted = false;
-    int stopSignals = 0;
-    bool pictureUnwanted = false;  // by a second signal
+    SignalRequests requests;       // to stop
+    bool pictureUnwanted = false;  // by a second request
     int abandonedBy = 0;           // the signal, 0 = not abandoned
 
     StatusLine status;

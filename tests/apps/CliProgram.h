@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -106,6 +107,18 @@ inline bool AwaitPosition(Process& program, double seconds) {
         }
     }
     return false;
+}
+
+/// Reads on, from one `event` to the next, until a signal is no longer taken for the one before,
+/// whose answer in stdout has just been awaited. The event has to come again and again.
+inline bool AwaitNextRequest(Process& program, const std::string& event) {
+    // It comes after the answer, so the signal is handled by now.
+    bool came = program.AwaitOut(event);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (came && std::chrono::steady_clock::now() < until) {
+        came = program.AwaitOut(event);
+    }
+    return came;
 }
 
 /// The objects of a --json output, in order; a line that is none fails with an exception.

@@ -2,15 +2,17 @@
 // the environment, pairs of key=value with commas between, sets it up.
 //
 //   devices=0            no recorder            busy=1          the recorder is refused
-//   start=fail           the start fails        stop=hang       a stop never completes
+//   start=fail           the start fails        stop=hang       a stop never ends: it goes on
 //   preview=fail         that of the whole recording cannot be read
 //   preview=signal       SIGINT comes while it is read; preview=signals: and SIGTERM
-//   late=signals         both come as soon as the host has met the end of a save
+//   late=signal          SIGINT comes as soon as the host has met the end of a save;
+//                        late=signals: and SIGTERM
 //   lose=SECONDS         the recorder is lost   overflow=SECONDS  a buffer is lost
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
 //   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
 //   save=skip:TEXT       ... is skipped         save=hang:TEXT  ... goes on until it is cancelled
 //   save=worked:TEXT     ... fails with gain or tags
+//   save=slow:TEXT       ... takes more than a second
 //   appear=1             the target comes into being while it is saved
 //   channels=N           how many it has
 //
@@ -44,6 +46,7 @@ namespace {
 constexpr std::uint64_t kPcmRate = 48'000;
 constexpr std::uint64_t kDsdRate = 2'822'400;
 constexpr auto kStepTime = std::chrono::milliseconds(5);
+constexpr auto kSlowSave = std::chrono::milliseconds(1100);
 constexpr int kMisused = 99;  // exit code when a call comes that the program should not make
 
 class FakeEngine {
@@ -240,6 +243,11 @@ public:
         }
         std::fwrite(bytes.data(), dsd ? 92 : 44, 1, file);
         std::fflush(file);
+        if (Applies("slow", setting.path)) {
+            progress = 250;
+            std::unique_lock lock(mutex);
+            wake.wait_for(lock, kSlowSave, [this] { return cancelled.load(); });
+        }
         if (Applies("hang", setting.path)) {
             progress = 250;
             std::unique_lock lock(mutex);
@@ -468,10 +476,10 @@ VrError Vorrel_Stop(bool) noexcept {
     if (!engine.running) {
         return VrErrorInvalidState;
     }
-    engine.EndDevice();
     if (engine.Text("stop") == "hang") {
         return VrSuccess;
     }
+    engine.EndDevice();
     engine.running = false;
     engine.Operation(VrRecOperationStopped);
     return VrSuccess;
