@@ -184,7 +184,11 @@ void RecordSession::HandleMessage(const MessageCame& message) {
             if (saving) {
                 break;  // the recording is over, the recorder may go
             }
-            if (deviceFailed) {
+            if (state == State::Waiting || state == State::Armed || state == State::Restarting) {
+                MissRecorder();
+                break;
+            }
+            if (deviceFailed && state != State::Starting) {
                 break;
             }
             deviceFailed = true;
@@ -318,6 +322,9 @@ void RecordSession::Tick() {
     if (record.startAt && !taken && !takeAsked && std::time(nullptr) >= *record.startAt) {
         BeginTake();
     }
+    if (state == State::Waiting && recorderGone && now >= nextRecorderLook) {
+        LookForRecorder();
+    }
     const bool running =
         state == State::Recording || state == State::Paused || state == State::Armed;
     if (running && now >= nextDiskLook) {
@@ -377,6 +384,7 @@ void RecordSession::Enter(State next) {
 
 VrError RecordSession::StartEngine() {
     state = State::Starting;
+    deviceStarted = false;
     // Without a wait for a key, whatever comes is the take.
     taken = taken || !IsArming();
     return record.preRecord ? Vorrel_StartPreRecording() : Vorrel_Start();
@@ -398,14 +406,7 @@ void RecordSession::BeginTake() {
         return;
     }
     if (state == State::Waiting) {
-        if (const VrError error = StartEngine(); error != VrSuccess) {
-            deviceFailed = true;
-            Fail(Failure(ExitCode::Device, "the recording does not start: " + ErrorText(error),
-                         error));
-            Enter(State::Done);
-            return;
-        }
-        reporter.State(StateName(state));
+        StartFromWaiting();
         return;
     }
     if (state == State::Starting || state == State::Restarting) {
@@ -440,11 +441,14 @@ void RecordSession::StartOver() {
     position = positionAtLook = 0.0;
     previewSeen = 0;
     movesUntilPause = 1;
-    if (const VrError error = StartEngine(); error != VrSuccess) {
-        deviceFailed = true;
-        Fail(Failure(ExitCode::Device, "the recorder does not start again: " + ErrorText(error),
-                     error));
-        Enter(State::Done);
+    if (!recorderGone) {
+        StartAgain();
+        return;
+    }
+    std::ignore = Vorrel_New();  // gives it back, for the wait may be long
+    Enter(State::Waiting);
+    if (takeAsked) {
+        BeginTake();
     }
 }
 

@@ -42,7 +42,7 @@ public:
 
 private:
     enum class State {
-        Waiting,     // for the time of day at which it begins
+        Waiting,     // for the time of day at which it begins, or for a recorder that has gone
         Starting,    // the recorder
         Armed,       // it runs, and what comes is not yet the take
         Restarting,  // ... anew, so that what was stored while armed is given back
@@ -84,6 +84,13 @@ private:
     void DeviceStarted();
     void BeginTake();
     void StartOver();
+    // ... of a recorder that goes before the take.
+    std::shared_ptr<VrAudioDeviceInfo> SelectRecorder();
+    void MissRecorder();
+    void FindRecorder();
+    void LookForRecorder();
+    void StartAgain();
+    void StartFromWaiting();
     void AddMark();
     void TogglePause();
     void PauseNow();
@@ -168,6 +175,8 @@ private:
     int movesUntilPause = 1;      // positions still to come before the recording has surely grown
     bool pausePending = false;
     bool deviceStarted = false;
+    bool recorderGone = false;  // before the take
+    Clock::time_point nextRecorderLook;
     SignalRequests requests;       // to stop
     bool pictureUnwanted = false;  // by a second request
     int abandonedBy = 0;           // the signal, 0 = not abandoned

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -119,6 +120,16 @@ inline bool AwaitNextRequest(Process& program, const std::string& event) {
         came = program.AwaitOut(event);
     }
     return came;
+}
+
+/// A time of day that is so many seconds away, as --start-at has it.
+inline std::string In(std::time_t seconds) {
+    const std::time_t moment = std::time(nullptr) + seconds;
+    std::tm local{};
+    ::localtime_r(&moment, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
 }
 
 /// The objects of a --json output, in order; a line that is none fails with an exception.

@@ -8,6 +8,9 @@
 //   late=signal          SIGINT comes as soon as the host has met the end of a save;
 //                        late=signals: and SIGTERM
 //   lose=SECONDS         the recorder is lost   overflow=SECONDS  a buffer is lost
+//   away=LOOKS           the recorder goes as soon as it is set up, or with lose=, and is back
+//   after
+//                        so many looks at the list: a new one, to be selected and set up
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
 //   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
 //   save=skip:TEXT       ... is skipped         save=hang:TEXT  ... goes on until it is cancelled
@@ -176,7 +179,7 @@ public:
                 return length >= due && length - StepUnits() < due;
             };
             if (reached("lose")) {
-                Message(VrMessageDeviceError, "");
+                Lose();
             }
             if (reached("overflow")) {
                 Message(VrMessageBufferOverflow, "");
@@ -192,8 +195,20 @@ public:
             lock.lock();
         }
     }
+    void Lose() {
+        if (!Text("away").empty()) {
+            if (lost.exchange(true)) {
+                return;
+            }
+            away = std::stoi(Text("away"));
+            selected = ready = false;
+            stalled = true;
+        }
+        Message(VrMessageDeviceError, "");
+    }
     void StartDevice() {
         EndDevice();
+        stalled = false;
         recorded.clear();
         raw = 0;
         running = true;
@@ -372,11 +387,13 @@ public:
     std::vector<std::uint32_t> recorded;  // the device's unit of each recorded one
     std::uint64_t raw = 0;
     std::atomic<int> progress{0};
+    std::atomic<int> away{0};  // looks at the list that do not find the recorder
+    std::atomic<bool> selected{false}, ready{false}, lost{false};
     std::atomic<bool> paused{false}, stalled{false}, grown{false}, cancelled{false}, deletes{false};
     std::string tempDirectory;
     std::uint64_t resumes = 0;
     bool saveTold = false;  // main thread
-    bool ending = false, selected = false, running = false, dsd = false;
+    bool ending = false, running = false, dsd = false;
 };
 
 FakeEngine& Engine() {
@@ -409,7 +426,9 @@ VrError Vorrel_New() noexcept {
 
 VrError Vorrel_GetAudioDevices(std::vector<std::string>* names) noexcept {
     names->clear();
-    if (Engine().Text("devices") != "0") {
+    if (Engine().away > 0) {
+        --Engine().away;
+    } else if (Engine().Text("devices") != "0") {
         names->assign({"KD-WV770"});
     }
     return VrSuccess;
@@ -440,12 +459,16 @@ VrError Vorrel_SetRecordSetting(const VrRecordSetting* setting) noexcept {
     if (setting->freq != Engine().Rate()) {
         return VrErrorInvalidParameter;
     }
+    Engine().ready = Engine().selected.load();
+    if (!Engine().Text("away").empty() && Engine().Text("lose").empty()) {
+        Engine().Lose();
+    }
     return VrSuccess;
 }
 
 VrError Vorrel_Start() noexcept {
     FakeEngine& engine = Engine();
-    if (engine.Text("start") == "fail") {
+    if (engine.Text("start") == "fail" || !engine.ready) {
         engine.Message(VrMessageDeviceError, "");
         return VrSuccess;
     }
@@ -465,6 +488,10 @@ VrError Vorrel_Start() noexcept {
 VrError Vorrel_StartPreRecording() noexcept {
     if (Engine().running) {
         return VrErrorInvalidState;
+    }
+    if (!Engine().ready) {
+        Engine().Message(VrMessageDeviceError, "");
+        return VrSuccess;
     }
     Engine().paused = true;
     Engine().StartDevice();
