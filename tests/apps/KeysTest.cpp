@@ -109,6 +109,31 @@ TEST_F(KeysTest, APauseAtTheVeryStartWaitsUntilSomethingIsRecorded) {
     EXPECT_EQ(program.Wait(), 0);
 }
 
+TEST_F(KeysTest, KeysThatATerminalSendsAsSequencesMeanNothing) {
+    Process program(OnTerminal("", {places.File("a.wav"), "--pre-roll", "0.2"}));
+    ASSERT_TRUE(program.AwaitOut("\"armed\""));
+    for (const char* keys : {"\x1bOR", "\x1bOQ", "\x1bq", "\x1b[M r\"", "\x1b[1;5R"}) {
+        ASSERT_TRUE(program.Type(keys));
+    }
+    ASSERT_TRUE(program.Type("r"));
+    ASSERT_TRUE(program.AwaitOut("\"recording\""));
+    ASSERT_TRUE(AwaitPosition(program, 0.5));
+    for (const char* keys : {"\x1bOQ", "\x1bq", "\x1b[M m\"", "\x1b[<0;1;1m"}) {
+        ASSERT_TRUE(program.Type(keys));
+    }
+    ASSERT_TRUE(program.AwaitOut("\"level\""));
+    ASSERT_TRUE(program.Type("q"));
+
+    EXPECT_EQ(program.Wait(), 0);
+    std::vector<std::string> states;
+    for (const nlohmann::json& event : Events(program.Out(), "state")) {
+        states.push_back(event.at("state"));
+    }
+    EXPECT_THAT(states,
+                testing::ElementsAre("starting", "armed", "recording", "stopping", "saving"));
+    EXPECT_TRUE(Events(program.Out(), "mark").empty());
+}
+
 TEST_F(KeysTest, TheTerminalShowsAMovingLineThatIsGoneInTheEnd) {
     Process program(OnTerminal("", {places.File("a.wav")}));
 
