@@ -2,7 +2,10 @@
 
 #include <termios.h>
 
+#include <chrono>
 #include <string>
+
+#include "EscapeSequences.h"
 
 namespace vorrel::cli {
 
@@ -17,17 +20,24 @@ public:
 
     /// What to poll for keys, -1 when there are none.
     int Descriptor() const { return active ? descriptor : -1; }
-    /// The keys pressed since the last call; a terminal that has gone turns the keyboard off.
+    /// The keys pressed since the last call, without those that a terminal sends as an escape
+    /// sequence; waits a twentieth of a second at most for the rest of one. A terminal that has
+    /// gone turns the keyboard off.
     std::string Read();
 
     void Suspend();  ///< Puts the terminal back, as before the process stops or ends.
     void Resume();   ///< Takes it again.
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     bool InForeground() const;
+    std::string ReadSome();
+    bool AwaitRest(Clock::time_point until);
 
     int descriptor;
     bool active = false;
+    EscapeSequences sequences;
     termios original{};
 };
 

@@ -89,8 +89,8 @@ void RecordSession::WaitForEvents() {
     std::ignore = ::poll(sources.data(), sources.size(),
                          static_cast<int>(std::max<std::int64_t>(wait.count(), 0)));
 
-    for (const int number : signals.Take()) {
-        HandleSignal(number);
+    for (const SignalCame& came : signals.Take()) {
+        HandleSignal(came);
     }
     if (sources[2].revents != 0) {
         for (const char key : keyboard->Read()) {
@@ -189,7 +189,11 @@ void RecordSession::HandleMessage(const MessageCame& message) {
             if (saving) {
                 break;  // the recording is over, the recorder may go
             }
-            if (deviceFailed) {
+            if (state == State::Waiting || state == State::Armed || state == State::Restarting) {
+                MissRecorder();
+                break;
+            }
+            if (deviceFailed && state != State::Starting) {
                 break;
             }
             deviceFailed = true;
@@ -242,8 +246,8 @@ void RecordSession::HandleMessage(const MessageCame& message) {
     }
 }
 
-void RecordSession::HandleSignal(int number) {
-    switch (number) {
+void RecordSession::HandleSignal(const SignalCame& came) {
+    switch (came.number) {
         case SIGTSTP:
             // The terminal goes back to the shell in the state in which it came.
             keyboard->Suspend();
@@ -257,24 +261,33 @@ void RecordSession::HandleSignal(int number) {
         case SIGUSR1:
             HandleKey(taken ? 'm' : 'r');
             return;
+        case SIGHUP:
+            // A terminal that closes says so twice, by its shell and by itself, and nobody has
+            // decided anything: it stops, and never abandons.
+            if (!FilesAreSafe()) {
+                RequestStop();
+            }
+            return;
         default:
             break;
     }
-    if (FilesAreSafe()) {
-        HearLateSignal(number);
-        return;
+    if (requests.Hear(came.when)) {
+        HandleRequest(came.number);
+        requests.Handled(Clock::now());
     }
-    // A terminal that closes says so twice, by its shell and by itself, and nobody has decided
-    // anything: it stops, and never abandons.
-    if (number == SIGHUP) {
-        RequestStop();
+}
+
+/// Somebody wants the end, for the first time or further times.
+void RecordSession::HandleRequest(int number) {
+    if (FilesAreSafe()) {
+        // Nothing of the recording can be given up any more, only the picture of it.
+        pictureUnwanted = pictureUnwanted || requests.Count() > 1;
         return;
     }
     if (abandonedBy != 0) {
         LeaveAtOnce(number);
     }
-    ++stopSignals;
-    if (stopSignals > 1) {
+    if (requests.Count() > 1) {
         Abandon(number);
         return;
     }
@@ -313,6 +326,9 @@ void RecordSession::Tick() {
     journal->Look();
     if (record.startAt && !taken && !takeAsked && std::time(nullptr) >= *record.startAt) {
         BeginTake();
+    }
+    if (state == State::Waiting && recorderGone && now >= nextRecorderLook) {
+        LookForRecorder();
     }
     const bool running =
         state == State::Recording || state == State::Paused || state == State::Armed;
@@ -373,6 +389,7 @@ void RecordSession::Enter(State next) {
 
 VrError RecordSession::StartEngine() {
     state = State::Starting;
+    deviceStarted = false;
     // Without a wait for a key, whatever comes is the take.
     taken = taken || !IsArming();
     return record.preRecord ? Vorrel_StartPreRecording() : Vorrel_Start();
@@ -394,14 +411,7 @@ void RecordSession::BeginTake() {
         return;
     }
     if (state == State::Waiting) {
-        if (const VrError error = StartEngine(); error != VrSuccess) {
-            deviceFailed = true;
-            Fail(Failure(ExitCode::Device, "the recording does not start: " + ErrorText(error),
-                         error));
-            Enter(State::Done);
-            return;
-        }
-        reporter.State(StateName(state));
+        StartFromWaiting();
         return;
     }
     if (state == State::Starting || state == State::Restarting) {
@@ -440,11 +450,14 @@ void RecordSession::StartOver() {
     lastGap.reset();
     previewSeen = 0;
     movesUntilPause = 1;
-    if (const VrError error = StartEngine(); error != VrSuccess) {
-        deviceFailed = true;
-        Fail(Failure(ExitCode::Device, "the recorder does not start again: " + ErrorText(error),
-                     error));
-        Enter(State::Done);
+    if (!recorderGone) {
+        StartAgain();
+        return;
+    }
+    std::ignore = Vorrel_New();  // gives it back, for the wait may be long
+    Enter(State::Waiting);
+    if (takeAsked) {
+        BeginTake();
     }
 }
 
@@ -526,13 +539,6 @@ void RecordSession::RequestStop() {
 /// Whether every file has its name, and what is told of the last one is all that is missing.
 bool RecordSession::FilesAreSafe() const {
     return state == State::Done || (state == State::Digesting && queue.size() == 1);
-}
-
-/// Nothing of the recording can be given up any more, only the picture of it.
-void RecordSession::HearLateSignal(int number) {
-    if (number == SIGINT || number == SIGTERM || number == SIGQUIT) {
-        pictureUnwanted = pictureUnwanted || ++stopSignals > 1;
-    }
 }
 
 void RecordSession::Abandon(int number) {

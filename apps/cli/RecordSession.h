@@ -19,6 +19,7 @@
 #include "PrivateDirectory.h"
 #include "Reporter.h"
 #include "SavePlan.h"
+#include "SignalRequests.h"
 #include "Signals.h"
 #include "SpareDescriptors.h"
 #include "Tracks.h"
@@ -42,7 +43,7 @@ public:
 
 private:
     enum class State {
-        Waiting,     // for the time of day at which it begins
+        Waiting,     // for the time of day at which it begins, or for a recorder that has gone
         Starting,    // the recorder
         Armed,       // it runs, and what comes is not yet the take
         Restarting,  // ... anew, so that what was stored while armed is given back
@@ -72,7 +73,8 @@ private:
     void HandleOperation(VrRecOperation operation);
     void HandlePosition(double seconds);
     void HandleMessage(const MessageCame& message);
-    void HandleSignal(int number);
+    void HandleSignal(const SignalCame& came);
+    void HandleRequest(int number);
     void HandleKey(char key);
     void Tick();
     void LookAtDisks();
@@ -85,12 +87,18 @@ private:
     void DeviceStarted();
     void BeginTake();
     void StartOver();
+    // ... of a recorder that goes before the take.
+    std::shared_ptr<VrAudioDeviceInfo> SelectRecorder();
+    void MissRecorder();
+    void FindRecorder();
+    void LookForRecorder();
+    void StartAgain();
+    void StartFromWaiting();
     void AddMark();
     void TogglePause();
     void PauseNow();
     void RequestStop();
     bool FilesAreSafe() const;
-    void HearLateSignal(int number);
     void Abandon(int number);
     [[noreturn]] void LeaveAtOnce(int number);
     void Fail(const Failure& failure);
@@ -171,8 +179,10 @@ private:
     int movesUntilPause = 1;      // positions still to come before the recording has surely grown
     bool pausePending = false;
     bool deviceStarted = false;
-    int stopSignals = 0;
-    bool pictureUnwanted = false;  // by a second signal
+    bool recorderGone = false;  // before the take
+    Clock::time_point nextRecorderLook;
+    SignalRequests requests;       // to stop
+    bool pictureUnwanted = false;  // by a second request
     int abandonedBy = 0;           // the signal, 0 = not abandoned
 
     StatusLine status;

@@ -28,8 +28,8 @@ std::optional<PeakSummary> RecordSession::SummarizeTake(std::uint64_t first, std
         }
         peaks.Add(samples);
         frame += count;
-        for (const int number : signals.Take()) {
-            HearLateSignal(number);
+        for (const SignalCame& came : signals.Take()) {
+            HandleSignal(came);
         }
         if (pictureUnwanted) {
             return std::nullopt;

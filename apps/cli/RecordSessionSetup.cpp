@@ -94,16 +94,7 @@ void RecordSession::OpenDevice() {
     notifications = OpenEngine(common);
     Require(Vorrel_SetTempDirectory(spillDirectory->Path().c_str()), ExitCode::Storage,
             "the temporary directory is not accepted");
-    const std::shared_ptr<VrAudioDeviceInfo> info = SelectDevice(common.device);
-
-    VrRecordSetting setting;
-    setting.rec_type = record.dsd ? 1 : 0;
-    setting.freq = ChooseRate(record.dsd ? info->DSD_supported_freq : info->PCM_supported_freq,
-                              record.rateHz, record.dsd);
-    setting.bits = static_cast<std::uint16_t>(record.dsd ? 1 : record.bits);
-    Require(Vorrel_SetRecordSetting(&setting), ExitCode::Device,
-            info->device_name + " does not take the setting");
-    format.rateHz = setting.freq;
+    const std::shared_ptr<VrAudioDeviceInfo> info = SelectRecorder();
     format.dsd = record.dsd;
     format.bits = record.bits;
     format.channels = info->i_ch;

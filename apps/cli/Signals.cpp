@@ -7,35 +7,49 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <tuple>
 
 #include "ExitCode.h"
+#include "SignalRequests.h"
 
 namespace vorrel::cli {
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// What a handler writes: less than the system may write in two.
+struct Record {
+    std::int64_t number, when;
+};
 
 constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT, SIGUSR1};
 
 /// The program's only globals: a handler is given nothing else to hold on to.
 std::atomic<int> writeEnd{-1};
-std::atomic<int> decidedExit{-1};  // -1 = a recording still runs
-std::atomic<int> lateSignals{0};
+std::atomic<int> decidedExit{-1};         // -1 = a recording still runs
+std::atomic<std::int64_t> lateSince{-1};  // a signal has come since then, -1 = none
+static_assert(std::atomic<std::int64_t>::is_always_lock_free);
 
 extern "C" void VorrelCliOnSignal(int number) {
+    const int saved = errno;
+    const std::int64_t now = Clock::now().time_since_epoch().count();
     if (const int exitCode = decidedExit.load(); exitCode >= 0) {
         const bool asksForTheEnd =
             number != SIGCONT && number != SIGTSTP && number != SIGUSR1 && number != SIGHUP;
-        if (asksForTheEnd && ++lateSignals > 1) {
+        std::int64_t first = -1;
+        if (asksForTheEnd && !lateSince.compare_exchange_strong(first, now) &&
+            SignalRequests::IsFurther(Clock::duration(now - first))) {
             ::_exit(exitCode);
         }
         return;
     }
-    const int saved = errno;
-    const auto byte = static_cast<unsigned char>(number);
+    const Record record{number, now};
     // A full pipe holds enough signals already.
-    std::ignore = ::write(writeEnd.load(), &byte, 1);
+    std::ignore = ::write(writeEnd.load(), &record, sizeof record);
     errno = saved;
 }
 
@@ -86,15 +100,20 @@ void Signals::EndWith(int exitCode) {
     decidedExit = exitCode;
 }
 
-std::vector<int> Signals::Take() {
-    std::vector<int> numbers;
-    std::array<unsigned char, 64> bytes{};
+std::vector<SignalCame> Signals::Take() {
+    std::vector<SignalCame> came;
+    std::array<Record, 16> records{};
     for (;;) {
-        const ssize_t count = ::read(readEnd, bytes.data(), bytes.size());
+        // The pipe holds whole records, and so does what is read from it.
+        const ssize_t count = ::read(readEnd, records.data(), sizeof records);
         if (count <= 0) {
-            return numbers;
+            return came;
         }
-        numbers.insert(numbers.end(), bytes.begin(), bytes.begin() + count);
+        for (std::size_t index = 0; index < static_cast<std::size_t>(count) / sizeof(Record);
+             ++index) {
+            came.push_back({static_cast<int>(records[index].number),
+                            Clock::time_point(Clock::duration(records[index].when))});
+        }
     }
 }
 

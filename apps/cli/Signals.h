@@ -1,10 +1,17 @@
 #pragma once
 
+#include <chrono>
 #include <vector>
 
 namespace vorrel::cli {
 
-/// Turns signals into bytes of a pipe, so that the event loop meets them between two events.
+/// A signal that has come.
+struct SignalCame {
+    int number;
+    std::chrono::steady_clock::time_point when;
+};
+
+/// Turns signals into records in a pipe, so that the event loop meets them between two events.
 /// SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT and SIGUSR1; a hang-up or stop key that the
 /// parent ignores (nohup) stays ignored. One at a time.
 ///
@@ -21,13 +28,14 @@ public:
     /// Readable while signals wait.
     int Descriptor() const { return readEnd; }
     /// The signals that came since the last call, in order.
-    std::vector<int> Take();
+    std::vector<SignalCame> Take();
 
     /// Whether a signal comes through: its parent has not had it ignored.
     static bool Heeds(int number);
 
     /// Everything is decided: to the end of the process a signal changes neither what is left
-    /// behind nor the exit code, which is `exitCode`. The second one ends a process that hangs.
+    /// behind nor the exit code, which is `exitCode`. The second request (`SignalRequests`) ends a
+    /// process that hangs.
     static void EndWith(int exitCode);
 
 private:

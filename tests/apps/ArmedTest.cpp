@@ -128,11 +128,16 @@ TEST_F(ArmedTest, WhoLeavesWhileArmedHasRecordedNothing) {
     }
 }
 
-TEST_F(ArmedTest, ARecorderThatIsLostWhileArmedIsADeviceError) {
+TEST_F(ArmedTest, ARecorderThatIsLostWhileArmedAndNotThereAtTheKeyIsADeviceError) {
     Process program(Record(
         {places.File("a.wav"), "--simulate=source=counter,speed=20,unplug=20", "--pre-record"}));
+    ASSERT_TRUE(program.AwaitOut("\"armed\""));
+    ASSERT_TRUE(program.AwaitOut("\"waiting\""));
+
+    program.Send(SIGUSR1);
 
     EXPECT_EQ(program.Wait(), 2);
+    EXPECT_THAT(program.Error(), HasSubstr("for the recorder is gone: no recorder is connected"));
 
     EXPECT_THAT(places.Files(), IsEmpty());
     EXPECT_TRUE(places.TempIsEmpty());
@@ -148,16 +153,6 @@ TEST_F(ArmedTest, SpaceAndMarksMeanNothingWhileArmed) {
 
     EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
     EXPECT_THAT(Events(program.Out(), "mark"), IsEmpty());
-}
-
-/// A time of day that is so many seconds away, as the option has it.
-std::string In(std::time_t seconds) {
-    const std::time_t moment = std::time(nullptr) + seconds;
-    std::tm local{};
-    ::localtime_r(&moment, &local);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    return text;
 }
 
 TEST_F(ArmedTest, ATimeOfDayBeginsTheRecording) {

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -106,6 +108,39 @@ inline bool AwaitPosition(Process& program, double seconds) {
         }
     }
     return false;
+}
+
+/// Reads on until the recording stands so many seconds further than the last position that has been
+/// read: surely behind a pause that has just ended.
+inline bool AwaitAdvance(Process& program, double seconds) {
+    constexpr std::string_view kBegin = "\"position\",\"seconds\":";
+    const std::size_t last = program.Out().rfind(kBegin);
+    const double now = last == std::string::npos
+                           ? 0.0
+                           : std::strtod(program.Out().c_str() + last + kBegin.size(), nullptr);
+    return AwaitPosition(program, now + seconds);
+}
+
+/// Reads on, from one `event` to the next, until a signal is no longer taken for the one before,
+/// whose answer in stdout has just been awaited. The event has to come again and again.
+inline bool AwaitNextRequest(Process& program, const std::string& event) {
+    // It comes after the answer, so the signal is handled by now.
+    bool came = program.AwaitOut(event);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (came && std::chrono::steady_clock::now() < until) {
+        came = program.AwaitOut(event);
+    }
+    return came;
+}
+
+/// A time of day that is so many seconds away, as --start-at has it.
+inline std::string In(std::time_t seconds) {
+    const std::time_t moment = std::time(nullptr) + seconds;
+    std::tm local{};
+    ::localtime_r(&moment, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
 }
 
 /// The objects of a --json output, in order; a line that is none fails with an exception.

@@ -138,9 +138,11 @@ TEST_F(EndingTest, AHookThatHangsDoesNotKeepASignalFromEndingAtOnce) {
     ASSERT_TRUE(program.AwaitOut("\"position\""));
 
     program.Send(SIGINT);
-    ASSERT_TRUE(program.AwaitError("a second signal abandons"));
+    ASSERT_TRUE(program.AwaitOut("\"stopping\""));
+    ASSERT_TRUE(AwaitNextRequest(program, "\"position\""));
     program.Send(SIGTERM);
-    ASSERT_TRUE(program.AwaitError("a further signal ends at once"));
+    ASSERT_TRUE(program.AwaitOut("a further signal ends at once"));
+    ASSERT_TRUE(AwaitNextRequest(program, "\"position\""));
     program.Send(SIGTERM);
 
     EXPECT_EQ(program.Wait(), 128 + SIGTERM);
@@ -200,12 +202,33 @@ TEST_F(EndingTest, TheFirstSignalSaves) {
     EXPECT_TRUE(places.TempIsEmpty());
 }
 
+TEST_F(EndingTest, OneRequestThatComesAsTwoSignalsSaves) {
+    // As from "timeout", which signals its child and then the group of both.
+    for (const char* duration : {"--duration=3600", "--duration=0.5"}) {
+        Process program(Record("save=slow:", {places.File("a.wav"), "--force", duration}));
+        ASSERT_TRUE(program.AwaitOut("\"position\""));
+        if (duration == std::string("--duration=0.5")) {
+            ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+        }
+
+        program.Send(SIGTERM);
+        program.Send(SIGINT);
+
+        EXPECT_EQ(program.Wait(), 0) << duration;
+        EXPECT_GT(ReadWav(places.File("a.wav")).Frames(), 0U) << duration;
+        EXPECT_THAT(program.Error(), HasSubstr("saving; a second signal abandons it")) << duration;
+        EXPECT_THAT(program.Error(), testing::Not(HasSubstr("abandoned"))) << duration;
+        EXPECT_TRUE(places.TempIsEmpty()) << duration;
+    }
+}
+
 TEST_F(EndingTest, TheSecondSignalAbandonsARunningSave) {
     for (const auto& [type, file] : {std::pair{"pcm", "a.wav"}, std::pair{"dsd", "a.dsf"}}) {
         Process program(Record("save=hang:", {places.File(file), "--type", type}));
         ASSERT_TRUE(program.AwaitOut("\"position\"")) << type;
         program.Send(SIGINT);
-        ASSERT_TRUE(program.AwaitOut("\"percent\":25.0")) << type;
+        ASSERT_TRUE(program.AwaitOut("\"stopping\"")) << type;
+        ASSERT_TRUE(AwaitNextRequest(program, "\"percent\":25.0")) << type;
 
         program.Send(SIGINT);
 
@@ -260,7 +283,8 @@ TEST_F(EndingTest, AnAbandonedSaveLeavesTheDirectoryAndWhatElseIsInIt) {
         Process program(Record("save=hang:", {directory.File("a.wav")}));
         ASSERT_TRUE(program.AwaitOut("\"position\""));
         program.Send(SIGINT);
-        ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+        ASSERT_TRUE(program.AwaitOut("\"stopping\""));
+        ASSERT_TRUE(AwaitNextRequest(program, "\"percent\":25.0"));
 
         program.Send(SIGINT);
 
@@ -273,9 +297,10 @@ TEST_F(EndingTest, AnAbandonedSaveLeavesTheDirectoryAndWhatElseIsInIt) {
 TEST_F(EndingTest, AThirdSignalStillEndsTheJsonOutput) {
     Process program(Record("stop=hang", {places.File("a.wav")}));
     ASSERT_TRUE(program.AwaitOut("\"position\""));
-    for (const char* answer : {"stopping and saving", "abandoned"}) {
+    for (const char* answer : {"\"stopping\"", "abandoned"}) {
         program.Send(SIGINT);
-        ASSERT_TRUE(program.AwaitError(answer));
+        ASSERT_TRUE(program.AwaitOut(answer));
+        ASSERT_TRUE(AwaitNextRequest(program, "\"position\""));
     }
     program.Send(SIGINT);
 
@@ -285,11 +310,12 @@ TEST_F(EndingTest, AThirdSignalStillEndsTheJsonOutput) {
 }
 
 TEST_F(EndingTest, WhatWasSavedBeforeTheSecondSignalStays) {
-    Process program(Record("save=hang:b.wav", {places.File("a.wav"), "--duration", "0.5", "--range",
-                                               "0-0.5=" + places.File("b.wav")}));
-    ASSERT_TRUE(program.AwaitOut("\"percent\":25.0"));
+    Process program(Record("save=hang:b.wav",
+                           {places.File("a.wav"), "--range", "0-0.5=" + places.File("b.wav")}));
+    ASSERT_TRUE(AwaitPosition(program, 0.5));
     program.Send(SIGTERM);
-    ASSERT_TRUE(program.AwaitError("second signal"));
+    ASSERT_TRUE(program.AwaitOut("\"stopping\""));
+    ASSERT_TRUE(AwaitNextRequest(program, "\"percent\":25.0"));
 
     program.Send(SIGTERM);
 
@@ -302,8 +328,10 @@ TEST_F(EndingTest, TheThirdSignalEndsAProgramWhoseRecorderDoesNotStop) {
     ASSERT_TRUE(program.AwaitOut("\"position\""));
     program.Send(SIGINT);
     ASSERT_TRUE(program.AwaitOut("\"stopping\""));
+    ASSERT_TRUE(AwaitNextRequest(program, "\"position\""));
     program.Send(SIGINT);
-    ASSERT_TRUE(program.AwaitError("abandoned"));
+    ASSERT_TRUE(program.AwaitOut("abandoned"));
+    ASSERT_TRUE(AwaitNextRequest(program, "\"position\""));
 
     program.Send(SIGTERM);
 
@@ -313,18 +341,24 @@ TEST_F(EndingTest, TheThirdSignalEndsAProgramWhoseRecorderDoesNotStop) {
 }
 
 TEST_F(EndingTest, ASignalAfterTheLastFileDoesNotKeepThePictureFromBeingDrawn) {
-    Process program(Record("preview=signal", {places.File("a.wav"), "--duration", "1", "--waveform",
-                                              places.File("a.png")}));
+    for (const char* which :
+         {"preview=signal", "preview=signals"}) {  // two at once are one request
+        Process program(Record(which, {places.File("a.wav"), "--duration", "1", "--waveform",
+                                       places.File("a.png"), "--force"}));
 
-    EXPECT_EQ(program.Wait(), 0) << program.Error();
+        EXPECT_EQ(program.Wait(), 0) << program.Error();
 
-    EXPECT_THAT(places.Files(), ElementsAre("a.png", "a.wav"));
-    EXPECT_EQ(Events(program.Out(), "drawn").size(), 1U);
+        EXPECT_THAT(places.Files(), ElementsAre("a.png", "a.wav"));
+        EXPECT_EQ(Events(program.Out(), "drawn").size(), 1U);
+    }
 }
 
 TEST_F(EndingTest, ASecondSignalAfterTheLastFileLeavesThePictureOutAndTheFilesSaved) {
-    Process program(Record("preview=signals", {places.File("a.wav"), "--duration", "1",
-                                               "--waveform", places.File("a.png")}));
+    Process program(Record("save=slow:,preview=signal",
+                           {places.File("a.wav"), "--waveform", places.File("a.png")}));
+    ASSERT_TRUE(program.AwaitOut("\"position\""));
+
+    program.Send(SIGTERM);  // and another one when the file is saved, which takes a second
 
     EXPECT_EQ(program.Wait(), 5);
 
@@ -349,10 +383,13 @@ TEST_F(EndingTest, SignalsWhileTheLastFileIsReadForItsDigestChangeNothingOfIt) {
 }
 
 TEST_F(EndingTest, AFileThatHasItsNameIsToldThoughTheOthersAreAbandoned) {
-    Process program(Record("channels=8,late=signals", {places.File("a.wav"), "--duration", "42",
-                                                       "--range", "0-1=" + places.File("b.wav")}));
+    Process program(Record("channels=8,save=slow:,late=signal",
+                           {places.File("a.wav"), "--range", "0-1=" + places.File("b.wav")}));
+    ASSERT_TRUE(AwaitPosition(program, 42));
 
-    EXPECT_EQ(program.Wait(), 128 + SIGTERM);
+    program.Send(SIGTERM);  // and another one when the first file is saved, which takes a second
+
+    EXPECT_EQ(program.Wait(), 128 + SIGINT);
 
     EXPECT_THAT(places.Files(), ElementsAre("a.wav"));
     EXPECT_EQ(Events(program.Out(), "saved").at(0).at("file"), places.File("a.wav"));

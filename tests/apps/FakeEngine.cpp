@@ -2,19 +2,24 @@
 // the environment, pairs of key=value with commas between, sets it up.
 //
 //   devices=0            no recorder            busy=1          the recorder is refused
-//   start=fail           the start fails        stop=hang       a stop never completes
+//   start=fail           the start fails        stop=hang       a stop never ends: it goes on
 //   preview=fail         that of the whole recording cannot be read
 //   preview=signal       SIGINT comes while it is read; preview=signals: and SIGTERM
-//   late=signals         both come as soon as the host has met the end of a save
+//   late=signal          SIGINT comes as soon as the host has met the end of a save;
+//                        late=signals: and SIGTERM
 //   lose=SECONDS         the recorder is lost   overflow=SECONDS  a buffer is lost
 //   gap=SECONDS          the recorder says that sound is missing; gap=paused: at a pause;
 //                        gaps=SECONDS: from then on at every step
 //   abort=SECONDS        it says so and aborts
 //   chatter=1            the engine says as much on standard error as it may take
+//   away=LOOKS           the recorder goes as soon as it is set up, or with lose=, and is back
+//   after
+//                        so many looks at the list: a new one, to be selected and set up
 //   store=SECONDS        storing fails          gone=SECONDS    the temporary directory is gone
 //   save=fail:TEXT+TEXT  a save fails for paths with a TEXT in them, half-way
 //   save=skip:TEXT       ... is skipped         save=hang:TEXT  ... goes on until it is cancelled
 //   save=worked:TEXT     ... fails with gain or tags
+//   save=slow:TEXT       ... takes more than a second
 //   appear=1             the target comes into being while it is saved
 //   channels=N           how many it has
 //
@@ -48,6 +53,7 @@ namespace {
 constexpr std::uint64_t kPcmRate = 48'000;
 constexpr std::uint64_t kDsdRate = 2'822'400;
 constexpr auto kStepTime = std::chrono::milliseconds(5);
+constexpr auto kSlowSave = std::chrono::milliseconds(1100);
 constexpr int kMisused = 99;  // exit code when a call comes that the program should not make
 
 class FakeEngine {
@@ -178,7 +184,7 @@ public:
                 return length >= due && length - StepUnits() < due;
             };
             if (reached("lose")) {
-                Message(VrMessageDeviceError, "");
+                Lose();
             }
             if (reached("overflow")) {
                 Message(VrMessageBufferOverflow, "");
@@ -211,8 +217,20 @@ public:
     static void Say(const std::string& line) {
         std::ignore = ::write(STDERR_FILENO, (line + "\n").data(), line.size() + 1);
     }
+    void Lose() {
+        if (!Text("away").empty()) {
+            if (lost.exchange(true)) {
+                return;
+            }
+            away = std::stoi(Text("away"));
+            selected = ready = false;
+            stalled = true;
+        }
+        Message(VrMessageDeviceError, "");
+    }
     void StartDevice() {
         EndDevice();
+        stalled = false;
         recorded.clear();
         raw = 0;
         running = true;
@@ -262,6 +280,11 @@ public:
         }
         std::fwrite(bytes.data(), dsd ? 92 : 44, 1, file);
         std::fflush(file);
+        if (Applies("slow", setting.path)) {
+            progress = 250;
+            std::unique_lock lock(mutex);
+            wake.wait_for(lock, kSlowSave, [this] { return cancelled.load(); });
+        }
         if (Applies("hang", setting.path)) {
             progress = 250;
             std::unique_lock lock(mutex);
@@ -386,11 +409,13 @@ public:
     std::vector<std::uint32_t> recorded;  // the device's unit of each recorded one
     std::uint64_t raw = 0;
     std::atomic<int> progress{0};
+    std::atomic<int> away{0};  // looks at the list that do not find the recorder
+    std::atomic<bool> selected{false}, ready{false}, lost{false};
     std::atomic<bool> paused{false}, stalled{false}, grown{false}, cancelled{false}, deletes{false};
     std::string tempDirectory;
     std::uint64_t resumes = 0;
     bool saveTold = false;  // main thread
-    bool ending = false, selected = false, running = false, dsd = false;
+    bool ending = false, running = false, dsd = false;
 };
 
 FakeEngine& Engine() {
@@ -423,7 +448,9 @@ VrError Vorrel_New() noexcept {
 
 VrError Vorrel_GetAudioDevices(std::vector<std::string>* names) noexcept {
     names->clear();
-    if (Engine().Text("devices") != "0") {
+    if (Engine().away > 0) {
+        --Engine().away;
+    } else if (Engine().Text("devices") != "0") {
         names->assign({"KD-WV770"});
     }
     return VrSuccess;
@@ -454,12 +481,16 @@ VrError Vorrel_SetRecordSetting(const VrRecordSetting* setting) noexcept {
     if (setting->freq != Engine().Rate()) {
         return VrErrorInvalidParameter;
     }
+    Engine().ready = Engine().selected.load();
+    if (!Engine().Text("away").empty() && Engine().Text("lose").empty()) {
+        Engine().Lose();
+    }
     return VrSuccess;
 }
 
 VrError Vorrel_Start() noexcept {
     FakeEngine& engine = Engine();
-    if (engine.Text("start") == "fail") {
+    if (engine.Text("start") == "fail" || !engine.ready) {
         engine.Message(VrMessageDeviceError, "");
         return VrSuccess;
     }
@@ -480,6 +511,10 @@ VrError Vorrel_StartPreRecording() noexcept {
     if (Engine().running) {
         return VrErrorInvalidState;
     }
+    if (!Engine().ready) {
+        Engine().Message(VrMessageDeviceError, "");
+        return VrSuccess;
+    }
     Engine().paused = true;
     Engine().StartDevice();
     return VrSuccess;
@@ -490,10 +525,10 @@ VrError Vorrel_Stop(bool) noexcept {
     if (!engine.running) {
         return VrErrorInvalidState;
     }
-    engine.EndDevice();
     if (engine.Text("stop") == "hang") {
         return VrSuccess;
     }
+    engine.EndDevice();
     engine.running = false;
     engine.Operation(VrRecOperationStopped);
     return VrSuccess;

@@ -158,7 +158,7 @@ void RemoveTake(const LeftTake& take, const LeftoverLock& lock, Reporter& report
 
 /// The signal that asks for the end, 0 = none.
 int EndSignal(Signals& signals) {
-    for (const int number : signals.Take()) {
+    for (const auto& [number, when] : signals.Take()) {
         if (number == SIGTSTP) {
             ::kill(::getpid(), SIGSTOP);
         } else if (number != SIGCONT && number != SIGUSR1) {
