@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <tuple>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -20,13 +21,14 @@ int main(int argc, char** argv) {
     }
     std::sort(paths.begin(), paths.end());
     if (paths.empty()) {
-        std::fprintf(stderr, "no seeds\n");
+        std::ignore = std::fprintf(stderr, "no seeds\n");
         return 1;
     }
     for (const std::string& path : paths) {
         std::ifstream file(path, std::ios::binary);
         const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-        std::fprintf(stderr, "%s\n", path.c_str());  // before it is tried: it may be the last
+        // Before it is tried: it may be the last.
+        std::ignore = std::fprintf(stderr, "%s\n", path.c_str());
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     }
     std::printf("%zu seeds hold\n", paths.size());

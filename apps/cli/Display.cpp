@@ -46,7 +46,7 @@ std::string Head(const StatusLine& status) {
 /// Text of a known width, with or without colour.
 class Line {
 public:
-    Line(const Terminal& target) : terminal(target) {}
+    explicit Line(const Terminal& target) : terminal(target) {}
 
     /// Appends what still fits; a character of several bytes counts as one column.
     void Add(std::string_view text, std::string_view style = {}) {
@@ -97,7 +97,7 @@ std::string_view StateStyle(const std::string& state) {
 /// A clock in digits of three rows, as on a tape counter.
 std::array<std::string, 3> LargeDigits(const std::string& clock) {
     struct Digit {
-        char character;
+        char character = '\0';
         std::array<std::string_view, 3> rows;
     };
     static constexpr std::array<Digit, 12> kDigits = {{

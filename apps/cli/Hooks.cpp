@@ -76,6 +76,7 @@ std::string Hooks::StartNext() {
         texts.push_back(name + "=" + value);
     }
     std::vector<char*> environment;
+    environment.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         environment.push_back(text.data());
     }

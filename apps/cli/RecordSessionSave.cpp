@@ -111,7 +111,7 @@ std::string RecordSession::FreshName(const std::string& path) {
     if (!there || written.count(there) == 0) {
         return path;
     }
-    const std::string name = FreeName(path);
+    std::string name = FreeName(path);
     reporter.Warning(path + " is another file of this recording; this one becomes " + name);
     return name;
 }

@@ -20,6 +20,7 @@
 namespace vorrel {
 namespace {
 
+// NOLINTBEGIN(misc-definitions-in-headers): one file reads it, once for each instruction set
 constexpr std::size_t kStep = 8;  // values that enter a ring between two outputs of its filter
 constexpr std::size_t kSteps = kDecimatorTaps / kStep;  // of a turn
 constexpr std::size_t kSampleBytes = 8;
@@ -39,6 +40,7 @@ constexpr float kFullScale = 32767.0F;
 constexpr const float* kTaps = filter_coef.data();
 constexpr const std::array<float, 4>* kMsbRows = table_msb.data();
 constexpr const std::array<float, 4>* kLsbRows = table_lsb.data();
+// NOLINTEND(misc-definitions-in-headers)
 
 /// The taps of `tile` successive outputs side by side: at `place` x `tile` + n what output n has
 /// for the slot where the first of them has tap `place`.
@@ -162,10 +164,11 @@ template <bool msbFirst>
 void Enter(Floats* turn, int step, Ints words) {
 #pragma GCC unroll 4
     for (int byte = 0; byte < static_cast<int>(kWordBytes); ++byte) {
-        if (step + byte < 0 || step + byte >= static_cast<int>(kSteps)) {
+        const int at = step + byte;
+        if (at < 0 || at >= static_cast<int>(kSteps)) {
             continue;
         }
-        Floats* slots = turn + (step + byte) * static_cast<int>(kStep);
+        Floats* slots = turn + static_cast<std::size_t>(at) * kStep;
 #pragma GCC unroll 8
         for (int i = 0; i < 8; ++i) {
             slots[i] = PlusOrMinusOne(words, 8 * byte + (msbFirst ? 7 - i : i));

@@ -24,9 +24,11 @@
 namespace vorrel {
 namespace {
 
+// NOLINTBEGIN(misc-definitions-in-headers): each compilation has its own
 constexpr std::size_t kFloatBytes = 4;
 constexpr std::size_t kVectorBytes = kLanes * kFloatBytes;
 constexpr std::size_t kBlockSamples = 4 * kLanes;
+// NOLINTEND(misc-definitions-in-headers)
 
 }  // namespace
 }  // namespace vorrel

@@ -46,7 +46,7 @@ std::int32_t fir_filter::Store(double x) {
     const std::int32_t slot = index;
     const auto value = static_cast<float>(x);
     delayLine[static_cast<std::size_t>(slot)] = value;
-    delayLine[static_cast<std::size_t>(slot + kRing)] = value;
+    delayLine[static_cast<std::size_t>(slot) + kGainTaps] = value;
     index = slot + 1 == kRing ? 0 : slot + 1;
     return slot;
 }

@@ -122,6 +122,7 @@ void VorrelManager::DeleteLeftoverSpillFiles() {
     }
     // In the directory that was opened, whatever its path may lead to by now.
     const int descriptor = ::dirfd(directory.get());
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread has this listing
     while (const dirent* const entry = ::readdir(directory.get())) {
         const char* const name = entry->d_name;
         struct stat status {};

@@ -40,6 +40,7 @@ bool RemoveContents(int descriptor) {
     bool removed = true;
     while (removed) {
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread has this listing
         const dirent* const entry = ::readdir(directory);
         if (entry == nullptr) {
             removed = errno == 0;
@@ -206,6 +207,7 @@ int PathIsDirectoryEmpty(const char* path) {
         return 1;
     }
     bool isEmpty = true;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread has this listing
     while (const dirent* const entry = isEmpty ? ::readdir(directory) : nullptr) {
         isEmpty = IsDotEntry(*entry);
     }

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <new>
 
+// NOLINTBEGIN(misc-definitions-in-headers): one file of a program includes it
 namespace {
 
 void* Told(void* block) noexcept {
@@ -49,7 +50,6 @@ void Free(void* block) noexcept {
 
 }  // namespace
 
-// NOLINTBEGIN(misc-definitions-in-headers): one file of a program includes it
 void* operator new(std::size_t bytes) {
     return OrThrow(Allocate(bytes));
 }

@@ -90,6 +90,7 @@ public:
             order.emplace(number, name);
         }
         std::vector<std::string> names;
+        names.reserve(order.size());
         for (const auto& [number, name] : order) {
             names.push_back(name);
         }

@@ -28,6 +28,8 @@ public:
     explicit AlsaAudioBackend(std::shared_ptr<const SoundCards> soundCards,
                               std::string procDirectory = "/proc");
     ~AlsaAudioBackend() override;
+    AlsaAudioBackend(const AlsaAudioBackend&) = delete;
+    AlsaAudioBackend& operator=(const AlsaAudioBackend&) = delete;
 
     OSStatus GetPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                  UInt32* size) override;

@@ -12,8 +12,10 @@
 #include "platform/Realtime.h"
 
 // The library's own names; its header stays in the .cpp.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 using snd_pcm_t = struct _snd_pcm;
 using snd_pcm_sw_params_t = struct _snd_pcm_sw_params;
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace vorrel {
 

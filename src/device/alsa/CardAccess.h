@@ -16,6 +16,7 @@ public:
     /// @param soundCard      One that captures, or not; it outlives this.
     /// @param procDirectory  Where the process file system is.
     CardAccess(const SoundCard& soundCard, const std::string& procDirectory);
+    ~CardAccess() = default;
     CardAccess(const CardAccess&) = delete;
     CardAccess& operator=(const CardAccess&) = delete;
 

@@ -40,11 +40,14 @@ std::optional<std::string> CardPath(std::string_view path) {
 }  // namespace
 
 struct CardMonitor::Sources {
+    Sources() = default;
     ~Sources() {
         if (stop >= 0) {
             ::close(stop);
         }
     }
+    Sources(const Sources&) = delete;
+    Sources& operator=(const Sources&) = delete;
 
     /// Adds one source of events; false where the system does not have it.
     bool Add(const char* name) {

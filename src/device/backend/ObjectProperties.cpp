@@ -186,7 +186,9 @@ OSStatus DeviceProperties::CheckWrite(Object object, const AudioObjectPropertyAd
 }
 
 bool WritableValues::operator==(const WritableValues& other) const {
+    // As bytes, of which all are members': a rate that is no number is the same as itself.
     return hogOwner == other.hogOwner && bufferFrames == other.bufferFrames &&
+           // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
            std::memcmp(&format, &other.format, sizeof format) == 0;
 }
 

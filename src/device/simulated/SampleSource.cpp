@@ -186,7 +186,10 @@ std::unique_ptr<SampleSource> MakeDsdSource(const SimulatedRecorderConfig& confi
 
 std::unique_ptr<SampleSource> MakeSampleSource(const SimulatedRecorderConfig& config,
                                                const SourceFormat& format) {
-    return format.dsd ? MakeDsdSource(config, format) : MakePcmSource(config, format);
+    if (format.dsd) {
+        return MakeDsdSource(config, format);
+    }
+    return MakePcmSource(config, format);
 }
 
 float CounterSample(std::uint64_t frame, std::uint32_t channel, std::uint32_t channels) {

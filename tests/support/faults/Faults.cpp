@@ -176,7 +176,7 @@ extern "C" {
     result __real_##name parameters;                                         \
     result __wrap_##name parameters;                                         \
     result __wrap_##name parameters {                                        \
-        return Fails(call) ? failure : __real_##name arguments;              \
+        return Fails(call) ? (failure) : __real_##name arguments;            \
     }
 
 VORREL_TEST_WRAP(int, -1, Call::MakeFile, mkostemp, (char* pattern, int flags), (pattern, flags))
