@@ -420,6 +420,46 @@ TEST_F(SpillFilesTest, ChannelsOfUnequalLengthAreDoubted) {
     EXPECT_THAT(SpillFiles(directory.Path(), record).Doubt(), testing::HasSubstr("same length"));
 }
 
+TEST_F(SpillFilesTest, WhereChannelsAreOfUnequalLengthSilenceFillsTheShorterOnes) {
+    record.format.rateHz = 1;  // five frames a step
+    Spill("tmp000001", std::vector<float>(8, 0.5F));
+    Spill("tmp000002", {1, 2});
+
+    const SpillFiles files(directory.Path(), record);
+
+    EXPECT_EQ(files.Frames(), 8U);
+    Bytes bytes;
+    ASSERT_TRUE(files.ReadFilled(1, 4, bytes, 12));
+    EXPECT_EQ(bytes, Floats({2, 0, 0}));
+    ASSERT_TRUE(files.ReadFilled(1, 16, bytes, 16));
+    EXPECT_EQ(bytes, Floats({0, 0, 0, 0}));
+    EXPECT_FALSE(files.ReadFilled(1, 28, bytes, 8));
+}
+
+TEST_F(SpillFilesTest, SilenceOfADsdTakeIsItsIdlePattern) {
+    record.format = Dsd();
+    record.format.rateHz = 8;  // five bytes a step
+    Write(directory.File("tmp000001"), Bytes(7, 0x01));
+    Write(directory.File("tmp000002"), Bytes(1, 0x02));
+    record.spills = {"tmp000001", "tmp000002"};
+
+    const SpillFiles files(directory.Path(), record);
+
+    EXPECT_EQ(files.Frames(), 7U * 8U);
+    Bytes bytes;
+    ASSERT_TRUE(files.ReadFilled(1, 0, bytes, 3));
+    EXPECT_EQ(bytes, (Bytes{0x02, 0x69, 0x69}));
+}
+
+TEST_F(SpillFilesTest, TheFirstReasonForDoubtIsSaid) {
+    record.format.rateHz = 1;
+    Spill("tmp000001", std::vector<float>(20));
+    record.spills.emplace_back("tmp000002");
+
+    EXPECT_EQ(SpillFiles(directory.Path(), record).Doubt(),
+              directory.File("tmp000002") + " is missing; silence fills the shorter channels");
+}
+
 TEST_F(SpillFilesTest, ALinkIsNoSpillFile) {
     Write(directory.File("secret"), Floats({7}));
     ASSERT_EQ(::symlink(directory.File("secret").c_str(), directory.File("tmpabcdef").c_str()), 0);

@@ -231,7 +231,8 @@ void SaveOne(const LeftTake& take, const SpillFiles& files, const TakeFormat& fo
                    reporter.HasProgram() ? DigestOf(name, signals) : "");
 }
 
-void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) {
+/// @return What is to be doubted of the take, "" = nothing.
+std::string Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) {
     if (!take.record) {
         throw Failure(ExitCode::Usage, take.name + " has no journal that tells its format");
     }
@@ -247,9 +248,6 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
         throw Failure(ExitCode::Storage, "nothing of " + take.name + " has reached the disk");
     }
     const SpillFiles files(take.directory, *take.record);
-    if (!files.Doubt().empty()) {
-        reporter.Warning(files.Doubt() + "; listen to what is saved of the take");
-    }
     WantedFile wanted;
     wanted.path = ResolveTarget(wish.out);
     RefuseInside(wanted.path, take);
@@ -288,6 +286,7 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
         reporter.Info(
             "saved as it was recorded, without the gain and the tags that it was to have");
     }
+    return files.Doubt();
 }
 
 }  // namespace
@@ -308,9 +307,10 @@ int RunSalvage(const Options& options, Reporter& reporter) {
                       "salvage " + wish.take + ": give it the name of a file, or --remove it");
     }
     const LeftoverLock lock(take.directory);
+    std::string doubt;
     if (!wish.out.empty()) {
         try {
-            Save(take, wish, reporter);
+            doubt = Save(take, wish, reporter);
         } catch (const Ended& ended) {
             const int code = kSignalExit + ended.signal;
             reporter.Warning("ended by signal " + std::to_string(ended.signal) +
@@ -318,6 +318,15 @@ int RunSalvage(const Options& options, Reporter& reporter) {
             std::ignore = reporter.Finish(code);
             return code;
         }
+    }
+    if (!doubt.empty()) {
+        // The only copy of what the file may lack: it goes when somebody has listened to the file.
+        reporter.Kept(take.directory);
+        throw Failure(ExitCode::Storage, "what was saved may not be the whole take: " + doubt +
+                                             ". Listen to it; the take stays in " + take.directory +
+                                             (wish.remove ? " in spite of --remove" : "") +
+                                             ", and \"vorrel salvage " + take.name +
+                                             " --remove\" alone deletes it");
     }
     if (wish.remove) {
         RemoveTake(take, lock, reporter);
