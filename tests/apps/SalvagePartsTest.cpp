@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <map>
@@ -23,6 +24,7 @@
 #include "salvage/SpillFiles.h"
 #include "salvage/TakeJournal.h"
 #include "support/FileBytes.h"
+#include "support/FileSizeLimit.h"
 #include "support/TempDirectory.h"
 
 namespace vorrel::cli {
@@ -148,6 +150,51 @@ TEST(TakeJournalTest, HalfALastLineIsPassedOver) {
     std::ofstream(directory.File(TakeJournal::kName), std::ios::app) << "{\"mark\": 1";
 
     EXPECT_THAT(TakeJournal::Read(directory.Path())->marks, ElementsAre(6));
+}
+
+TEST(TakeJournalTest, AFullDiskCostsNoLineWhereverItCutsOneOff) {
+    // From nothing of the two lines, over each place in them, to all.
+    const std::size_t lines = std::string("{\"mark\":16}\n{\"mark\":17}\n").size();
+    for (std::size_t taken = 0; taken <= lines; ++taken) {
+        const TempDirectory directory;
+        TakeRecord record;
+        record.format = Pcm();
+        TakeJournal journal(directory.Path());
+        journal.Begin(record);
+        const std::uintmax_t before =
+            std::filesystem::file_size(directory.File(TakeJournal::kName));
+        {
+            const test::FileSizeLimit full(before + taken);
+            journal.Mark(16);
+            journal.Mark(17);
+        }
+        journal.Mark(18);
+
+        EXPECT_THAT(TakeJournal::Read(directory.Path())->marks, ElementsAre(16, 17, 18)) << taken;
+    }
+}
+
+TEST(TakeJournalTest, WhatAFullDiskDidNotTakeIsWrittenWithTheNextLookOrAtTheEnd) {
+    const TempDirectory directory;
+    TakeRecord record;
+    record.format = Pcm();
+    std::optional<TakeJournal> journal(std::in_place, directory.Path());
+    {
+        const test::FileSizeLimit full(9);
+        journal->Begin(record);
+    }
+    EXPECT_FALSE(TakeJournal::Read(directory.Path()));
+
+    journal->Look();
+
+    ASSERT_TRUE(TakeJournal::Read(directory.Path()));
+    {
+        const test::FileSizeLimit full(
+            std::filesystem::file_size(directory.File(TakeJournal::kName)) + 3);
+        journal->Mark(8);
+    }
+    journal.reset();
+    EXPECT_THAT(TakeJournal::Read(directory.Path())->marks, ElementsAre(8));
 }
 
 TEST(TakeJournalTest, WhatIsNoJournalIsNone) {

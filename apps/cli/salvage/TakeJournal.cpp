@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <limits>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <tuple>
@@ -144,6 +145,11 @@ TakeJournal::TakeJournal(const std::string& directory)
 }
 
 TakeJournal::~TakeJournal() {
+    try {
+        Write("");
+    } catch (const std::bad_alloc&) {
+        // The next to last chance of these lines was the last.
+    }
     for (const int descriptor : {file, watch}) {
         if (descriptor >= 0) {
             ::close(descriptor);
@@ -152,17 +158,30 @@ TakeJournal::~TakeJournal() {
 }
 
 void TakeJournal::Write(const std::string& line) {
+    if (file < 0) {
+        return;
+    }
+    unwritten += line;
+    // Glued to half a line, a whole one could not be read either.
+    const std::string text = (torn ? "\n" : "") + unwritten;
     std::size_t written = 0;
-    while (file >= 0 && written < line.size()) {
-        const ssize_t count = ::write(file, line.data() + written, line.size() - written);
+    while (written < text.size()) {
+        const ssize_t count = ::write(file, text.data() + written, text.size() - written);
         if (count < 0 && errno == EINTR) {
             continue;
         }
         if (count <= 0) {
-            return;  // a full disk; the recording itself meets it in its own way
+            break;  // a full disk; the recording itself meets it in its own way
         }
         written += static_cast<std::size_t>(count);
     }
+    if (written == 0) {
+        return;
+    }
+    torn = text[written - 1] != '\n';
+    // A line that lacks nothing but its end is whole; of any other half, all comes once more.
+    const bool whole = torn && written < text.size() && text[written] == '\n';
+    unwritten = text.substr(whole ? written + 1 : text.rfind('\n', written - 1) + 1);
 }
 
 void TakeJournal::Begin(const TakeRecord& record) {
@@ -223,6 +242,9 @@ void TakeJournal::Look() {
     alignas(inotify_event) std::array<char, 4096> events{};
     ssize_t count = 0;
     bool added = false;
+    if (!unwritten.empty()) {
+        Write("");
+    }
     while (watch >= 0 && (count = ::read(watch, events.data(), events.size())) > 0) {
         for (std::size_t at = 0; at < static_cast<std::size_t>(count);) {
             inotify_event event{};

@@ -40,7 +40,8 @@ using FileAge = std::pair<std::int64_t, std::uint64_t>;
 FileAge AgeOf(const std::string& path);
 
 /// The journal of a take that runs: a file beside the spill files, a JSON object a line, each
-/// written at once, so that a killed process has left all of it. It also sees the engine's files
+/// written at once, so that a killed process has left all of it. What a full disk does not take is
+/// written as soon as there is room, and half a line is none. It also sees the engine's files
 /// come and go. One thread.
 class TakeJournal {
 public:
@@ -90,6 +91,8 @@ private:
 
     const std::string place;
     std::set<std::string> seen;  // names, where the kernel tells of none
+    std::string unwritten;       // whole lines that the disk has not taken
+    bool torn = false;           // the file ends with half a line
     int file = -1;
     int watch = -1;
 };
