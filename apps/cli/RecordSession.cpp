@@ -316,6 +316,7 @@ void RecordSession::Tick() {
         growthPerLook = position - positionAtLook;
         positionAtLook = position;
         LookAtDisks();
+        WarnOfLostPlaces();
     }
     if (state == State::Recording && !stallSaid && now - lastMove >= kStallPeriod) {
         stallSaid = true;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -12,6 +13,7 @@
 #include "Engine.h"
 #include "FileDigest.h"
 #include "Keyboard.h"
+#include "Mounts.h"
 #include "Options.h"
 #include "OutputFile.h"
 #include "PeakSummary.h"
@@ -95,6 +97,9 @@ private:
     void PlaceWishes(std::uint64_t totalFrames);
     void SayMissedCuts(const WantedFile& whole, std::uint64_t totalFrames, std::size_t trackCount);
     std::string FreshName(const std::string& path);
+    bool LeadsElsewhere(const std::string& directory) const;
+    void FailIfElsewhere(const std::string& name);
+    void WarnOfLostPlaces();
     void SaveNext();
     void JudgeFile();
     void FileSaved(const std::string& digestText);
@@ -141,7 +146,9 @@ private:
     TakeFormat format;
 
     std::vector<WantedFile> wanted;
-    std::string picturePath;  // "" = none
+    std::map<std::string, Place> targetPlaces;  // what each directory led to before the recording
+    std::set<std::string> lostPlaces;           // those that lead elsewhere, as was said
+    std::string picturePath;                    // "" = none
     std::string pictureTitle;
     std::vector<std::uint64_t> trackStarts;  // frames of the take at which a further track begins
     std::deque<PlannedFile> queue;           // not yet saved; the front is being saved

@@ -90,6 +90,21 @@ std::vector<RecordSession::Volume> RecordSession::MeasureVolumes() const {
     return volumes;
 }
 
+/// While it can still be put back.
+void RecordSession::WarnOfLostPlaces() {
+    for (const auto& [directory, place] : targetPlaces) {
+        const bool lost = !IsSamePlace(place, PlaceOf(directory).value_or(Place{}));
+        if (lost && lostPlaces.insert(directory).second) {
+            reporter.Warning("the volume of " + directory +
+                             " is gone, or another has come over it; it is looked for again when "
+                             "the recording is saved");
+        }
+        if (!lost) {
+            lostPlaces.erase(directory);
+        }
+    }
+}
+
 RecordSession::Room RecordSession::MeasureRoom() const {
     Room room;
     room.seconds = room.saveSeconds = std::numeric_limits<double>::infinity();

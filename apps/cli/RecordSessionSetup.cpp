@@ -58,6 +58,9 @@ void RecordSession::CheckTargets() {
             throw Failure(ExitCode::Usage, name + " would be written twice");
         }
         OutputFile(path, record.force).Check();
+        if (const std::optional<Place> place = PlaceOf(directory)) {
+            targetPlaces.emplace(directory, *place);
+        }
         if (kind == Kind::Picture) {
             picturePath = path;
         }
