@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace vorrel::cli {
 
@@ -21,5 +22,22 @@ std::optional<Place> PlaceOf(const std::string& path);
 /// Whether nothing speaks against one directory: the same volume, and the same number or mount. A
 /// volume that was mounted anew is the same one.
 bool IsSamePlace(const Place& one, const Place& other);
+
+/// What the mounts are made of: volumes of different numbers can have their room in common, as
+/// subvolumes of one file system do and the data sets of one pool.
+class MountTable {
+public:
+    /// As this process sees it now.
+    MountTable();
+    /// @param text  Lines as those of /proc/self/mountinfo.
+    explicit MountTable(std::string text);
+
+    /// What has the room of a place: the block device or the pool, and the kind of file system. ""
+    /// = it cannot be told, and the volume stands for itself.
+    std::string PoolOf(const Place& place) const;
+
+private:
+    std::string lines;
+};
 
 }  // namespace vorrel::cli

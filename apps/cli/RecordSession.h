@@ -113,6 +113,10 @@ private:
     struct Volume {
         std::string directory;  // one on it
         VolumeState state;
+        std::string pool;                 // that has its room, "" = itself
+        std::optional<VolumeState> room;  // of all of its pool, where there are others
+
+        double SecondsLeft() const;
     };
     struct Room {
         double seconds = 0.0;  // until the first volume is full
@@ -125,6 +129,7 @@ private:
     std::uint64_t StoredFrames() const;
     double TakePosition() const;
     std::vector<Volume> MeasureVolumes() const;
+    static void ShareRoom(std::vector<Volume>& volumes);
     Room MeasureRoom() const;
     std::string WhyNotStored() const;
     void MeasureLevels();

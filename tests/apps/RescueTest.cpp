@@ -2,7 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -11,6 +13,7 @@
 #include "FaultsRig.h"
 #include "WavReader.h"
 #include "support/SmallVolume.h"
+#include "support/Subvolumes.h"
 
 namespace vorrel::test {
 namespace {
@@ -335,6 +338,34 @@ TEST_F(RescueTest, AVolumeThatIsBackForTheSaveIsTheOneThatWasChecked) {
 
     EXPECT_GT(ReadWav(volume.File("a.wav")).Frames(), 0U);
     EXPECT_EQ(::umount2(place.Path().c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(RescueTest, SubvolumesOfOneFileSystemHaveTheRoomOfOne) {
+    const Subvolumes volumes;
+    if (!volumes.Made()) {
+        GTEST_SKIP() << "needs the right to mount, and btrfs";
+    }
+    // Seconds that are said to fit, when the file goes to this directory.
+    const auto room = [&](const std::string& directory) {
+        Process::Setup setup = Record("start=fail", {directory + "/a.wav", "--duration", "36000"});
+        *std::find(setup.arguments.begin(), setup.arguments.end(), places.TempPath()) = volumes.A();
+        Process program(setup);
+        EXPECT_EQ(program.Wait(), 2);
+        const std::size_t at = program.Error().find("is enough for ");
+        int minutes = 0;
+        double seconds = 0.0;
+        EXPECT_NE(at, std::string::npos) << program.Error();
+        EXPECT_EQ(
+            std::sscanf(program.Error().c_str() + at, "is enough for %d:%lf", &minutes, &seconds),
+            2);
+        return minutes * 60 + seconds;
+    };
+
+    const double together = room(volumes.A());
+
+    // 9 bytes a sample go to one, and would be 6 if the file were elsewhere.
+    EXPECT_NEAR(room(volumes.B()), together, 0.02 * together);
+    EXPECT_GT(room(places.FilesPath()), 1.4 * together);
 }
 
 }  // namespace
