@@ -49,6 +49,7 @@ int RecordSession::Run() {
         reporter.UseHook(record.hook);
     }
 
+    spillSync.emplace(spillDirectory->Path());
     if (record.startAt && !IsArming()) {
         state = State::Waiting;
     } else {
@@ -317,6 +318,10 @@ void RecordSession::Tick() {
         positionAtLook = position;
         LookAtDisks();
         WarnOfLostPlaces();
+        if (const std::string reason = spillSync->TakeFailure(); !reason.empty()) {
+            reporter.Warning("what is stored of the recording in " + spillDirectory->Path() +
+                             " would not outlive a power failure: " + reason);
+        }
     }
     if (state == State::Recording && !stallSaid && now - lastMove >= kStallPeriod) {
         stallSaid = true;

@@ -23,6 +23,7 @@
 #include "Signals.h"
 #include "SpareDescriptors.h"
 #include "Tracks.h"
+#include "salvage/SpillSync.h"
 #include "salvage/TakeJournal.h"
 
 namespace vorrel::cli {
@@ -145,6 +146,7 @@ private:
     std::string startDirectory;  // "" = deleted
     std::optional<PrivateDirectory> spillDirectory;
     std::optional<TakeJournal> journal;
+    std::optional<SpillSync> spillSync;
     SpareDescriptors spares;
     std::shared_ptr<Notifications> notifications;
     std::optional<Keyboard> keyboard;  // after all else, so that the terminal is put back first

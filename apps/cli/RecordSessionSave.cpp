@@ -346,6 +346,7 @@ int RecordSession::Finish() {
     if (storeNeeded && abandonedBy == 0) {
         LeaveStore();
     }
+    spillSync.reset();
     if (!keepStore) {
         // Gives the spill files back, so that the directory can go.
         std::ignore = Vorrel_New();

@@ -17,8 +17,9 @@
 namespace vorrel::cli {
 namespace {
 
-// To write one file: itself, what names its volume, tables of text encodings, its directory.
-constexpr std::size_t kDescriptorsToSave = 8;
+// To write one file: itself, what names its volume, tables of text encodings, its directory. And
+// two of the thread that brings what is stored to the disk.
+constexpr std::size_t kDescriptorsToSave = 10;
 
 std::string ShortestText(const TakeFormat& format) {
     return format.dsd ? "eight one-bit samples, which are a byte" : "one sample";
