@@ -84,7 +84,7 @@ void RecordSession::OpenTemporary() {
     startDirectory = std::filesystem::current_path(error).string();
     temporaryBase = TemporaryBase(tempDirectory);
     for (const Leftover& leftover : PrivateDirectory::FindLeftovers(temporaryBase)) {
-        if (leftover.bytes > 0) {
+        if (leftover.bytes > 0 && leftover.elsewhere.empty()) {
             reporter.Warning("a recording that was killed has left " + SizeText(leftover.bytes) +
                              " in " + leftover.path + "; \"vorrel salvage\" saves or deletes it");
         }

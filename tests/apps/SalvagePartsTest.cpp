@@ -325,6 +325,59 @@ TEST(TakeJournalTest, WhoSavesATakeWritesBehindHalfALastLine) {
     TakeJournal::NoteWritten(directory.File("none"));  // changes nothing
 }
 
+TEST(TakeJournalTest, TheMachineIsWrittenDownAndAnOldJournalHasNone) {
+    const TempDirectory directory;
+    TakeRecord record;
+    record.format = Pcm();
+    {
+        TakeJournal journal(directory.Path());
+        journal.Begin(record);
+    }
+    const Machine now = ThisMachine();
+    EXPECT_NE(now.host, "");
+    EXPECT_EQ(now.boot.size(), 36U);
+
+    const Machine read = TakeJournal::Read(directory.Path())->machine;
+
+    EXPECT_EQ(read.host, now.host);
+    EXPECT_EQ(read.boot, now.boot);
+    EXPECT_EQ(RecordWith("").machine.host, "");
+}
+
+TEST(TakeJournalTest, WhatAnotherMachineWasWritingIsNotOfItsNumberHere) {
+    const Machine now = ThisMachine();
+    const auto line = [](const std::string& host, const std::string& boot, const char* path) {
+        return "{\"writing\":\"" + std::string(path) + "\",\"process\":1,\"host\":\"" + host +
+               "\",\"boot\":\"" + boot + "\"}\n";
+    };
+
+    const TakeRecord elsewhere =
+        RecordWith(line(now.host, now.boot, "/m/.a.partial-1") +
+                   line("other", "another", "/m/.b.partial-1") + line("other", "another", ""));
+    EXPECT_THAT(elsewhere.writing, ElementsAre(testing::Pair(1, "/m/.a.partial-1")));
+    EXPECT_THAT(elsewhere.ended, testing::IsEmpty());
+
+    const TakeRecord before = RecordWith(line(now.host, "another", "/m/.a.partial-1"));
+    EXPECT_THAT(before.ended, ElementsAre(1));
+    EXPECT_THAT(RecordWith("{\"writing\":\"/m/.a.partial-1\",\"process\":1}\n").writing,
+                ElementsAre(testing::Pair(1, "/m/.a.partial-1")));
+}
+
+TEST(MachineTest, AnotherNameAndAnotherStartTogetherAreAnotherMachine) {
+    const Machine now = {"here", "1"};
+
+    EXPECT_TRUE(IsElsewhere({"there", "2"}, now));
+    for (const Machine& same :
+         {Machine{"here", "1"}, {"here", "2"}, {"container", "1"}, {"", ""}, {"there", ""}}) {
+        EXPECT_FALSE(IsElsewhere(same, now)) << same.host << same.boot;
+    }
+    EXPECT_TRUE(HasRestarted({"here", "2"}, now));
+    for (const Machine& running :
+         {Machine{"here", "1"}, {"there", "2"}, {"here", ""}, {"", ""}, {"", "2"}}) {
+        EXPECT_FALSE(HasRestarted(running, now)) << running.host << running.boot;
+    }
+}
+
 // ---- What was half written
 
 TEST(HalfWrittenTest, APathIsReadAsItWasWrittenAndNothingElseIsOne) {
@@ -373,6 +426,10 @@ TEST(HalfWrittenTest, ItIsARegularFileOfAProcessThatHasDied) {
 
     EXPECT_EQ(find(".a.partial-" + number, dead), 1U);
     EXPECT_EQ(find(".a.partial-" + own, ::getpid()), 0U);
+    TakeRecord before;
+    before.writing = {{::getpid(), directory.File(".a.partial-" + own)}};
+    before.ended = {::getpid()};  // by a new start; the number is another's now
+    EXPECT_EQ(FindHalfWritten(before).size(), 1U);
     EXPECT_EQ(find(".a.partial-" + own, dead), 0U);
     EXPECT_EQ(find("mine.partial-" + number, dead), 0U);
     EXPECT_EQ(find(".link.partial-" + number, dead), 0U);

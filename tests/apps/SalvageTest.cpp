@@ -367,6 +367,40 @@ TEST_F(SalvageTest, ATakeThatIsDoubtedIsSavedToTheEndOfItsLongestChannelAndKept)
     EXPECT_TRUE(places.TempIsEmpty());
 }
 
+TEST_F(SalvageTest, ATakeOfAnotherMachineIsSavedButNeverDeletedFromHere) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    const std::string journal = Take() + "/journal.jsonl";
+    const Bytes bytes = ReadBytes(journal);
+    std::string text(bytes.begin(), bytes.end());
+    nlohmann::json first = nlohmann::json::parse(text.substr(0, text.find('\n')));
+    first["host"] = "studio-b";
+    first["boot"] = "another";
+    text.replace(0, text.find('\n'), first.dump());
+    std::ofstream(journal) << text;
+
+    Process list(Salvage({}));
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_EQ(Events(list.Out(), "take").at(0).at("elsewhere"), "studio-b");
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"vorrel-", "--remove"},
+          {"vorrel-", places.File("a.wav"), "--remove"}}) {
+        Process remove(Salvage(arguments));
+        EXPECT_EQ(remove.Wait(), 3);
+        EXPECT_THAT(remove.Error(), HasSubstr("is of another machine (studio-b)"));
+    }
+    EXPECT_THAT(places.Files(), IsEmpty());
+    Process save(Salvage({"vorrel-", places.File("a.wav")}));
+    EXPECT_EQ(save.Wait(), 0) << save.Error();
+    EXPECT_THAT(save.Error(), HasSubstr("may still be recorded"));
+    EXPECT_EQ(ReadBytes(journal), ToBytes(text));  // which its machine may be writing
+    EXPECT_GT(ReadWav(places.File("a.wav")).Frames(), 0U);
+
+    Process next(places.Record(VORREL_CLI, {places.File("b.wav"), "--duration", "1",
+                                            "--simulate=source=counter,speed=20"}));
+    EXPECT_EQ(next.Wait(), 0);
+    EXPECT_THAT(next.Error(), testing::Not(HasSubstr("killed")));
+}
+
 TEST_F(SalvageTest, ASavedTakeIsToldWithItsDigest) {
     RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
     Process save(Salvage({"vorrel-", places.File("a.wav")}));

@@ -49,6 +49,7 @@ std::string TakeText(const LeftTake& take) {
     text += take.frames == 0 ? "nothing of it has reached the disk"
                              : ClockText(take.Seconds()) + ", " + SizeText(take.bytes);
     text += take.record->out.empty() ? "" : "  for " + take.record->out;
+    text += take.elsewhere.empty() ? "" : "  of another machine (" + take.elsewhere + ")";
     for (const std::string& path : take.halfWritten) {
         text += " and a half-written " + path;
     }
@@ -197,7 +198,10 @@ void SaveOne(const LeftTake& take, const SpillFiles& files, const TakeFormat& fo
              const PlannedFile& planned, bool force, Reporter& reporter, Signals& signals) {
     OutputFile file(ResolveTarget(planned.path), force);
     file.Check();
-    TakeJournal::NoteWriting(take.directory, file.StagingPath());
+    // The journal of another machine's take may be one that is still written there.
+    if (take.elsewhere.empty()) {
+        TakeJournal::NoteWriting(take.directory, file.StagingPath());
+    }
     const auto total = static_cast<double>(planned.end - planned.start);
     int said = -1;
     int endedBy = 0;
@@ -224,7 +228,9 @@ void SaveOne(const LeftTake& take, const SpillFiles& files, const TakeFormat& fo
     if (!summary.complete) {
         throw Failure(ExitCode::Storage, planned.path + " could not be written as a whole");
     }
-    TakeJournal::NoteWritten(take.directory);
+    if (take.elsewhere.empty()) {
+        TakeJournal::NoteWritten(take.directory);
+    }
     const std::string name = file.Commit();
     reporter.Saved(name, summary.bytes, summary.frames,
                    static_cast<double>(summary.frames) / static_cast<double>(format.rateHz),
@@ -305,6 +311,17 @@ int RunSalvage(const Options& options, Reporter& reporter) {
     if (wish.out.empty() && !wish.remove) {
         throw Failure(ExitCode::Usage,
                       "salvage " + wish.take + ": give it the name of a file, or --remove it");
+    }
+    if (!take.elsewhere.empty()) {
+        if (wish.remove) {
+            throw Failure(ExitCode::Storage,
+                          take.name + " is of another machine (" + take.elsewhere +
+                              "), where it may still be recorded: --remove it there. If there is "
+                              "no such machine any more, delete " +
+                              take.directory + " yourself");
+        }
+        reporter.Warning(take.name + " is of another machine (" + take.elsewhere +
+                         "), where it may still be recorded: only what has come here is saved");
     }
     const LeftoverLock lock(take.directory);
     std::string doubt;

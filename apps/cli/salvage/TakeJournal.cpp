@@ -32,7 +32,11 @@ std::string Line(const json& object) {
 
 /// @param path  "" = no file any more.
 std::string WritingLine(const std::string& path) {
-    return Line({{"writing", EncodePath(path)}, {"process", ::getpid()}});
+    const Machine machine = ThisMachine();
+    return Line({{"writing", EncodePath(path)},
+                 {"process", ::getpid()},
+                 {"host", machine.host},
+                 {"boot", machine.boot}});
 }
 
 /// Appends to a journal that another process has begun. One that takes nothing keeps no take from
@@ -49,6 +53,11 @@ void Append(const std::string& path, const std::string& line) {
     if (descriptor >= 0) {
         ::close(descriptor);
     }
+}
+
+/// Of the process that has written a line.
+Machine MachineOf(const json& object) {
+    return {object.value("host", ""), object.value("boot", "")};
 }
 
 /// What a journal of ours can say; anything else is damage, and not to be calculated with.
@@ -185,8 +194,11 @@ void TakeJournal::Write(const std::string& line) {
 }
 
 void TakeJournal::Begin(const TakeRecord& record) {
+    const Machine machine = ThisMachine();
     Write(Line({{"journal", kVersion},
                 {"process", ::getpid()},
+                {"host", machine.host},
+                {"boot", machine.boot},
                 {"started", record.started},
                 {"device", record.device},
                 {"type", record.format.dsd ? "dsd" : "pcm"},
@@ -297,6 +309,7 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
     std::istringstream lines(ReadText(directory + "/" + kName));
     std::optional<TakeRecord> record;
     SpillNames spills;
+    const Machine now = ThisMachine();
     for (std::string line; std::getline(lines, line);) {
         const json object = Parse(line);
         if (!object.is_object()) {
@@ -317,6 +330,7 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                 record->out = object.at("out").get<std::string>();
                 record->gain = object.at("gain_db").get<double>();
                 record->tags = object.at("tags").get<std::map<std::string, std::string>>();
+                record->machine = MachineOf(object);
             } else if (object.contains("spill")) {
                 const auto name = object.at("spill").get<std::string>();
                 if (IsSpillName(name)) {
@@ -331,7 +345,15 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                 record->startFrame = Whole(object, "start_frame");
             } else if (object.contains("writing")) {
                 const auto process = static_cast<long>(SmallWhole(object, "process"));
+                const Machine writer = MachineOf(object);
+                if (IsElsewhere(writer, now)) {
+                    continue;  // a number of another machine's
+                }
                 record->writing.erase(process);
+                record->ended.erase(process);
+                if (HasRestarted(writer, now)) {
+                    record->ended.insert(process);
+                }
                 const std::string path = DecodePath(object.at("writing").get<std::string>());
                 if (!path.empty()) {
                     record->writing.emplace(process, path);

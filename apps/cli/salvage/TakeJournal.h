@@ -12,6 +12,7 @@
 
 #include "SavePlan.h"
 #include "TakeDirectory.h"
+#include "salvage/Machine.h"
 
 namespace vorrel::cli {
 
@@ -29,9 +30,11 @@ struct TakeRecord {
     std::vector<std::string> spills;   ///< Names of the engine's files, as they were made.
     bool guessed = false;              ///< The order of some is by the clock alone.
     std::string state;                 ///< The last that was entered.
-    /// Files that were being written, by the process that did: absolute paths under their names of
-    /// the meantime.
+    /// Files that were being written, by the process of this machine that did: absolute paths under
+    /// their names of the meantime.
     std::map<long, std::string> writing;
+    std::set<long> ended;  ///< Those of them that a new start of the machine has ended.
+    Machine machine;       ///< On which it was recorded.
 };
 
 /// When a file was made, in nanoseconds (the last change where the volume does not know), and its
