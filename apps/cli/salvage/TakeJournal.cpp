@@ -233,9 +233,6 @@ void TakeJournal::Saved(const std::string& name) {
 
 void TakeJournal::Writing(const std::string& path) {
     Write(WritingLine(path));
-    if (file >= 0) {
-        ::fdatasync(file);  // once a file, so that a power cut, too, leaves it named
-    }
 }
 
 void TakeJournal::Written() {
@@ -253,7 +250,6 @@ void TakeJournal::NoteWritten(const std::string& directory) {
 void TakeJournal::Look() {
     alignas(inotify_event) std::array<char, 4096> events{};
     ssize_t count = 0;
-    bool added = false;
     if (!unwritten.empty()) {
         Write("");
     }
@@ -265,20 +261,16 @@ void TakeJournal::Look() {
             at += sizeof event + event.len;
             if (event.len > 0 && IsSpillName(name)) {
                 Write(Line({{(event.mask & IN_CREATE) != 0 ? "spill" : "spill_gone", name}}));
-                added = true;
             }
         }
     }
     if (watch < 0) {
-        added = LookAtNames();
-    }
-    if (added && file >= 0) {
-        ::fdatasync(file);  // once in a gibibyte and channel
+        LookAtNames();
     }
 }
 
 /// What the kernel does not tell is looked for; made between two looks, by the time of making.
-bool TakeJournal::LookAtNames() {
+void TakeJournal::LookAtNames() {
     std::vector<std::pair<FileAge, std::string>> fresh;
     std::error_code error;
     for (std::filesystem::directory_iterator entry(place, error), end; !error && entry != end;
@@ -292,7 +284,6 @@ bool TakeJournal::LookAtNames() {
     for (const auto& [age, name] : fresh) {
         Write(Line({{"spill", name}, {"looked_for", true}}));
     }
-    return !fresh.empty();
 }
 
 FileAge AgeOf(const std::string& path) {

@@ -43,7 +43,8 @@ using FileAge = std::pair<std::int64_t, std::uint64_t>;
 FileAge AgeOf(const std::string& path);
 
 /// The journal of a take that runs: a file beside the spill files, a JSON object a line, each
-/// written at once, so that a killed process has left all of it. What a full disk does not take is
+/// written at once, so that a killed process has left all of it; what brings it to the disk is
+/// `SpillSync`, so that nobody waits for that here. What a full disk does not take is
 /// written as soon as there is room, and half a line is none. It also sees the engine's files
 /// come and go. One thread.
 class TakeJournal {
@@ -90,7 +91,7 @@ public:
 
 private:
     void Write(const std::string& line);
-    bool LookAtNames();
+    void LookAtNames();
 
     const std::string place;
     std::set<std::string> seen;  // names, where the kernel tells of none
