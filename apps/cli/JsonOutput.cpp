@@ -147,6 +147,7 @@ void JsonOutput::LeftBehind(const LeftTake& take) {
         object["out"] = take.record->out;
         object["state"] = take.record->state;
         object["half_written"] = take.halfWritten;
+        object["elsewhere"] = take.elsewhere;
     }
     Write(output, object);
 }

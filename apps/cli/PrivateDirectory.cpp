@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <new>
+#include <optional>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -188,14 +189,17 @@ void PrivateDirectory::Remove() noexcept {
 
 std::vector<Leftover> PrivateDirectory::FindLeftovers(const std::string& base) {
     std::vector<Leftover> found;
-    ForEachOfOurNaming(base, [&found](const std::string& directory, int descriptor) {
+    const Machine now = ThisMachine();
+    ForEachOfOurNaming(base, [&found, &now](const std::string& directory, int descriptor) {
         const bool used = IsInUse(descriptor);
         const TakeContents contents = TakeDirectory(descriptor).Look();
+        const std::optional<TakeRecord> record =
+            !used && contents.hasJournal ? TakeJournal::Read(directory) : std::nullopt;
         // A name proves nothing. Where there is something else, the journal has to.
-        if (!used && !contents.ours.empty() &&
-            (contents.foreign.empty() ||
-             (contents.hasJournal && TakeJournal::Read(directory).has_value()))) {
-            found.push_back({directory, contents.spillBytes});
+        if (!used && !contents.ours.empty() && (contents.foreign.empty() || record)) {
+            const bool elsewhere = record && IsElsewhere(record->machine, now);
+            found.push_back(
+                {directory, contents.spillBytes, elsewhere ? record->machine.host : ""});
         }
     });
     std::sort(found.begin(), found.end(),

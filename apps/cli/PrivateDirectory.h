@@ -10,6 +10,8 @@ namespace vorrel::cli {
 struct Leftover {
     std::string path;
     std::uint64_t bytes = 0;  ///< Of what the engine has stored in it.
+    /// Name of the machine where that run may still live, "" = this one, or unknown.
+    std::string elsewhere;
 };
 
 /// Where temporary directories are made: `named`, absolute; "" = "vorrel" in the user's cache

@@ -50,6 +50,7 @@ int RecordSession::Run() {
         reporter.UseHook(record.hook);
     }
 
+    spillSync.emplace(spillDirectory->Path());
     if (record.startAt && !IsArming()) {
         state = State::Waiting;
     } else {
@@ -337,6 +338,11 @@ void RecordSession::Tick() {
         growthPerLook = position - positionAtLook;
         positionAtLook = position;
         LookAtDisks();
+        WarnOfLostPlaces();
+        if (const std::string reason = spillSync->TakeFailure(); !reason.empty()) {
+            reporter.Warning("what is stored of the recording in " + spillDirectory->Path() +
+                             " would not outlive a power failure: " + reason);
+        }
     }
     if (state == State::Recording && !stallSaid && now - lastMove >= kStallPeriod) {
         stallSaid = true;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -13,6 +14,7 @@
 #include "EngineTrace.h"
 #include "FileDigest.h"
 #include "Keyboard.h"
+#include "Mounts.h"
 #include "Options.h"
 #include "OutputFile.h"
 #include "PeakSummary.h"
@@ -23,6 +25,7 @@
 #include "Signals.h"
 #include "SpareDescriptors.h"
 #include "Tracks.h"
+#include "salvage/SpillSync.h"
 #include "salvage/TakeJournal.h"
 
 namespace vorrel::cli {
@@ -106,6 +109,9 @@ private:
     void PlaceWishes(std::uint64_t totalFrames);
     void SayMissedCuts(const WantedFile& whole, std::uint64_t totalFrames, std::size_t trackCount);
     std::string FreshName(const std::string& path);
+    bool LeadsElsewhere(const std::string& directory) const;
+    void FailIfElsewhere(const std::string& name);
+    void WarnOfLostPlaces();
     void SaveNext();
     void JudgeFile();
     void FileSaved(const std::string& digestText);
@@ -119,6 +125,10 @@ private:
     struct Volume {
         std::string directory;  // one on it
         VolumeState state;
+        std::string pool;                 // that has its room, "" = itself
+        std::optional<VolumeState> room;  // of all of its pool, where there are others
+
+        double SecondsLeft() const;
     };
     struct Room {
         double seconds = 0.0;  // until the first volume is full
@@ -131,6 +141,7 @@ private:
     std::uint64_t StoredFrames() const;
     double TakePosition() const;
     std::vector<Volume> MeasureVolumes() const;
+    static void ShareRoom(std::vector<Volume>& volumes);
     Room MeasureRoom() const;
     std::string WhyNotStored() const;
     void MeasureLevels();
@@ -146,6 +157,7 @@ private:
     std::string startDirectory;  // "" = deleted
     std::optional<PrivateDirectory> spillDirectory;
     std::optional<TakeJournal> journal;
+    std::optional<SpillSync> spillSync;
     SpareDescriptors spares;
     std::shared_ptr<Notifications> notifications;
     std::optional<EngineTrace> trace;
@@ -153,7 +165,9 @@ private:
     TakeFormat format;
 
     std::vector<WantedFile> wanted;
-    std::string picturePath;  // "" = none
+    std::map<std::string, Place> targetPlaces;  // what each directory led to before the recording
+    std::set<std::string> lostPlaces;           // those that lead elsewhere, as was said
+    std::string picturePath;                    // "" = none
     std::string pictureTitle;
     std::vector<std::uint64_t> trackStarts;  // frames of the take at which a further track begins
     std::deque<PlannedFile> queue;           // not yet saved; the front is being saved

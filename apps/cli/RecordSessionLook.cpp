@@ -91,7 +91,51 @@ std::vector<RecordSession::Volume> RecordSession::MeasureVolumes() const {
             target.reserve += std::max(kTargetReserveSeconds, ahead) * format.FileRate();
         }
     }
+    ShareRoom(volumes);
     return volumes;
+}
+
+/// What goes to one volume is missing on those that have its room as well.
+void RecordSession::ShareRoom(std::vector<Volume>& volumes) {
+    if (volumes.size() < 2) {
+        return;
+    }
+    const MountTable mounts;
+    for (Volume& volume : volumes) {
+        const std::optional<Place> place = PlaceOf(volume.directory);
+        volume.pool = place ? mounts.PoolOf(*place) : "";
+    }
+    for (Volume& volume : volumes) {
+        std::vector<VolumeState> sharing;
+        for (const Volume& other : volumes) {
+            if (!volume.pool.empty() && other.pool == volume.pool) {
+                sharing.push_back(other.state);
+            }
+        }
+        if (sharing.size() > 1) {
+            volume.room = Together(sharing);
+        }
+    }
+}
+
+double RecordSession::Volume::SecondsLeft() const {
+    return cli::SecondsLeft(room ? std::vector<VolumeState>{state, *room}
+                                 : std::vector<VolumeState>{state});
+}
+
+/// While it can still be put back.
+void RecordSession::WarnOfLostPlaces() {
+    for (const auto& [directory, place] : targetPlaces) {
+        const bool lost = !IsSamePlace(place, PlaceOf(directory).value_or(Place{}));
+        if (lost && lostPlaces.insert(directory).second) {
+            reporter.Warning("the volume of " + directory +
+                             " is gone, or another has come over it; it is looked for again when "
+                             "the recording is saved");
+        }
+        if (!lost) {
+            lostPlaces.erase(directory);
+        }
+    }
 }
 
 RecordSession::Room RecordSession::MeasureRoom() const {
@@ -99,13 +143,13 @@ RecordSession::Room RecordSession::MeasureRoom() const {
     room.seconds = room.saveSeconds = std::numeric_limits<double>::infinity();
     const std::vector<Volume> volumes = MeasureVolumes();
     for (const Volume& volume : volumes) {
-        const double left = SecondsLeft({volume.state});
+        const double left = volume.SecondsLeft();
         if (left < room.seconds || room.fullest.empty()) {
             room.seconds = left;
             room.fullest = volume.directory;
         }
     }
-    room.takeSeconds = SecondsLeft({volumes.front().state});
+    room.takeSeconds = volumes.front().SecondsLeft();
     for (const WantedFile& wish : wanted) {
         const std::string directory = DirectoryOf(wish.path);
         const std::optional<dev_t> number = VolumeOf(directory);
@@ -113,7 +157,7 @@ RecordSession::Room RecordSession::MeasureRoom() const {
             return VolumeOf(volume.directory) == number;
         });
         if (found != volumes.end()) {
-            room.saveSeconds = std::min(room.saveSeconds, SecondsLeft({found->state}));
+            room.saveSeconds = std::min(room.saveSeconds, found->SecondsLeft());
         }
     }
     return room;

@@ -70,8 +70,9 @@ void RecordSession::DrawPicture() {
     for (const std::uint64_t start : trackStarts) {
         texts.marks.push_back(static_cast<double>(start) / static_cast<double>(format.rateHz));
     }
-    const std::string target = FreshName(picturePath);
-    OutputFile file(target, record.force && target == picturePath);
+    const bool elsewhere = LeadsElsewhere(DirectoryOf(picturePath));
+    const std::string target = elsewhere ? FreeName(picturePath) : FreshName(picturePath);
+    OutputFile file(target, record.force && !elsewhere && target == picturePath);
     journal->Writing(file.StagingPath());
     try {
         DrawWaveform(*peaks, texts, file.StagingPath(),
@@ -84,6 +85,7 @@ void RecordSession::DrawPicture() {
     journal->Written();
     const std::string name = file.Commit();
     reporter.Drawn(name);
+    FailIfElsewhere(name);
     if (name != target) {
         throw Failure(ExitCode::Storage,
                       target + " is another file by now; the picture is " + name);

@@ -116,6 +116,27 @@ std::string RecordSession::FreshName(const std::string& path) {
     return name;
 }
 
+/// Whether the volume of a directory has gone since it was checked, or another has come over it.
+bool RecordSession::LeadsElsewhere(const std::string& directory) const {
+    const auto checked = targetPlaces.find(directory);
+    const std::optional<Place> now = PlaceOf(directory);
+    return checked != targetPlaces.end() && now && !IsSamePlace(checked->second, *now);
+}
+
+/// A file that is saved in what was below its volume is not where it was wanted, whatever its path
+/// says.
+void RecordSession::FailIfElsewhere(const std::string& name) {
+    const std::string directory = DirectoryOf(name);
+    if (!LeadsElsewhere(directory)) {
+        return;
+    }
+    storageFailed = true;
+    Fail(Failure(ExitCode::Storage, "the volume that was at " + directory +
+                                        " before the recording is gone, or another "
+                                        "has come over it: " +
+                                        name + " is on the one that is there now"));
+}
+
 void RecordSession::SaveNext() {
     current.reset();
     if (queue.empty() || abandonedBy != 0) {
@@ -124,8 +145,10 @@ void RecordSession::SaveNext() {
     }
     // One request a file, so that a file that fails takes no other with it.
     const PlannedFile& file = queue.front();
-    const std::string name = file.place > 0 ? FreeName(file.path) : FreshName(file.path);
-    current.emplace(name, record.force && file.place == 0 && name == file.path);
+    // What --force may replace is what was there before the recording.
+    const bool elsewhere = file.place > 0 || LeadsElsewhere(DirectoryOf(file.path));
+    const std::string name = elsewhere ? FreeName(file.path) : FreshName(file.path);
+    current.emplace(name, record.force && !elsewhere && name == file.path);
     journal->Writing(current->StagingPath());
     currentSkipped = false;
     VrSaveSetting setting;
@@ -202,6 +225,9 @@ void RecordSession::JudgeFile() {
         doneSummary = summary;
         written.insert(IdentityOf(name));
         journal->Saved(name);
+        if (queue.front().place == 0) {
+            FailIfElsewhere(name);
+        }
         if (reporter.HasProgram()) {
             digest.emplace(name);
             Enter(State::Digesting);
@@ -320,6 +346,7 @@ int RecordSession::Finish() {
     if (storeNeeded && abandonedBy == 0) {
         LeaveStore();
     }
+    spillSync.reset();
     if (!keepStore) {
         // Gives the spill files back, so that the directory can go.
         std::ignore = Vorrel_New();

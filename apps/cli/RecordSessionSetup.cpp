@@ -18,8 +18,9 @@
 namespace vorrel::cli {
 namespace {
 
-// To write one file: itself, what names its volume, tables of text encodings, its directory.
-constexpr std::size_t kDescriptorsToSave = 8;
+// To write one file: itself, what names its volume, tables of text encodings, its directory. And
+// two of the thread that brings what is stored to the disk.
+constexpr std::size_t kDescriptorsToSave = 10;
 
 std::string ShortestText(const TakeFormat& format) {
     return format.dsd ? "eight one-bit samples, which are a byte" : "one sample";
@@ -59,6 +60,9 @@ void RecordSession::CheckTargets() {
             throw Failure(ExitCode::Usage, name + " would be written twice");
         }
         OutputFile(path, record.force).Check();
+        if (const std::optional<Place> place = PlaceOf(directory)) {
+            targetPlaces.emplace(directory, *place);
+        }
         if (kind == Kind::Picture) {
             picturePath = path;
         }
@@ -81,7 +85,7 @@ void RecordSession::OpenTemporary() {
     startDirectory = std::filesystem::current_path(error).string();
     temporaryBase = TemporaryBase(tempDirectory);
     for (const Leftover& leftover : PrivateDirectory::FindLeftovers(temporaryBase)) {
-        if (leftover.bytes > 0) {
+        if (leftover.bytes > 0 && leftover.elsewhere.empty()) {
             reporter.Warning("a recording that was killed has left " + SizeText(leftover.bytes) +
                              " in " + leftover.path + "; \"vorrel salvage\" saves or deletes it");
         }

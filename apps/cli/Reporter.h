@@ -69,7 +69,7 @@ public:
     void LeftBehind(const LeftTake& take);
     /// A file that could not be had where it was wanted has become `file`.
     void Rescued(const std::string& wanted, const std::string& file);
-    /// Nothing could be saved; what the engine has stored stays in `directory`.
+    /// Not all could be saved, or surely so; what the engine has stored stays in `directory`.
     void Kept(const std::string& directory);
     void Skipped(const std::string& file, const std::string& reason);
     /// The last object, then a short time for all that is queued.

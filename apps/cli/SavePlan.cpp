@@ -220,6 +220,17 @@ RescuePlan MakeRescuePlan(const PlannedFile& file, const TakeFormat& format, std
     return plan;
 }
 
+VolumeState Together(const std::vector<VolumeState>& volumes) {
+    VolumeState all;
+    for (const VolumeState& volume : volumes) {
+        all.free = std::max(all.free, volume.free);
+        all.rate += volume.rate;
+        all.needed += volume.needed;
+        all.reserve += volume.reserve;
+    }
+    return all;
+}
+
 double SecondsLeft(const std::vector<VolumeState>& volumes) {
     double seconds = std::numeric_limits<double>::infinity();
     for (const VolumeState& volume : volumes) {

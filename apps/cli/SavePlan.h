@@ -145,6 +145,10 @@ struct VolumeState {
     double reserve = 0.0;  ///< Kept free: what may come before the next look, headers, tags.
 };
 
+/// Volumes that have their room in common, as one that has to take what all of them have to. What
+/// is free is what the freest says: the others may be held back by limits of their own.
+VolumeState Together(const std::vector<VolumeState>& volumes);
+
 /// Seconds of recording until the first volume can take no more; 0 = stop now.
 double SecondsLeft(const std::vector<VolumeState>& volumes);
 

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <limits>
 
+#include "Mounts.h"
+
 namespace vorrel::cli {
 namespace {
 
@@ -95,20 +97,33 @@ std::string WhyNotWritten(const std::string& path, double fileBytes, double miss
 std::vector<RescuePlace> FindRescuePlaces(const std::vector<std::string>& directories,
                                           std::size_t firstNumber) {
     std::vector<RescuePlace> places;
-    std::vector<dev_t> volumes;
+    const MountTable mounts;
+    struct Room {
+        dev_t device;
+        std::string pool;
+        double free;
+    };
+    std::vector<Room> rooms;
     for (std::size_t index = 0; index < directories.size(); ++index) {
         std::string directory = directories[index];
-        const std::optional<dev_t> volume = directory.empty() ? std::nullopt : VolumeOf(directory);
-        if (!volume || std::find(volumes.begin(), volumes.end(), *volume) != volumes.end() ||
-            TryFile(directory) != 0) {
+        const std::optional<Place> place = directory.empty() ? std::nullopt : PlaceOf(directory);
+        if (!place) {
             continue;
         }
-        volumes.push_back(*volume);
+        const Room room = {place->device, mounts.PoolOf(*place),
+                           FreeBytes(directory).value_or(kNoLimit)};
+        const bool known = std::any_of(rooms.begin(), rooms.end(), [&room](const Room& other) {
+            return other.device == room.device ||
+                   (!room.pool.empty() && other.pool == room.pool && other.free >= room.free);
+        });
+        if (known || TryFile(directory) != 0) {
+            continue;
+        }
+        rooms.push_back(room);
         if (directory.back() != '/') {
             directory += '/';
         }
-        places.push_back({firstNumber + index, directory, FreeBytes(directory).value_or(kNoLimit),
-                          LargestFile(directory)});
+        places.push_back({firstNumber + index, directory, room.free, LargestFile(directory)});
     }
     return places;
 }

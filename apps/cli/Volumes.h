@@ -35,7 +35,8 @@ std::string LimitText(const WantedFile& wish, const TakeFormat& format);
 /// @param missingBytes  What of it still needs room.
 std::string WhyNotWritten(const std::string& path, double fileBytes, double missingBytes);
 
-/// Those of the directories that take a file, in order, each volume once; numbered as in the list,
+/// Those of the directories that take a file, in order, each volume once, and of those that have
+/// their room in common only one that has more of it; numbered as in the list,
 /// from `firstNumber`. Empty names are passed over.
 std::vector<RescuePlace> FindRescuePlaces(const std::vector<std::string>& directories,
                                           std::size_t firstNumber);

@@ -2,7 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -11,6 +13,7 @@
 #include "FaultsRig.h"
 #include "WavReader.h"
 #include "support/SmallVolume.h"
+#include "support/Subvolumes.h"
 
 namespace vorrel::test {
 namespace {
@@ -270,6 +273,99 @@ TEST_F(RescueTest, ASaveThatFailsForItsGainOrTagsIsMadeWithoutThem) {
         EXPECT_EQ(ReadWav(own.File("a-rescued.wav")).Frames(), 24'000U);
         EXPECT_TRUE(own.TempIsEmpty());
     }
+}
+
+TEST_F(RescueTest, AVolumeThatGoesAwayInTheTakeIsToldAndTheFileIsSavedBelowIt) {
+    const SmallVolume volume(4 << 20);
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record("", {volume.File("a.wav")}));
+    ASSERT_TRUE(AwaitPosition(program, 0.5));
+    ASSERT_TRUE(volume.GoAway());
+    ASSERT_TRUE(program.AwaitError("the volume of " + volume.File("") + " is gone"));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_THAT(program.Error(),
+                HasSubstr("the volume that was at " + volume.File("") +
+                          " before the recording is gone, or another has come over it: " +
+                          volume.File("a.wav") + " is on the one that is there now"));
+    EXPECT_EQ(Events(program.Out(), "saved").at(0).at("file"), volume.File("a.wav"));
+    const Wav wav = ReadWav(volume.File("a.wav"));
+    EXPECT_EQ(FirstGap(wav, 0), wav.Frames());
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(RescueTest, WhatIsBelowAVolumeThatHasGoneIsNotReplacedEvenWithForce) {
+    const TempDirectory below;
+    std::ofstream(below.File("a.wav")) << "theirs";
+    std::ofstream(below.File("a.png")) << "theirs, too";
+    if (::mount("none", below.Path().c_str(), "tmpfs", 0, "size=4m") != 0) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(
+        Record("", {below.File("a.wav"), "--force", "--waveform", below.File("a.png")}));
+    ASSERT_TRUE(AwaitPosition(program, 0.5));
+    ASSERT_EQ(::umount2(below.Path().c_str(), MNT_DETACH), 0);
+    ASSERT_TRUE(program.AwaitError("is gone"));
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 3);
+
+    EXPECT_EQ(ReadBytes(below.File("a.wav")), ToBytes("theirs"));
+    EXPECT_EQ(ReadBytes(below.File("a.png")), ToBytes("theirs, too"));
+    EXPECT_GT(ReadWav(below.File("a-2.wav")).Frames(), 0U);
+    EXPECT_TRUE(std::filesystem::exists(below.File("a-2.png")));
+}
+
+TEST_F(RescueTest, AVolumeThatIsBackForTheSaveIsTheOneThatWasChecked) {
+    const TempDirectory place;
+    const SmallVolume volume(4 << 20);
+    if (!volume.Mounted() ||
+        ::mount(volume.Path().c_str(), place.Path().c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    Process program(Record("", {place.File("a.wav")}));
+    ASSERT_TRUE(AwaitPosition(program, 0.5));
+    ASSERT_EQ(::umount2(place.Path().c_str(), MNT_DETACH), 0);
+    ASSERT_TRUE(program.AwaitError("is gone"));
+    ASSERT_EQ(::mount(volume.Path().c_str(), place.Path().c_str(), nullptr, MS_BIND, nullptr), 0);
+    program.Send(SIGTERM);
+
+    EXPECT_EQ(program.Wait(), 0) << program.Error();
+
+    EXPECT_GT(ReadWav(volume.File("a.wav")).Frames(), 0U);
+    EXPECT_EQ(::umount2(place.Path().c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(RescueTest, SubvolumesOfOneFileSystemHaveTheRoomOfOne) {
+    const Subvolumes volumes;
+    if (!volumes.Made()) {
+        GTEST_SKIP() << "needs the right to mount, and btrfs";
+    }
+    // Seconds that are said to fit, when the file goes to this directory.
+    const auto room = [&](const std::string& directory) {
+        Process::Setup setup = Record("start=fail", {directory + "/a.wav", "--duration", "36000"});
+        *std::find(setup.arguments.begin(), setup.arguments.end(), places.TempPath()) = volumes.A();
+        Process program(setup);
+        EXPECT_EQ(program.Wait(), 2);
+        const std::size_t at = program.Error().find("is enough for ");
+        int minutes = 0;
+        double seconds = 0.0;
+        EXPECT_NE(at, std::string::npos) << program.Error();
+        EXPECT_EQ(
+            std::sscanf(program.Error().c_str() + at, "is enough for %d:%lf", &minutes, &seconds),
+            2);
+        return minutes * 60 + seconds;
+    };
+
+    const double together = room(volumes.A());
+
+    // 9 bytes a sample go to one, and would be 6 if the file were elsewhere.
+    EXPECT_NEAR(room(volumes.B()), together, 0.02 * together);
+    EXPECT_GT(room(places.FilesPath()), 1.4 * together);
 }
 
 }  // namespace

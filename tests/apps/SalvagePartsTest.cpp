@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <map>
@@ -23,6 +24,7 @@
 #include "salvage/SpillFiles.h"
 #include "salvage/TakeJournal.h"
 #include "support/FileBytes.h"
+#include "support/FileSizeLimit.h"
 #include "support/TempDirectory.h"
 
 namespace vorrel::cli {
@@ -148,6 +150,51 @@ TEST(TakeJournalTest, HalfALastLineIsPassedOver) {
     std::ofstream(directory.File(TakeJournal::kName), std::ios::app) << "{\"mark\": 1";
 
     EXPECT_THAT(TakeJournal::Read(directory.Path())->marks, ElementsAre(6));
+}
+
+TEST(TakeJournalTest, AFullDiskCostsNoLineWhereverItCutsOneOff) {
+    // From nothing of the two lines, over each place in them, to all.
+    const std::size_t lines = std::string("{\"mark\":16}\n{\"mark\":17}\n").size();
+    for (std::size_t taken = 0; taken <= lines; ++taken) {
+        const TempDirectory directory;
+        TakeRecord record;
+        record.format = Pcm();
+        TakeJournal journal(directory.Path());
+        journal.Begin(record);
+        const std::uintmax_t before =
+            std::filesystem::file_size(directory.File(TakeJournal::kName));
+        {
+            const test::FileSizeLimit full(before + taken);
+            journal.Mark(16);
+            journal.Mark(17);
+        }
+        journal.Mark(18);
+
+        EXPECT_THAT(TakeJournal::Read(directory.Path())->marks, ElementsAre(16, 17, 18)) << taken;
+    }
+}
+
+TEST(TakeJournalTest, WhatAFullDiskDidNotTakeIsWrittenWithTheNextLookOrAtTheEnd) {
+    const TempDirectory directory;
+    TakeRecord record;
+    record.format = Pcm();
+    std::optional<TakeJournal> journal(std::in_place, directory.Path());
+    {
+        const test::FileSizeLimit full(9);
+        journal->Begin(record);
+    }
+    EXPECT_FALSE(TakeJournal::Read(directory.Path()));
+
+    journal->Look();
+
+    ASSERT_TRUE(TakeJournal::Read(directory.Path()));
+    {
+        const test::FileSizeLimit full(
+            std::filesystem::file_size(directory.File(TakeJournal::kName)) + 3);
+        journal->Mark(8);
+    }
+    journal.reset();
+    EXPECT_THAT(TakeJournal::Read(directory.Path())->marks, ElementsAre(8));
 }
 
 TEST(TakeJournalTest, WhatIsNoJournalIsNone) {
@@ -278,6 +325,59 @@ TEST(TakeJournalTest, WhoSavesATakeWritesBehindHalfALastLine) {
     TakeJournal::NoteWritten(directory.File("none"));  // changes nothing
 }
 
+TEST(TakeJournalTest, TheMachineIsWrittenDownAndAnOldJournalHasNone) {
+    const TempDirectory directory;
+    TakeRecord record;
+    record.format = Pcm();
+    {
+        TakeJournal journal(directory.Path());
+        journal.Begin(record);
+    }
+    const Machine now = ThisMachine();
+    EXPECT_NE(now.host, "");
+    EXPECT_EQ(now.boot.size(), 36U);
+
+    const Machine read = TakeJournal::Read(directory.Path())->machine;
+
+    EXPECT_EQ(read.host, now.host);
+    EXPECT_EQ(read.boot, now.boot);
+    EXPECT_EQ(RecordWith("").machine.host, "");
+}
+
+TEST(TakeJournalTest, WhatAnotherMachineWasWritingIsNotOfItsNumberHere) {
+    const Machine now = ThisMachine();
+    const auto line = [](const std::string& host, const std::string& boot, const char* path) {
+        return "{\"writing\":\"" + std::string(path) + "\",\"process\":1,\"host\":\"" + host +
+               "\",\"boot\":\"" + boot + "\"}\n";
+    };
+
+    const TakeRecord elsewhere =
+        RecordWith(line(now.host, now.boot, "/m/.a.partial-1") +
+                   line("other", "another", "/m/.b.partial-1") + line("other", "another", ""));
+    EXPECT_THAT(elsewhere.writing, ElementsAre(testing::Pair(1, "/m/.a.partial-1")));
+    EXPECT_THAT(elsewhere.ended, testing::IsEmpty());
+
+    const TakeRecord before = RecordWith(line(now.host, "another", "/m/.a.partial-1"));
+    EXPECT_THAT(before.ended, ElementsAre(1));
+    EXPECT_THAT(RecordWith("{\"writing\":\"/m/.a.partial-1\",\"process\":1}\n").writing,
+                ElementsAre(testing::Pair(1, "/m/.a.partial-1")));
+}
+
+TEST(MachineTest, AnotherNameAndAnotherStartTogetherAreAnotherMachine) {
+    const Machine now = {"here", "1"};
+
+    EXPECT_TRUE(IsElsewhere({"there", "2"}, now));
+    for (const Machine& same :
+         {Machine{"here", "1"}, {"here", "2"}, {"container", "1"}, {"", ""}, {"there", ""}}) {
+        EXPECT_FALSE(IsElsewhere(same, now)) << same.host << same.boot;
+    }
+    EXPECT_TRUE(HasRestarted({"here", "2"}, now));
+    for (const Machine& running :
+         {Machine{"here", "1"}, {"there", "2"}, {"here", ""}, {"", ""}, {"", "2"}}) {
+        EXPECT_FALSE(HasRestarted(running, now)) << running.host << running.boot;
+    }
+}
+
 // ---- What was half written
 
 TEST(HalfWrittenTest, APathIsReadAsItWasWrittenAndNothingElseIsOne) {
@@ -326,6 +426,10 @@ TEST(HalfWrittenTest, ItIsARegularFileOfAProcessThatHasDied) {
 
     EXPECT_EQ(find(".a.partial-" + number, dead), 1U);
     EXPECT_EQ(find(".a.partial-" + own, ::getpid()), 0U);
+    TakeRecord before;
+    before.writing = {{::getpid(), directory.File(".a.partial-" + own)}};
+    before.ended = {::getpid()};  // by a new start; the number is another's now
+    EXPECT_EQ(FindHalfWritten(before).size(), 1U);
     EXPECT_EQ(find(".a.partial-" + own, dead), 0U);
     EXPECT_EQ(find("mine.partial-" + number, dead), 0U);
     EXPECT_EQ(find(".link.partial-" + number, dead), 0U);
@@ -418,6 +522,46 @@ TEST_F(SpillFilesTest, ChannelsOfUnequalLengthAreDoubted) {
     Spill("tmp000002", std::vector<float>(10));
 
     EXPECT_THAT(SpillFiles(directory.Path(), record).Doubt(), testing::HasSubstr("same length"));
+}
+
+TEST_F(SpillFilesTest, WhereChannelsAreOfUnequalLengthSilenceFillsTheShorterOnes) {
+    record.format.rateHz = 1;  // five frames a step
+    Spill("tmp000001", std::vector<float>(8, 0.5F));
+    Spill("tmp000002", {1, 2});
+
+    const SpillFiles files(directory.Path(), record);
+
+    EXPECT_EQ(files.Frames(), 8U);
+    Bytes bytes;
+    ASSERT_TRUE(files.ReadFilled(1, 4, bytes, 12));
+    EXPECT_EQ(bytes, Floats({2, 0, 0}));
+    ASSERT_TRUE(files.ReadFilled(1, 16, bytes, 16));
+    EXPECT_EQ(bytes, Floats({0, 0, 0, 0}));
+    EXPECT_FALSE(files.ReadFilled(1, 28, bytes, 8));
+}
+
+TEST_F(SpillFilesTest, SilenceOfADsdTakeIsItsIdlePattern) {
+    record.format = Dsd();
+    record.format.rateHz = 8;  // five bytes a step
+    Write(directory.File("tmp000001"), Bytes(7, 0x01));
+    Write(directory.File("tmp000002"), Bytes(1, 0x02));
+    record.spills = {"tmp000001", "tmp000002"};
+
+    const SpillFiles files(directory.Path(), record);
+
+    EXPECT_EQ(files.Frames(), 7U * 8U);
+    Bytes bytes;
+    ASSERT_TRUE(files.ReadFilled(1, 0, bytes, 3));
+    EXPECT_EQ(bytes, (Bytes{0x02, 0x69, 0x69}));
+}
+
+TEST_F(SpillFilesTest, TheFirstReasonForDoubtIsSaid) {
+    record.format.rateHz = 1;
+    Spill("tmp000001", std::vector<float>(20));
+    record.spills.emplace_back("tmp000002");
+
+    EXPECT_EQ(SpillFiles(directory.Path(), record).Doubt(),
+              directory.File("tmp000002") + " is missing; silence fills the shorter channels");
 }
 
 TEST_F(SpillFilesTest, ALinkIsNoSpillFile) {

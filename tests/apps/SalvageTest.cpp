@@ -7,6 +7,7 @@
 
 #include "CliProgram.h"
 #include "WavReader.h"
+#include "support/Await.h"
 
 namespace vorrel::test {
 namespace {
@@ -17,13 +18,35 @@ using testing::IsEmpty;
 
 class SalvageTest : public testing::Test {
 protected:
-    /// Records until position `seconds`, and dies.
-    void RecordAndDie(std::vector<std::string> arguments, double seconds) {
+    /// Records until position `seconds`, and dies; not before the journal names all of the engine's
+    /// files, of which a take this short has one a channel and one of the preview.
+    void RecordAndDie(std::vector<std::string> arguments, double seconds,
+                      std::size_t channels = 2) {
         arguments.insert(arguments.begin(), places.File("lost"));
         Process program(places.Record(VORREL_CLI, arguments));
         ASSERT_TRUE(AwaitPosition(program, seconds)) << program.Error();
+        Await([&] { return Spills().size() == channels + 1; });
         program.Send(SIGKILL);
         ASSERT_EQ(program.Wait(), -SIGKILL);
+    }
+
+    /// The directory of the only take.
+    std::string Take() const {
+        return std::filesystem::directory_iterator(places.TempPath())->path().string();
+    }
+
+    /// Paths of the engine's files, as the journal of the only take names them.
+    std::vector<std::string> Spills() const {
+        std::vector<std::string> paths;
+        const std::string take = Take();
+        std::ifstream journal(take + "/journal.jsonl");
+        for (std::string line; std::getline(journal, line);) {
+            const nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
+            if (object.is_object() && object.contains("spill")) {
+                paths.push_back(take + "/" + object.at("spill").get<std::string>());
+            }
+        }
+        return paths;
     }
 
     Process::Setup Salvage(std::vector<std::string> arguments) const {
@@ -37,7 +60,7 @@ protected:
 };
 
 TEST_F(SalvageTest, EverySampleOfAKilledTakeThatReachedTheDiskIsSaved) {
-    RecordAndDie({"--simulate=source=counter,speed=40,channels=3"}, 31.0);
+    RecordAndDie({"--simulate=source=counter,speed=40,channels=3"}, 31.0, 3);
     Process list(Salvage({}));
     ASSERT_EQ(list.Wait(), 0) << list.Error();
     const std::vector<nlohmann::json> takes = Events(list.Out(), "take");
@@ -294,8 +317,7 @@ TEST_F(SalvageTest, WhatSomebodyHasPutIntoATakeStaysAndIsSaid) {
 
 TEST_F(SalvageTest, WhatTheJournalMissesIsDoubted) {
     RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
-    const std::string take =
-        std::filesystem::directory_iterator(places.TempPath())->path().string();
+    const std::string take = Take();
     const Bytes bytes = ReadBytes(take + "/journal.jsonl");
     std::string text(bytes.begin(), bytes.end());
     const std::size_t line = text.find("{\"spill\"");
@@ -304,8 +326,79 @@ TEST_F(SalvageTest, WhatTheJournalMissesIsDoubted) {
 
     Process save(Salvage({"vorrel-", places.File("a.wav")}));
 
+    EXPECT_EQ(save.Wait(), 3) << save.Error();
+    EXPECT_THAT(save.Error(), HasSubstr("the journal does not name"));
+    EXPECT_GT(ReadWav(places.File("a.wav")).Frames(), 0U);
+}
+
+TEST_F(SalvageTest, ATakeThatIsDoubtedIsSavedToTheEndOfItsLongestChannelAndKept) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 31.0);
+    const std::string take = Take();
+    const std::vector<std::string> spills = Spills();
+    const std::size_t longest = std::filesystem::file_size(spills.at(0)) / 4;
+    std::filesystem::resize_file(spills.at(1), 48'000 * 4);
+
+    Process save(Salvage({"vorrel-", places.File("a.wav"), "--remove"}));
+
+    EXPECT_EQ(save.Wait(), 3);
+    EXPECT_THAT(save.Error(), HasSubstr("the channels have not the same length; silence fills the "
+                                        "shorter channels"));
+    EXPECT_THAT(save.Error(), HasSubstr("the take stays in " + take + " in spite of --remove"));
+    EXPECT_EQ(Events(save.Out(), "kept").at(0).at("directory"), take);
+    EXPECT_EQ(Spills(), spills);
+    for (const std::string& spill : spills) {
+        EXPECT_TRUE(std::filesystem::exists(spill)) << spill;
+    }
+    const Wav wav = ReadWav(places.File("a.wav"));
+    ASSERT_EQ(wav.Frames(), longest);
+    ASSERT_GT(longest, 48'000U * 15);
+    std::size_t wrong = 0;
+    for (std::size_t frame = 0; frame < longest; ++frame) {
+        const bool cut = frame >= 48'000;
+        if (wav.samples[frame * 2] != CounterValue(frame, 0, 2) ||
+            wav.samples[frame * 2 + 1] != (cut ? 0 : CounterValue(frame, 1, 2))) {
+            ++wrong;
+        }
+    }
+    EXPECT_EQ(wrong, 0U);
+
+    Process remove(Salvage({"vorrel-", "--remove"}));
+    EXPECT_EQ(remove.Wait(), 0) << remove.Error();
+    EXPECT_TRUE(places.TempIsEmpty());
+}
+
+TEST_F(SalvageTest, ATakeOfAnotherMachineIsSavedButNeverDeletedFromHere) {
+    RecordAndDie({"--simulate=source=counter,speed=40"}, 11.0);
+    const std::string journal = Take() + "/journal.jsonl";
+    const Bytes bytes = ReadBytes(journal);
+    std::string text(bytes.begin(), bytes.end());
+    nlohmann::json first = nlohmann::json::parse(text.substr(0, text.find('\n')));
+    first["host"] = "studio-b";
+    first["boot"] = "another";
+    text.replace(0, text.find('\n'), first.dump());
+    std::ofstream(journal) << text;
+
+    Process list(Salvage({}));
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_EQ(Events(list.Out(), "take").at(0).at("elsewhere"), "studio-b");
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"vorrel-", "--remove"},
+          {"vorrel-", places.File("a.wav"), "--remove"}}) {
+        Process remove(Salvage(arguments));
+        EXPECT_EQ(remove.Wait(), 3);
+        EXPECT_THAT(remove.Error(), HasSubstr("is of another machine (studio-b)"));
+    }
+    EXPECT_THAT(places.Files(), IsEmpty());
+    Process save(Salvage({"vorrel-", places.File("a.wav")}));
     EXPECT_EQ(save.Wait(), 0) << save.Error();
-    EXPECT_THAT(save.Error(), HasSubstr("listen to what is saved"));
+    EXPECT_THAT(save.Error(), HasSubstr("may still be recorded"));
+    EXPECT_EQ(ReadBytes(journal), ToBytes(text));  // which its machine may be writing
+    EXPECT_GT(ReadWav(places.File("a.wav")).Frames(), 0U);
+
+    Process next(places.Record(VORREL_CLI, {places.File("b.wav"), "--duration", "1",
+                                            "--simulate=source=counter,speed=20"}));
+    EXPECT_EQ(next.Wait(), 0);
+    EXPECT_THAT(next.Error(), testing::Not(HasSubstr("killed")));
 }
 
 TEST_F(SalvageTest, ASavedTakeIsToldWithItsDigest) {

@@ -373,6 +373,24 @@ TEST(SecondsLeftTest, OfSeveralVolumesTheFirstThatIsFullCounts) {
     EXPECT_EQ(SecondsLeft({spill, target}), 0.0);
 }
 
+TEST(SecondsLeftTest, WhatHasItsRoomInCommonHasToTakeTheSum) {
+    VolumeState spill;
+    spill.free = 100.0;
+    spill.rate = 3.0;
+    spill.reserve = 10.0;
+    VolumeState target;
+    target.free = 98.0;  // a limit of its own
+    target.rate = 1.0;
+    target.needed = 20.0;
+    target.reserve = 30.0;
+
+    const VolumeState all = Together({spill, target});
+
+    // 100 - 20 - 40 = 40, at 4 a second.
+    EXPECT_DOUBLE_EQ(SecondsLeft({spill, target, all}), 10.0);
+    EXPECT_DOUBLE_EQ(SecondsLeft({spill, target}), 30.0);
+}
+
 TEST(SecondsLeftTest, AVolumeThatTakesNothingMoreSetsNoLimit) {
     VolumeState done;
     done.free = 100.0;

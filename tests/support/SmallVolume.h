@@ -25,6 +25,8 @@ public:
     SmallVolume& operator=(const SmallVolume&) = delete;
 
     bool Mounted() const { return mounted; }
+    /// As pulled out: what was below it is there again. @return Whether that worked.
+    bool GoAway() const { return ::umount2(directory.Path().c_str(), MNT_DETACH) == 0; }
     const std::string& Path() const { return directory.Path(); }
     std::string File(const std::string& name) const { return directory.File(name); }
     /// From now on it takes no file. @return Whether that worked; files open for writing hinder it.

@@ -134,6 +134,9 @@ Findings CheckStorage(const std::string& directory) {
     CheckRoom(directory, *freeBytes, findings);
     CheckSpeed(directory, *freeBytes, findings);
     for (const Leftover& leftover : PrivateDirectory::FindLeftovers(directory)) {
+        if (!leftover.elsewhere.empty()) {
+            continue;  // it may well be alive there
+        }
         findings.push_back(
             {"storage", Verdict::Note,
              "a run that was killed has left " + SizeText(leftover.bytes) + " in " + leftover.path,

@@ -41,7 +41,8 @@ std::vector<std::string> FindHalfWritten(const TakeRecord& record) {
     std::vector<std::string> found;
     for (const auto& [process, path] : record.writing) {
         struct stat status {};
-        if (IsStagingName(path.substr(path.rfind('/') + 1), process) && HasDied(process) &&
+        const bool died = record.ended.count(process) != 0 || HasDied(process);
+        if (IsStagingName(path.substr(path.rfind('/') + 1), process) && died &&
             ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
             status.st_uid == ::geteuid()) {
             found.push_back(path);

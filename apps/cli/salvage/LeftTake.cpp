@@ -13,11 +13,13 @@ double LeftTake::Seconds() const {
     return record ? static_cast<double>(frames) / static_cast<double>(record->format.rateHz) : 0.0;
 }
 
-LeftTake ReadLeftTake(const std::string& directory, std::uint64_t bytes) {
+LeftTake ReadLeftTake(const Leftover& leftover) {
+    const std::string& directory = leftover.path;
     LeftTake take;
     take.directory = directory;
     take.name = std::filesystem::path(directory).filename().string();
-    take.bytes = bytes;
+    take.bytes = leftover.bytes;
+    take.elsewhere = leftover.elsewhere;
     try {
         take.record = TakeJournal::Read(directory);
         if (take.record) {
@@ -34,7 +36,7 @@ LeftTake ReadLeftTake(const std::string& directory, std::uint64_t bytes) {
 std::vector<LeftTake> FindLeftTakes(const std::string& base) {
     std::vector<LeftTake> takes;
     for (const Leftover& leftover : PrivateDirectory::FindLeftovers(base)) {
-        takes.push_back(ReadLeftTake(leftover.path, leftover.bytes));
+        takes.push_back(ReadLeftTake(leftover));
     }
     return takes;
 }

@@ -18,6 +18,9 @@ struct LeftTake {
     std::uint64_t bytes = 0;           ///< Of everything in it.
     std::uint64_t frames = 0;          ///< That can be saved.
 
+    /// Name of the machine where its program may still live, "" = this one, or unknown.
+    std::string elsewhere;
+
     /// Paths of files that were being written when it died.
     std::vector<std::string> halfWritten;
 
@@ -28,6 +31,6 @@ struct LeftTake {
 std::vector<LeftTake> FindLeftTakes(const std::string& base);
 
 /// What the directory of one holds.
-LeftTake ReadLeftTake(const std::string& directory, std::uint64_t bytes);
+LeftTake ReadLeftTake(const Leftover& leftover);
 
 }  // namespace vorrel::cli

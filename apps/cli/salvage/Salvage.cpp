@@ -49,6 +49,7 @@ std::string TakeText(const LeftTake& take) {
     text += take.frames == 0 ? "nothing of it has reached the disk"
                              : ClockText(take.Seconds()) + ", " + SizeText(take.bytes);
     text += take.record->out.empty() ? "" : "  for " + take.record->out;
+    text += take.elsewhere.empty() ? "" : "  of another machine (" + take.elsewhere + ")";
     for (const std::string& path : take.halfWritten) {
         text += " and a half-written " + path;
     }
@@ -197,7 +198,10 @@ void SaveOne(const LeftTake& take, const SpillFiles& files, const TakeFormat& fo
              const PlannedFile& planned, bool force, Reporter& reporter, Signals& signals) {
     OutputFile file(ResolveTarget(planned.path), force);
     file.Check();
-    TakeJournal::NoteWriting(take.directory, file.StagingPath());
+    // The journal of another machine's take may be one that is still written there.
+    if (take.elsewhere.empty()) {
+        TakeJournal::NoteWriting(take.directory, file.StagingPath());
+    }
     const auto total = static_cast<double>(planned.end - planned.start);
     int said = -1;
     int endedBy = 0;
@@ -224,14 +228,17 @@ void SaveOne(const LeftTake& take, const SpillFiles& files, const TakeFormat& fo
     if (!summary.complete) {
         throw Failure(ExitCode::Storage, planned.path + " could not be written as a whole");
     }
-    TakeJournal::NoteWritten(take.directory);
+    if (take.elsewhere.empty()) {
+        TakeJournal::NoteWritten(take.directory);
+    }
     const std::string name = file.Commit();
     reporter.Saved(name, summary.bytes, summary.frames,
                    static_cast<double>(summary.frames) / static_cast<double>(format.rateHz),
                    reporter.HasProgram() ? DigestOf(name, signals) : "");
 }
 
-void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) {
+/// @return What is to be doubted of the take, "" = nothing.
+std::string Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) {
     if (!take.record) {
         throw Failure(ExitCode::Usage, take.name + " has no journal that tells its format");
     }
@@ -247,9 +254,6 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
         throw Failure(ExitCode::Storage, "nothing of " + take.name + " has reached the disk");
     }
     const SpillFiles files(take.directory, *take.record);
-    if (!files.Doubt().empty()) {
-        reporter.Warning(files.Doubt() + "; listen to what is saved of the take");
-    }
     WantedFile wanted;
     wanted.path = ResolveTarget(wish.out);
     RefuseInside(wanted.path, take);
@@ -288,6 +292,7 @@ void Save(const LeftTake& take, const SalvageOptions& wish, Reporter& reporter) 
         reporter.Info(
             "saved as it was recorded, without the gain and the tags that it was to have");
     }
+    return files.Doubt();
 }
 
 }  // namespace
@@ -307,10 +312,22 @@ int RunSalvage(const Options& options, Reporter& reporter) {
         throw Failure(ExitCode::Usage,
                       "salvage " + wish.take + ": give it the name of a file, or --remove it");
     }
+    if (!take.elsewhere.empty()) {
+        if (wish.remove) {
+            throw Failure(ExitCode::Storage,
+                          take.name + " is of another machine (" + take.elsewhere +
+                              "), where it may still be recorded: --remove it there. If there is "
+                              "no such machine any more, delete " +
+                              take.directory + " yourself");
+        }
+        reporter.Warning(take.name + " is of another machine (" + take.elsewhere +
+                         "), where it may still be recorded: only what has come here is saved");
+    }
     const LeftoverLock lock(take.directory);
+    std::string doubt;
     if (!wish.out.empty()) {
         try {
-            Save(take, wish, reporter);
+            doubt = Save(take, wish, reporter);
         } catch (const Ended& ended) {
             const int code = kSignalExit + ended.signal;
             reporter.Warning("ended by signal " + std::to_string(ended.signal) +
@@ -318,6 +335,15 @@ int RunSalvage(const Options& options, Reporter& reporter) {
             std::ignore = reporter.Finish(code);
             return code;
         }
+    }
+    if (!doubt.empty()) {
+        // The only copy of what the file may lack: it goes when somebody has listened to the file.
+        reporter.Kept(take.directory);
+        throw Failure(ExitCode::Storage, "what was saved may not be the whole take: " + doubt +
+                                             ". Listen to it; the take stays in " + take.directory +
+                                             (wish.remove ? " in spite of --remove" : "") +
+                                             ", and \"vorrel salvage " + take.name +
+                                             " --remove\" alone deletes it");
     }
     if (wish.remove) {
         RemoveTake(take, lock, reporter);

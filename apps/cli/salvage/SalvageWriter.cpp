@@ -123,7 +123,8 @@ void WriteWav(std::FILE* file, const SpillFiles& files, const TakeFormat& format
         const auto count = static_cast<std::size_t>(std::min(kPcmBlockFrames, endFrame - frame));
         out.resize(count * format.channels * width);
         for (std::size_t channel = 0; channel < format.channels; ++channel) {
-            RequireRead(files.Read(channel, frame * sizeof(float), stored, count * sizeof(float)));
+            RequireRead(
+                files.ReadFilled(channel, frame * sizeof(float), stored, count * sizeof(float)));
             for (std::size_t index = 0; index < count; ++index) {
                 float sample = 0.0F;
                 std::memcpy(&sample, stored.data() + index * sizeof sample, sizeof sample);
@@ -161,7 +162,8 @@ void WriteDsf(std::FILE* file, const SpillFiles& files, const TakeFormat& format
     for (std::uint64_t frame = startFrame; frame < endFrame;) {
         const std::uint64_t count = std::min(kBlockFrames, endFrame - frame);
         for (std::size_t channel = 0; channel < format.channels; ++channel) {
-            RequireRead(files.Read(channel, frame / 8, block, static_cast<std::size_t>(count / 8)));
+            RequireRead(
+                files.ReadFilled(channel, frame / 8, block, static_cast<std::size_t>(count / 8)));
             for (std::uint8_t& byte : block) {
                 byte = reversed[byte];
             }

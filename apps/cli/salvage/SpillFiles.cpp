@@ -18,6 +18,9 @@ namespace {
 
 constexpr std::uint64_t kLargestSpill = std::uint64_t{1} << 30;
 constexpr std::uint64_t kStepSeconds = 5;
+// As they are stored: a float of 0, and the pattern of a DSD stream that says nothing.
+constexpr std::uint8_t kPcmSilence = 0;
+constexpr std::uint8_t kDsdSilence = 0x69;
 
 /// Bytes of a channel, and of the preview, that the engine stores in one step.
 std::uint64_t ChannelStep(const TakeFormat& format) {
@@ -57,7 +60,11 @@ std::vector<std::size_t> SpillOwners(const TakeFormat& format, std::size_t files
 }
 
 SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
-    : channels(record.format.channels) {
+    : channels(record.format.channels), silence(record.format.dsd ? kDsdSilence : kPcmSilence) {
+    // The first reason is the one that the others may follow from.
+    const auto doubtThat = [this](const std::string& reason) {
+        doubt = doubt.empty() ? reason : doubt;
+    };
     std::vector<SpillFile> files;
     std::vector<std::pair<FileAge, SpillFile>> unnamed;
     std::error_code error;
@@ -73,7 +80,7 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
             files.push_back({path, sizeOf(path)});
         } else {
             files.push_back({path, 0});  // keeps its place: what follows belongs to others
-            doubt = path + " is missing";
+            doubtThat(path + " is missing");
         }
     }
     for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
@@ -89,11 +96,11 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
     std::sort(unnamed.begin(), unnamed.end(),
               [](const auto& one, const auto& other) { return one.first < other.first; });
     for (auto& [age, file] : unnamed) {
-        doubt = "the journal does not name " + file.path;
+        doubtThat("the journal does not name " + file.path);
         files.push_back(std::move(file));
     }
     if (record.guessed) {
-        doubt = "which channel is which was told by the clock alone";
+        doubtThat("which channel is which was told by the clock alone");
     }
 
     const std::vector<std::size_t> owners = SpillOwners(record.format, files.size());
@@ -111,18 +118,34 @@ SpillFiles::SpillFiles(const std::string& directory, const TakeRecord& record)
         std::uint64_t length = 0;
         for (std::size_t index = 0; index < run.size(); ++index) {
             if (index + 1 < run.size() && run[index].bytes != full) {
-                doubt = run[index].path + " has not the size that it had to have";
+                doubtThat(run[index].path + " has not the size that it had to have");
             }
             length += run[index].bytes;
         }
+        lengths.push_back(length);
         least = std::min(least, length);
         most = std::max(most, length);
     }
     // All are stored in one go; the kill fell into it, or something is not what it is taken for.
-    if (!channels.empty() && most - least > step) {
-        doubt = "the channels have not the same length";
+    const bool unequal = !channels.empty() && most - least > step;
+    if (unequal) {
+        doubtThat("the channels have not the same length");
+        doubt += "; silence fills the shorter channels";
     }
-    frames = channels.empty() ? 0 : record.format.dsd ? least * 8 : least / sizeof(float);
+    stored = channels.empty() ? 0 : unequal ? most : least;
+    frames = record.format.dsd ? stored * 8 : stored / sizeof(float);
+}
+
+bool SpillFiles::ReadFilled(std::size_t channel, std::uint64_t from, std::vector<std::uint8_t>& out,
+                            std::size_t count) const {
+    const std::uint64_t length = lengths.at(channel);
+    if (from + count > stored) {
+        return false;
+    }
+    const std::uint64_t there = from < length ? std::min<std::uint64_t>(count, length - from) : 0;
+    const bool read = Read(channel, from, out, static_cast<std::size_t>(there));
+    out.resize(count, silence);
+    return read;
 }
 
 bool SpillFiles::Read(std::size_t channel, std::uint64_t from, std::vector<std::uint8_t>& out,

@@ -27,7 +27,8 @@ public:
     /// making.
     SpillFiles(const std::string& directory, const TakeRecord& record);
 
-    /// Frames that every channel has.
+    /// Frames that every channel has, but for those of the last step. Where one is shorter by more
+    /// than such a step, which is doubted, those of the longest: what the others have is not lost.
     std::uint64_t Frames() const { return frames; }
     std::uint64_t Bytes() const { return bytes; }
     const std::vector<std::vector<SpillFile>>& Channels() const { return channels; }
@@ -37,11 +38,17 @@ public:
     /// Reads `count` bytes of a channel from byte `from` on; false when they are not there.
     bool Read(std::size_t channel, std::uint64_t from, std::vector<std::uint8_t>& out,
               std::size_t count) const;
+    /// The same, with silence behind the end of a channel that is shorter than `Frames`.
+    bool ReadFilled(std::size_t channel, std::uint64_t from, std::vector<std::uint8_t>& out,
+                    std::size_t count) const;
 
 private:
     std::vector<std::vector<SpillFile>> channels;
+    std::vector<std::uint64_t> lengths;  // of each channel, in bytes
+    std::uint64_t stored = 0;            // bytes of each channel that `frames` are
     std::uint64_t frames = 0;
     std::uint64_t bytes = 0;
+    std::uint8_t silence;
     std::string doubt;
 };
 

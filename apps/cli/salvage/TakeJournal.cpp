@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <limits>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <tuple>
@@ -31,7 +32,11 @@ std::string Line(const json& object) {
 
 /// @param path  "" = no file any more.
 std::string WritingLine(const std::string& path) {
-    return Line({{"writing", EncodePath(path)}, {"process", ::getpid()}});
+    const Machine machine = ThisMachine();
+    return Line({{"writing", EncodePath(path)},
+                 {"process", ::getpid()},
+                 {"host", machine.host},
+                 {"boot", machine.boot}});
 }
 
 /// Appends to a journal that another process has begun. One that takes nothing keeps no take from
@@ -48,6 +53,11 @@ void Append(const std::string& path, const std::string& line) {
     if (descriptor >= 0) {
         ::close(descriptor);
     }
+}
+
+/// Of the process that has written a line.
+Machine MachineOf(const json& object) {
+    return {object.value("host", ""), object.value("boot", "")};
 }
 
 /// What a journal of ours can say; anything else is damage, and not to be calculated with.
@@ -145,6 +155,11 @@ TakeJournal::TakeJournal(const std::string& directory)
 }
 
 TakeJournal::~TakeJournal() {
+    try {
+        Write("");
+    } catch (const std::bad_alloc&) {
+        // The next to last chance of these lines was the last.
+    }
     for (const int descriptor : {file, watch}) {
         if (descriptor >= 0) {
             ::close(descriptor);
@@ -153,22 +168,38 @@ TakeJournal::~TakeJournal() {
 }
 
 void TakeJournal::Write(const std::string& line) {
+    if (file < 0) {
+        return;
+    }
+    unwritten += line;
+    // Glued to half a line, a whole one could not be read either.
+    const std::string text = (torn ? "\n" : "") + unwritten;
     std::size_t written = 0;
-    while (file >= 0 && written < line.size()) {
-        const ssize_t count = ::write(file, line.data() + written, line.size() - written);
+    while (written < text.size()) {
+        const ssize_t count = ::write(file, text.data() + written, text.size() - written);
         if (count < 0 && errno == EINTR) {
             continue;
         }
         if (count <= 0) {
-            return;  // a full disk; the recording itself meets it in its own way
+            break;  // a full disk; the recording itself meets it in its own way
         }
         written += static_cast<std::size_t>(count);
     }
+    if (written == 0) {
+        return;
+    }
+    torn = text[written - 1] != '\n';
+    // A line that lacks nothing but its end is whole; of any other half, all comes once more.
+    const bool whole = torn && written < text.size() && text[written] == '\n';
+    unwritten = text.substr(whole ? written + 1 : text.rfind('\n', written - 1) + 1);
 }
 
 void TakeJournal::Begin(const TakeRecord& record) {
+    const Machine machine = ThisMachine();
     Write(Line({{"journal", kVersion},
                 {"process", ::getpid()},
+                {"host", machine.host},
+                {"boot", machine.boot},
                 {"started", record.started},
                 {"device", record.device},
                 {"type", record.format.dsd ? "dsd" : "pcm"},
@@ -203,9 +234,6 @@ void TakeJournal::Saved(const std::string& name) {
 
 void TakeJournal::Writing(const std::string& path) {
     Write(WritingLine(path));
-    if (file >= 0) {
-        ::fdatasync(file);  // once a file, so that a power cut, too, leaves it named
-    }
 }
 
 void TakeJournal::Written() {
@@ -223,7 +251,9 @@ void TakeJournal::NoteWritten(const std::string& directory) {
 void TakeJournal::Look() {
     alignas(inotify_event) std::array<char, 4096> events{};
     ssize_t count = 0;
-    bool added = false;
+    if (!unwritten.empty()) {
+        Write("");
+    }
     while (watch >= 0 && (count = ::read(watch, events.data(), events.size())) > 0) {
         for (std::size_t at = 0; at < static_cast<std::size_t>(count);) {
             inotify_event event{};
@@ -232,20 +262,16 @@ void TakeJournal::Look() {
             at += sizeof event + event.len;
             if (event.len > 0 && IsSpillName(name)) {
                 Write(Line({{(event.mask & IN_CREATE) != 0 ? "spill" : "spill_gone", name}}));
-                added = true;
             }
         }
     }
     if (watch < 0) {
-        added = LookAtNames();
-    }
-    if (added && file >= 0) {
-        ::fdatasync(file);  // once in a gibibyte and channel
+        LookAtNames();
     }
 }
 
 /// What the kernel does not tell is looked for; made between two looks, by the time of making.
-bool TakeJournal::LookAtNames() {
+void TakeJournal::LookAtNames() {
     std::vector<std::pair<FileAge, std::string>> fresh;
     std::error_code error;
     for (std::filesystem::directory_iterator entry(place, error), end; !error && entry != end;
@@ -259,7 +285,6 @@ bool TakeJournal::LookAtNames() {
     for (const auto& [age, name] : fresh) {
         Write(Line({{"spill", name}, {"looked_for", true}}));
     }
-    return !fresh.empty();
 }
 
 FileAge AgeOf(const std::string& path) {
@@ -276,6 +301,7 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
     std::istringstream lines(ReadText(directory + "/" + kName));
     std::optional<TakeRecord> record;
     SpillNames spills;
+    const Machine now = ThisMachine();
     for (std::string line; std::getline(lines, line);) {
         const json object = Parse(line);
         if (!object.is_object()) {
@@ -296,6 +322,7 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                 record->out = object.at("out").get<std::string>();
                 record->gain = object.at("gain_db").get<double>();
                 record->tags = object.at("tags").get<std::map<std::string, std::string>>();
+                record->machine = MachineOf(object);
             } else if (object.contains("spill")) {
                 const auto name = object.at("spill").get<std::string>();
                 if (IsSpillName(name)) {
@@ -310,7 +337,15 @@ std::optional<TakeRecord> TakeJournal::Read(const std::string& directory) {
                 record->startFrame = Whole(object, "start_frame");
             } else if (object.contains("writing")) {
                 const auto process = static_cast<long>(SmallWhole(object, "process"));
+                const Machine writer = MachineOf(object);
+                if (IsElsewhere(writer, now)) {
+                    continue;  // a number of another machine's
+                }
                 record->writing.erase(process);
+                record->ended.erase(process);
+                if (HasRestarted(writer, now)) {
+                    record->ended.insert(process);
+                }
                 const std::string path = DecodePath(object.at("writing").get<std::string>());
                 if (!path.empty()) {
                     record->writing.emplace(process, path);

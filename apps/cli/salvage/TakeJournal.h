@@ -12,6 +12,7 @@
 
 #include "SavePlan.h"
 #include "TakeDirectory.h"
+#include "salvage/Machine.h"
 
 namespace vorrel::cli {
 
@@ -29,9 +30,11 @@ struct TakeRecord {
     std::vector<std::string> spills;   ///< Names of the engine's files, as they were made.
     bool guessed = false;              ///< The order of some is by the clock alone.
     std::string state;                 ///< The last that was entered.
-    /// Files that were being written, by the process that did: absolute paths under their names of
-    /// the meantime.
+    /// Files that were being written, by the process of this machine that did: absolute paths under
+    /// their names of the meantime.
     std::map<long, std::string> writing;
+    std::set<long> ended;  ///< Those of them that a new start of the machine has ended.
+    Machine machine;       ///< On which it was recorded.
 };
 
 /// When a file was made, in nanoseconds (the last change where the volume does not know), and its
@@ -40,7 +43,9 @@ using FileAge = std::pair<std::int64_t, std::uint64_t>;
 FileAge AgeOf(const std::string& path);
 
 /// The journal of a take that runs: a file beside the spill files, a JSON object a line, each
-/// written at once, so that a killed process has left all of it. It also sees the engine's files
+/// written at once, so that a killed process has left all of it; what brings it to the disk is
+/// `SpillSync`, so that nobody waits for that here. What a full disk does not take is
+/// written as soon as there is room, and half a line is none. It also sees the engine's files
 /// come and go. One thread.
 class TakeJournal {
 public:
@@ -86,10 +91,12 @@ public:
 
 private:
     void Write(const std::string& line);
-    bool LookAtNames();
+    void LookAtNames();
 
     const std::string place;
     std::set<std::string> seen;  // names, where the kernel tells of none
+    std::string unwritten;       // whole lines that the disk has not taken
+    bool torn = false;           // the file ends with half a line
     int file = -1;
     int watch = -1;
 };
