@@ -46,7 +46,7 @@ public:
 
     /// Names of what was rescued to the temporary place; throws when there is anything else.
     std::set<std::string> Rescued() const {
-        const std::set<std::string> names = Names(temp.Path());
+        std::set<std::string> names = Names(temp.Path());
         for (const std::string& name : names) {
             if (name.find("-rescued") == std::string::npos) {
                 throw std::runtime_error("left in the temporary place: " + name);

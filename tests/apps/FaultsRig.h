@@ -16,7 +16,7 @@ protected:
     Process::Setup Record(const std::string& engine,
                           const std::vector<std::string>& arguments) const {
         Process::Setup setup = places.Record(VORREL_CLI_FAKE, arguments);
-        setup.arguments.push_back("--simulate");  // known, and no reason for a warning
+        setup.arguments.emplace_back("--simulate");  // known, and no reason for a warning
         setup.environment["FAKE_ENGINE"] = engine;
         return setup;
     }

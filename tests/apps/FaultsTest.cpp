@@ -287,7 +287,7 @@ TEST_F(FaultsTest, ASimulatedRecorderThatNobodyAskedForIsSaidLoudly) {
     Process asked(Record("", {places.File("b.wav"), "--duration", "0.2"}));
     setup.arguments[3] = "--temp-dir";
     setup.environment["VORREL_BACKEND"] = "other";
-    setup.arguments.push_back("--force");
+    setup.arguments.emplace_back("--force");
 
     EXPECT_EQ(silent.Wait(), 0);
     EXPECT_EQ(asked.Wait(), 0);
@@ -308,7 +308,7 @@ TEST_F(FaultsTest, AnAnswerSaysThatARecorderIsSimulated) {
         setup.arguments = {VORREL_CLI_FAKE, command, "--json"};
         setup.environment["VORREL_BACKEND"] = "simulated";
         Process silent(setup);
-        setup.arguments.push_back("--simulate");
+        setup.arguments.emplace_back("--simulate");
         Process asked(setup);
 
         EXPECT_EQ(silent.Wait(), 0);

@@ -139,7 +139,7 @@ TEST(AudioObjectTest, ACopyNamesTheSameObject) {
     const FakeRecorder recorder;
     const AudioDevice device(recorder.audio, FakeRecorder::kDevice);
 
-    const AudioDevice copy = device;
+    const AudioDevice copy = device;  // NOLINT(performance-unnecessary-copy-initialization)
 
     EXPECT_EQ(copy.Id(), FakeRecorder::kDevice);
     EXPECT_EQ(copy.SetProperty(kFrames, UInt32{128}), kAudioHardwareNoError);

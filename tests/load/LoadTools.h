@@ -28,7 +28,7 @@ inline double LoadLength(const char* variable, double usual) {
 
 /// Samples of the counter source that do not stand where they have to in what counts as recorded;
 /// read piece by piece, because the whole would not fit into memory. At DSD a sample is a word.
-inline std::uint64_t WrongSamples(RecordData& data, std::uint32_t channels, bool dsd) {
+inline std::uint64_t WrongSamples(RecordData& data, std::uint16_t channels, bool dsd) {
     constexpr std::uint64_t kPiece = 1 << 20;
     const std::uint64_t samplesAWord = dsd ? kDsdWordBits : 1;
     const std::uint64_t length = data.GetLength(true);

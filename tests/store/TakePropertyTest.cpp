@@ -93,7 +93,7 @@ private:
         const std::uint64_t width = isDsd ? 2 : 4;
         const std::uint64_t length = step.Between(0, 1, 30) * width;
         const std::uint64_t longer = step.Between(1, 0, 7) == 0 ? width : 0;
-        const std::uint64_t count = step.Between(2, 0, 9) == 0 ? 1 : channels;
+        const std::uint16_t count = step.Between(2, 0, 9) == 0 ? std::uint16_t{1} : channels;
         for (std::uint16_t channel = 0; channel < count; ++channel) {
             const Bytes block = Block(length + (channel == 0 ? longer : 0));
             models[channel].Add(block, logModel, isDsd ? 2 : 4);

@@ -22,7 +22,7 @@ constexpr Layout kInt24In3 = {"24In3", kS24In3, 24};
 constexpr Layout kInt24In4 = {"24In4", kS24In4, 24};
 constexpr Layout kInt32 = {"32In4", kS32, 32};
 
-using Parameters = std::tuple<Layout, std::uint32_t, std::uint32_t, bool>;
+using Parameters = std::tuple<Layout, std::uint32_t, std::uint16_t, bool>;
 
 class AlsaPcmTakesTest : public testing::TestWithParam<Parameters> {};
 

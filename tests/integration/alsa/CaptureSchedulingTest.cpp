@@ -42,7 +42,7 @@ protected:
         }
     }
     /// Makes threads real-time as `grants` says, at the most at that priority.
-    void Serve(std::int32_t mostPriority, std::function<bool()> grants) {
+    void Serve(std::int32_t mostPriority, const std::function<bool()>& grants) {
         kit = std::make_unique<FakeService>(
             "org.freedesktop.RealtimeKit1", "/org/freedesktop/RealtimeKit1",
             [=, this](sd_bus_message* call) {

@@ -441,8 +441,8 @@ SND_PCM_PLUGIN_DEFINE_FUNC(vorreltest) {
     static_cast<void>(root);
     std::string directory;
     std::string number;
-    snd_config_iterator_t i;
-    snd_config_iterator_t next;
+    snd_config_iterator_t i = nullptr;
+    snd_config_iterator_t next = nullptr;
     snd_config_for_each(i, next, conf) {
         snd_config_t* entry = snd_config_iterator_entry(i);
         const char* id = nullptr;
