@@ -36,7 +36,7 @@ public:
     std::optional<std::string> Drain() {
         for (std::uint16_t channel = 0; channel < model.Channels(); ++channel) {
             for (bool more = true; more;) {
-                if (const auto wrong = DequeueFrom(channel, more)) {
+                if (auto wrong = DequeueFrom(channel, more)) {
                     return wrong;
                 }
             }
