@@ -42,6 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(understood ? !configs.empty() && configs.size() <= 16
                        : configs.empty() && !problem.empty());
     for (const vorrel::SimulatedRecorderConfig& config : configs) {
+        // NOLINTNEXTLINE(readability-redundant-string-cstr): it is read up to its first zero
         RequireSound(config, text.c_str());
     }
     return 0;

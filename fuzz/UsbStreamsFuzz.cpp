@@ -72,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto alternate = static_cast<std::uint8_t>(1 + n);
         const auto channels = static_cast<std::uint8_t>(1 + input.Below(32));
         const auto container = static_cast<std::uint8_t>(2 + input.Below(3));
-        const auto bits = static_cast<std::uint8_t>(1 + input.Below(8U * container));
+        const auto bits = static_cast<std::uint8_t>(1 + input.Below(std::uint64_t{8} * container));
         const bool captures = input.Below(4) != 0;
         const auto endpoint = static_cast<std::uint8_t>((captures ? 0x81 : 0x01) + input.Below(8));
         CaptureFormat format;

@@ -34,9 +34,9 @@ public:
     }
     /// All that waits, in its order.
     std::optional<std::string> Drain() {
-        for (std::uint16_t channel = 0; channel < model.Channels(); ++channel) {
+        for (std::size_t channel = 0; channel < model.Channels(); ++channel) {
             for (bool more = true; more;) {
-                if (const auto wrong = DequeueFrom(channel, more)) {
+                if (auto wrong = DequeueFrom(static_cast<std::uint16_t>(channel), more)) {
                     return wrong;
                 }
             }
@@ -84,6 +84,7 @@ private:
         Mark(block, mark);
         const VrError result = moves ? queue.Enqueue(channel, std::move(block))
                                      : queue.Enqueue(channel, static_cast<const Block&>(block));
+        // NOLINTNEXTLINE(bugprone-use-after-move): left empty by contract
         if (moves ? !block.empty() : block.size() != bytes || !Bears(block, mark)) {
             return "the caller's block is not as it should be";
         }

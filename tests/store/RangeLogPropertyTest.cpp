@@ -58,7 +58,7 @@ std::optional<std::string> ReplayLog(const Steps& steps) {
         } else {
             const std::uint64_t from = step.Between(0, 0, now + 20);
             const std::uint64_t to = step.Between(1, 0, now + 40);
-            if (const auto wrong = CompareSpan(log, model, from, to)) {
+            if (auto wrong = CompareSpan(log, model, from, to)) {
                 return wrong;
             }
             const auto size = static_cast<std::uint32_t>(step.Between(2, 0, 4));

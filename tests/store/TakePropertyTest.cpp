@@ -51,7 +51,7 @@ public:
 
     std::optional<std::string> All() {
         for (std::uint16_t channel = 0; channel < channels; ++channel) {
-            if (const auto wrong = CompareRecord(channel, 0, Units(models[channel].available))) {
+            if (auto wrong = CompareRecord(channel, 0, Units(models[channel].available))) {
                 return wrong;
             }
         }

@@ -107,7 +107,8 @@ TEST_F(UsbControlTest, AnyOtherFailureIsAnError) {
 }
 
 TEST_F(UsbControlTest, ANodeThatIsNoUsbDeviceIsAnError) {
-    std::ofstream(system->RealPath(test::MockedSystem::Node(Recorder())), std::ios::trunc);
+    const std::string node = system->RealPath(test::MockedSystem::Node(Recorder()));
+    std::ofstream(node, std::ios::trunc).close();
 
     EXPECT_EQ(control->ControlRequest(kSwitchToDsd), kIOReturnError);
 

@@ -31,7 +31,7 @@ std::uint16_t WordOf(float value) {
 class DsfFileSourceTest : public testing::Test {
 protected:
     std::string Write(const char* name, const Bytes& bytes) {
-        const std::string path = directory.File(name);
+        std::string path = directory.File(name);
         test::WriteBytes(path, bytes);
         return path;
     }

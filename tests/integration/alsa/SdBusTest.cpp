@@ -125,7 +125,7 @@ public:
         const int result = Load<Get>("sd_bus_get_property_string")(
             bus, service.c_str(), path.c_str(), "org.freedesktop.ReserveDevice1", property, nullptr,
             &text);
-        const std::string answer = result < 0 ? "none" : text;
+        std::string answer = result < 0 ? "none" : text;
         std::free(text);  // NOLINT(cppcoreguidelines-no-malloc): the library's
         return answer;
     }
