@@ -42,9 +42,11 @@ std::uint64_t RecordSession::RecordedFrames() const {
 std::uint64_t RecordSession::StoredFrames() const {
     std::uint64_t previewFrames = 0;
     if (Vorrel_GetPreviewDataLength(&previewFrames) != VrSuccess) {
-        return 0;
+        previewFrames = 0;
     }
-    return previewFrames * (format.dsd ? TakeFormat::kDsdFramesPerPreview : 1);
+    // The preview is behind while storing is: then the position, of whole tenths, is further on.
+    return std::max(previewFrames * (format.dsd ? TakeFormat::kDsdFramesPerPreview : 1),
+                    FrameAt(position, format));
 }
 
 double RecordSession::TakePosition() const {

@@ -4,6 +4,7 @@
 //   devices=0            no recorder            busy=1          the recorder is refused
 //   start=fail           the start fails        stop=hang       a stop never ends: it goes on
 //   preview=fail         that of the whole recording cannot be read
+//   preview=late         there is none before the recording has stopped
 //   preview=signal       SIGINT comes while it is read; preview=signals: and SIGTERM
 //   late=signal          SIGINT comes as soon as the host has met the end of a save;
 //                        late=signals: and SIGTERM
@@ -569,6 +570,9 @@ VrError Vorrel_GetPreviewDataLength(std::uint64_t* length) noexcept {
     const std::lock_guard lock(Engine().mutex);
     const FakeEngine& engine = Engine();
     *length = engine.dsd ? engine.recorded.size() / 8 + engine.resumes + 1 : engine.recorded.size();
+    if (engine.Text("preview") == "late" && engine.running) {
+        *length = 0;
+    }
     return VrSuccess;
 }
 

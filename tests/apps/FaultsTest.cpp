@@ -123,6 +123,24 @@ TEST_F(FaultsTest, LostBuffersAreToldOnceAndGiveTheirOwnExitCode) {
     EXPECT_EQ(ReadWav(places.File("a.wav")).Frames(), 48'000U);
 }
 
+TEST_F(FaultsTest, AMarkCutsWhereTheRecordingStandsThoughThePreviewIsBehind) {
+    Process::Setup setup = Record("preview=late", {places.File("a.wav")});
+    setup.terminal = true;
+    Process program(setup);
+    ASSERT_TRUE(AwaitPosition(program, 1.0));
+    ASSERT_TRUE(program.Type("m"));
+    ASSERT_TRUE(program.AwaitOut("\"mark\""));
+    ASSERT_TRUE(AwaitAdvance(program, 1.0));
+    ASSERT_TRUE(program.Type("q"));
+
+    EXPECT_EQ(program.Wait(), 0);
+
+    const std::size_t first = ReadWav(places.File("a-01.wav")).Frames();
+    EXPECT_GE(first, 48'000U);
+    EXPECT_EQ(first % 4'800, 0U);
+    EXPECT_GT(ReadWav(places.File("a-02.wav")).Frames(), 0U);
+}
+
 TEST_F(FaultsTest, AGapInTheRecordersStreamIsToldWhereItIsAndInTheExitCode) {
     Process program(Record("gap=0.5", {places.File("a.wav"), "--duration", "3"}));
 

@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "CliProgram.h"
 #include "WavReader.h"
@@ -19,13 +21,20 @@ using testing::IsEmpty;
 class SalvageTest : public testing::Test {
 protected:
     /// Records until position `seconds`, and dies; not before the journal names all of the engine's
-    /// files, of which a take this short has one a channel and one of the preview.
+    /// files, of which a take this short has one a channel and, sooner or later, one of the
+    /// preview.
     void RecordAndDie(std::vector<std::string> arguments, double seconds,
                       std::size_t channels = 2) {
         arguments.insert(arguments.begin(), places.File("lost"));
         Process program(places.Record(VORREL_CLI, arguments));
         ASSERT_TRUE(AwaitPosition(program, seconds)) << program.Error();
-        Await([&] { return Spills().size() == channels + 1; });
+        Await([&] {
+            // The journal is the one file beside them.
+            const std::filesystem::directory_iterator files(Take());
+            const std::ptrdiff_t there = std::distance(begin(files), end(files));
+            const std::size_t named = Spills().size();
+            return named >= channels && there == static_cast<std::ptrdiff_t>(named) + 1;
+        });
         program.Send(SIGKILL);
         ASSERT_EQ(program.Wait(), -SIGKILL);
     }
