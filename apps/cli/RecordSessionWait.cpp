@@ -17,7 +17,7 @@ constexpr auto kRefusedPeriod = 10s;
 
 /// Selects the recorder of the common options.
 std::shared_ptr<VrAudioDeviceInfo> RecordSession::SelectRecorder() {
-    const std::shared_ptr<VrAudioDeviceInfo> info = SelectDevice(common.device);
+    std::shared_ptr<VrAudioDeviceInfo> info = SelectDevice(common.device);
     const std::vector<std::uint64_t>& rates =
         record.dsd ? info->DSD_supported_freq : info->PCM_supported_freq;
     VrRecordSetting setting;

@@ -7,8 +7,8 @@ namespace vorrel::cli {
 
 /// A signal that has come.
 struct SignalCame {
-    int number;
-    std::chrono::steady_clock::time_point when;
+    int number = 0;
+    std::chrono::steady_clock::time_point when{};
 };
 
 /// Turns signals into records in a pipe, so that the event loop meets them between two events.
