@@ -7,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <ctime>
 #include <string_view>
 #include <tuple>
 
@@ -41,6 +42,10 @@ void PassOn(int source) {
 /// The C library says why it aborts on standard error; the process ends when this returns.
 void HandleAbort(int) {
     if (const int source = caught.load(); source >= 0) {
+        PassOn(source);
+        // What the main thread has taken already is on its way to people in another thread.
+        timespec rest{1, 0};
+        std::ignore = ::nanosleep(&rest, nullptr);
         PassOn(source);
     }
 }
